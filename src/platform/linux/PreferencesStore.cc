@@ -1,0 +1,234 @@
+#include "platform/PreferencesStore.h"
+
+#include "platform/ProcessPaths.h"
+
+#include <fcntl.h>
+#include <plist/plist.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+
+// The files of one identifier, all in the configuration folder:
+//
+//     <identifier>.plist    the list; only ever replaced by a rename
+//     .<identifier>.lock    empty; a writer holds flock on it from before it reads the list until the rename is done.
+//                           It stays: were it removed, two writers could hold locks on two files of that name.
+//     .<identifier>.new     the list being written. Only the holder of the lock has it, so a leftover of a writer that
+//                           was killed is simply written over by the next.
+
+namespace kel::platform {
+namespace {
+
+constexpr mode_t kNewListMode = 0600;
+constexpr mode_t kNewFolderMode = 0700;
+constexpr off_t kLargestList = 64 * 1024 * 1024;
+
+class File {
+public:
+    File(const std::string& path, int flags, mode_t mode = 0) : fd_(open(path.c_str(), flags | O_CLOEXEC, mode)) {}
+    ~File() { Close(); }
+    File(const File&) = delete;
+    File& operator=(const File&) = delete;
+
+    bool IsOpen() const { return fd_ >= 0; }
+    int Descriptor() const { return fd_; }
+    bool Close() {
+        const int fd = std::exchange(fd_, -1);
+        return fd < 0 || close(fd) == 0 || errno == EINTR;
+    }
+
+private:
+    int fd_;
+};
+
+struct PlistFree {
+    void operator()(void* list) const { plist_free(list); }
+};
+using Plist = std::unique_ptr<void, PlistFree>;
+
+struct CFree {
+    void operator()(void* memory) const { std::free(memory); }
+};
+
+// A list as it lies on disk; without a file `dictionary` is null.
+struct ListFile {
+    Plist dictionary;
+    mode_t mode = kNewListMode;
+};
+
+bool IsIdentifier(const std::string& identifier) {
+    return !identifier.empty() && identifier.find_first_of(std::string("/\0", 2)) == std::string::npos;
+}
+
+std::string ConfigurationFolder() {
+    const char* folder = std::getenv("XDG_CONFIG_HOME");
+    if (folder && *folder == '/') return folder;  // the base directory rules have a relative path ignored
+    const std::string home = UserHomeFolder();
+    return home.empty() ? std::string() : home + "/.config";
+}
+
+bool ReadAll(int fd, std::string& text, size_t size) {
+    text.resize(size);
+    size_t have = 0;
+    while (have < size) {
+        const ssize_t count = read(fd, &text[have], size - have);
+        if (count < 0 && errno == EINTR) continue;
+        if (count < 0) return false;
+        if (count == 0) break;
+        have += static_cast<size_t>(count);
+    }
+    text.resize(have);
+    return true;
+}
+
+bool WriteAll(int fd, const char* data, size_t length) {
+    while (length > 0) {
+        const ssize_t count = write(fd, data, length);
+        if (count < 0 && errno == EINTR) continue;
+        if (count < 0) return false;
+        data += count;
+        length -= static_cast<size_t>(count);
+    }
+    return true;
+}
+
+std::optional<ListFile> ReadListFile(const std::string& path) {
+    const File file(path, O_RDONLY | O_NONBLOCK);
+    if (!file.IsOpen()) return errno == ENOENT ? std::make_optional<ListFile>() : std::nullopt;
+    struct stat info {};
+    std::string text;
+    if (fstat(file.Descriptor(), &info) != 0 || !S_ISREG(info.st_mode) || info.st_size > kLargestList ||
+        !ReadAll(file.Descriptor(), text, static_cast<size_t>(info.st_size))) {
+        return std::nullopt;
+    }
+    plist_t root = nullptr;
+    plist_from_memory(text.data(), static_cast<uint32_t>(text.size()), &root);
+    ListFile list{Plist(root), info.st_mode & 07777};
+    if (!root || plist_get_node_type(root) != PLIST_DICT) return std::nullopt;
+    return list;
+}
+
+bool ReplaceListFile(const std::string& path, const std::string& temporary, const ListFile& list) {
+    char* xml = nullptr;
+    uint32_t length = 0;
+    plist_to_xml(list.dictionary.get(), &xml, &length);
+    const std::unique_ptr<char, decltype(&plist_to_xml_free)> owner(xml, &plist_to_xml_free);
+    if (!xml) return false;
+    File file(temporary, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW, kNewListMode);
+    if (!file.IsOpen()) return false;
+    const bool written = fchmod(file.Descriptor(), list.mode) == 0 && WriteAll(file.Descriptor(), xml, length);
+    if (file.Close() && written && rename(temporary.c_str(), path.c_str()) == 0) return true;
+    unlink(temporary.c_str());
+    return false;
+}
+
+// Makes the folder with those above it; a failure shows when the lock file in it is opened.
+void MakeFolder(const std::string& folder) {
+    for (size_t slash = folder.find('/', 1); slash != std::string::npos; slash = folder.find('/', slash + 1)) {
+        mkdir(folder.substr(0, slash).c_str(), kNewFolderMode);
+    }
+    mkdir(folder.c_str(), kNewFolderMode);
+}
+
+bool WaitForLock(int fd) {
+    int result;
+    do {
+        result = flock(fd, LOCK_EX);
+    } while (result != 0 && errno == EINTR);
+    return result == 0;
+}
+
+PreferenceValue FromPlist(plist_t node) {
+    switch (plist_get_node_type(node)) {
+        case PLIST_BOOLEAN: {
+            uint8_t value = 0;
+            plist_get_bool_val(node, &value);
+            return value != 0;
+        }
+        case PLIST_UINT: {
+            uint64_t value = 0;  // negative numbers in two's complement
+            plist_get_uint_val(node, &value);
+            return static_cast<int64_t>(value);
+        }
+        case PLIST_REAL: {
+            double value = 0;
+            plist_get_real_val(node, &value);
+            return value;
+        }
+        case PLIST_STRING: {
+            uint64_t length = 0;
+            const char* text = plist_get_string_ptr(node, &length);
+            return text ? std::string(text, length) : std::string();
+        }
+        default: return OtherPreference{};
+    }
+}
+
+bool HasNul(const std::string& text) { return text.find('\0') != std::string::npos; }
+
+// The value as a node of a list; null when it cannot be one.
+plist_t ToPlist(const PreferenceValue& value) {
+    if (const auto* flag = std::get_if<bool>(&value)) return plist_new_bool(*flag);
+    if (const auto* number = std::get_if<int64_t>(&value)) return plist_new_uint(static_cast<uint64_t>(*number));
+    if (const auto* real = std::get_if<double>(&value)) return plist_new_real(*real);
+    const auto* text = std::get_if<std::string>(&value);
+    return text && !HasNul(*text) ? plist_new_string(text->c_str()) : nullptr;
+}
+
+Preferences ToPreferences(const ListFile& list) {
+    Preferences preferences;
+    if (!list.dictionary) return preferences;
+    preferences.exists = true;
+    plist_dict_iter position = nullptr;
+    plist_dict_new_iter(list.dictionary.get(), &position);
+    const std::unique_ptr<void, CFree> owner(position);
+    for (;;) {
+        char* name = nullptr;
+        plist_t node = nullptr;
+        plist_dict_next_item(list.dictionary.get(), position, &name, &node);
+        const std::unique_ptr<char, CFree> nameOwner(name);
+        if (!node) return preferences;
+        preferences.values.emplace_back(name ? name : "", FromPlist(node));
+    }
+}
+
+}  // namespace
+
+const PreferenceValue* Preferences::Find(const std::string& name) const {
+    for (const auto& [key, value] : values) {
+        if (key == name) return &value;
+    }
+    return nullptr;
+}
+
+std::optional<Preferences> SynchronisePreferences(const std::string& identifier) {
+    const std::string folder = ConfigurationFolder();
+    if (folder.empty() || !IsIdentifier(identifier)) return std::nullopt;
+    const std::optional<ListFile> list = ReadListFile(folder + "/" + identifier + ".plist");
+    if (!list) return std::nullopt;
+    return ToPreferences(*list);
+}
+
+bool StorePreference(const std::string& identifier, const std::string& name, const PreferenceValue& value) {
+    const std::string folder = ConfigurationFolder();
+    if (folder.empty() || !IsIdentifier(identifier) || HasNul(name)) return false;
+    Plist node(ToPlist(value));
+    if (!node) return false;
+
+    MakeFolder(folder);
+    const File lock(folder + "/." + identifier + ".lock", O_RDWR | O_CREAT | O_NOFOLLOW, kNewListMode);
+    if (!lock.IsOpen() || !WaitForLock(lock.Descriptor())) return false;
+    const std::string path = folder + "/" + identifier + ".plist";
+    std::optional<ListFile> list = ReadListFile(path);
+    if (!list) return false;
+    if (!list->dictionary) list->dictionary.reset(plist_new_dict());
+    plist_dict_set_item(list->dictionary.get(), name.c_str(), node.release());
+    return ReplaceListFile(path, folder + "/." + identifier + ".new", *list);
+}
+
+}  // namespace kel::platform
