@@ -1,0 +1,163 @@
+// The locks of the system: thin classes over POSIX threads that carry clang's capability annotations, so that a
+// member marked GUARDED_BY one of them cannot be touched without it where the thread-safety job compiles.
+// Results of lock, unlock, wait and destroy calls are ignored: with default attributes they only fail on misuse.
+#pragma once
+
+#include "foundation/Export.h"
+#include "foundation/ThreadSafety.h"
+
+#include <pthread.h>
+#include <time.h>
+
+#include <utility>
+
+// A mutual-exclusion lock; not recursive.
+class KEL_API CAPABILITY("mutex") PMutex {
+public:
+    PMutex() { pthread_mutex_init(&mutex_, nullptr); }
+    virtual ~PMutex() { pthread_mutex_destroy(&mutex_); }
+    PMutex(const PMutex&) = delete;
+    PMutex& operator=(const PMutex&) = delete;
+
+    void lock() ACQUIRE() { pthread_mutex_lock(&mutex_); }
+    void unlock() RELEASE() { pthread_mutex_unlock(&mutex_); }
+
+protected:
+    pthread_mutex_t mutex_;
+};
+
+// A mutex with one condition variable. Every wait may wake spuriously: test the condition in a loop.
+class KEL_API PCondMutex : public PMutex {
+public:
+    PCondMutex() { pthread_cond_init(&condition_, nullptr); }
+    ~PCondMutex() override { pthread_cond_destroy(&condition_); }
+
+    void wait() REQUIRES(this) { pthread_cond_wait(&condition_, &mutex_); }
+
+    // Waits until a signal or until `deadline` on the wall clock; false when the deadline passed.
+    bool waitUntil(const timespec& deadline) REQUIRES(this) {
+        return pthread_cond_timedwait(&condition_, &mutex_, &deadline) == 0;
+    }
+
+    void signal() { pthread_cond_signal(&condition_); }
+    void broadcast() { pthread_cond_broadcast(&condition_); }
+
+private:
+    pthread_cond_t condition_;
+};
+
+// The wall-clock time `milliseconds` from now, as PCondMutex::waitUntil takes it.
+inline timespec DeadlineIn(long milliseconds) {
+    timespec deadline{};
+    clock_gettime(CLOCK_REALTIME, &deadline);
+    deadline.tv_sec += milliseconds / 1000;
+    deadline.tv_nsec += (milliseconds % 1000) * 1000000L;
+    if (deadline.tv_nsec >= 1000000000L) {
+        deadline.tv_nsec -= 1000000000L;
+        ++deadline.tv_sec;
+    }
+    return deadline;
+}
+
+// A reader/writer lock: any number of readers or one writer.
+class KEL_API CAPABILITY("shared_mutex") PReadWriteLock {
+public:
+    PReadWriteLock() { pthread_rwlock_init(&lock_, nullptr); }
+    virtual ~PReadWriteLock() { pthread_rwlock_destroy(&lock_); }
+    PReadWriteLock(const PReadWriteLock&) = delete;
+    PReadWriteLock& operator=(const PReadWriteLock&) = delete;
+
+    void lockRead() ACQUIRE_SHARED() { pthread_rwlock_rdlock(&lock_); }
+    void unlockRead() RELEASE_SHARED() { pthread_rwlock_unlock(&lock_); }
+    void lockWrite() ACQUIRE() { pthread_rwlock_wrlock(&lock_); }
+    void unlockWrite() RELEASE() { pthread_rwlock_unlock(&lock_); }
+
+private:
+    pthread_rwlock_t lock_;
+};
+
+// Scoped holders: they release on every path out of a block, exceptions included.
+class SCOPED_CAPABILITY PMutexHold {
+public:
+    explicit PMutexHold(PMutex& mutex) ACQUIRE(mutex) : mutex_(mutex) { mutex_.lock(); }
+    ~PMutexHold() RELEASE() { mutex_.unlock(); }
+    PMutexHold(const PMutexHold&) = delete;
+    PMutexHold& operator=(const PMutexHold&) = delete;
+
+private:
+    PMutex& mutex_;
+};
+
+class SCOPED_CAPABILITY PReadHold {
+public:
+    explicit PReadHold(PReadWriteLock& lock) ACQUIRE_SHARED(lock) : lock_(lock) { lock_.lockRead(); }
+    ~PReadHold() RELEASE_GENERIC() { lock_.unlockRead(); }
+    PReadHold(const PReadHold&) = delete;
+    PReadHold& operator=(const PReadHold&) = delete;
+
+private:
+    PReadWriteLock& lock_;
+};
+
+class SCOPED_CAPABILITY PWriteHold {
+public:
+    explicit PWriteHold(PReadWriteLock& lock) ACQUIRE(lock) : lock_(lock) { lock_.lockWrite(); }
+    ~PWriteHold() RELEASE() { lock_.unlockWrite(); }
+    PWriteHold(const PWriteHold&) = delete;
+    PWriteHold& operator=(const PWriteHold&) = delete;
+
+private:
+    PReadWriteLock& lock_;
+};
+
+// A manual-reset event. It stays signalled until reset: later waiters do not block.
+class KEL_API PManualEvent : public PCondMutex {
+public:
+    explicit PManualEvent(bool signalled = false) : signalled_(signalled) {}
+
+    void set() EXCLUDES(this) {
+        PMutexHold hold(*this);
+        signalled_ = true;
+        broadcast();
+    }
+
+    void reset() EXCLUDES(this) {
+        PMutexHold hold(*this);
+        signalled_ = false;
+    }
+
+    void waitSignalled() EXCLUDES(this) {
+        PMutexHold hold(*this);
+        while (!signalled_) wait();
+    }
+
+    // Waits for at most `milliseconds`; true when the event is signalled.
+    bool waitSignalled(long milliseconds) EXCLUDES(this) {
+        const timespec deadline = DeadlineIn(milliseconds);
+        PMutexHold hold(*this);
+        while (!signalled_ && waitUntil(deadline)) {
+        }
+        return signalled_;
+    }
+
+    // Clears the event and says whether it was signalled: the caller for whom this is true owns what the event stands
+    // for.
+    bool testAndReset() EXCLUDES(this) {
+        PMutexHold hold(*this);
+        return std::exchange(signalled_, false);
+    }
+
+private:
+    bool signalled_ GUARDED_BY(this);
+};
+
+// A value with the mutex that guards it: hold the lock (it is a PMutex) while using value().
+template <typename T>
+class PLocker : public PMutex {
+public:
+    T& value() REQUIRES(this) { return value_; }
+    const T& value() const REQUIRES(this) { return value_; }
+
+private:
+    T value_{};
+};

@@ -1,0 +1,359 @@
+#include "foundation/Log.h"
+
+#include "foundation/Registry.h"
+#include "foundation/Thread.h"
+#include "platform/ProcessPaths.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <limits>
+
+namespace {
+
+constexpr size_t kTimeBuffer = 1024;
+constexpr size_t kLineBuffer = 20480;
+
+// In place of a level where there is no log: below any level, and not LOGLEVEL_UNREAD.
+constexpr LOGLEVEL kNoLogger = std::numeric_limits<LOGLEVEL>::min();
+
+// The local time to the millisecond.
+void formatTime(char (&buffer)[kTimeBuffer]) {
+    timeval now{};
+    tm local{};
+    gettimeofday(&now, nullptr);
+    localtime_r(&now.tv_sec, &local);
+    snprintf(buffer, sizeof buffer, "%04d/%02d/%02d %02d:%02d:%02d.%03d", local.tm_year + 1900, local.tm_mon + 1,
+             local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec, static_cast<int>(now.tv_usec / 1000));
+}
+
+// The module's name, as fatal lines show it, from its file's.
+CStdStr shortNameOf(const CStdStr& name) {
+    CStdStr shortName = name.substr(0, name.find('.'));
+    const size_t separator = shortName.find_last_of("/\\");
+    if (separator != CStdStr::npos) shortName.erase(0, separator + 1);
+    return shortName;
+}
+
+bool isSameFile(const struct stat& a, const struct stat& b) { return a.st_ino == b.st_ino && a.st_dev == b.st_dev; }
+
+// There is nobody to tell that the log cannot be written, so a line that does not fit the disk is lost.
+void writeLine(int fd, const CStdStr& line) {
+    const ssize_t written = write(fd, line.data(), line.size());
+    static_cast<void>(written);
+}
+
+}  // namespace
+
+const char* const g_logStr[5] = {"FATAL", "ERROR", "WARN", "INFO", "DEBUG"};
+
+// These two are never destroyed: a thread that outlives main may still log.
+PMutex& CBBLog::s_instanceLock = *new PMutex;
+boost::weak_ptr<CBBLog>& CBBLog::s_instance = *new boost::weak_ptr<CBBLog>;
+const CBBLog* CBBLog::s_published = nullptr;
+std::atomic<LOGLEVEL> CBBLog::s_level{kNoLogger};
+
+CBBLog::CBBLog(const CStdStr& name, bool showPid, long long maxFileSize)
+    : name_(name), showPid_(showPid), maxFileSize_(maxFileSize), pid_(static_cast<std::uint32_t>(getpid())) {}
+
+CBBLog::~CBBLog() {
+    {
+        PMutexHold hold(s_instanceLock);
+        if (s_published == this) {
+            s_published = nullptr;
+            s_level = kNoLogger;
+        }
+    }
+    stopThread();
+    if (logFd_ >= 0) close(logFd_);
+    if (errorsFd_ >= 0) close(errorsFd_);
+}
+
+void CBBLog::stopThread() {
+    {
+        PMutexHold hold(queueLock_);
+        stopping_ = true;
+        queueLock_.broadcast();
+    }
+    std::unique_ptr<PThread> thread;
+    {
+        PMutexHold hold(initLock_);
+        thread.swap(thread_);
+    }
+    if (thread) thread->Join();
+}
+
+// --- The process's log
+
+void CBBLog::setLogger(const boost::shared_ptr<CBBLog>& logger) {
+    PMutexHold hold(s_instanceLock);
+    s_instance = logger;
+    s_published = logger.get();
+    s_level = logger ? logger->level_.load() : kNoLogger;
+}
+
+boost::shared_ptr<CBBLog> CBBLog::instance() {
+    PMutexHold hold(s_instanceLock);
+    return s_instance.lock();
+}
+
+bool CBBLog::isEnabledAt(LOGLEVEL current, LOGLEVEL level) { return current == LOGLEVEL_UNREAD || current >= level; }
+
+bool CBBLog::isEnabled(LOGLEVEL level) { return isEnabledAt(s_level.load(std::memory_order_relaxed), level); }
+
+// --- Levels
+
+void CBBLog::setLogLevel(LOGLEVEL level) {
+    PMutexHold hold(s_instanceLock);
+    level_ = level;
+    publishLevel();
+}
+
+void CBBLog::readLogLevel() {
+    int level = LOGLEVEL_ERROR;
+    CRegistry::getInstance()->ReadSettingImpl("Software\\Tessaly\\Yar", "LogLevel", level);
+    PMutexHold hold(s_instanceLock);
+    // A setLogLevel in the meantime holds.
+    if (level_ == LOGLEVEL_UNREAD) level_ = level;
+    publishLevel();
+}
+
+void CBBLog::publishLevel() {
+    if (s_published == this) s_level = level_.load();
+}
+
+// --- Opening and rotating the files
+
+CStdStr CBBLog::getLogsDirectory() { return kel::platform::RootPrefix() + "/Library/Logs/Tessaly"; }
+
+void CBBLog::openFile(int& fd, const CStdStr& path, bool truncate) {
+    fd = open(path.c_str(), O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC | (truncate ? O_TRUNC : 0), 0666);
+}
+
+void CBBLog::initialize() {
+    PMutexHold hold(initLock_);
+    if (initialized_) return;
+
+    const CStdStr directory = getLogsDirectory();
+    logPath_ = directory + "/" + name_;
+    errorsPath_ = directory + "/errors.log";
+    shortName_ = shortNameOf(name_);
+    mkdir(directory.c_str(), 0777);
+    openFiles();
+
+    initialized_ = true;
+    std::unique_ptr<PThread> thread(new PThread(new PThreadDelegateMember<CBBLog>(this, &CBBLog::loggerThread)));
+    thread->Start();
+    thread_.swap(thread);
+}
+
+void CBBLog::openFiles() {
+    PMutexHold hold(fileLock_);
+    openFile(logFd_, logPath_, false);
+    fileEnabled_ = logFd_ >= 0;
+    // Processes of other users append as well, whatever this one's umask.
+    if (fileEnabled_) fchmod(logFd_, 0666);
+    else printf("Error: could not open log file '%s': %d\n", logPath_.c_str(), errno);
+
+    openFile(errorsFd_, errorsPath_, false);
+    errorsEnabled_ = errorsFd_ >= 0;
+    if (errorsEnabled_) fchmod(errorsFd_, 0666);
+    // The message names the module's log, as it always has.
+    else printf("Error: could not open error log file '%s': %d\n", logPath_.c_str(), errno);
+}
+
+// Several processes append to the same file, and each finds out by itself that it is full. The first to lock it renames
+// it; the others hold a descriptor whose inode the name no longer has, and only open the name again. So the line that
+// finds the file full goes to a new one, and the backup is not overwritten by a file with a line or two.
+void CBBLog::rotateIfNeeded(int& fd, const CStdStr& path) const {
+    struct stat opened {};
+    struct stat named {};
+    if (fstat(fd, &opened) != 0) return;
+    const bool exists = stat(path.c_str(), &named) == 0;
+    if (!exists && errno != ENOENT) return;
+    if (exists && isSameFile(opened, named)) {
+        if (opened.st_size < maxFileSize_) return;
+        if (flock(fd, LOCK_EX) != 0) return;
+        const bool stillNamed = stat(path.c_str(), &named) == 0 && isSameFile(opened, named);
+        if (stillNamed) rename(path.c_str(), (path + ".back").c_str());
+    }
+    close(fd);  // gives the lock back
+    openFile(fd, path, false);
+}
+
+long long CBBLog::getFileSize() {
+    PMutexHold hold(fileLock_);
+    struct stat opened {};
+    return fstat(logFd_, &opened) == 0 ? static_cast<long long>(opened.st_size) : -1;
+}
+
+// --- Writing a line
+
+CStdStr CBBLog::getTimeString() {
+    char time[kTimeBuffer];
+    formatTime(time);
+    return time;
+}
+
+CStdStr CBBLog::buildLineHeader(LOGLEVEL level) const {
+    char time[kTimeBuffer];
+    formatTime(time);
+    const char* name = level >= LOGLEVEL_FATAL && level <= LOGLEVEL_DEBUG ? g_logStr[level] : "";
+    CStdStr header;
+    if (showPid_) header.Format("%s [%-5.5s] %u - ", time, name, pid_);
+    else header.Format("%s [%-5.5s] - ", time, name);
+    if (level == LOGLEVEL_FATAL) header.append(shortName_).append(" - ");
+    return header;
+}
+
+bool CBBLog::isWritten(LOGLEVEL level) {
+    if (level_ == LOGLEVEL_UNREAD) readLogLevel();
+    if (level_ < level) return false;
+    if (!initialized_) initialize();
+    return fileEnabled_ || errorsEnabled_;
+}
+
+void CBBLog::_AddLog(const char* fmt, va_list arguments, LOGLEVEL level) {
+    if (!isWritten(level)) return;
+    CStdStr line = buildLineHeader(level);
+    char text[kLineBuffer];
+    const int length = vsnprintf(text, sizeof text, fmt, arguments);
+    if (length > 0) line.append(text, std::min(static_cast<size_t>(length), sizeof text - 1));
+    finishLine(line, level);
+}
+
+void CBBLog::_AddLog(boost::format text, LOGLEVEL level) {
+    if (!isWritten(level)) return;
+    CStdStr line = buildLineHeader(level);
+    text.exceptions(boost::io::no_error_bits);  // a missing argument shows as nothing
+    line.append(text.str());
+    finishLine(line, level);
+}
+
+void CBBLog::finishLine(CStdStr& line, LOGLEVEL level) {
+    line.push_back('\n');
+    if (fileEnabled_) addQueue(line);
+    if (level == LOGLEVEL_FATAL) _FatalError(line);
+}
+
+void CBBLog::_FatalError(const CStdStr& line) {
+    if (!initialized_) initialize();
+    if (!errorsEnabled_) return;
+    PMutexHold hold(initLock_);
+    rotateIfNeeded(errorsFd_, errorsPath_);
+    writeLine(errorsFd_, line);
+}
+
+void CBBLog::logLineToFile(const CStdStr& line) {
+    PMutexHold hold(fileLock_);
+    rotateIfNeeded(logFd_, logPath_);
+    writeLine(logFd_, line);
+}
+
+// --- The queue and its thread
+
+void CBBLog::addQueue(const CStdStr& line) {
+    PMutexHold hold(queueLock_);
+    queue_.push_back(line);
+    // Under the lock, so that lines do not mix.
+    printf("%s", line.c_str());
+    fflush(stdout);
+    queueLock_.broadcast();
+}
+
+CStdStr CBBLog::getLogs() {
+    PMutexHold hold(queueLock_);
+    CStdStr lines;
+    for (const CStdStr& line : queue_) lines.append(line);
+    return lines;
+}
+
+// The queue is looked at before the stop: a log that is destroyed before its thread came this far has lines, too.
+unsigned int CBBLog::loggerThread(void*) {
+    queueLock_.lock();
+    do {
+        while (!stopping_ && queue_.empty()) queueLock_.wait();
+        while (!queue_.empty()) {
+            const CStdStr line = std::move(queue_.front());
+            queue_.pop_front();
+            queueLock_.unlock();
+            logLineToFile(line);
+            queueLock_.lock();
+        }
+    } while (!stopping_);
+    queueLock_.unlock();
+    return 0;
+}
+
+// --- The entry points
+
+void CBBLog::AddLog(const char* fmt, ...) {
+    va_list arguments;
+    va_start(arguments, fmt);
+    _AddLog(fmt, arguments, LOGLEVEL_DEBUG);
+    va_end(arguments);
+}
+
+void CBBLog::AddLog(LOGLEVEL level, const char* fmt, ...) {
+    va_list arguments;
+    va_start(arguments, fmt);
+    _AddLog(fmt, arguments, level);
+    va_end(arguments);
+}
+
+void CBBLog::AddRawLog(const char* text) {
+    if (!initialized_) initialize();
+    if (fileEnabled_) addQueue(text);
+}
+
+void CBBLog::debugList(const char* fmt, va_list arguments) {
+    if (!isEnabled(LOGLEVEL_DEBUG)) return;
+    if (const boost::shared_ptr<CBBLog> logger = instance()) logger->_AddLog(fmt, arguments, LOGLEVEL_DEBUG);
+}
+
+// The same four functions for each level.
+#define LOG_ENTRY_POINTS(name, messageLevel)                                           \
+    void CBBLog::_##name(const char* fmt, ...) {                                       \
+        if (level_ < (messageLevel)) return;                                           \
+        va_list arguments;                                                             \
+        va_start(arguments, fmt);                                                      \
+        _AddLog(fmt, arguments, messageLevel);                                         \
+        va_end(arguments);                                                             \
+    }                                                                                  \
+    void CBBLog::name(const char* fmt, ...) {                                          \
+        if (!isEnabled(messageLevel)) return;                                          \
+        const boost::shared_ptr<CBBLog> logger = instance();                           \
+        if (!logger) return;                                                           \
+        va_list arguments;                                                             \
+        va_start(arguments, fmt);                                                      \
+        logger->_AddLog(fmt, arguments, messageLevel);                                 \
+        va_end(arguments);                                                             \
+    }                                                                                  \
+    void CBBLog::name(const boost::format& text) {                                     \
+        if (!isEnabled(messageLevel)) return;                                          \
+        if (const boost::shared_ptr<CBBLog> logger = instance()) {                     \
+            logger->_AddLog(text, messageLevel);                                       \
+        }                                                                              \
+    }                                                                                  \
+    void CBBLog::name(const boost::shared_ptr<CBBLog>& logger, const char* fmt, ...) { \
+        if (!logger || !isEnabledAt(logger->level_, messageLevel)) return;             \
+        va_list arguments;                                                             \
+        va_start(arguments, fmt);                                                      \
+        logger->_AddLog(fmt, arguments, messageLevel);                                 \
+        va_end(arguments);                                                             \
+    }
+
+LOG_ENTRY_POINTS(fatal, LOGLEVEL_FATAL)
+LOG_ENTRY_POINTS(error, LOGLEVEL_ERROR)
+LOG_ENTRY_POINTS(warn, LOGLEVEL_WARN)
+LOG_ENTRY_POINTS(info, LOGLEVEL_INFO)
+LOG_ENTRY_POINTS(debug, LOGLEVEL_DEBUG)
+
+#undef LOG_ENTRY_POINTS

@@ -1,0 +1,188 @@
+// CBBLog: the process's log. Lines with a time and a level go to a file of the module's own in the logs folder and are
+// echoed on standard output; fatal lines also go, at once, to "errors.log", which all processes of the product share.
+//
+//     boost::shared_ptr<CBBLog> logger(new CBBLog("Recorder.log", false, 512 * 1024));
+//     CBBLog::setLogger(logger);
+//     CBBLog::warn("no answer from %s", host);
+//     if (CBBLog::isDebugEnabled()) CBBLog::debug("in: %s", costlyText().c_str());
+//
+// A line of a level is written when the log's level is at least that: the setting "LogLevel" under
+// "Software\Tessaly\Yar", read once with the first line, or what setLogLevel says. Either file is renamed with ".back"
+// appended, over an older one, when it has reached its largest size, also when several processes append to it.
+//
+// Callers never wait for the disk, fatal lines aside: a thread of the log's own writes its queue to the file. No
+// failure of the log reaches its callers, except that of starting this thread (std::runtime_error).
+//
+// Threads: every member may be called from any thread; destroying the log belongs to its last owner. What is still
+// queued then is written first.
+#pragma once
+
+#include "foundation/Export.h"
+#include "foundation/Locks.h"
+#include "foundation/StdString.h"
+
+#include <boost/format.hpp>
+#include <boost/shared_ptr.hpp>
+#include <boost/weak_ptr.hpp>
+
+#include <atomic>
+#include <cstdarg>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <type_traits>
+
+class PThread;
+
+// How much is written: each level includes those below it. A log's level above LOGLEVEL_DEBUG writes everything.
+using LOGLEVEL = std::int32_t;
+constexpr LOGLEVEL LOGLEVEL_UNREAD = -1;  // of a log whose level was not read yet; it counts as everything enabled
+constexpr LOGLEVEL LOGLEVEL_FATAL = 0;
+constexpr LOGLEVEL LOGLEVEL_ERROR = 1;
+constexpr LOGLEVEL LOGLEVEL_WARN = 2;
+constexpr LOGLEVEL LOGLEVEL_INFO = 3;
+constexpr LOGLEVEL LOGLEVEL_DEBUG = 4;
+
+// The names of the levels from LOGLEVEL_FATAL to LOGLEVEL_DEBUG, as lines show them.
+extern KEL_API const char* const g_logStr[5];
+
+class KEL_API CBBLog {
+    static void debugList(const char* fmt, va_list arguments) __attribute__((format(printf, 1, 0)));
+
+public:
+    // `name` is the log file's name, `showPid` puts the process id into every line, `maxFileSize` is the size in bytes
+    // at which a file is renamed. Nothing is opened before the first line.
+    CBBLog(const CStdStr& name, bool showPid, long long maxFileSize);
+    virtual ~CBBLog();
+    CBBLog(const CBBLog&) = delete;
+    CBBLog& operator=(const CBBLog&) = delete;
+
+    // Adds a line at LOGLEVEL_DEBUG, or at the given level. Text beyond 20479 characters is cut.
+    virtual void AddLog(const char* fmt, ...) __attribute__((format(printf, 2, 3)));
+    virtual void AddLog(LOGLEVEL level, const char* fmt, ...) __attribute__((format(printf, 3, 4)));
+    // Adds the text as it is, without time, level or line end and whatever the level. Null counts as empty.
+    virtual void AddRawLog(const char* text);
+    // Sets the level of this object; the setting stays as it is.
+    virtual void setLogLevel(LOGLEVEL level);
+
+    // Add a line at the level that they name. Unlike all others, these write nothing before the level was read.
+    void _fatal(const char* fmt, ...) __attribute__((format(printf, 2, 3)));
+    void _error(const char* fmt, ...) __attribute__((format(printf, 2, 3)));
+    void _warn(const char* fmt, ...) __attribute__((format(printf, 2, 3)));
+    void _info(const char* fmt, ...) __attribute__((format(printf, 2, 3)));
+    void _debug(const char* fmt, ...) __attribute__((format(printf, 2, 3)));
+
+    // The lines that wait to be written, one after the other.
+    CStdStr getLogs() EXCLUDES(queueLock_);
+    // The size of the log file in bytes; -1 when it is not open.
+    long long getFileSize() EXCLUDES(fileLock_);
+
+    // Opens the files and starts the thread, once. The first line does it.
+    void initialize() EXCLUDES(initLock_);
+
+    // Makes `logger` the one that the static functions below write to; null for none. It is not kept alive by this.
+    static void setLogger(const boost::shared_ptr<CBBLog>& logger) EXCLUDES(s_instanceLock);
+
+    // Add a line to the process's log, or to the given one. They do nothing without a log, and little when its level
+    // leaves the line out: ask the functions below before making a costly argument.
+    static void fatal(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+    static void error(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+    static void warn(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+    static void info(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+    static void debug(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+
+    static void fatal(const boost::format& text);
+    static void error(const boost::format& text);
+    static void warn(const boost::format& text);
+    static void info(const boost::format& text);
+    static void debug(const boost::format& text);
+
+    static void fatal(const boost::shared_ptr<CBBLog>& logger, const char* fmt, ...)
+        __attribute__((format(printf, 2, 3)));
+    static void error(const boost::shared_ptr<CBBLog>& logger, const char* fmt, ...)
+        __attribute__((format(printf, 2, 3)));
+    static void warn(const boost::shared_ptr<CBBLog>& logger, const char* fmt, ...)
+        __attribute__((format(printf, 2, 3)));
+    static void info(const boost::shared_ptr<CBBLog>& logger, const char* fmt, ...)
+        __attribute__((format(printf, 2, 3)));
+    static void debug(const boost::shared_ptr<CBBLog>& logger, const char* fmt, ...)
+        __attribute__((format(printf, 2, 3)));
+
+    // The same with a ready argument list (a va_list). A template, so that a 0 or a null pointer among the arguments of
+    // the variadic form is not taken for one.
+    template <typename List, typename = std::enable_if_t<std::is_pointer_v<List>>>
+    __attribute__((format(printf, 1, 0))) static auto debug(const char* fmt, List arguments)
+        -> decltype(debugList(fmt, arguments)) {
+        debugList(fmt, arguments);
+    }
+
+    // Whether a line of the level would be written to the process's log; false without one.
+    static bool isWarnEnabled() { return isEnabled(LOGLEVEL_WARN); }
+    static bool isInfoEnabled() { return isEnabled(LOGLEVEL_INFO); }
+    static bool isDebugEnabled() { return isEnabled(LOGLEVEL_DEBUG); }
+
+    // The local time as lines show it: "2009/03/31 23:59:59.999".
+    static CStdStr getTimeString();
+
+protected:
+    // What a derived class overrides to send lines elsewhere: every line comes through one of the two _AddLog, the
+    // log's thread writes through logLineToFile, and the copy to "errors.log" through _FatalError.
+    virtual void _AddLog(boost::format text, LOGLEVEL level);
+    virtual void _AddLog(const char* fmt, va_list arguments, LOGLEVEL level) __attribute__((format(printf, 2, 0)));
+    virtual void logLineToFile(const CStdStr& line) EXCLUDES(fileLock_);
+    virtual void _FatalError(const CStdStr& line) EXCLUDES(initLock_);
+
+    // Writes what is queued and ends the log's thread. The destructor of a class that overrides logLineToFile calls it,
+    // while the override can still run.
+    void stopThread() EXCLUDES(queueLock_);
+
+private:
+    static bool isEnabled(LOGLEVEL level);
+    static bool isEnabledAt(LOGLEVEL current, LOGLEVEL level);
+    static boost::shared_ptr<CBBLog> instance() EXCLUDES(s_instanceLock);
+    static CStdStr getLogsDirectory();
+    static void openFile(int& fd, const CStdStr& path, bool truncate);
+
+    bool isWritten(LOGLEVEL level);
+    void finishLine(CStdStr& line, LOGLEVEL level);
+    void openFiles() REQUIRES(initLock_);
+    void readLogLevel();
+    void publishLevel() REQUIRES(s_instanceLock);
+    CStdStr buildLineHeader(LOGLEVEL level) const;
+    void rotateIfNeeded(int& fd, const CStdStr& path) const;
+    void addQueue(const CStdStr& line) EXCLUDES(queueLock_);
+    unsigned int loggerThread(void*) EXCLUDES(queueLock_);
+
+    // The process's log, and its level (kNoLogger without one) where every thread can read it without a lock: skipping
+    // a line costs one load.
+    static boost::weak_ptr<CBBLog>& s_instance GUARDED_BY(s_instanceLock);
+    static const CBBLog* s_published GUARDED_BY(s_instanceLock);
+    static PMutex& s_instanceLock;
+    static std::atomic<LOGLEVEL> s_level;
+
+    const CStdStr name_;
+    std::atomic<LOGLEVEL> level_{LOGLEVEL_UNREAD};
+
+    // initialize writes these under initLock_, `initialized_` last; from then on they are only read.
+    std::atomic<bool> initialized_{false};
+    bool fileEnabled_ = false;
+    bool errorsEnabled_ = false;
+    CStdStr logPath_;
+    CStdStr errorsPath_;
+    CStdStr shortName_;
+
+    PMutex initLock_;
+    const bool showPid_;
+    const long long maxFileSize_;
+    const std::uint32_t pid_;
+
+    PMutex fileLock_;  // the log's thread holds it while it writes; for getFileSize, which any thread may ask
+    int logFd_ GUARDED_BY(fileLock_) = -1;
+    int errorsFd_ GUARDED_BY(initLock_) = -1;
+
+    std::unique_ptr<PThread> thread_ GUARDED_BY(initLock_);
+
+    PCondMutex queueLock_;
+    bool stopping_ GUARDED_BY(queueLock_) = false;
+    std::deque<CStdStr> queue_ GUARDED_BY(queueLock_);
+};

@@ -1,0 +1,94 @@
+#include "foundation/StdString.h"
+
+#include <cctype>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <new>
+
+namespace {
+
+// Most texts of the system fit; longer ones are formatted a second time into a buffer of their exact size.
+constexpr size_t kFirstBuffer = 128;
+
+bool isSpace(char c) { return std::isspace(static_cast<unsigned char>(c)) != 0; }
+
+}  // namespace
+
+void CStdStr::Format(const char* format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    FormatV(format, arguments);
+    va_end(arguments);
+}
+
+void CStdStr::FormatV(const char* format, va_list arguments) {
+    clear();
+    AppendFormatV(format, arguments);
+}
+
+void CStdStr::AppendFormat(const char* format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    AppendFormatV(format, arguments);
+    va_end(arguments);
+}
+
+void CStdStr::AppendFormatV(const char* format, va_list arguments) {
+    char first[kFirstBuffer];
+    va_list again;
+    va_copy(again, arguments);
+    const int length = vsnprintf(first, sizeof first, format, arguments);
+    if (length >= 0 && static_cast<size_t>(length) < sizeof first) {
+        append(first, static_cast<size_t>(length));
+    } else if (length >= 0) {
+        const size_t size = static_cast<size_t>(length) + 1;
+        const std::unique_ptr<char[]> whole(new (std::nothrow) char[size]);
+        if (whole && vsnprintf(whole.get(), size, format, again) == length) append(whole.get(), size - 1);
+    }
+    // A negative length is a character that cannot be converted, which no larger buffer cures.
+    va_end(again);
+}
+
+CStdStr& CStdStr::Trim() {
+    size_t last = size();
+    while (last > 0 && isSpace((*this)[last - 1])) --last;
+    erase(last);
+    size_t first = 0;
+    while (first < size() && isSpace((*this)[first])) ++first;
+    erase(0, first);
+    return *this;
+}
+
+int CStdStr::Replace(const char* oldText, const char* newText) {
+    const std::string from(oldText ? oldText : "");
+    const std::string to(newText ? newText : "");
+    if (from.empty()) return 0;
+
+    std::string result;
+    int count = 0;
+    size_t done = 0;
+    for (size_t found = find(from); found != npos; found = find(from, done)) {
+        result.append(*this, done, found - done).append(to);
+        done = found + from.size();
+        ++count;
+    }
+    if (count > 0) {
+        result.append(*this, done, npos);
+        swap(result);
+    }
+    return count;
+}
+
+CStdStr CStdStr::Mid(size_t first, size_t count) const {
+    if (first > size() || count > size() - first) {
+        std::fprintf(stderr, "%s:%u: failed assertion `%s'\n", "./StdString.h", 4039U, "(nFirst + nCount <= nSize)");
+        std::abort();
+    }
+    return CStdStr(data() + first, count);
+}
+
+CStdStr& CStdStr::ToLower() {
+    for (char& c : *this) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    return *this;
+}

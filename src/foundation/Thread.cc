@@ -1,0 +1,65 @@
+#include "foundation/Thread.h"
+
+#include "foundation/Locks.h"
+#include "foundation/StdString.h"
+
+#include <boost/make_shared.hpp>
+#include <boost/smart_ptr/bad_weak_ptr.hpp>
+#include <boost/throw_exception.hpp>
+
+#include <cstdint>
+#include <memory>
+#include <stdexcept>
+
+// What the starting thread and the new one share. Each holds a reference, so neither has to outlive the other.
+struct PThread::ThreadData {
+    ThreadData(std::unique_ptr<PThreadDelegateGeneric> work, void* its) : delegate(std::move(work)), argument(its) {}
+
+    std::unique_ptr<PThreadDelegateGeneric> delegate;
+    PManualEvent started;
+    void* argument;
+};
+
+PThreadDelegateGeneric::~PThreadDelegateGeneric() = default;
+
+unsigned int PThreadDelegateFunction::Invoke(void* argument) { return function_(argument); }
+
+PThreadDelegateFunction* PThreadDelegateFunction::clone() const { return new PThreadDelegateFunction(*this); }
+
+PThread::PThread(PThreadDelegateGeneric* delegate, void* argument)
+    : data_(boost::make_shared<ThreadData>(std::unique_ptr<PThreadDelegateGeneric>(delegate), argument)) {}
+
+PThread::~PThread() {
+    if (!joined_) pthread_detach(handle_);
+}
+
+void PThread::Start() {
+    // A reference of its own: the delegate may destroy this object as soon as it runs.
+    const boost::shared_ptr<ThreadData> data = data_;
+    joined_ = false;
+    if (const int error = pthread_create(&handle_, nullptr, &_PThread_delegate_helper_function, this)) {
+        joined_ = true;
+        CStdStr message;
+        message.Format("Failed to create thread: %d", error);
+        throw std::runtime_error(message);
+    }
+    data->started.waitSignalled();
+}
+
+unsigned int PThread::Join() {
+    if (joined_) return 0;
+    void* result = nullptr;
+    pthread_join(handle_, &result);
+    joined_ = true;
+    return static_cast<unsigned int>(reinterpret_cast<std::uintptr_t>(result));
+}
+
+void* PThread::_PThread_delegate_helper_function(void* self) {
+    // The PThread is there until `started` is set, and perhaps not a moment longer.
+    boost::shared_ptr<ThreadData> data = static_cast<PThread*>(self)->data_;
+    if (!data) throw boost::bad_weak_ptr();
+    data->started.set();
+    const std::uintptr_t result = data->delegate->Invoke(data->argument);
+    data.reset();
+    return reinterpret_cast<void*>(result);
+}

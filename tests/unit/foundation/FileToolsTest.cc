@@ -1,0 +1,332 @@
+#include "foundation/FileTools.h"
+
+#include "foundation/Registry.h"
+#include "platform/ProcessPaths.h"
+#include "support/TempRoot.h"
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <stdexcept>
+#include <thread>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+// A folder with room for the test's files; `path_` is a file in it that does not exist yet.
+class AFile : public testing::Test {
+protected:
+    bool Write(const CStdStr& text) {
+        return CFileTools(path_).writeBytes(text.data(), static_cast<unsigned>(text.size()));
+    }
+    CStdStr Text() const { return CFileTools(path_).toString(); }
+    unsigned Mode() const { return static_cast<unsigned>(fs::status(path_.c_str()).permissions()); }
+
+    // How many files there are in the folder of path_.
+    long FileCount() const { return std::distance(fs::directory_iterator(folder_), fs::directory_iterator()); }
+
+    TempRoot root_;
+    const std::string folder_ = [this] {
+        fs::create_directory(root_.path() + "/files");
+        return root_.path() + "/files";
+    }();
+    CStdStr path_ = folder_ + "/Player.xml";
+};
+
+class TheFolders : public testing::Test {
+protected:
+    TempRoot root_;
+};
+
+std::string FailureOf(const std::function<void()>& call) {
+    try {
+        call();
+    } catch (const std::logic_error& error) {
+        return error.what();
+    }
+    return "";
+}
+
+unsigned ModeOf(const std::string& path) { return static_cast<unsigned>(fs::status(path).permissions()); }
+
+}  // namespace
+
+TEST_F(AFile, IsReplacedAsAWhole) {
+    ASSERT_TRUE(Write("a long first text"));
+    ASSERT_TRUE(Write("short"));
+    EXPECT_EQ("short", Text());
+    ASSERT_TRUE(Write(CStdStr("\0\xff\n", 3)));
+    EXPECT_EQ(CStdStr("\0\xff\n", 3), Text());
+    ASSERT_TRUE(Write(""));
+    EXPECT_EQ("", Text());
+    EXPECT_EQ(1, FileCount()) << "a temporary file was left";
+}
+
+TEST_F(AFile, KeepsItsModeAndIsMadeWithTheOneGiven) {
+    const mode_t umaskBefore = umask(027);
+    EXPECT_TRUE(CFileTools(path_).writeBytes("a", 1, 0775));
+    EXPECT_EQ(0775u, Mode()) << "whatever the umask";
+    ASSERT_EQ(0, chmod(path_.c_str(), 0604));
+    EXPECT_TRUE(CFileTools(path_).writeBytes("b", 1, 0775));
+    EXPECT_EQ(0604u, Mode());
+    EXPECT_TRUE(Write("c"));
+    EXPECT_EQ(0604u, Mode());
+    CFileTools::DeleteFile(path_);
+    EXPECT_TRUE(Write("d"));
+    EXPECT_EQ(0640u, Mode());
+    umask(umaskBefore);
+}
+
+TEST_F(AFile, IsNeverSeenInParts) {
+    const CStdStr texts[] = {CStdStr(std::string(100000, 'a')), CStdStr(std::string(30000, 'b'))};
+    ASSERT_TRUE(Write(texts[0]));
+    std::atomic<bool> done{false};
+    std::atomic<int> torn{0};
+    std::thread reader([&] {
+        while (!done) {
+            const CStdStr seen = Text();
+            torn += seen != texts[0] && seen != texts[1];
+        }
+    });
+    std::thread other([&] {
+        for (int i = 0; i < 200; ++i) Write(texts[1]);
+    });
+    for (int i = 0; i < 200; ++i) EXPECT_TRUE(Write(texts[0]));
+    other.join();
+    done = true;
+    reader.join();
+    EXPECT_EQ(0, torn);
+    EXPECT_EQ(1, FileCount());
+}
+
+TEST_F(AFile, IsAsItWasWhenTheDiskIsFull) {
+    ASSERT_TRUE(Write("old"));
+    const pid_t child = fork();
+    if (child == 0) {
+        signal(SIGXFSZ, SIG_IGN);
+        const rlimit limit = {5000, 5000};
+        setrlimit(RLIMIT_FSIZE, &limit);
+        const bool written = Write(CStdStr(std::string(6000, 'x')));
+        _exit(written ? 0 : errno);
+    }
+    int status = 0;
+    ASSERT_EQ(child, waitpid(child, &status, 0));
+    EXPECT_EQ(EFBIG, WEXITSTATUS(status));
+    EXPECT_EQ("old", Text());
+    EXPECT_EQ(1, FileCount());
+}
+
+TEST_F(AFile, IsWholeWhenItsWriterIsKilled) {
+    const CStdStr texts[] = {CStdStr(std::string(300000, 'a')), CStdStr(std::string(300001, 'b'))};
+    const auto isWhole = [&] {
+        const CStdStr seen = Text();
+        return seen == texts[0] || seen == texts[1];
+    };
+    ASSERT_TRUE(Write(texts[0]));
+    for (int round = 0; round < 20; ++round) {
+        const pid_t child = fork();
+        if (child == 0) {
+            for (int i = 0;; ++i) Write(texts[i % 2]);
+        }
+        for (int i = 0; i < 10 + round; ++i) EXPECT_TRUE(isWhole());
+        kill(child, SIGKILL);
+        waitpid(child, nullptr, 0);
+        ASSERT_TRUE(isWhole());
+    }
+    for (const fs::directory_entry& entry : fs::directory_iterator(folder_)) {
+        if (entry.path() == path_.c_str()) continue;
+        const std::string name = entry.path().filename().string();
+        EXPECT_TRUE(name.rfind(".kel.", 0) == 0 && entry.path().extension() == ".new") << name;
+    }
+}
+
+TEST_F(AFile, CannotBeWrittenWhereNoneCanBe) {
+    const auto reasonFor = [](const CStdStr& path) { return CFileTools(path).writeBytes("x", 1) ? 0 : errno; };
+    ASSERT_TRUE(Write("old"));
+    EXPECT_EQ(ENOENT, reasonFor(folder_ + "/missing/Player.xml"));
+    EXPECT_EQ(ENOTDIR, reasonFor(path_ + "/Player.xml"));
+    EXPECT_EQ(EISDIR, reasonFor(folder_));
+    EXPECT_EQ(ENOENT, reasonFor(""));
+    EXPECT_EQ(EINVAL, reasonFor(CStdStr(path_) + std::string("\0.xml", 5)));
+    EXPECT_EQ(ENAMETOOLONG, reasonFor(folder_ + "/" + std::string(256, 'n')));
+    EXPECT_EQ(0, reasonFor(folder_ + "/" + std::string(255, 'n'))) << "the longest name there is";
+    EXPECT_EQ("old", Text());
+    EXPECT_EQ(2, FileCount());
+}
+
+TEST_F(AFile, WithoutWritePermissionIsOnlyReplacedByThoseWhoHaveItAllTheSame) {
+    ASSERT_TRUE(Write("old"));
+    ASSERT_EQ(0, chmod(path_.c_str(), 0444));
+    const bool mayWrite = access(path_.c_str(), W_OK) == 0;  // true for root
+    EXPECT_EQ(mayWrite, Write("new"));
+    EXPECT_EQ(mayWrite ? "new" : "old", Text());
+    EXPECT_EQ(0444u, Mode());
+}
+
+TEST_F(AFile, OfALinkReplacesTheLinkAndNotWhatItNames) {
+    ASSERT_TRUE(Write("old"));
+    const CStdStr link = folder_ + "/link.xml";
+    fs::create_symlink(path_.c_str(), link.c_str());
+    ASSERT_TRUE(CFileTools(link).writeBytes("new", 3, 0600));
+    EXPECT_EQ("old", Text());
+    EXPECT_EQ("new", CFileTools(link).toString());
+    EXPECT_FALSE(fs::is_symlink(link.c_str()));
+}
+
+TEST_F(AFile, ReadsAsEmptyWhenThereIsNothingToRead) {
+    EXPECT_EQ("", Text());
+    EXPECT_EQ("", CFileTools(folder_).toString());
+    ASSERT_EQ(0, mkfifo(path_.c_str(), 0600));
+    EXPECT_EQ("", Text()) << "and does not wait for a writer";
+}
+
+TEST_F(AFile, IsReadInRanges) {
+    unsigned char* data = nullptr;
+    unsigned long length = 9;
+    EXPECT_FALSE(CFileTools(path_).readToBytes(&data, &length));
+    EXPECT_EQ(nullptr, data);
+    EXPECT_EQ(0u, length);
+    ASSERT_TRUE(Write("0123456789"));
+    const auto range = [&](unsigned long offset, unsigned long count) {
+        EXPECT_TRUE(CFileTools(path_).getData(&data, &length, offset, count));
+        const CStdStr text(reinterpret_cast<char*>(data), length);
+        std::free(data);
+        return text;
+    };
+    EXPECT_EQ("345", range(3, 3));
+    EXPECT_EQ("89", range(8, 100));
+    EXPECT_EQ("", range(11, 1));
+    EXPECT_EQ("0123456789", range(0, ~0ul));
+}
+
+TEST_F(AFile, TellsWhatTheFileSystemKnows) {
+    EXPECT_FALSE(CFileTools(path_).exists());
+    EXPECT_EQ(-1, CFileTools(path_).getFileSize());
+    EXPECT_EQ(-1, CFileTools(path_).getLastModified());
+    EXPECT_EQ(-1, CFileTools(path_).getDateCreated());
+    ASSERT_TRUE(Write("12345"));
+    const timespec times[] = {{1000, 0}, {2000, 0}};
+    ASSERT_EQ(0, utimensat(AT_FDCWD, path_.c_str(), times, 0));
+    EXPECT_TRUE(CFileTools(path_).exists());
+    EXPECT_FALSE(CFileTools(path_).isFolder());
+    EXPECT_TRUE(CFileTools(folder_).isFolder());
+    EXPECT_EQ(5, CFileTools(path_).getFileSize());
+    EXPECT_EQ(1000, CFileTools(path_).getLastAccessed());
+    EXPECT_EQ(2000, CFileTools(path_).getLastModified());
+    EXPECT_GE(CFileTools(path_).getDateCreated(), 2000);
+}
+
+TEST_F(AFile, IsCopiedRenamedAndDeleted) {
+    const CStdStr copy = folder_ + "/copy";
+    ASSERT_TRUE(Write("text"));
+    EXPECT_TRUE(CFileTools::CopyFile(path_, copy));
+    EXPECT_TRUE(CFileTools::CopyFile(path_, copy));
+    EXPECT_TRUE(CFileTools::Rename(copy, folder_ + "/renamed"));
+    EXPECT_EQ("text", CFileTools(folder_ + "/renamed").toString());
+    EXPECT_FALSE(CFileTools::CopyFile(copy, path_));
+    EXPECT_FALSE(CFileTools::Rename(copy, path_));
+    EXPECT_TRUE(CFileTools::DeleteFile(path_));
+    EXPECT_FALSE(CFileTools(path_).exists());
+    EXPECT_TRUE(CFileTools::DeleteFile(path_));
+    EXPECT_TRUE(CFileTools::DeleteFile(folder_ + std::string("/renamed\0.xml", 13)));
+    EXPECT_TRUE(CFileTools(folder_ + "/renamed").exists());
+}
+
+TEST_F(TheFolders, AreMadeAndCopied) {
+    const CStdStr folder = root_.path() + "/folder";
+    EXPECT_TRUE(CFileTools::CreateDirectory(folder));
+    EXPECT_FALSE(CFileTools::CreateDirectory(folder)) << "it exists";
+    EXPECT_FALSE(CFileTools::CreateDirectory(folder + "/missing/below"));
+    EXPECT_TRUE(CFileTools::CreateDirectory(folder + "/below"));
+    EXPECT_TRUE(CFileTools(folder + "/below/file").writeBytes("x", 1));
+    EXPECT_TRUE(CFileTools::CopyDirectory(folder, root_.path() + "/copy"));
+    EXPECT_EQ("x", CFileTools(root_.path() + "/copy/below/file").toString());
+    EXPECT_FALSE(CFileTools::CopyDirectory(folder, folder + "/below/again"));
+    EXPECT_FALSE(CFileTools::CopyDirectory(root_.path() + "/missing", root_.path() + "/copy"));
+}
+
+TEST_F(TheFolders, OfTheSystemAreMadeWithAllAboveThem) {
+    const std::string top = root_.path() + "/a/b";
+    const std::string before = root_.root();
+    ASSERT_EQ(0, setenv("YAR_ROOT", top.c_str(), 1));
+    kel::platform::EnsureSystemFolders();
+    kel::platform::EnsureSystemFolders();
+    EXPECT_TRUE(CFileTools(top + "/Library/Logs").isFolder());
+    EXPECT_EQ(top + "/Library/Tessaly", CFileTools::GetYarDataFolder());
+    setenv("YAR_ROOT", before.c_str(), 1);
+}
+
+TEST_F(TheFolders, OfTheDataAreMadeOnceAndOpenToAll) {
+    EXPECT_EQ(root_.dataFolder(), CFileTools::GetYarDataFolder());
+    EXPECT_EQ(0777u, ModeOf(root_.dataFolder()));
+    EXPECT_EQ(root_.dataFolder() + "/Sub", CFileTools::GetYarDataSubFolder("Sub"));
+    EXPECT_EQ(0777u, ModeOf(root_.dataFolder() + "/Sub"));
+    ASSERT_EQ(0, chmod(root_.dataFolder().c_str(), 0750));
+    EXPECT_EQ(root_.dataFolder(), CFileTools::GetYarDataFolder());
+    EXPECT_EQ(0750u, ModeOf(root_.dataFolder()));
+    EXPECT_EQ(root_.logsFolder(), CFileTools::GetLogsDirectory());
+}
+
+TEST_F(TheFolders, OfTheDataFailInTheirOwnWords) {
+    fs::remove_all(root_.root() + "/Library");
+    EXPECT_EQ("Failed to create /Library/Tessaly folder", FailureOf([] { CFileTools::GetYarDataFolder(); }));
+    char buffer[300] = "before";
+    EXPECT_FALSE(GetAppDataPath(buffer, sizeof buffer));
+    EXPECT_STREQ("", buffer);
+
+    fs::create_directory(root_.root() + "/Library");
+    const std::string failure = FailureOf([] { CFileTools::GetYarDataSubFolder("a/b"); });
+    const std::string beginning = "Failed to create Yar data subfolder: " + root_.dataFolder() + "/a/b\n\t";
+    EXPECT_EQ(beginning, failure.substr(0, beginning.size()));
+    EXPECT_GT(failure.size(), beginning.size());
+}
+
+TEST_F(TheFolders, FitTheCallersBufferOrLeaveItEmpty) {
+    const std::string expected = root_.dataFolder();
+    std::string buffer(expected.size() + 1, '?');
+    EXPECT_TRUE(GetAppDataPath(buffer.data(), buffer.size()));
+    EXPECT_STREQ(expected.c_str(), buffer.c_str());
+    EXPECT_FALSE(GetAppDataPath(buffer.data(), expected.size()));
+    EXPECT_STREQ("", buffer.c_str());
+    EXPECT_FALSE(GetAppDataPath(buffer.data(), 0));
+}
+
+TEST_F(TheFolders, OfTheExecutablesFollowTheInstallDirSetting) {
+    EXPECT_EQ("/Applications/Yar.app/Contents/MacOS", CFileTools::getYarBinFolderPath());
+    CRegistry::getInstance()->WriteSettingImpl("Software\\Tessaly\\Yar", "InstallDir", CStdStr("/opt/yar"));
+    EXPECT_EQ("/opt/yar/Contents/MacOS", CFileTools::getYarBinFolderPath());
+    EXPECT_EQ(fs::read_symlink("/proc/self/exe").parent_path().string(), CFileTools::GetBinaryDirectory());
+    EXPECT_FALSE(CFileTools::testYarBinPath(root_.path()));
+    ASSERT_TRUE(CFileTools(root_.path() + "/YarLauncher").writeBytes("", 0));
+    EXPECT_TRUE(CFileTools::testYarBinPath(root_.path()));
+}
+
+TEST_F(TheFolders, OfTheUserLieInHisHome) {
+    const CStdStr home = CFileTools::GetUserHomeFolder();
+    EXPECT_EQ(home + "/Videos", CFileTools::resolveSpecialPath("MYVIDEO"));
+    EXPECT_EQ(home + "/Desktop", CFileTools::resolveSpecialPath("DESKTOP"));
+    EXPECT_EQ("desktop", CFileTools::resolveSpecialPath("desktop"));
+}
+
+TEST(ATemporaryPath, IsNobodyElses) {
+    const CStdStr first = CFileTools::GenerateTempFilePath();
+    const CStdStr second = CFileTools::GenerateTempFilePath();
+    EXPECT_NE(first, second);
+    EXPECT_EQ(0u, first.find("/tmp/file"));
+    EXPECT_EQ(15u, first.size());
+    CFileTools::DeleteFile(first);
+    CFileTools::DeleteFile(second);
+}

@@ -1,0 +1,252 @@
+#include "foundation/Registry.h"
+
+#include "platform/PreferencesStore.h"
+#include "support/TempRoot.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <thread>
+
+using kel::platform::PreferenceValue;
+using kel::platform::StorePreference;
+using kel::platform::SynchronisePreferences;
+
+namespace {
+
+constexpr char kKey[] = "Software\\Tessaly\\Yar";
+constexpr char kConfigKey[] = "Software\\Tessaly\\Yar\\Config";
+constexpr char kIdentifier[] = "com.tessaly.yar";
+
+// The settings of a user who has none yet.
+class TheSettings : public testing::Test {
+protected:
+    std::string ListPath(const std::string& identifier = kIdentifier) const {
+        return root_.config() + "/" + identifier + ".plist";
+    }
+
+    void PutList(const std::string& text) { std::ofstream(ListPath()) << text; }
+
+    std::string List() const {
+        std::ifstream file(ListPath());
+        return {std::istreambuf_iterator<char>(file), {}};
+    }
+
+    int ReadInt(const char* name, int missing = -777) {
+        int value = missing;
+        settings_->ReadSettingImpl(kKey, name, value);
+        return value;
+    }
+
+    CStdStr ReadText(const CStdStr& key, const char* name) {
+        CStdStr value = "(missing)";
+        settings_->ReadSettingImpl(key, name, value);
+        return value;
+    }
+
+    TempRoot root_;
+    boost::shared_ptr<CRegistry> settings_ = CRegistry::getInstance();
+};
+
+using ABrokenList = TheSettings;
+
+}  // namespace
+
+TEST(AKeyPath, BecomesAPreferencesIdentifier) {
+    EXPECT_EQ("com.tessaly.yar", CRegistryImpl::createKey("Software\\Tessaly\\Yar"));
+    EXPECT_EQ("com.tessaly.yar.config", CRegistryImpl::createKey("SOFTWARE\\TESSALY\\YAR\\Config"));
+    EXPECT_EQ("com.tessaly.yar.a.b.c", CRegistryImpl::createKey("Software\\Tessaly\\Yar\\A\\B\\C"));
+    EXPECT_EQ("other.product.x", CRegistryImpl::createKey("Other\\Product\\X"));
+    EXPECT_EQ("x.com.tessaly.yarcom.tessaly.yar",
+              CRegistryImpl::createKey("X\\Software\\Tessaly\\YarSoftware\\Tessaly\\Yar"));
+}
+
+TEST_F(TheSettings, LeaveTheCallersValueWhenOneIsMissing) {
+    int number = 42;
+    CStdStr text = "mine";
+    bool flag = true;
+    EXPECT_FALSE(settings_->ReadSettingImpl(kKey, "LogLevel", number));
+    EXPECT_FALSE(settings_->ReadSettingImpl(kKey, "InstallDir", text));
+    EXPECT_FALSE(settings_->ReadSettingImpl(kKey, "Flag", flag));
+    ASSERT_TRUE(settings_->WriteSettingImpl(kKey, "Other", 1));
+    EXPECT_FALSE(settings_->ReadSettingImpl(kKey, "other", number)) << "value names are case-sensitive";
+    EXPECT_EQ(42, number);
+    EXPECT_EQ("mine", text);
+    EXPECT_TRUE(flag);
+}
+
+TEST_F(TheSettings, GiveBackEveryNumberAndText) {
+    for (int number : {0, 4, -5, 2147483647, -2147483647 - 1}) {
+        ASSERT_TRUE(settings_->WriteSettingImpl(kKey, "Number", number));
+        EXPECT_EQ(number, ReadInt("Number"));
+    }
+    CStdStr everyCharacter;
+    for (int c = 1; c < 256; ++c) everyCharacter.push_back(static_cast<char>(c));
+    const CStdStr longText(std::string(70000, '\x8a'));
+    for (const CStdStr& text : {CStdStr(), CStdStr("  <a> & \"b\" \r\n"), everyCharacter, longText}) {
+        ASSERT_TRUE(settings_->WriteSettingImpl(kConfigKey, "Text", text));
+        EXPECT_EQ(text, ReadText("SOFTWARE\\TESSALY\\YAR\\CONFIG", "Text"));
+    }
+}
+
+TEST_F(TheSettings, AreStoredInUnicodeAndReadAsMacRoman) {
+    ASSERT_TRUE(settings_->WriteSettingImpl(kKey, "Gr\x9a\xa7" "e", CStdStr("K\x8ase")));
+    EXPECT_NE(std::string::npos, List().find("<key>Größe</key>\n\t<string>Käse</string>")) << List();
+    ASSERT_TRUE(StorePreference(kIdentifier, "Foreign", std::string("\xe6\x97\xa5")));
+    EXPECT_EQ("", ReadText(kKey, "Foreign")) << "no Mac Roman text for it";
+}
+
+TEST_F(TheSettings, ReadAnyStoredTypeAsANumber) {
+    ASSERT_TRUE(StorePreference(kIdentifier, "Text", std::string("3")));
+    ASSERT_TRUE(StorePreference(kIdentifier, "Flag", true));
+    ASSERT_TRUE(StorePreference(kIdentifier, "Real", 2.9));
+    ASSERT_TRUE(StorePreference(kIdentifier, "Huge", 1e300));
+    ASSERT_TRUE(StorePreference(kIdentifier, "Wide", int64_t{0x100000007}));
+    EXPECT_EQ(3, ReadInt("Text"));
+    EXPECT_EQ(1, ReadInt("Flag"));
+    EXPECT_EQ(2, ReadInt("Real"));
+    EXPECT_EQ(2147483647, ReadInt("Huge"));
+    EXPECT_EQ(7, ReadInt("Wide"));
+}
+
+TEST_F(TheSettings, LookABooleanUpUnderItsLiteralKey) {
+    bool flag = false;
+    ASSERT_TRUE(StorePreference(kIdentifier, "Flag", true));
+    EXPECT_FALSE(settings_->ReadSettingImpl(kKey, "Flag", flag));
+    EXPECT_TRUE(settings_->ReadSettingImpl(kIdentifier, "Flag", flag));
+    EXPECT_TRUE(flag);
+    ASSERT_TRUE(StorePreference(kKey, "Flag", false));
+    EXPECT_TRUE(settings_->ReadSettingImpl(kKey, "Flag", flag));
+    EXPECT_FALSE(flag);
+}
+
+TEST_F(TheSettings, AreReadInBulkWithoutBooleansAndOtherTypes) {
+    PutList("<plist version=\"1.0\"><dict><key>n</key><integer>-7</integer><key>t</key><string>text</string>"
+            "<key>b</key><true/><key>d</key><date>2001-01-01T00:00:00Z</date><key>r</key><real>2.5</real>"
+            "<key>a</key><array><integer>1</integer></array></dict></plist>");
+    std::map<CStdStr, CStdStr> values = {{"n", "old"}, {"b", "kept"}};
+    testing::internal::CaptureStdout();
+    settings_->ReadAllSettingsImpl(kKey, values);
+    EXPECT_EQ("", testing::internal::GetCapturedStdout());
+    const std::map<CStdStr, CStdStr> expected = {{"b", "kept"}, {"n", "-7"}, {"r", "2"}, {"t", "text"}};
+    EXPECT_EQ(expected, values);
+}
+
+TEST_F(TheSettings, SayWhenThereIsNothingToReadInBulk) {
+    std::map<CStdStr, CStdStr> values;
+    const auto printed = [&] {
+        testing::internal::CaptureStdout();
+        settings_->ReadAllSettingsImpl(kKey, values);
+        return testing::internal::GetCapturedStdout();
+    };
+    EXPECT_EQ("no keys for com.tessaly.yar\n", printed());
+    PutList("<plist version=\"1.0\"><dict/></plist>");
+    EXPECT_EQ("", printed());
+    PutList("not a list");
+    EXPECT_EQ("synchronization failed for com.tessaly.yar\n", printed());
+    EXPECT_TRUE(values.empty());
+}
+
+TEST_F(TheSettings, KeepTheOtherValuesAndTheModeOfTheList) {
+    PutList("<plist version=\"1.0\"><dict><key>d</key><date>2001-01-01T00:00:00Z</date>"
+            "<key>a</key><array><dict><key>x</key><data>YWJj</data></dict></array></dict></plist>");
+    ASSERT_EQ(0, chmod(ListPath().c_str(), 0640));
+    ASSERT_TRUE(settings_->WriteSettingImpl(kKey, "LogLevel", 4));
+    struct stat info {};
+    ASSERT_EQ(0, stat(ListPath().c_str(), &info));
+    EXPECT_EQ(0640u, info.st_mode & 07777u);
+    EXPECT_NE(std::string::npos, List().find("2001-01-01T00:00:00Z"));
+    EXPECT_NE(std::string::npos, List().find("YWJj"));
+    EXPECT_EQ(4, ReadInt("LogLevel"));
+}
+
+TEST_F(TheSettings, AreMadeWithTheirFolderAndOnlyForTheUser) {
+    ASSERT_TRUE(std::filesystem::remove(root_.config()));
+    ASSERT_TRUE(settings_->WriteSettingImpl(kKey, "LogLevel", 4));
+    EXPECT_EQ(std::filesystem::perms(0700), std::filesystem::status(root_.config()).permissions());
+    EXPECT_EQ(std::filesystem::perms(0600), std::filesystem::status(ListPath()).permissions());
+}
+
+TEST_F(TheSettings, NeverLeaveTheirFolder) {
+    for (const char* key : {"../outside", "/tmp/outside", "a/b", ""}) {
+        EXPECT_FALSE(settings_->WriteSettingImpl(key, "Name", 1)) << key;
+        EXPECT_FALSE(SynchronisePreferences(key)) << key;
+    }
+    EXPECT_FALSE(settings_->WriteSettingImpl(CStdStr("a\0b", 3), "Name", 1));
+    EXPECT_FALSE(settings_->WriteSettingImpl(kKey, CStdStr("a\0b", 3), 1));
+    EXPECT_FALSE(std::filesystem::exists(root_.path() + "/outside.plist"));
+    EXPECT_TRUE(std::filesystem::is_empty(root_.config()));
+}
+
+TEST_F(ABrokenList, FailsAndIsKept) {
+    ASSERT_TRUE(settings_->WriteSettingImpl(kKey, "LogLevel", 4));
+    const std::string whole = List();
+    for (const std::string& broken : {std::string(), std::string("garbage"), whole.substr(0, whole.size() / 2),
+                                      std::string("<plist version=\"1.0\"><array/></plist>")}) {
+        PutList(broken);
+        int number = 42;
+        EXPECT_FALSE(settings_->ReadSettingImpl(kKey, "LogLevel", number));
+        EXPECT_FALSE(settings_->WriteSettingImpl(kKey, "LogLevel", 3));
+        EXPECT_EQ(broken, List());
+    }
+}
+
+TEST_F(TheSettings, SeeWhatAnotherProcessWrote) {
+    ASSERT_TRUE(settings_->WriteSettingImpl(kKey, "LogLevel", 1));
+    for (int level = 2; level < 10; ++level) {
+        const pid_t child = fork();
+        if (child == 0) _exit(settings_->WriteSettingImpl(kKey, "LogLevel", level) ? 0 : 1);
+        int status = -1;
+        ASSERT_EQ(child, waitpid(child, &status, 0));
+        ASSERT_EQ(0, status);
+        ASSERT_EQ(level, ReadInt("LogLevel"));
+    }
+}
+
+TEST_F(TheSettings, LoseNothingWhenTwoProcessesWrite) {
+    const auto writeAll = [this](const std::string& name) {
+        for (int i = 0; i < 200; ++i) {
+            if (!settings_->WriteSettingImpl(kKey, name + std::to_string(i), i)) return 1;
+        }
+        return 0;
+    };
+    const pid_t child = fork();
+    if (child == 0) _exit(writeAll("child"));
+    EXPECT_EQ(0, writeAll("parent"));
+    int status = -1;
+    ASSERT_EQ(child, waitpid(child, &status, 0));
+    ASSERT_EQ(0, status);
+    std::map<CStdStr, CStdStr> values;
+    settings_->ReadAllSettingsImpl(kKey, values);
+    EXPECT_EQ(400u, values.size());
+    for (int i = 0; i < 200; ++i) {
+        EXPECT_EQ(std::to_string(i), values["child" + std::to_string(i)]);
+        EXPECT_EQ(std::to_string(i), values["parent" + std::to_string(i)]);
+    }
+}
+
+TEST_F(TheSettings, AreAlwaysWholeToAReaderAndLoseNothingToAnotherThread) {
+    ASSERT_TRUE(settings_->WriteSettingImpl(kKey, "Steady", CStdStr(std::string(20000, 'x'))));
+    std::atomic<bool> done{false};
+    std::atomic<int> failures{0};
+    std::thread reader([&] {
+        while (!done) failures += ReadText(kKey, "Steady").size() != 20000;
+    });
+    const auto write = [&](const std::string& name) {
+        for (int i = 0; i < 50; ++i) failures += !settings_->WriteSettingImpl(kKey, name + std::to_string(i), i);
+    };
+    std::thread other(write, "other");
+    write("mine");
+    other.join();
+    done = true;
+    reader.join();
+    EXPECT_EQ(0, failures);
+    EXPECT_EQ(101u, SynchronisePreferences(kIdentifier)->values.size());
+}
