@@ -1,0 +1,3 @@
+#include "rpc/KelDelegate.h"
+
+KelSatelliteDelegateGeneric::~KelSatelliteDelegateGeneric() = default;
