@@ -1,0 +1,217 @@
+#include "rpc/wire/Codec.h"
+
+#include "rpc/SafeArray.h"
+#include "rpc/wire/ExtTypes.h"
+
+#include <msgpack/pack.hpp>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+
+namespace kel::wire {
+namespace {
+
+// An error answer takes 19 bytes besides its text, at the most.
+constexpr size_t maxErrorTextBytes = maxMessageBytes - 19;
+
+std::string_view TextOf(BSTR text) { return text == nullptr ? std::string_view() : std::string_view(text); }
+
+size_t TextHeaderSize(size_t length) { return length < 32 ? 1 : length < 1u << 8 ? 2 : length < 1u << 16 ? 3 : 5; }
+
+// Where the packer writes: behind the end of a string, up to the limit of a message. What goes beyond it is dropped.
+class MessageBytes {
+public:
+    explicit MessageBytes(std::string& out) : out_(out), start_(out.size()) {}
+
+    void write(const char* data, size_t size) {
+        if (Fits(size)) out_.append(data, size);
+    }
+
+    // Room for `size` bytes at the end; null when they do not fit.
+    char* Extend(size_t size) {
+        if (!Fits(size)) return nullptr;
+        out_.resize(out_.size() + size);
+        return out_.data() + out_.size() - size;
+    }
+
+    // Whether nothing has been dropped.
+    bool Whole() const { return whole_; }
+    void Undo() { out_.resize(start_); }
+
+private:
+    bool Fits(size_t size) {
+        whole_ = whole_ && size <= maxMessageBytes - (out_.size() - start_);
+        return whole_;
+    }
+
+    std::string& out_;
+    const size_t start_;
+    bool whole_ = true;
+};
+
+// Writes one message behind the end of a string and, unless Finish has been called, takes it back in the end. The
+// members return false for what cannot travel.
+class Encoder {
+public:
+    explicit Encoder(std::string& out) : bytes_(out), packer_(bytes_) {}
+    ~Encoder() {
+        if (!finished_) bytes_.Undo();
+    }
+    Encoder(const Encoder&) = delete;
+    Encoder& operator=(const Encoder&) = delete;
+
+    // The message's own array and its kind; what stands between them and the rest goes to the packer that is returned.
+    msgpack::packer<MessageBytes>& Open(uint32_t parts, MessageKind kind) {
+        return packer_.pack_array(parts).pack_uint8(static_cast<uint8_t>(kind));
+    }
+    bool Call(std::string_view method, std::string_view caller, const tagVARIANT& in);
+    bool Text(std::string_view text);
+    bool Value(const tagVARIANT& v, unsigned depth = 0);
+    bool Finish() { return finished_ = bytes_.Whole(); }
+
+private:
+    bool Float(char lead, const char* number, size_t size);
+    bool Scalar(const tagVARIANT& v);
+    bool Array(const tagVARIANT& v, unsigned depth);
+    bool Bytes(const char* elements, uint32_t count);
+    bool Variants(const tagVARIANT* elements, uint32_t count, unsigned depth);
+    bool Texts(const BSTR* elements, uint32_t count);
+    bool Numbers(int elementVt, const char* elements, uint32_t count);
+    bool ExtHeader(int type, size_t payloadSize);
+
+    MessageBytes bytes_;
+    msgpack::packer<MessageBytes> packer_;
+    bool finished_ = false;
+};
+
+bool Encoder::Call(std::string_view method, std::string_view caller, const tagVARIANT& in) {
+    if (!Text(method)) return false;
+    packer_.pack_array(2);
+    return Text(caller) && Value(in);
+}
+
+bool Encoder::Text(std::string_view text) {
+    if (text.size() > maxMessageBytes || text.find('\0') != std::string_view::npos) return false;
+    packer_.pack_str(static_cast<uint32_t>(text.size()));
+    packer_.pack_str_body(text.data(), static_cast<uint32_t>(text.size()));
+    return true;
+}
+
+// `depth`: the arrays of the variant that are open around `v`.
+bool Encoder::Value(const tagVARIANT& v, unsigned depth) {
+    switch (v.vt) {
+        case VT_EMPTY: packer_.pack_nil(); return true;
+        case VT_BOOL: v.boolVal != VARIANT_FALSE ? packer_.pack_true() : packer_.pack_false(); return true;
+        case VT_I4: packer_.pack_int32(v.lVal); return true;
+        case VT_R4: return Float('\xca', reinterpret_cast<const char*>(&v.fltVal), sizeof(v.fltVal));
+        case VT_R8: return Float('\xcb', reinterpret_cast<const char*>(&v.dblVal), sizeof(v.dblVal));
+        case VT_BSTR: return Text(TextOf(v.bstrVal));
+        default: return (v.vt & VT_ARRAY) != 0 ? Array(v, depth) : Scalar(v);
+    }
+}
+
+// Not by the packer, which makes an integer of a float without a fraction: the value would come out as another type.
+bool Encoder::Float(char lead, const char* number, size_t size) {
+    char bytes[1 + sizeof(double)];
+    bytes[0] = lead;
+    CopyBigEndian(number, bytes + 1, size, 1);
+    bytes_.write(bytes, 1 + size);
+    return true;
+}
+
+bool Encoder::Scalar(const tagVARIANT& v) {
+    if (!ScalarIsExt(v.vt)) return false;
+    char payload[sizeof(v.llVal)];
+    const size_t size = ElementSize(v.vt);
+    CopyBigEndian(reinterpret_cast<const char*>(&v.llVal), payload, size, 1);
+    if (!ExtHeader(v.vt, size)) return false;
+    bytes_.write(payload, size);
+    return true;
+}
+
+// The array's own element type, too, must be the one that the variant says: the elements are read by it.
+bool Encoder::Array(const tagVARIANT& v, unsigned depth) {
+    const int elementVt = v.vt & ~VT_ARRAY;
+    if (v.parray == nullptr || v.parray->elementType != elementVt || v.parray->lowerBound != 0) return false;
+    const uint32_t count = v.parray->count;
+    const unsigned char* elements = v.parray->elements;
+    if (elementVt == VT_UI1) return Bytes(reinterpret_cast<const char*>(elements), count);
+    if (count > maxArrayElements) return false;
+    if (elementVt == VT_VARIANT) return Variants(reinterpret_cast<const tagVARIANT*>(elements), count, depth);
+    if (elementVt == VT_BSTR) return Texts(reinterpret_cast<const BSTR*>(elements), count);
+    return Numbers(elementVt, reinterpret_cast<const char*>(elements), count);
+}
+
+bool Encoder::Bytes(const char* elements, uint32_t count) {
+    packer_.pack_bin(count);
+    packer_.pack_bin_body(elements, count);
+    return true;
+}
+
+bool Encoder::Variants(const tagVARIANT* elements, uint32_t count, unsigned depth) {
+    if (depth == maxNesting) return false;
+    packer_.pack_array(count);
+    for (size_t i = 0; i < count; ++i) {
+        if (!Value(elements[i], depth + 1) || !bytes_.Whole()) return false;
+    }
+    return true;
+}
+
+bool Encoder::Texts(const BSTR* elements, uint32_t count) {
+    size_t payloadSize = 0;
+    for (size_t i = 0; i < count; ++i) {
+        const size_t length = TextOf(elements[i]).size();
+        payloadSize += TextHeaderSize(length) + length;
+    }
+    if (!ExtHeader(arrayExt + VT_BSTR, payloadSize)) return false;
+    for (size_t i = 0; i < count; ++i) {
+        if (!Text(TextOf(elements[i]))) return false;
+    }
+    return true;
+}
+
+bool Encoder::Numbers(int elementVt, const char* elements, uint32_t count) {
+    const size_t size = ElementSize(elementVt);
+    if (!ExtHeader(arrayExt + elementVt, count * size)) return false;
+    char* payload = bytes_.Extend(count * size);
+    if (payload != nullptr) CopyBigEndian(elements, payload, size, count);
+    return payload != nullptr;
+}
+
+bool Encoder::ExtHeader(int type, size_t payloadSize) {
+    if (payloadSize > maxMessageBytes) return false;
+    packer_.pack_ext(payloadSize, static_cast<int8_t>(type));
+    return true;
+}
+
+}  // namespace
+
+bool EncodeRequest(std::string& out, uint32_t id, std::string_view method, std::string_view caller,
+                   const tagVARIANT& in) {
+    Encoder encoder(out);
+    encoder.Open(4, MessageKind::request).pack_uint32(id);
+    return encoder.Call(method, caller, in) && encoder.Finish();
+}
+
+bool EncodeNotification(std::string& out, std::string_view method, std::string_view caller, const tagVARIANT& in) {
+    Encoder encoder(out);
+    encoder.Open(3, MessageKind::notification);
+    return encoder.Call(method, caller, in) && encoder.Finish();
+}
+
+bool EncodeResponse(std::string& out, uint32_t id, int32_t code, const tagVARIANT& value) {
+    Encoder encoder(out);
+    encoder.Open(4, MessageKind::response).pack_uint32(id).pack_nil().pack_array(2).pack_int32(code);
+    return encoder.Value(value) && encoder.Finish();
+}
+
+void EncodeError(std::string& out, uint32_t id, int32_t code, std::string_view text) {
+    Encoder encoder(out);
+    auto& packer = encoder.Open(4, MessageKind::response).pack_uint32(id).pack_array(2).pack_int32(code);
+    encoder.Text(text.substr(0, std::min(text.find('\0'), maxErrorTextBytes)));
+    packer.pack_nil();
+    encoder.Finish();
+}
+
+}  // namespace kel::wire

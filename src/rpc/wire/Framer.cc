@@ -1,0 +1,59 @@
+// The state of the walk:
+//
+// - position_ is where the next header starts. A body (of a text, byte array, ext or number) is skipped by moving
+//   position_ behind it at once, so position_ may lie beyond the bytes that have arrived; until they reach it there is
+//   nothing to look at.
+// - rest_[0..depth_) holds, for each array that is open, outermost first, how many of its values have not started yet.
+//   A level is closed when none is left and its last value is complete; so an array's level is open for as long as
+//   anything inside it is, and depth_ is exactly the nesting at position_.
+// - awaited_ is the sum of rest_ (and 1 before the message's own array starts): values that have been announced and
+//   have not started. Each takes a byte at least, so position_ + awaited_ is the least size that the message can have,
+//   and a message whose announcements do not fit is refused at the header that says so. When awaited_ is 0 the message
+//   ends at position_.
+//
+// The outer two levels, the message and its [caller, in], [rc, out] or [code, message], are no part of a variant, and
+// variants stand only inside the second level: maxNesting + 2 levels in all give a variant exactly maxNesting.
+#include "rpc/wire/Framer.h"
+
+#include "rpc/wire/ExtTypes.h"
+#include "rpc/wire/Header.h"
+
+namespace kel::wire {
+
+Framer::Status Framer::Scan(const char* data, size_t size) {
+    while (awaited_ > 0) {
+        Header header;
+        if (position_ >= size || !ReadHeader(data + position_, size - position_, header)) return Status::incomplete;
+        if (!Take(header)) return Status::malformed;
+    }
+    return position_ <= size ? Status::complete : Status::incomplete;
+}
+
+void Framer::Reset() {
+    position_ = 0;
+    awaited_ = 1;
+    depth_ = 0;
+}
+
+// Steps over a header and its body; false, with the state as it was, when the message cannot go on with it.
+bool Framer::Take(const Header& header) {
+    if (header.family == Family::refused) return false;
+    const bool isArray = header.family == Family::array;
+    if (position_ == 0 && !(isArray && (header.count == 3 || header.count == 4))) return false;
+    if (isArray && (header.count > maxArrayElements || depth_ == rest_.size())) return false;
+    if (header.family == Family::ext && !ExtElementsFit(header.extType, header.count)) return false;
+
+    // All three terms are far below 2^33: nothing wraps.
+    const size_t position = position_ + header.size + (isArray ? 0 : header.count);
+    const size_t awaited = awaited_ - 1 + (isArray ? header.count : 0);
+    if (position + awaited > maxMessageBytes) return false;
+    position_ = position;
+    awaited_ = awaited;
+
+    if (depth_ > 0) --rest_[depth_ - 1];
+    if (isArray) rest_[depth_++] = header.count;
+    while (depth_ > 0 && rest_[depth_ - 1] == 0) --depth_;
+    return true;
+}
+
+}  // namespace kel::wire

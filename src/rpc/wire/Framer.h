@@ -1,0 +1,41 @@
+// Finds where messages end in a byte stream that has no other framing than MessagePack's own.
+#pragma once
+
+#include "rpc/wire/Message.h"
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+
+namespace kel::wire {
+
+struct Header;
+
+// Walks the headers of one message as its bytes arrive, without decoding values and without taking memory, and refuses
+// a message as soon as a header announces more than a limit, is no MessagePack, or is a map. No value is walked twice,
+// however small the pieces in which the bytes come. Not thread-safe.
+class Framer {
+public:
+    enum class Status { incomplete, complete, malformed };
+
+    // Looks at `data[0..size)`: the bytes of one message from its first on, those of earlier calls included (they may
+    // have moved). After `complete`, length() is the message's size in bytes; bytes behind it belong to the next one.
+    // After `complete` and `malformed` a further call changes nothing.
+    Status Scan(const char* data, size_t size);
+
+    size_t length() const { return position_; }
+
+    // Starts the next message.
+    void Reset();
+
+private:
+    bool Take(const Header& header);
+
+    // src/rpc/wire/Framer.cc explains the state.
+    size_t position_ = 0;
+    size_t awaited_ = 1;
+    unsigned depth_ = 0;
+    std::array<uint32_t, maxNesting + 2> rest_{};  // in use: [0, depth_)
+};
+
+}  // namespace kel::wire
