@@ -1,0 +1,158 @@
+// KelSatellite: one endpoint of the remote-call library. Derive from it, publish methods in CreateServices, Connect to
+// a directory, and call other satellites by name with Request.
+//
+//     class Recorder : public KelSatellite {
+//     public:
+//         ~Recorder() override { Disconnect(); }   // before the members that methods use are gone
+//     protected:
+//         void CreateServices() override {
+//             AddService("Schedule", "Recording schedule", new KelSatelliteDelegateMemberEx<Recorder>(this,
+//             &Recorder::Schedule));
+//         }
+//     private:
+//         int Schedule(int socket, const char* caller, const tagVARIANT& in, tagVARIANT* out);
+//     };
+//
+//     Recorder recorder;
+//     if (int code = recorder.Connect("127.0.0.1", "Recorder")) std::puts(KelResultText(code));
+//
+// Threads: every member may be called from any thread, from inside a published method too; Connect, ConnectUser and
+// Disconnect belong to the thread that owns the object. Published methods and the On... members run on the library's
+// threads, several at once. A method may block: the library starts a further thread when all of its threads are busy
+// (up to 512).
+//
+// While connected, the satellite asks the directory every 10 seconds whether it is still known there, and registers
+// again, with its services, when it is not.
+#pragma once
+
+#include "foundation/Export.h"
+#include "foundation/StdString.h"
+#include "rpc/KelDelegate.h"
+#include "rpc/KelException.h"
+#include "rpc/Variant.h"
+
+#include <boost/shared_ptr.hpp>
+
+#include <memory>
+
+class CBBLog;
+
+// How Request treats the call.
+using KELFLAGS = int;
+constexpr KELFLAGS KELFLAG_WAIT = 0;     // wait for the answer, for at most 30 seconds
+constexpr KELFLAGS KELFLAG_ONE_WAY = 1;  // queue the call and go on: never answered, in order for each satellite
+
+// What is known of a satellite.
+using KELSTATUS = int;
+constexpr KELSTATUS KELSTATUS_GONE = 0;
+constexpr KELSTATUS KELSTATUS_ALIVE = 1;
+
+// Results of the library's own. A published method's own result, and what the directory answers, are passed on as they
+// are.
+constexpr int KEL_OK = 0;
+constexpr int KEL_UNREACHABLE = 0x20001;         // the directory or the satellite cannot be reached, or hung up
+constexpr int KEL_PORT_IN_USE = 0x20002;         // the listening port is held by another program
+constexpr int KEL_ALREADY_REGISTERED = 0x20003;  // a living satellite holds the name
+constexpr int KEL_UNKNOWN_METHOD = 0x20004;      // the endpoint does not publish the method (thrown as a KelException)
+constexpr int KEL_METHOD_FAILED = 0x20005;       // the method ended with an exception of another kind (thrown likewise)
+constexpr int KEL_NO_ANSWER = 0x20006;           // the satellite did not answer in time
+constexpr int KEL_NOT_CONNECTED = 0x20007;       // this satellite is not connected to a directory
+constexpr int KEL_TOO_LARGE = 0x20008;           // the parameters do not fit a message (16 MiB, 32 deep)
+
+// A sentence for a result of the library or of the directory; "result 0x..." for any other.
+KEL_API CStdStr KelResultText(int code);
+
+class KEL_API KelSatellite {
+public:
+    KelSatellite();
+
+    // Leaves the directory, stops accepting calls, lets running methods finish, then closes. After it returns no
+    // published method runs. A derived class whose methods use its own members calls Disconnect in its destructor.
+    virtual ~KelSatellite();
+
+    // Opens the listening port (the directory port for "MainRegister", a free one for every other name), has
+    // CreateServices publish the methods and registers at the directory on `host`, a name or an IPv4 address with an
+    // optional ":port" (default: the setting "kel.directoryPort", else 5001). Returns 0; KEL_ALREADY_REGISTERED when a
+    // living satellite holds the name or a living directory the directory port; KEL_UNREACHABLE when no directory
+    // answers; KEL_PORT_IN_USE; any other answer of the directory as it is. After a failure the object may try again.
+    virtual int Connect(const char* host, const char* name);
+
+    // Attaches to the directory on `host` as a caller only: no listening port, no registration; `user` is the caller's
+    // name that methods see. Returns 0 or KEL_UNREACHABLE.
+    virtual int ConnectUser(const char* host, const char* user);
+
+    // Leaves the directory and closes the endpoint, as the destructor does. Connect may follow. Not to be called from
+    // inside a published method.
+    virtual void Disconnect();
+
+    // Calls `method` of `satellite` with `in`. With KELFLAG_WAIT the method's result is returned and `out`, when not
+    // null, receives its out-parameter; blocks for at most 30 seconds. With KELFLAG_ONE_WAY the call is queued and the
+    // result is 0: calls reach each satellite in order, and of more than 1,024 that wait for one satellite the oldest
+    // are dropped with a warning in the log. `extra`, when not null, receives a text that says what went wrong, or
+    // becomes empty. Returns KEL_UNREACHABLE, KEL_NO_ANSWER, KEL_NOT_CONNECTED, KEL_TOO_LARGE or the directory's answer
+    // for an unknown satellite (0x4000a). Throws KelException when the method threw or is not published.
+    virtual int Request(const char* satellite, const char* method, const tagVARIANT& in, tagVARIANT* out,
+                        KELFLAGS flags, tagVARIANT* extra);
+
+    // Asks the endpoint at host:port whether it is the satellite `name` with the id `satId`. Connecting and answering
+    // may take 10 seconds together. Negative when no answer came; otherwise 0, and `status` is KELSTATUS_ALIVE when
+    // name and id are that endpoint's own, else KELSTATUS_GONE.
+    virtual int DirectoryPingSatellite(const char* name, const char* host, unsigned short port, int satId,
+                                       KELSTATUS* status);
+
+    // Stores the id that the directory gave this satellite. Returns 0, or KEL_NOT_CONNECTED and leaves `id` untouched.
+    virtual int GetSatelliteId(int* id);
+
+    // Subscribes this satellite to, or unsubscribes it from, changes of `service` at the directory.
+    virtual int AddServiceAvailabilityListener(const char* service);
+    virtual int RemoveServiceAvailabilityListener(const char* service);
+
+    // Called by Connect, once the port is open and before any call is accepted: publish the methods here.
+    virtual void CreateServices();
+
+    // Registers this satellite with all of its services at the directory, again where it is known already.
+    virtual int RegisterServices();
+
+    // Withdraws all services from the directory; with `leave` true the satellite itself as well. The methods stay
+    // callable for those who know the address.
+    virtual int UnregisterServices(bool leave);
+
+    // Publishes `delegate` under `name` (exact, case-sensitive); a method of that name is replaced. While connected the
+    // directory is told at once. The library owns the delegate, whatever the result. Returns 0 or the directory's
+    // answer; KelInvalidParameterException for an empty name or a null delegate.
+    virtual int AddService(const char* name, const char* description, KelSatelliteDelegateGeneric* delegate);
+    virtual int AddService(const char* name, const char* description,
+                           int (*function)(const char*, const tagVARIANT&, tagVARIANT*));
+
+    // Withdraws a method; calls of it that run already finish. Returns 0, KEL_UNKNOWN_METHOD or the directory's answer.
+    virtual int RemoveService(const char* name);
+
+    // The dispatch of one incoming call; override it to watch or filter. Runs the published method `method`, stores the
+    // method's result in `result` and returns 0; returns KEL_UNKNOWN_METHOD when there is none. Exceptions pass
+    // through.
+    virtual int OnServiceRequested(int socket, const char* caller, const char* method, tagVARIANT in, tagVARIANT* out,
+                                   int* result);
+
+    // A service that this satellite listens for became available (status 1) or unavailable (0) at `satellite`.
+    virtual void OnServiceAvailabilityChanged(const char* service, const char* satellite, int status);
+
+    // This satellite's standing at the directory changed: KELSTATUS_GONE when the directory no longer knows `satId`,
+    // KELSTATUS_ALIVE when it was registered (again) as `satId`.
+    virtual void OnStatusChange(int satId, KELSTATUS status);
+
+    // The name given to Connect, or empty. The pointer is valid until the next Connect.
+    const char* getSatelliteName() const;
+    // The port this endpoint listens on, in host order; 0 when it does not.
+    unsigned short getSatellitePort() const;
+
+    // The log that the library writes its lines to, for all satellites of the process; they go nowhere without one. The
+    // library does not keep it alive: without its owner the lines stop.
+    static void setLogger(const boost::shared_ptr<CBBLog>& logger);
+
+    KelSatellite(const KelSatellite&) = delete;
+    KelSatellite& operator=(const KelSatellite&) = delete;
+
+private:
+    class Impl;
+    std::unique_ptr<Impl> impl_;
+};

@@ -1,0 +1,50 @@
+#include "rpc/MethodTable.h"
+
+#include <algorithm>
+
+namespace kel {
+
+Method::Method(CStdStr methodName, CStdStr methodDescription, std::unique_ptr<KelSatelliteDelegateGeneric> delegate)
+    : name(std::move(methodName)),
+      description(std::move(methodDescription)),
+      delegate_(std::move(delegate)),
+      withSocket_(dynamic_cast<KelSatelliteDelegateGenericEx*>(delegate_.get())) {}
+
+int Method::Invoke(int socket, const char* caller, const tagVARIANT& in, tagVARIANT* out) const {
+    return withSocket_ ? withSocket_->Invoke(socket, caller, in, out) : delegate_->Invoke(caller, in, out);
+}
+
+void MethodTable::Put(const MethodPtr& method) {
+    PWriteHold hold(lock_);
+    MethodPtr& entry = byName_[method->name];
+    if (entry) {
+        std::replace(inOrder_.begin(), inOrder_.end(), entry, method);
+    } else {
+        inOrder_.push_back(method);
+    }
+    entry = method;
+}
+
+bool MethodTable::Remove(const std::string& name) {
+    MethodPtr removed;  // its delegate goes after the lock
+    PWriteHold hold(lock_);
+    const auto found = byName_.find(name);
+    if (found == byName_.end()) return false;
+    removed = found->second;
+    inOrder_.erase(std::find(inOrder_.begin(), inOrder_.end(), removed));
+    byName_.erase(found);
+    return true;
+}
+
+MethodPtr MethodTable::Find(const char* name) const {
+    PReadHold hold(lock_);
+    const auto found = byName_.find(name);
+    return found == byName_.end() ? nullptr : found->second;
+}
+
+std::vector<MethodPtr> MethodTable::All() const {
+    PReadHold hold(lock_);
+    return inOrder_;
+}
+
+}  // namespace kel

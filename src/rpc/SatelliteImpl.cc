@@ -1,0 +1,571 @@
+#include "rpc/SatelliteImpl.h"
+
+#include "foundation/Registry.h"
+#include "rpc/LibraryLog.h"
+#include "rpc/VUtil.h"
+#include "rpc/wire/Codec.h"
+
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+
+using namespace kel::transport;
+using kel::MethodPtr;
+namespace wire = kel::wire;
+
+namespace {
+
+constexpr int kelProtocolVersion = 1;
+constexpr int defaultDirectoryPort = 5001;
+constexpr int nameIsTaken = 0x40010;         // the directory's answer to "Register"
+constexpr int satelliteIsUnknown = 0x40002;  // the directory's answer to "GetSatelliteId"
+
+constexpr std::chrono::seconds standingPeriod{10};
+constexpr std::chrono::seconds shortTimeout{5};  // of what must not hold anybody up for long
+constexpr std::chrono::seconds pingTimeout{10};
+constexpr long registrationGraceMs = 2000;
+
+constexpr const char* configKey = "Software\\Tessaly\\Yar\\Config";
+
+bool IsDirectoryName(const CStdStr& name) { return ssicmp(name.c_str(), directoryName) == 0; }
+
+uint16_t DirectoryPort() {
+    int port = defaultDirectoryPort;
+    CRegistry::getInstance()->ReadSettingImpl(configKey, "kel.directoryPort", port);
+    if (port > 0 && port <= 65535) return static_cast<uint16_t>(port);
+    CBBLog::error(LibraryLogger(), "libkel: the setting kel.directoryPort is %d, which is no port; using %d", port,
+                  defaultDirectoryPort);
+    return defaultDirectoryPort;
+}
+
+std::string BindAddress() {
+    CStdStr address;
+    CRegistry::getInstance()->ReadSettingImpl(configKey, "kel.bindAddress", address);
+    if (address.empty()) return "0.0.0.0";
+    return address;
+}
+
+// "host", "host:port" or nothing.
+Address ParseDirectory(const char* host) {
+    std::string text = host && *host ? host : "127.0.0.1";
+    const size_t colon = text.rfind(':');
+    if (colon == std::string::npos) return {text, DirectoryPort()};
+    char* end = nullptr;
+    const long port = std::strtol(text.c_str() + colon + 1, &end, 10);
+    if (*end != '\0' || port <= 0 || port > 65535) {
+        CStdStr message;
+        message.Format("Connect: \"%s\" is not a host with an optional :port", text.c_str());
+        throw KelInvalidParameterException(message.c_str());
+    }
+    return {text.substr(0, colon), static_cast<uint16_t>(port)};
+}
+
+std::string HostName() {
+    char name[256] = "";
+    if (gethostname(name, sizeof name - 1) != 0) return "";
+    return name;
+}
+
+int CodeOf(const Outcome& outcome) {
+    switch (outcome.end) {
+        case Outcome::End::answered:
+        case Outcome::End::failed:
+            return outcome.message.code;
+        case Outcome::End::unreachable:
+        case Outcome::End::lost:
+            return KEL_UNREACHABLE;
+        case Outcome::End::noAnswer:
+            return KEL_NO_ANSWER;
+        case Outcome::End::tooLarge:
+            break;
+    }
+    return KEL_TOO_LARGE;
+}
+
+}  // namespace
+
+KelSatellite::Impl::Impl(KelSatellite& satellite) : satellite_(satellite) {}
+
+KelSatellite::Impl::~Impl() { Disconnect(); }
+
+KelSatellite::Impl::LinkPtr KelSatellite::Impl::link() {
+    PMutexHold hold(lock_);
+    return link_;
+}
+
+unsigned short KelSatellite::Impl::port() {
+    const LinkPtr current = link();
+    return current ? current->endpoint.port() : 0;
+}
+
+// --- Connecting and leaving ----------------------------------------------------------------------------------------
+
+int KelSatellite::Impl::Connect(const char* host, const char* name) {
+    if (!name || !*name) throw KelInvalidParameterException("Connect: a satellite needs a name");
+    const Address directory = ParseDirectory(host);
+    Disconnect();
+    name_ = name;
+    return ConnectAs(directory);
+}
+
+int KelSatellite::Impl::ConnectAs(const Address& directory) {
+    const bool isDirectory = IsDirectoryName(name_);
+    Address at = directory;
+    const std::string bindAddress = BindAddress();
+    if (isDirectory && bindAddress != "0.0.0.0") at.host = bindAddress;  // it reaches itself where it listens
+
+    const auto made = std::make_shared<Link>(*this, at, name_);
+    made->endpoint.Start();
+    {
+        PMutexHold hold(lock_);
+        link_ = made;
+    }
+    try {
+        int code = Open(*made, isDirectory);
+        if (code == KEL_OK) {
+            satellite_.CreateServices();
+            made->endpoint.Accept();
+            code = RegisterServices(*made, methods_.All());
+        }
+        if (code != KEL_OK) {
+            Drop(made);
+            return code == nameIsTaken ? KEL_ALREADY_REGISTERED : code == KEL_NO_ANSWER ? KEL_UNREACHABLE : code;
+        }
+    } catch (...) {
+        Drop(made);
+        throw;
+    }
+    made->endpoint.Repeat(standingPeriod, [this] { CheckStanding(); });
+    return KEL_OK;
+}
+
+int KelSatellite::Impl::ConnectUser(const char* host, const char* user) {
+    const Address directory = ParseDirectory(host);
+    Disconnect();
+    name_ = user;
+    const auto made = std::make_shared<Link>(*this, directory, name_);
+    made->endpoint.Start();
+    if (!IsDirectoryAt(*made, directory)) {
+        made->endpoint.Close();
+        return KEL_UNREACHABLE;
+    }
+    PMutexHold hold(lock_);
+    link_ = made;
+    return KEL_OK;
+}
+
+// Opens the listening port: the directory's own, or a free one.
+int KelSatellite::Impl::Open(Link& link, bool isDirectory) {
+    const std::string bindAddress = BindAddress();
+    const Address at{bindAddress, isDirectory ? link.addresses.directory().port : uint16_t{0}};
+    const boost::system::error_code error = link.endpoint.Listen(at);
+    if (!error) return KEL_OK;
+    if (isDirectory && error == boost::asio::error::address_in_use && IsDirectoryAt(link, link.addresses.directory())) {
+        return KEL_ALREADY_REGISTERED;
+    }
+    CBBLog::error(LibraryLogger(), "libkel: %s cannot listen on %s: %s", name_.c_str(), at.text().c_str(),
+                  error.message().c_str());
+    return KEL_PORT_IN_USE;
+}
+
+// Whether the endpoint at `address` publishes what a directory publishes.
+bool KelSatellite::Impl::IsDirectoryAt(Link& link, const Address& address) {
+    const ScopedVariant nothing;
+    const Outcome outcome = link.endpoint.outbound().Call(address, "kel.Describe", name_, nothing,
+                                                          std::chrono::steady_clock::now() + shortTimeout);
+    if (outcome.end != Outcome::End::answered) return false;
+    try {
+        const int count = VUtil::GetArrayLengthEmpty(outcome.message.value);
+        for (int i = 0; i < count; ++i) {
+            ScopedVariant method;
+            VUtil::GetElement(outcome.message.value, i, method);
+            if (VUtil::GetStringElement(method, 0) == "Register") return true;
+        }
+    } catch (const KelException&) {
+    }
+    return false;
+}
+
+void KelSatellite::Impl::Disconnect() {
+    const LinkPtr current = link();
+    if (!current) return;
+    if (current->endpoint.OnWorker()) {
+        CBBLog::error(LibraryLogger(), "libkel: Disconnect called from inside a method of %s; ignored", name_.c_str());
+        return;
+    }
+    bool leave;
+    {
+        PMutexHold hold(standing_);
+        leaving_ = true;
+        while (checking_) standing_.wait();
+        leave = registered_ && !IsDirectoryName(name_);
+    }
+    if (leave) CallDirectory(*current, "RemoveSatellite", Record(*current, {}), shortTimeout);
+    Drop(current);
+}
+
+void KelSatellite::Impl::Drop(const LinkPtr& dropped) {
+    dropped->endpoint.Quiesce();
+    dropped->endpoint.Close();
+    {
+        PMutexHold hold(standing_);
+        registered_ = reportedGone_ = directoryMissing_ = leaving_ = false;
+        satId_ = 0;
+    }
+    PMutexHold hold(lock_);
+    link_.reset();
+}
+
+// --- Standing at the directory -------------------------------------------------------------------------------------
+
+int KelSatellite::Impl::GetSatelliteId(int* id) {
+    PMutexHold hold(standing_);
+    if (!registered_) return KEL_NOT_CONNECTED;
+    *id = satId_;
+    return KEL_OK;
+}
+
+Outcome KelSatellite::Impl::CallDirectory(Link& link, const char* method, const tagVARIANT& in,
+                                          std::chrono::milliseconds timeout) {
+    return link.endpoint.outbound().Call(link.addresses.directory(), method, name_, in,
+                                         std::chrono::steady_clock::now() + timeout);
+}
+
+// The record of seven that "Register", "UnRegister" and "RemoveSatellite" take.
+ScopedVariant KelSatellite::Impl::Record(Link& link, const std::vector<MethodPtr>& services) {
+    const int count = static_cast<int>(services.size());
+    ScopedVariant list;
+    VUtil::CreateArray(list, VT_VARIANT, services.size());
+    for (int i = 0; i < count; ++i) {
+        ScopedVariant entry;
+        VUtil::CreateArray(entry, VT_VARIANT, 2);
+        VUtil::PutElement(entry, 0, services[i]->name);
+        VUtil::PutElement(entry, 1, services[i]->description);
+        VUtil::PutElement(list, i, static_cast<const tagVARIANT&>(entry));
+    }
+    int satId;
+    {
+        PMutexHold hold(standing_);
+        satId = satId_;
+    }
+    ScopedVariant record;
+    VUtil::CreateArray(record, VT_VARIANT, 7);
+    VUtil::PutElement(record, 0, name_);
+    VUtil::PutElement(record, 1, HostName().c_str());
+    VUtil::PutElement(record, 2, static_cast<unsigned short>(link.endpoint.port()));
+    VUtil::PutElement(record, 3, kelProtocolVersion);
+    VUtil::PutElement(record, 4, satId);
+    VUtil::PutElement(record, 5, count);
+    VUtil::PutElement(record, 6, static_cast<const tagVARIANT&>(list));
+    return record;
+}
+
+int KelSatellite::Impl::RegisterServices(Link& link, const std::vector<MethodPtr>& services) {
+    {
+        PMutexHold hold(standing_);
+        ++registering_;
+    }
+    const Outcome outcome = CallDirectory(link, "Register", Record(link, services), callTimeout);
+    int code = CodeOf(outcome);
+    int satId = 0;
+    if (outcome.end == Outcome::End::failed) {
+        CBBLog::error(LibraryLogger(), "libkel: the directory cannot register %s: %s", name_.c_str(),
+                      outcome.problem.c_str());
+    } else if (code == KEL_OK) {
+        try {
+            satId = VUtil::GetIntElement(outcome.message.value, 1);
+        } catch (const KelException&) {
+            code = KEL_UNREACHABLE;  // what answers there is no directory
+        }
+    }
+    PMutexHold hold(standing_);
+    --registering_;
+    if (code == KEL_OK) {
+        satId_ = satId;
+        registered_ = true;
+    }
+    standing_.broadcast();
+    return code;
+}
+
+int KelSatellite::Impl::Register() {
+    const LinkPtr current = link();
+    return current ? RegisterServices(*current, methods_.All()) : KEL_NOT_CONNECTED;
+}
+
+int KelSatellite::Impl::Unregister(bool leave) {
+    const LinkPtr current = link();
+    if (!current) return KEL_NOT_CONNECTED;
+    const int code = CodeOf(CallDirectory(*current, "UnRegister", Record(*current, methods_.All()), callTimeout));
+    if (!leave || code != KEL_OK) return code;
+    {
+        PMutexHold hold(standing_);
+        registered_ = false;
+    }
+    return CodeOf(CallDirectory(*current, "RemoveSatellite", Record(*current, {}), callTimeout));
+}
+
+// The regular question whether the directory still knows this satellite. Not while Disconnect leaves it.
+void KelSatellite::Impl::CheckStanding() {
+    const LinkPtr current = link();
+    {
+        PMutexHold hold(standing_);
+        if (!current || leaving_ || !registered_) return;
+        checking_ = true;
+    }
+    CheckStandingAt(*current);
+    PMutexHold hold(standing_);
+    checking_ = false;
+    standing_.broadcast();
+}
+
+void KelSatellite::Impl::CheckStandingAt(Link& link) {
+    int satId = 0;
+    bool report;
+    {
+        PMutexHold hold(standing_);
+        satId = satId_;
+    }
+    if (AskWhetherKnown(link, satId)) return;
+    {
+        PMutexHold hold(standing_);
+        report = !std::exchange(reportedGone_, true);
+    }
+    if (report) {
+        CBBLog::warn(LibraryLogger(), "libkel: the directory no longer knows %s (satId %d); registering again",
+                     name_.c_str(), satId);
+        satellite_.OnStatusChange(satId, KELSTATUS_GONE);
+    }
+    const int code = RegisterServices(link, methods_.All());
+    if (code != KEL_OK) {
+        if (report) {
+            CBBLog::warn(LibraryLogger(), "libkel: %s is not registered: %s; trying on", name_.c_str(),
+                         KelResultText(code).c_str());
+        }
+        return;
+    }
+    {
+        PMutexHold hold(standing_);
+        satId = satId_;
+        reportedGone_ = false;
+    }
+    CBBLog::info(LibraryLogger(), "libkel: %s is registered again (satId %d)", name_.c_str(), satId);
+    satellite_.OnStatusChange(satId, KELSTATUS_ALIVE);
+}
+
+// False only when the directory answers that it does not know this satellite under `satId`.
+bool KelSatellite::Impl::AskWhetherKnown(Link& link, int satId) {
+    const Outcome outcome = CallDirectory(link, "GetSatelliteId", MakeString(name_.c_str()), shortTimeout);
+    const bool answered = outcome.end == Outcome::End::answered;
+    bool changed;
+    {
+        PMutexHold hold(standing_);
+        changed = directoryMissing_ == answered;
+        directoryMissing_ = !answered;
+    }
+    if (changed && answered) {
+        CBBLog::warn(LibraryLogger(), "libkel: the directory at %s answers again",
+                     link.addresses.directory().text().c_str());
+    } else if (changed) {
+        CBBLog::warn(LibraryLogger(), "libkel: the directory does not answer %s: %s", name_.c_str(),
+                     outcome.problem.c_str());
+    }
+    if (!answered) return true;
+    if (outcome.message.code == satelliteIsUnknown) return false;
+    return outcome.message.code != KEL_OK || outcome.message.value.vt != VT_I4 || outcome.message.value.lVal == satId;
+}
+
+// --- Publishing ----------------------------------------------------------------------------------------------------
+
+int KelSatellite::Impl::AddService(const char* name, const char* description, KelSatelliteDelegateGeneric* delegate) {
+    std::unique_ptr<KelSatelliteDelegateGeneric> owned(delegate);
+    if (!name || !*name) throw KelInvalidParameterException("AddService: a service needs a name");
+    if (!owned) throw KelInvalidParameterException("AddService: a service needs a delegate");
+    const auto method = std::make_shared<const kel::Method>(name, description, std::move(owned));
+    methods_.Put(method);
+    int satId;
+    const LinkPtr current = link();
+    return current && GetSatelliteId(&satId) == KEL_OK ? RegisterServices(*current, {method}) : KEL_OK;
+}
+
+int KelSatellite::Impl::RemoveService(const char* name) {
+    const MethodPtr method = name ? methods_.Find(name) : nullptr;
+    if (!method || !methods_.Remove(name)) return KEL_UNKNOWN_METHOD;
+    int satId;
+    const LinkPtr current = link();
+    if (!current || GetSatelliteId(&satId) != KEL_OK) return KEL_OK;
+    return CodeOf(CallDirectory(*current, "UnRegister", Record(*current, {method}), callTimeout));
+}
+
+void KelSatellite::Impl::OnCall(const ConnectionPtr& connection, wire::Message& call) {
+    const bool wantsAnswer = call.kind == wire::MessageKind::request;
+    thread_local std::string bytes;
+    ScopedVariant out;
+    int code = 0;
+    CStdStr problem;
+    try {
+        code = RunMethod(connection, call, out);
+        bytes.clear();
+        if (!wantsAnswer) return;
+        if (wire::EncodeResponse(bytes, call.id, code, out)) {
+            connection->Send(bytes);
+            return;
+        }
+        code = KEL_METHOD_FAILED;
+        problem.Format("the answer of %.200s is too large or of a type that cannot travel", call.method.c_str());
+    } catch (const KelException& error) {
+        code = error.GetCode();
+        problem = error.GetMessage();
+    } catch (const std::exception& error) {
+        code = KEL_METHOD_FAILED;
+        problem = error.what();
+    } catch (...) {
+        code = KEL_METHOD_FAILED;
+        problem = "an exception of an unknown type";
+    }
+    if (CBBLog::isDebugEnabled()) {
+        CBBLog::debug(LibraryLogger(), "libkel: %.256s, called by %.256s from %s, failed: 0x%x %s", call.method.c_str(),
+                      call.caller.c_str(), connection->peer().c_str(), static_cast<unsigned>(code), problem.c_str());
+    }
+    if (!wantsAnswer) return;
+    bytes.clear();
+    wire::EncodeError(bytes, call.id, code, problem);
+    connection->Send(bytes);
+}
+
+int KelSatellite::Impl::RunMethod(const ConnectionPtr& connection, const wire::Message& call, ScopedVariant& out) {
+    if (call.method == "kel.Ping") {
+        out = AnswerPing(call.value);
+        return KEL_OK;
+    }
+    if (call.method == "kel.Describe") {
+        out = AnswerDescribe();
+        return KEL_OK;
+    }
+    int result = 0;
+    const int code = satellite_.OnServiceRequested(connection->descriptor(), call.caller.c_str(), call.method.c_str(),
+                                                   call.value, &out, &result);
+    if (code == KEL_OK) return result;
+    CStdStr text;
+    text.Format(code == KEL_UNKNOWN_METHOD ? "unknown method %s" : "%s was refused", call.method.c_str());
+    throw KelException(text.c_str(), code);
+}
+
+ScopedVariant KelSatellite::Impl::AnswerPing(const tagVARIANT& in) {
+    VUtil::CheckArrayType(in, VT_VARIANT, 2, "kel.Ping");
+    const CStdStr name = VUtil::GetStringElement(in, 0);
+    const int satId = VUtil::GetIntElement(in, 1);
+    return MakeInt(ssicmp(name.c_str(), name_.c_str()) == 0 && IsOwnId(satId) ? 1 : 0);
+}
+
+// The directory may ask for the id that it has just given before its answer with the id has been read here, so while a
+// registration is under way the question waits a little. The directory's own registration is not waited for: it asks
+// itself from inside it whether the record that an earlier run left behind is alive.
+bool KelSatellite::Impl::IsOwnId(int satId) {
+    const timespec deadline = DeadlineIn(registrationGraceMs);
+    PMutexHold hold(standing_);
+    while (registering_ > 0 && satId != satId_ && !IsDirectoryName(name_) && standing_.waitUntil(deadline)) {
+    }
+    return satId == satId_;
+}
+
+ScopedVariant KelSatellite::Impl::AnswerDescribe() const {
+    const std::vector<MethodPtr> methods = methods_.All();
+    ScopedVariant list;
+    VUtil::CreateArray(list, VT_VARIANT, methods.size());
+    for (size_t i = 0; i < methods.size(); ++i) {
+        ScopedVariant pair;
+        VUtil::CreateArray(pair, VT_VARIANT, 2);
+        VUtil::PutElement(pair, 0, methods[i]->name);
+        VUtil::PutElement(pair, 1, methods[i]->description);
+        VUtil::PutElement(list, static_cast<int>(i), static_cast<const tagVARIANT&>(pair));
+    }
+    return list;
+}
+
+// --- Calling -------------------------------------------------------------------------------------------------------
+
+int KelSatellite::Impl::Request(const char* satellite, const char* method, const tagVARIANT& in, tagVARIANT* out,
+                                KELFLAGS flags, tagVARIANT* extra) {
+    if (!satellite || !*satellite || !method || !*method) {
+        throw KelInvalidParameterException("Request: a satellite and a method are needed");
+    }
+    if (out) VariantClear(out);
+    if (extra) VariantClear(extra);
+    std::string problem;
+    int code = KEL_NOT_CONNECTED;
+    if (const LinkPtr current = link()) {
+        ScopedVariant value;
+        code = flags & KELFLAG_ONE_WAY ? PostOneWay(*current, satellite, method, in, problem)
+                                       : CallSatellite(*current, satellite, method, in, value, problem);
+        if (out) *out = value.release();
+    } else {
+        problem = "not connected to a directory";
+    }
+    if (extra && !problem.empty()) *extra = MakeString(problem.c_str()).release();
+    return code;
+}
+
+int KelSatellite::Impl::CallSatellite(Link& link, const std::string& satellite, const char* method,
+                                      const tagVARIANT& in, ScopedVariant& value, std::string& problem) {
+    const Deadline deadline = std::chrono::steady_clock::now() + callTimeout;
+    std::optional<Address> address = link.addresses.Remembered(satellite);
+    bool mayAskAgain = address && !IsDirectoryName(satellite);
+    for (;;) {
+        if (!address) {
+            AddressBook::Entry entry = link.addresses.Ask(satellite, deadline);
+            problem = entry.problem;
+            if (!entry.address) return entry.code;
+            address = entry.address;
+        }
+        Outcome outcome = link.endpoint.outbound().Call(*address, method, name_, in, deadline);
+        problem = outcome.problem;
+        switch (outcome.end) {
+            case Outcome::End::answered:
+                value = std::move(outcome.message.value);
+                return outcome.message.code;
+            case Outcome::End::failed:
+                throw KelException(outcome.message.errorText.c_str(), outcome.message.code);
+            case Outcome::End::tooLarge:
+                return KEL_TOO_LARGE;
+            default:
+                break;
+        }
+        link.addresses.Forget(satellite, *address);
+        // Only a call that was not sent is made again: the method must not run twice.
+        if (!mayAskAgain || outcome.end != Outcome::End::unreachable) return CodeOf(outcome);
+        mayAskAgain = false;
+        address.reset();
+    }
+}
+
+int KelSatellite::Impl::PostOneWay(Link& link, const std::string& satellite, const char* method, const tagVARIANT& in,
+                                   std::string& problem) {
+    std::string bytes;
+    if (!wire::EncodeNotification(bytes, method, name_, in)) {
+        problem = "the parameters are too large or of a type that cannot travel";
+        return KEL_TOO_LARGE;
+    }
+    link.oneWay.Post(satellite, std::move(bytes));
+    return KEL_OK;
+}
+
+int KelSatellite::Impl::Ping(const char* name, const char* host, unsigned short port, int satId, KELSTATUS* status) {
+    *status = KELSTATUS_GONE;
+    const LinkPtr current = link();
+    if (!current) return -1;
+    ScopedVariant in;
+    VUtil::CreateArray(in, VT_VARIANT, 2);
+    VUtil::PutElement(in, 0, name);
+    VUtil::PutElement(in, 1, satId);
+    const Deadline deadline = std::chrono::steady_clock::now() + pingTimeout;
+    Outcome outcome;
+    do outcome = current->endpoint.outbound().Call({host, port}, "kel.Ping", name_, in, deadline);
+    while (outcome.end == Outcome::End::lost && outcome.reused);  // it closed while it was idle, or was restarted
+    if (outcome.end == Outcome::End::failed) return 0;
+    if (outcome.end != Outcome::End::answered) return -1;
+    const tagVARIANT& answer = outcome.message.value;
+    if (outcome.message.code == KEL_OK && answer.vt == VT_I4 && answer.lVal == 1) *status = KELSTATUS_ALIVE;
+    return 0;
+}

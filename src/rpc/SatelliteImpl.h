@@ -1,0 +1,90 @@
+// What is behind a KelSatellite: its standing at the directory, its methods, and the endpoint while it is connected.
+#pragma once
+
+#include "rpc/KelSatellite.h"
+#include "rpc/MethodTable.h"
+#include "rpc/transport/AddressBook.h"
+#include "rpc/transport/Endpoint.h"
+#include "rpc/transport/OneWayQueues.h"
+
+#include <memory>
+#include <string>
+#include <vector>
+
+class KelSatellite::Impl : private kel::transport::CallReceiver {
+public:
+    explicit Impl(KelSatellite& satellite);
+    ~Impl() override;
+
+    int Connect(const char* host, const char* name);
+    int ConnectUser(const char* host, const char* user);
+    void Disconnect();
+
+    int Request(const char* satellite, const char* method, const tagVARIANT& in, tagVARIANT* out, KELFLAGS flags,
+                tagVARIANT* extra);
+    int Ping(const char* name, const char* host, unsigned short port, int satId, KELSTATUS* status);
+
+    int GetSatelliteId(int* id);
+    const char* name() const { return name_.c_str(); }
+    unsigned short port();
+
+    int Register();
+    int Unregister(bool leave);
+    int AddService(const char* name, const char* description, KelSatelliteDelegateGeneric* delegate);
+    int RemoveService(const char* name);
+    kel::MethodPtr FindMethod(const char* name) const { return methods_.Find(name); }
+
+private:
+    // What exists while connected. Calls under way in other threads share it, so that Disconnect does not pull it from
+    // under them.
+    struct Link {
+        Link(Impl& impl, const kel::transport::Address& directory, const std::string& self)
+            : endpoint(impl), addresses(endpoint.outbound(), directory, self), oneWay(endpoint.outbound(), addresses) {}
+
+        kel::transport::Endpoint endpoint;
+        kel::transport::AddressBook addresses;
+        kel::transport::OneWayQueues oneWay;
+    };
+    using LinkPtr = std::shared_ptr<Link>;
+
+    void OnCall(const kel::transport::ConnectionPtr& connection, kel::wire::Message& call) override;
+    int RunMethod(const kel::transport::ConnectionPtr& connection, const kel::wire::Message& call, ScopedVariant& out);
+    ScopedVariant AnswerPing(const tagVARIANT& in);
+    bool IsOwnId(int satId);
+    ScopedVariant AnswerDescribe() const;
+
+    LinkPtr link();
+    int ConnectAs(const kel::transport::Address& directory);
+    int Open(Link& link, bool isDirectory);
+    bool IsDirectoryAt(Link& link, const kel::transport::Address& address);
+    void Drop(const LinkPtr& link);
+
+    kel::transport::Outcome CallDirectory(Link& link, const char* method, const tagVARIANT& in,
+                                          std::chrono::milliseconds timeout);
+    ScopedVariant Record(Link& link, const std::vector<kel::MethodPtr>& services);
+    int RegisterServices(Link& link, const std::vector<kel::MethodPtr>& services);
+    void CheckStanding();
+    void CheckStandingAt(Link& link);
+    bool AskWhetherKnown(Link& link, int satId);
+
+    int CallSatellite(Link& link, const std::string& satellite, const char* method, const tagVARIANT& in,
+                      ScopedVariant& value, std::string& problem);
+    int PostOneWay(Link& link, const std::string& satellite, const char* method, const tagVARIANT& in,
+                   std::string& problem);
+
+    KelSatellite& satellite_;
+    kel::MethodTable methods_;
+    CStdStr name_;  // changed only while no endpoint exists
+
+    PMutex lock_;
+    LinkPtr link_ GUARDED_BY(lock_);
+
+    PCondMutex standing_;  // broadcast when `registering_` or `checking_` end
+    bool registered_ GUARDED_BY(standing_) = false;
+    bool reportedGone_ GUARDED_BY(standing_) = false;
+    bool directoryMissing_ GUARDED_BY(standing_) = false;
+    bool leaving_ GUARDED_BY(standing_) = false;
+    bool checking_ GUARDED_BY(standing_) = false;
+    int registering_ GUARDED_BY(standing_) = 0;
+    int satId_ GUARDED_BY(standing_) = 0;
+};

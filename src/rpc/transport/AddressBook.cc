@@ -1,0 +1,68 @@
+#include "rpc/transport/AddressBook.h"
+
+#include "foundation/StdString.h"
+#include "rpc/KelSatellite.h"
+#include "rpc/VUtil.h"
+
+namespace kel::transport {
+
+namespace {
+
+constexpr const char* askMethod = "GetSatelliteHost";
+
+}  // namespace
+
+AddressBook::AddressBook(Outbound& outbound, Address directory, std::string self)
+    : outbound_(outbound), directory_(std::move(directory)), self_(std::move(self)) {}
+
+std::optional<Address> AddressBook::Remembered(const std::string& satellite) {
+    if (ssicmp(satellite.c_str(), directoryName) == 0) return directory_;
+    PMutexHold hold(lock_);
+    const auto found = known_.find(satellite);
+    if (found == known_.end()) return std::nullopt;
+    return found->second;
+}
+
+AddressBook::Entry AddressBook::Ask(const std::string& satellite, Deadline deadline) {
+    Outcome outcome = outbound_.Call(directory_, askMethod, self_, MakeString(satellite.c_str()), deadline);
+    return Learn(satellite, outcome);
+}
+
+void AddressBook::AskAsync(const std::string& satellite, Handler handler) {
+    outbound_.CallAsync(
+        directory_, askMethod, self_, MakeString(satellite.c_str()), callTimeout,
+        [this, satellite, handler = std::move(handler)](Outcome& outcome) { handler(Learn(satellite, outcome)); });
+}
+
+AddressBook::Entry AddressBook::Learn(const std::string& satellite, Outcome& outcome) {
+    Entry entry;
+    if (outcome.end != Outcome::End::answered) {
+        entry.code = outcome.end == Outcome::End::noAnswer ? KEL_NO_ANSWER : KEL_UNREACHABLE;
+        entry.problem = "the directory does not say where " + satellite + " is: " + outcome.problem;
+        return entry;
+    }
+    if (outcome.message.code != 0) {
+        entry.code = outcome.message.code;
+        entry.problem = "the directory knows no satellite " + satellite;
+        return entry;
+    }
+    try {
+        Address address{VUtil::GetStringElement(outcome.message.value, 0),
+                        static_cast<uint16_t>(VUtil::GetIntElement(outcome.message.value, 1))};
+        PMutexHold hold(lock_);
+        known_[satellite] = address;
+        entry.address = std::move(address);
+    } catch (const KelException& error) {
+        entry.code = KEL_UNREACHABLE;
+        entry.problem = "the directory's answer for " + satellite + " has another form: " + error.GetMessage();
+    }
+    return entry;
+}
+
+void AddressBook::Forget(const std::string& satellite, const Address& address) {
+    PMutexHold hold(lock_);
+    const auto found = known_.find(satellite);
+    if (found != known_.end() && found->second == address) known_.erase(found);
+}
+
+}  // namespace kel::transport

@@ -1,0 +1,50 @@
+// Where the other satellites listen, as the directory says.
+#pragma once
+
+#include "rpc/transport/Outbound.h"
+
+#include <map>
+#include <optional>
+#include <string>
+
+namespace kel::transport {
+
+constexpr std::chrono::seconds callTimeout{30};
+constexpr const char* directoryName = "MainRegister";
+
+// Asks the directory for a satellite's address and remembers it until a call to it fails. Any thread.
+class AddressBook {
+public:
+    // `self` is the caller's name that the directory sees.
+    AddressBook(Outbound& outbound, Address directory, std::string self);
+
+    const Address& directory() const { return directory_; }
+
+    struct Entry {
+        std::optional<Address> address;
+        int code = 0;         // without an address: the directory's answer, or KEL_UNREACHABLE, KEL_NO_ANSWER
+        std::string problem;  // for people
+    };
+    using Handler = std::function<void(Entry entry)>;
+
+    // The remembered address; the directory's own is always known.
+    std::optional<Address> Remembered(const std::string& satellite);
+    // Asks, waits and remembers.
+    Entry Ask(const std::string& satellite, Deadline deadline);
+    // Asks without waiting.
+    void AskAsync(const std::string& satellite, Handler handler);
+    // A call to `address` failed.
+    void Forget(const std::string& satellite, const Address& address);
+
+private:
+    Entry Learn(const std::string& satellite, Outcome& outcome);
+
+    Outbound& outbound_;
+    const Address directory_;
+    const std::string self_;
+
+    PMutex lock_;
+    std::map<std::string, Address> known_ GUARDED_BY(lock_);
+};
+
+}  // namespace kel::transport

@@ -1,0 +1,364 @@
+// How threads take turns on a connection
+//
+// Reading. At any moment at most one thread, or one read operation under way, holds the reading turn: it alone touches
+// the input buffer. The holder takes one message out of the buffer and, before it runs the method, passes the turn on:
+// to a further task when another message is there already, else to the next read. So a method that blocks never holds
+// up the calls behind it on the same connection, and a short one is run by the thread that read it.
+//
+// Requests run as they come, several at once. Notifications of one connection run one after the other, in the order in
+// which they came, since a sender relies on it: the first thread to get one runs those that arrive meanwhile too.
+//
+// With maxOutstandingCalls taken and not answered, the turn is put aside (paused_) and whoever finishes a call picks it
+// up.
+//
+// Writing. Bytes are written straight to the socket by the thread that has them. What the system does not take becomes
+// the backlog, and everything else queues behind it until the socket is writable again.
+//
+// Closing shuts the socket down and cancels what is under way, but leaves the descriptor open: the destructor closes
+// it.
+#include "rpc/transport/Connection.h"
+
+#include "rpc/LibraryLog.h"
+#include "rpc/wire/Codec.h"
+
+#include <boost/asio/buffer.hpp>
+#include <boost/asio/post.hpp>
+
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+namespace kel::transport {
+
+namespace asio = boost::asio;
+using asio::ip::tcp;
+
+namespace {
+
+constexpr size_t smallInput = 4096;
+constexpr size_t largeInput = 256 * 1024;  // a buffer that grew beyond this is given back once it is empty
+
+}  // namespace
+
+struct Connection::ReadHandler {
+    ConnectionPtr connection;
+    void operator()(const boost::system::error_code& error, size_t size) const { connection->OnRead(error, size); }
+};
+
+Connection::Connection(Socket socket, ConnectionOwner& owner, std::string peer)
+    : owner_(owner),
+      peer_(std::move(peer)),
+      descriptor_(socket.native_handle()),
+      socket_(std::move(socket)),
+      stallTimer_(socket_.get_executor()) {
+    CloseOnExec(descriptor_);
+    boost::system::error_code ignored;
+    socket_.set_option(tcp::no_delay(true), ignored);
+    socket_.set_option(asio::socket_base::keep_alive(true), ignored);
+    socket_.non_blocking(true, ignored);
+}
+
+void Connection::Start() { StartRead(); }
+
+// --- Reading -------------------------------------------------------------------------------------------------------
+
+void Connection::StartRead() {
+    MakeRoom();
+    const auto space = asio::buffer(input_.get() + end_, capacity_ - end_);
+    PMutexHold hold(lock_);
+    if (!closed_) socket_.async_read_some(space, ReadHandler{shared_from_this()});
+}
+
+// Leaves free space behind the bytes that wait for the rest of their message.
+void Connection::MakeRoom() {
+    const size_t waiting = end_ - begin_;
+    if (waiting == 0) {
+        begin_ = end_ = 0;
+        if (capacity_ == 0 || capacity_ > largeInput) {
+            input_.reset(new char[smallInput]);
+            capacity_ = smallInput;
+        }
+        return;
+    }
+    if (end_ < capacity_) return;
+    if (begin_ >= capacity_ / 2) {
+        std::memmove(input_.get(), input_.get() + begin_, waiting);
+    } else {
+        std::unique_ptr<char[]> larger(new char[capacity_ * 2]);
+        std::memcpy(larger.get(), input_.get() + begin_, waiting);
+        input_ = std::move(larger);
+        capacity_ *= 2;
+    }
+    begin_ = 0;
+    end_ = waiting;
+}
+
+void Connection::OnRead(const boost::system::error_code& error, size_t size) {
+    if (error) {
+        Close(error == asio::error::eof ? "the peer hung up" : error.message().c_str());
+        return;
+    }
+    end_ += size;
+    ProcessInput();
+}
+
+Connection::Frame Connection::LookForMessage() {
+    if (begin_ == end_) return Frame::incomplete;
+    switch (framer_.Scan(input_.get() + begin_, end_ - begin_)) {
+        case wire::Framer::Status::incomplete:
+            return Frame::incomplete;
+        case wire::Framer::Status::complete:
+            return Frame::complete;
+        case wire::Framer::Status::malformed:
+            break;
+    }
+    return Frame::malformed;
+}
+
+// Decodes the complete message at the front of the buffer; false when it is none after all.
+bool Connection::TakeMessage(wire::Message& message) {
+    const bool good = wire::Decode(input_.get() + begin_, framer_.length(), message);
+    begin_ += framer_.length();
+    framer_.Reset();
+    return good;
+}
+
+void Connection::ProcessInput() {
+    for (;;) {
+        const Frame frame = LookForMessage();
+        if (frame == Frame::incomplete) return StartRead();
+        wire::Message message;
+        if (frame == Frame::malformed || !TakeMessage(message)) return Close("the peer sent what is not a message");
+
+        if (message.kind == wire::MessageKind::response) {
+            CompleteCall(message);
+            continue;
+        }
+        outstanding_.fetch_add(1);
+        const bool isRequest = message.kind == wire::MessageKind::request;
+        if (!isRequest && !QueueNotification(message)) {  // another thread runs it in its order
+            if (PauseIfFull()) return;
+            continue;
+        }
+        if (!PauseIfFull()) PassReadingTurn();
+        if (isRequest) {
+            owner_.OnCall(shared_from_this(), message);
+            Finished();
+        } else {
+            RunNotifications();
+        }
+        return;
+    }
+}
+
+void Connection::PassReadingTurn() {
+    if (LookForMessage() == Frame::incomplete) return StartRead();
+    PMutexHold hold(lock_);
+    if (!closed_) asio::post(socket_.get_executor(), [self = shared_from_this()] { self->ProcessInput(); });
+}
+
+// Puts the reading turn aside when enough calls are under way; true when the caller no longer holds it.
+bool Connection::PauseIfFull() {
+    if (outstanding_ < maxOutstandingCalls) return false;
+    paused_ = true;
+    // A call that finished in between has not seen the flag: take the turn back, unless somebody did.
+    return !(outstanding_ < maxOutstandingCalls && paused_.exchange(false));
+}
+
+// One call has been run and answered.
+void Connection::Finished() {
+    outstanding_.fetch_sub(1);
+    if (paused_ && paused_.exchange(false)) PassReadingTurn();
+}
+
+// --- Notifications -------------------------------------------------------------------------------------------------
+
+// True when the caller is to run what is queued.
+bool Connection::QueueNotification(wire::Message& message) {
+    PMutexHold hold(notificationLock_);
+    notifications_.push_back(std::move(message));
+    return !std::exchange(runningNotifications_, true);
+}
+
+void Connection::RunNotifications() {
+    for (;;) {
+        wire::Message message;
+        {
+            PMutexHold hold(notificationLock_);
+            if (notifications_.empty()) {
+                runningNotifications_ = false;
+                return;
+            }
+            message = std::move(notifications_.front());
+            notifications_.pop_front();
+        }
+        owner_.OnCall(shared_from_this(), message);
+        Finished();
+    }
+}
+
+// --- Writing -------------------------------------------------------------------------------------------------------
+
+Connection::Sent Connection::Send(std::string_view bytes) {
+    {
+        PMutexHold hold(lock_);
+        if (closed_) return Sent::closed;
+        const bool first = backlog_.empty();
+        if (first && WriteSome(bytes) && bytes.empty()) return Sent::sent;
+        if (backlog_.size() - backlogSent_ + bytes.size() <= maxBacklogBytes) {
+            backlog_.append(bytes);
+            if (first) {
+                StartWriteWait();
+                ArmStallTimer();
+            }
+            return Sent::queued;
+        }
+    }
+    CBBLog::warn(LibraryLogger(), "libkel: %s does not read its answers; disconnecting it", peer_.c_str());
+    Close("too many answers wait");
+    return Sent::closed;
+}
+
+// Writes what the system takes and cuts it off the front of `bytes`. An error is left to the next read to find.
+bool Connection::WriteSome(std::string_view& bytes) {
+    ssize_t written;
+    do written = ::send(descriptor_, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+    while (written < 0 && errno == EINTR);
+    if (written < 0) return errno == EAGAIN || errno == EWOULDBLOCK;
+    bytes.remove_prefix(static_cast<size_t>(written));
+    return true;
+}
+
+void Connection::StartWriteWait() {
+    socket_.async_wait(Socket::wait_write, [self = shared_from_this()](const boost::system::error_code& error) {
+        self->OnWritable(error);
+    });
+}
+
+void Connection::ArmStallTimer() {
+    stallTimer_.expires_after(maxStall);
+    stallTimer_.async_wait([weak = weak_from_this()](const boost::system::error_code& error) {
+        const ConnectionPtr self = weak.lock();
+        if (error || !self) return;
+        CBBLog::warn(LibraryLogger(), "libkel: %s took nothing for %lld s; disconnecting it", self->peer_.c_str(),
+                     static_cast<long long>(maxStall.count()));
+        self->Close("the peer does not read");
+    });
+}
+
+void Connection::OnWritable(const boost::system::error_code& error) {
+    if (error) return;
+    std::function<void()> drained;
+    {
+        PMutexHold hold(lock_);
+        if (closed_) return;
+        std::string_view rest(backlog_.data() + backlogSent_, backlog_.size() - backlogSent_);
+        const size_t before = rest.size();
+        if (!WriteSome(rest)) return;
+        backlogSent_ = backlog_.size() - rest.size();
+        if (!rest.empty()) {
+            if (rest.size() < before) ArmStallTimer();
+            StartWriteWait();
+            return;
+        }
+        backlog_ = std::string();
+        backlogSent_ = 0;
+        stallTimer_.cancel();
+        drained = std::exchange(onDrained_, nullptr);
+        onUndrained_ = nullptr;
+    }
+    if (drained) drained();
+}
+
+bool Connection::WhenDrained(std::function<void()> drained, std::function<void()> closed) {
+    PMutexHold hold(lock_);
+    if (closed_) return false;
+    if (backlog_.empty()) {
+        asio::post(socket_.get_executor(), std::move(drained));
+    } else {
+        onDrained_ = std::move(drained);
+        onUndrained_ = std::move(closed);
+    }
+    return true;
+}
+
+// --- Calls of this side --------------------------------------------------------------------------------------------
+
+Connection::Begun Connection::Call(std::string_view method, std::string_view caller, const tagVARIANT& in,
+                                   AnswerHandler handler, uint32_t* id) {
+    uint32_t call;
+    {
+        PMutexHold hold(callsLock_);
+        call = nextCall_++;
+    }
+    std::string bytes;
+    if (!wire::EncodeRequest(bytes, call, method, caller, in)) return Begun::tooLarge;
+    {
+        PMutexHold hold(callsLock_);
+        if (callsClosed_) return Begun::closed;
+        calls_.emplace(call, std::move(handler));
+    }
+    if (id) *id = call;
+    if (Send(bytes) == Sent::closed) {
+        PMutexHold hold(callsLock_);
+        if (calls_.erase(call) > 0) return Begun::closed;  // else LoseCalls has it
+    }
+    return Begun::begun;
+}
+
+void Connection::Abandon(uint32_t id) {
+    AnswerHandler forgotten;
+    PMutexHold hold(callsLock_);
+    const auto found = calls_.find(id);
+    if (found == calls_.end()) return;
+    forgotten = std::move(found->second);
+    calls_.erase(found);
+}
+
+void Connection::CompleteCall(wire::Message& answer) {
+    AnswerHandler handler;
+    {
+        PMutexHold hold(callsLock_);
+        const auto found = calls_.find(answer.id);
+        if (found == calls_.end()) return;
+        handler = std::move(found->second);
+        calls_.erase(found);
+    }
+    handler(answer.failed ? CallEnd::failed : CallEnd::answered, answer);
+}
+
+void Connection::LoseCalls() {
+    std::unordered_map<uint32_t, AnswerHandler> lost;
+    {
+        PMutexHold hold(callsLock_);
+        callsClosed_ = true;
+        lost.swap(calls_);
+    }
+    wire::Message nothing;
+    for (auto& [id, handler] : lost) handler(CallEnd::lost, nothing);
+}
+
+// --- Closing -------------------------------------------------------------------------------------------------------
+
+void Connection::Close(const char* reason) {
+    std::function<void()> undrained;
+    {
+        PMutexHold hold(lock_);
+        if (closed_.exchange(true)) return;
+        undrained = std::exchange(onUndrained_, nullptr);
+        onDrained_ = nullptr;
+        boost::system::error_code ignored;
+        socket_.shutdown(Socket::shutdown_both, ignored);
+        socket_.cancel(ignored);
+        stallTimer_.cancel();
+    }
+    if (CBBLog::isDebugEnabled())
+        CBBLog::debug(LibraryLogger(), "libkel: connection to %s closed: %s", peer_.c_str(), reason);
+    owner_.OnClosed(shared_from_this());
+    LoseCalls();
+    if (undrained) undrained();
+}
+
+}  // namespace kel::transport

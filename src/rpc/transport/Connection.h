@@ -1,0 +1,133 @@
+// One TCP connection between two endpoints, in either role. Connection.cc opens with how its threads take turns.
+#pragma once
+
+#include "foundation/Locks.h"
+#include "rpc/transport/Sockets.h"
+#include "rpc/wire/Framer.h"
+#include "rpc/wire/Message.h"
+
+#include <atomic>
+#include <chrono>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+
+namespace kel::transport {
+
+class Connection;
+using ConnectionPtr = std::shared_ptr<Connection>;
+
+constexpr int maxOutstandingCalls = 1024;                  // a connection; beyond them reading pauses
+constexpr size_t maxBacklogBytes = wire::maxMessageBytes;  // answers that the peer does not read
+constexpr std::chrono::seconds maxStall{30};               // without progress while a backlog waits
+
+// How a call that this side made ended.
+enum class CallEnd {
+    answered,  // the method ran: code and value
+    failed,    // an error answer: code and errorText
+    lost,      // the connection closed before the answer came; the message is empty
+};
+using AnswerHandler = std::function<void(CallEnd, wire::Message&)>;
+
+// What a connection needs of its endpoint; both members are called on worker threads, with no lock held.
+class ConnectionOwner {
+public:
+    virtual ~ConnectionOwner() = default;
+    // A request or a notification has arrived; returns when it has been run and, if it is a request, answered.
+    virtual void OnCall(const ConnectionPtr& connection, wire::Message& call) = 0;
+    virtual void OnClosed(const ConnectionPtr& connection) = 0;
+};
+
+// Held by shared pointers: by its owner, by the operations under way, and by each call that runs; the descriptor stays
+// open until the last of them lets go, so that a running method never sees another connection under its number. All
+// members may be called from any thread.
+class Connection : public std::enable_shared_from_this<Connection> {
+public:
+    // `peer` names the other side in log lines: "address:port".
+    Connection(Socket socket, ConnectionOwner& owner, std::string peer);
+
+    // Begins to read. Once, after construction.
+    void Start();
+
+    enum class Sent { sent, queued, closed };
+    // Hands the bytes of one message to the system, or queues what it does not take.
+    Sent Send(std::string_view bytes);
+
+    // Calls `drained` on a worker thread once nothing is queued any more, or `closed` when the connection ends before
+    // that. One pair at a time. False, and neither is called, when it has ended already.
+    bool WhenDrained(std::function<void()> drained, std::function<void()> closed);
+
+    enum class Begun { begun, tooLarge, closed };
+    // Sends a request; `handler` is called exactly once, on a worker thread, unless the result is not `begun` or the
+    // call is abandoned. `id`, when not null, receives what Abandon takes.
+    Begun Call(std::string_view method, std::string_view caller, const tagVARIANT& in, AnswerHandler handler,
+               uint32_t* id);
+    // Forgets a call: its answer is ignored.
+    void Abandon(uint32_t id);
+
+    // Ends the connection; calls under way are lost. `reason` goes to the log at debug level.
+    void Close(const char* reason);
+
+    int descriptor() const { return descriptor_; }
+    const std::string& peer() const { return peer_; }
+
+private:
+    struct ReadHandler;
+    enum class Frame { incomplete, complete, malformed };
+
+    void StartRead();
+    void OnRead(const boost::system::error_code& error, size_t size);
+    void MakeRoom();
+    void ProcessInput();
+    Frame LookForMessage();
+    bool TakeMessage(wire::Message& message);
+    void PassReadingTurn();
+    bool PauseIfFull();
+    void Finished();
+    bool QueueNotification(wire::Message& message);
+    void RunNotifications();
+    void CompleteCall(wire::Message& answer);
+    void LoseCalls();
+
+    void StartWriteWait() REQUIRES(lock_);
+    void OnWritable(const boost::system::error_code& error);
+    void ArmStallTimer() REQUIRES(lock_);
+    bool WriteSome(std::string_view& bytes) REQUIRES(lock_);
+
+    ConnectionOwner& owner_;
+    const std::string peer_;
+    int descriptor_;
+    std::atomic<bool> closed_{false};
+
+    // The reading turn's: touched only by the thread that holds it.
+    std::unique_ptr<char[]> input_;
+    size_t capacity_ = 0;
+    size_t begin_ = 0;
+    size_t end_ = 0;
+    wire::Framer framer_;
+
+    std::atomic<int> outstanding_{0};
+    std::atomic<bool> paused_{false};
+
+    PMutex notificationLock_;
+    std::deque<wire::Message> notifications_ GUARDED_BY(notificationLock_);
+    bool runningNotifications_ GUARDED_BY(notificationLock_) = false;
+
+    PMutex lock_;
+    Socket socket_ GUARDED_BY(lock_);
+    Timer stallTimer_ GUARDED_BY(lock_);
+    std::string backlog_ GUARDED_BY(lock_);
+    size_t backlogSent_ GUARDED_BY(lock_) = 0;
+    std::function<void()> onDrained_ GUARDED_BY(lock_);
+    std::function<void()> onUndrained_ GUARDED_BY(lock_);
+
+    PMutex callsLock_;
+    std::unordered_map<uint32_t, AnswerHandler> calls_ GUARDED_BY(callsLock_);
+    uint32_t nextCall_ GUARDED_BY(callsLock_) = 0;
+    bool callsClosed_ GUARDED_BY(callsLock_) = false;
+};
+
+}  // namespace kel::transport

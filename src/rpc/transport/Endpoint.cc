@@ -1,0 +1,98 @@
+#include "rpc/transport/Endpoint.h"
+
+namespace kel::transport {
+
+Endpoint::Endpoint(CallReceiver& receiver)
+    : receiver_(receiver),
+      listener_(pool_.io(), [this](Socket socket) { OnAccepted(std::move(socket)); }),
+      outbound_(pool_, [this](Socket socket, const std::string& peer) { return Adopt(std::move(socket), peer); }),
+      timer_(pool_.io().get_executor()) {}
+
+Endpoint::~Endpoint() { Close(); }
+
+void Endpoint::Start() { pool_.Start(); }
+
+ConnectionPtr Endpoint::Adopt(Socket socket, const std::string& peer) {
+    ConnectionOwner& owner = *this;
+    const auto connection = std::make_shared<Connection>(std::move(socket), owner, peer);
+    PMutexHold hold(lock_);
+    if (closed_) return nullptr;
+    connections_.insert(connection);
+    return connection;
+}
+
+void Endpoint::OnAccepted(Socket socket) {
+    boost::system::error_code gone;
+    const auto peer = socket.remote_endpoint(gone);
+    if (gone) return;
+    const std::string name = peer.address().to_string() + ":" + std::to_string(peer.port());
+    if (const ConnectionPtr connection = Adopt(std::move(socket), name)) connection->Start();
+}
+
+void Endpoint::OnClosed(const ConnectionPtr& connection) {
+    outbound_.Forget(connection);
+    PMutexHold hold(lock_);
+    connections_.erase(connection);
+}
+
+// Runs `code` as a method is run, unless the endpoint is quiescing.
+template <typename Code>
+void Endpoint::RunCounted(Code&& code) {
+    running_.fetch_add(1);
+    if (!quiescing_) {
+        const WorkerPool::DelegateScope scope(pool_);
+        code();
+    }
+    if (running_.fetch_sub(1) == 1 && quiescing_) {
+        PMutexHold hold(idle_);
+        idle_.broadcast();
+    }
+}
+
+void Endpoint::OnCall(const ConnectionPtr& connection, wire::Message& call) {
+    RunCounted([&] { receiver_.OnCall(connection, call); });
+}
+
+void Endpoint::Repeat(std::chrono::milliseconds period, std::function<void()> task) {
+    period_ = period;
+    task_ = std::move(task);
+    ArmTimer();
+}
+
+void Endpoint::ArmTimer() {
+    PMutexHold hold(timerLock_);
+    if (quiescing_) return;
+    timer_.expires_after(period_);
+    timer_.async_wait([this](const boost::system::error_code& cancelled) {
+        if (cancelled) return;
+        RunCounted([this] { task_(); });
+        ArmTimer();
+    });
+}
+
+void Endpoint::Quiesce() {
+    listener_.Close();
+    quiescing_ = true;
+    {
+        PMutexHold hold(timerLock_);
+        timer_.cancel();
+    }
+    PMutexHold hold(idle_);
+    while (running_ > 0) idle_.wait();
+}
+
+void Endpoint::Close() {
+    listener_.Close();
+    std::unordered_set<ConnectionPtr> connections;
+    {
+        PMutexHold hold(lock_);
+        if (closed_) return;
+        closed_ = true;
+        connections.swap(connections_);
+    }
+    for (const ConnectionPtr& connection : connections) connection->Close("this endpoint closes");
+    outbound_.Close();
+    pool_.Stop();
+}
+
+}  // namespace kel::transport

@@ -1,0 +1,78 @@
+// One endpoint of the library on the network: its threads, its listening port, its connections in both directions.
+#pragma once
+
+#include "foundation/Locks.h"
+#include "rpc/transport/Connection.h"
+#include "rpc/transport/Listener.h"
+#include "rpc/transport/Outbound.h"
+#include "rpc/transport/WorkerPool.h"
+
+#include <chrono>
+#include <functional>
+#include <unordered_set>
+
+namespace kel::transport {
+
+// Runs what arrives.
+class CallReceiver {
+public:
+    virtual ~CallReceiver() = default;
+    // On a worker thread, several at once: runs `call` and, when it is a request, sends the answer on `connection`.
+    virtual void OnCall(const ConnectionPtr& connection, wire::Message& call) = 0;
+};
+
+// Start, Listen, Quiesce and Close belong to the owner's thread; the rest may be called from any. `receiver` must
+// outlive the object.
+class Endpoint : private ConnectionOwner {
+public:
+    explicit Endpoint(CallReceiver& receiver);
+    ~Endpoint() override;
+
+    // Starts the threads; std::runtime_error when the system has none.
+    void Start();
+    // Opens the listening port; calls wait at the system's door until Accept.
+    boost::system::error_code Listen(const Address& at) { return listener_.Open(at); }
+    void Accept() { listener_.Start(); }
+    uint16_t port() const { return listener_.port(); }
+
+    Outbound& outbound() { return outbound_; }
+    bool OnWorker() const { return pool_.OnWorker(); }
+
+    // Runs `task` on a worker thread, as a method is run, `period` after this call and after each of its ends.
+    void Repeat(std::chrono::milliseconds period, std::function<void()> task);
+
+    // Stops accepting connections and running calls, and waits until those that run have ended. Their own calls to
+    // others still work.
+    void Quiesce();
+    // Ends all connections and threads. Final.
+    void Close();
+
+private:
+    void OnCall(const ConnectionPtr& connection, wire::Message& call) override;
+    void OnClosed(const ConnectionPtr& connection) override;
+    ConnectionPtr Adopt(Socket socket, const std::string& peer);
+    void OnAccepted(Socket socket);
+    template <typename Code>
+    void RunCounted(Code&& code);
+    void ArmTimer();
+
+    CallReceiver& receiver_;
+    WorkerPool pool_;
+    Listener listener_;
+    Outbound outbound_;
+
+    std::atomic<int> running_{0};
+    std::atomic<bool> quiescing_{false};
+    PCondMutex idle_;  // signalled when the last running call ends while quiescing
+
+    std::function<void()> task_;  // set once, before the timer runs
+    std::chrono::milliseconds period_{0};
+    PMutex timerLock_;
+    Timer timer_ GUARDED_BY(timerLock_);
+
+    PMutex lock_;
+    std::unordered_set<ConnectionPtr> connections_ GUARDED_BY(lock_);
+    bool closed_ GUARDED_BY(lock_) = false;
+};
+
+}  // namespace kel::transport

@@ -1,0 +1,39 @@
+// The listening port of an endpoint.
+#pragma once
+
+#include "foundation/Locks.h"
+#include "rpc/transport/Sockets.h"
+
+#include <functional>
+
+namespace kel::transport {
+
+// Accepts connections and gives each to `accepted` on a worker thread. When the system has no descriptor or memory for
+// one more, accepting pauses, says so once, and goes on by itself. Close may come from any thread.
+class Listener {
+public:
+    Listener(boost::asio::io_context& io, std::function<void(Socket)> accepted);
+
+    // Binds and listens; port 0 takes a free one. Nothing is accepted before Start.
+    boost::system::error_code Open(const Address& at);
+    void Start();
+    void Close();
+
+    // In host order; 0 while closed.
+    uint16_t port() const { return port_; }
+
+private:
+    void AcceptOne();
+    void OnAccepted(const boost::system::error_code& error, Socket socket);
+    void Pause(const boost::system::error_code& error);
+
+    std::function<void(Socket)> accepted_;
+    std::atomic<uint16_t> port_{0};
+    bool paused_ = false;  // touched only by the accept operation's handlers, one at a time
+
+    PMutex lock_;
+    Acceptor acceptor_ GUARDED_BY(lock_);
+    Timer retry_ GUARDED_BY(lock_);
+};
+
+}  // namespace kel::transport

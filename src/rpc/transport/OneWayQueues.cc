@@ -1,0 +1,120 @@
+#include "rpc/transport/OneWayQueues.h"
+
+#include "rpc/LibraryLog.h"
+
+#include <utility>
+
+namespace kel::transport {
+
+OneWayQueues::OneWayQueues(Outbound& outbound, AddressBook& addresses) : outbound_(outbound), addresses_(addresses) {}
+
+OneWayQueues::QueuePtr OneWayQueues::FindQueue(const std::string& satellite) {
+    PMutexHold hold(lock_);
+    QueuePtr& queue = queues_[satellite];
+    if (!queue) queue = std::make_shared<Queue>(satellite);
+    return queue;
+}
+
+void OneWayQueues::Post(const std::string& satellite, std::string bytes) {
+    const QueuePtr queue = FindQueue(satellite);
+    bool dropping = false;
+    {
+        PMutexHold hold(queue->lock);
+        if (queue->waiting.size() >= maxOneWayWaiting) {
+            queue->waiting.pop_front();
+            dropping = queue->dropped++ == 0;
+        }
+        queue->waiting.push_back(std::move(bytes));
+        if (std::exchange(queue->running, true)) {
+            if (!dropping) return;
+        }
+    }
+    if (dropping) {
+        CBBLog::warn(LibraryLogger(), "libkel: %zu one-way calls wait for %s; the oldest are dropped", maxOneWayWaiting,
+                     satellite.c_str());
+        return;  // there is a runner where so many wait
+    }
+    queue->retried = false;
+    Run(queue);
+}
+
+void OneWayQueues::Run(const QueuePtr& queue) {
+    if (const auto address = addresses_.Remembered(queue->satellite)) return RunAt(queue, *address);
+    addresses_.AskAsync(queue->satellite, [this, queue](const AddressBook::Entry& entry) {
+        if (entry.address) return RunAt(queue, *entry.address);
+        queue->retried = true;  // the directory has just been asked
+        Failed(queue, entry.problem);
+    });
+}
+
+void OneWayQueues::RunAt(const QueuePtr& queue, const Address& address) {
+    queue->address = address;
+    outbound_.WithConnection(address,
+                             [this, queue](const ConnectionPtr& connection, const boost::system::error_code& error) {
+                                 if (connection) return SendAll(queue, connection);
+                                 Failed(queue, queue->address.text() + ": " + error.message());
+                             });
+}
+
+void OneWayQueues::SendAll(const QueuePtr& queue, const ConnectionPtr& connection) {
+    std::string bytes;
+    while (TakeNext(*queue, bytes)) {
+        switch (connection->Send(bytes)) {
+            case Connection::Sent::sent:
+                queue->retried = false;
+                break;
+            case Connection::Sent::queued:
+                // The rest waits here, where it can be counted, until the peer has read this one.
+                if (connection->WhenDrained([this, queue, connection] { SendAll(queue, connection); },
+                                            [this, queue] { Failed(queue, "the connection closed"); })) {
+                    return;
+                }
+                return Failed(queue, "the connection closed");
+            case Connection::Sent::closed:
+                PutBack(*queue, std::move(bytes));
+                outbound_.Forget(connection);
+                return Failed(queue, "the connection closed");
+        }
+    }
+}
+
+// The next one to send; false when there is none, and the caller is no longer the runner.
+bool OneWayQueues::TakeNext(Queue& queue, std::string& bytes) {
+    size_t dropped = 0;
+    {
+        PMutexHold hold(queue.lock);
+        if (!queue.waiting.empty()) {
+            bytes = std::move(queue.waiting.front());
+            queue.waiting.pop_front();
+            return true;
+        }
+        queue.running = false;
+        dropped = std::exchange(queue.dropped, 0);
+    }
+    if (dropped > 0) {
+        CBBLog::warn(LibraryLogger(), "libkel: %s takes one-way calls again; %zu were dropped", queue.satellite.c_str(),
+                     dropped);
+    }
+    return false;
+}
+
+void OneWayQueues::PutBack(Queue& queue, std::string bytes) {
+    PMutexHold hold(queue.lock);
+    queue.waiting.push_front(std::move(bytes));
+}
+
+void OneWayQueues::Failed(const QueuePtr& queue, const std::string& problem) {
+    addresses_.Forget(queue->satellite, queue->address);
+    if (!std::exchange(queue->retried, true)) return Run(queue);
+    size_t dropped = 0;
+    {
+        PMutexHold hold(queue->lock);
+        dropped = queue->waiting.size() + std::exchange(queue->dropped, 0);
+        queue->waiting.clear();
+        queue->running = false;
+    }
+    CBBLog::warn(LibraryLogger(), "libkel: %zu one-way calls to %s are dropped: %s", dropped, queue->satellite.c_str(),
+                 problem.c_str());
+}
+
+}  // namespace kel::transport

@@ -1,0 +1,57 @@
+// One-way calls: queued for each satellite, sent in order, never waited for by the caller.
+#pragma once
+
+#include "rpc/transport/AddressBook.h"
+
+#include <deque>
+#include <map>
+#include <memory>
+#include <string>
+
+namespace kel::transport {
+
+constexpr size_t maxOneWayWaiting = 1024;  // for one satellite; beyond them the oldest is dropped with a warning
+
+// Each satellite has a queue, and at most one thread or operation at a time, the runner, takes from it: it finds the
+// address, waits for the connection and sends until the queue is empty. A satellite that hangs holds up its own queue
+// only: what the system does not take waits here. A failure is answered by asking the directory for the address once
+// more; if that fails too, what waits is dropped with a warning. Post may be called from any thread.
+class OneWayQueues {
+public:
+    OneWayQueues(Outbound& outbound, AddressBook& addresses);
+
+    // Queues the bytes of one notification for `satellite`.
+    void Post(const std::string& satellite, std::string bytes);
+
+private:
+    struct Queue {
+        explicit Queue(std::string name) : satellite(std::move(name)) {}
+
+        const std::string satellite;
+        PMutex lock;
+        std::deque<std::string> waiting GUARDED_BY(lock);
+        bool running GUARDED_BY(lock) = false;
+        size_t dropped GUARDED_BY(lock) = 0;  // since the queue was last empty
+
+        // The runner's.
+        bool retried = false;
+        Address address;
+    };
+    using QueuePtr = std::shared_ptr<Queue>;
+
+    QueuePtr FindQueue(const std::string& satellite);
+    void Run(const QueuePtr& queue);
+    void RunAt(const QueuePtr& queue, const Address& address);
+    void SendAll(const QueuePtr& queue, const ConnectionPtr& connection);
+    bool TakeNext(Queue& queue, std::string& bytes);
+    void PutBack(Queue& queue, std::string bytes);
+    void Failed(const QueuePtr& queue, const std::string& problem);
+
+    Outbound& outbound_;
+    AddressBook& addresses_;
+
+    PMutex lock_;
+    std::map<std::string, QueuePtr> queues_ GUARDED_BY(lock_);
+};
+
+}  // namespace kel::transport

@@ -1,0 +1,296 @@
+#include "rpc/transport/Outbound.h"
+
+#include <boost/asio/ip/basic_resolver.hpp>
+
+#include <condition_variable>
+#include <mutex>
+#include <optional>
+#include <utility>
+
+namespace kel::transport {
+
+namespace asio = boost::asio;
+using asio::ip::tcp;
+
+namespace {
+
+// One value that a thread waits for and another one brings. Waits on the monotonic clock: a wall clock that is set must
+// not end a call early.
+template <typename T>
+class Awaited {
+public:
+    void Bring(T value) {
+        {
+            const std::lock_guard<std::mutex> hold(mutex_);
+            value_ = std::move(value);
+        }
+        condition_.notify_one();
+    }
+
+    std::optional<T> Await(Deadline deadline) {
+        std::unique_lock<std::mutex> hold(mutex_);
+        condition_.wait_until(hold, deadline, [this] { return value_.has_value(); });
+        return std::exchange(value_, std::nullopt);
+    }
+
+private:
+    std::mutex mutex_;
+    std::condition_variable condition_;
+    std::optional<T> value_;
+};
+
+struct Answer {
+    CallEnd end;
+    wire::Message message;
+};
+
+void Settle(Outcome& outcome, CallEnd end, wire::Message& message, const std::string& peer) {
+    switch (end) {
+        case CallEnd::answered:
+            outcome.end = Outcome::End::answered;
+            break;
+        case CallEnd::failed:
+            outcome.end = Outcome::End::failed;
+            outcome.problem = message.errorText;
+            break;
+        case CallEnd::lost:
+            outcome.end = Outcome::End::lost;
+            outcome.problem = peer + " closed the connection before it answered";
+            break;
+    }
+    outcome.message = std::move(message);
+}
+
+}  // namespace
+
+// One attempt to connect. Kept alive by its operations.
+class Outbound::Attempt : public std::enable_shared_from_this<Attempt> {
+public:
+    Attempt(Outbound& outbound, const Address& to)
+        : outbound_(outbound),
+          to_(to),
+          socket_(outbound.pool_.io().get_executor()),
+          resolver_(outbound.pool_.io().get_executor()),
+          timer_(outbound.pool_.io().get_executor()) {}
+
+    void Start() {
+        PMutexHold hold(lock_);
+        timer_.expires_after(connectTimeout);
+        timer_.async_wait([self = shared_from_this()](const boost::system::error_code& error) {
+            if (!error) self->Finish(asio::error::timed_out);
+        });
+        boost::system::error_code notNumeric;
+        const auto address = asio::ip::make_address_v4(to_.host, notNumeric);
+        if (!notNumeric) return ConnectTo(tcp::endpoint(address, to_.port));
+        resolver_.async_resolve(
+            tcp::v4(), to_.host, std::to_string(to_.port),
+            [self = shared_from_this()](const boost::system::error_code& error, const auto& results) {
+                if (error || results.empty()) return self->Finish(error ? error : asio::error::host_not_found);
+                PMutexHold again(self->lock_);
+                if (!self->finished_) self->ConnectTo(results.begin()->endpoint());
+            });
+    }
+
+private:
+    using Resolver = asio::ip::basic_resolver<tcp, Executor>;
+
+    void ConnectTo(const tcp::endpoint& endpoint) REQUIRES(lock_) {
+        socket_.async_connect(
+            endpoint, [self = shared_from_this()](const boost::system::error_code& error) { self->Finish(error); });
+    }
+
+    void Finish(boost::system::error_code error) {
+        {
+            PMutexHold hold(lock_);
+            if (std::exchange(finished_, true)) return;
+            timer_.cancel();
+            resolver_.cancel();
+            if (error) {
+                boost::system::error_code ignored;
+                socket_.close(ignored);
+            }
+        }
+        outbound_.Connected(to_, error, error ? nullptr : &socket_);
+    }
+
+    Outbound& outbound_;
+    const Address to_;
+    PMutex lock_;
+    bool finished_ GUARDED_BY(lock_) = false;
+    Socket socket_;  // guarded by the lock until finished, the finisher's afterwards
+    Resolver resolver_ GUARDED_BY(lock_);
+    Timer timer_ GUARDED_BY(lock_);
+};
+
+Outbound::Outbound(WorkerPool& pool, Adopt adopt) : pool_(pool), adopt_(std::move(adopt)) {}
+
+void Outbound::WithConnection(const Address& to, ConnectHandler handler) {
+    ConnectionPtr connection;
+    bool first = false;
+    {
+        PMutexHold hold(lock_);
+        if (!closed_) {
+            Slot& slot = slots_[to];
+            connection = slot.connection;
+            if (!connection) {
+                first = slot.waiting.empty();
+                slot.waiting.push_back(std::move(handler));
+                handler = nullptr;
+            }
+        }
+    }
+    if (first) std::make_shared<Attempt>(*this, to)->Start();
+    if (handler) handler(connection, connection ? boost::system::error_code() : asio::error::operation_aborted);
+}
+
+void Outbound::Connected(const Address& to, const boost::system::error_code& error, Socket* socket) {
+    const ConnectionPtr connection = socket ? adopt_(std::move(*socket), to.text()) : nullptr;
+    std::vector<ConnectHandler> waiting;
+    {
+        PMutexHold hold(lock_);
+        const auto slot = slots_.find(to);
+        if (slot != slots_.end()) {
+            waiting.swap(slot->second.waiting);
+            slot->second.connection = connection;
+            if (connection) addresses_[connection.get()] = to;
+            else slots_.erase(slot);
+        }
+    }
+    if (connection) connection->Start();
+    const boost::system::error_code failure = connection ? error : error ? error : asio::error::operation_aborted;
+    for (const ConnectHandler& handler : waiting) handler(connection, failure);
+}
+
+// The connection for a call, waiting for it if need be; null with the outcome filled in.
+ConnectionPtr Outbound::Connect(const Address& to, Deadline deadline, Outcome& outcome) {
+    using Result = std::pair<ConnectionPtr, boost::system::error_code>;
+    const auto awaited = std::make_shared<Awaited<Result>>();
+    {
+        PMutexHold hold(lock_);
+        const auto slot = slots_.find(to);
+        if (slot != slots_.end() && slot->second.connection) {
+            outcome.reused = true;
+            return slot->second.connection;
+        }
+    }
+    outcome.reused = false;
+    WithConnection(to, [awaited](const ConnectionPtr& connection, const boost::system::error_code& error) {
+        awaited->Bring({connection, error});
+    });
+    pool_.AboutToBlock();
+    std::optional<Result> result = awaited->Await(deadline);
+    if (result && result->first) return result->first;
+    outcome.end = Outcome::End::unreachable;
+    outcome.problem =
+        to.text() + " cannot be reached: " + (result ? result->second.message() : "no connection in time");
+    return nullptr;
+}
+
+Outcome Outbound::Call(const Address& to, std::string_view method, std::string_view caller, const tagVARIANT& in,
+                       Deadline deadline) {
+    Outcome outcome;
+    for (;;) {
+        const ConnectionPtr connection = Connect(to, deadline, outcome);
+        if (!connection) return outcome;
+        const auto awaited = std::make_shared<Awaited<Answer>>();
+        uint32_t id = 0;
+        const auto begun = connection->Call(
+            method, caller, in,
+            [awaited](CallEnd end, wire::Message& message) {
+                awaited->Bring({end, std::move(message)});
+            },
+            &id);
+        if (begun == Connection::Begun::tooLarge) {
+            outcome.end = Outcome::End::tooLarge;
+            outcome.problem = "the parameters are too large or of a type that cannot travel";
+            return outcome;
+        }
+        if (begun == Connection::Begun::closed) {
+            Forget(connection);  // it closed while it was idle: nothing was sent
+            if (outcome.reused) continue;
+            outcome.problem = to.text() + " closed the connection at once";
+            return outcome;
+        }
+        pool_.AboutToBlock();
+        if (std::optional<Answer> answer = awaited->Await(deadline)) {
+            Settle(outcome, answer->end, answer->message, to.text());
+        } else {
+            connection->Abandon(id);
+            outcome.end = Outcome::End::noAnswer;
+            outcome.problem = to.text() + " did not answer in time";
+        }
+        return outcome;
+    }
+}
+
+void Outbound::CallAsync(const Address& to, std::string method, std::string caller, ScopedVariant in,
+                         std::chrono::milliseconds timeout, CallHandler handler) {
+    struct Pending {
+        Pending(WorkerPool& pool, CallHandler done) : handler(std::move(done)), timer(pool.io().get_executor()) {}
+
+        void Finish(Outcome& outcome) {
+            {
+                PMutexHold hold(lock);
+                if (std::exchange(finished, true)) return;
+                timer.cancel();
+            }
+            handler(outcome);
+        }
+
+        const CallHandler handler;
+        PMutex lock;
+        bool finished GUARDED_BY(lock) = false;
+        Timer timer GUARDED_BY(lock);
+    };
+    const auto pending = std::make_shared<Pending>(pool_, std::move(handler));
+    {
+        PMutexHold hold(pending->lock);
+        pending->timer.expires_after(timeout);
+        pending->timer.async_wait([pending, to](const boost::system::error_code& error) {
+            Outcome outcome;
+            outcome.end = Outcome::End::noAnswer;
+            outcome.problem = to.text() + " did not answer in time";
+            if (!error) pending->Finish(outcome);
+        });
+    }
+    const auto parameters = std::make_shared<ScopedVariant>(std::move(in));
+    WithConnection(to, [pending, parameters, method = std::move(method), caller = std::move(caller), to](
+                           const ConnectionPtr& connection, const boost::system::error_code& error) {
+        Outcome outcome;
+        outcome.problem = to.text() + " cannot be reached: " + error.message();
+        if (!connection) return pending->Finish(outcome);
+        const auto begun = connection->Call(
+            method, caller, *parameters,
+            [pending, to](CallEnd end, wire::Message& message) {
+                Outcome ended;
+                Settle(ended, end, message, to.text());
+                pending->Finish(ended);
+            },
+            nullptr);
+        if (begun != Connection::Begun::begun) pending->Finish(outcome);
+    });
+}
+
+void Outbound::Forget(const ConnectionPtr& connection) {
+    PMutexHold hold(lock_);
+    const auto address = addresses_.find(connection.get());
+    if (address == addresses_.end()) return;
+    const auto slot = slots_.find(address->second);
+    if (slot != slots_.end() && slot->second.connection == connection) slots_.erase(slot);
+    addresses_.erase(address);
+}
+
+void Outbound::Close() {
+    std::map<Address, Slot> slots;
+    {
+        PMutexHold hold(lock_);
+        closed_ = true;
+        slots.swap(slots_);
+        addresses_.clear();
+    }
+    for (const auto& [address, slot] : slots) {
+        for (const ConnectHandler& handler : slot.waiting) handler(nullptr, asio::error::operation_aborted);
+    }
+}
+
+}  // namespace kel::transport

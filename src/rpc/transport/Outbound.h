@@ -1,0 +1,80 @@
+// Calls to other endpoints, over one connection for each that is kept and reused.
+#pragma once
+
+#include "foundation/Locks.h"
+#include "rpc/transport/Connection.h"
+#include "rpc/transport/WorkerPool.h"
+
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace kel::transport {
+
+constexpr std::chrono::seconds connectTimeout{10};
+
+// How a call ended, and what came back.
+struct Outcome {
+    enum class End {
+        answered,     // message.code and message.value
+        failed,       // an error answer: message.code and message.errorText
+        unreachable,  // no connection: nothing was sent
+        lost,         // the connection closed after the call was sent and before its answer came
+        noAnswer,     // the deadline passed
+        tooLarge,     // the parameters have no wire form within the limits
+    };
+    End end = End::unreachable;
+    wire::Message message;
+    std::string problem;  // for people: what went wrong, empty when answered
+    bool reused = false;  // the connection was there before the call
+};
+
+// Any thread. Handlers run on worker threads with no lock held, or in the calling thread when nothing has to be waited
+// for. The pool must have stopped before the object goes.
+class Outbound {
+public:
+    using ConnectHandler = std::function<void(const ConnectionPtr& connection, const boost::system::error_code& error)>;
+    using CallHandler = std::function<void(Outcome& outcome)>;
+    // Makes a connection of a connected socket and starts it.
+    using Adopt = std::function<ConnectionPtr(Socket socket, const std::string& peer)>;
+
+    Outbound(WorkerPool& pool, Adopt adopt);
+
+    // The connection to `to`, connecting first when there is none; null with an error when that fails.
+    void WithConnection(const Address& to, ConnectHandler handler);
+
+    // Calls and waits for the answer until `deadline`, connecting included.
+    Outcome Call(const Address& to, std::string_view method, std::string_view caller, const tagVARIANT& in,
+                 Deadline deadline);
+
+    // Calls without waiting; the handler is called exactly once, at the latest after `timeout`.
+    void CallAsync(const Address& to, std::string method, std::string caller, ScopedVariant in,
+                   std::chrono::milliseconds timeout, CallHandler handler);
+
+    // A connection has closed: the next call makes a new one.
+    void Forget(const ConnectionPtr& connection);
+
+    // Refuses further connections and gives up those being made.
+    void Close();
+
+private:
+    struct Slot {
+        ConnectionPtr connection;
+        std::vector<ConnectHandler> waiting;
+    };
+    class Attempt;
+
+    void Connected(const Address& to, const boost::system::error_code& error, Socket* socket);
+    ConnectionPtr Connect(const Address& to, Deadline deadline, Outcome& outcome);
+
+    WorkerPool& pool_;
+    const Adopt adopt_;
+
+    PMutex lock_;
+    std::map<Address, Slot> slots_ GUARDED_BY(lock_);
+    std::map<const Connection*, Address> addresses_ GUARDED_BY(lock_);
+    bool closed_ GUARDED_BY(lock_) = false;
+};
+
+}  // namespace kel::transport

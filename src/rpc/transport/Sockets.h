@@ -1,0 +1,39 @@
+// The socket types of the transport. They are bound to the io_context's own executor, not to a type-erased one, so that
+// a completion costs no indirection.
+#pragma once
+
+#include <boost/asio/basic_socket_acceptor.hpp>
+#include <boost/asio/basic_stream_socket.hpp>
+#include <boost/asio/basic_waitable_timer.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+
+#include <fcntl.h>
+
+#include <chrono>
+#include <compare>
+#include <cstdint>
+#include <string>
+
+namespace kel::transport {
+
+using Executor = boost::asio::io_context::executor_type;
+using Socket = boost::asio::basic_stream_socket<boost::asio::ip::tcp, Executor>;
+using Acceptor = boost::asio::basic_socket_acceptor<boost::asio::ip::tcp, Executor>;
+using Timer = boost::asio::basic_waitable_timer<std::chrono::steady_clock,
+                                                boost::asio::wait_traits<std::chrono::steady_clock>, Executor>;
+using Deadline = std::chrono::steady_clock::time_point;
+
+// Where an endpoint listens: a name or a dotted address, and a port in host order.
+struct Address {
+    std::string host;
+    uint16_t port = 0;
+
+    auto operator<=>(const Address&) const = default;
+    std::string text() const { return host + ":" + std::to_string(port); }
+};
+
+// Programs that this process starts do not get the descriptor.
+inline void CloseOnExec(int descriptor) { ::fcntl(descriptor, F_SETFD, FD_CLOEXEC); }
+
+}  // namespace kel::transport

@@ -1,0 +1,85 @@
+// The threads of an endpoint. WorkerPool.cc opens with how they share the work.
+#pragma once
+
+#include "foundation/Locks.h"
+#include "foundation/Thread.h"
+
+#include <boost/asio/executor_work_guard.hpp>
+#include <boost/asio/io_context.hpp>
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+namespace kel::transport {
+
+// Runs an io_context on as few threads as keep it moving, and starts more when they block. Start and Stop belong to the
+// owner's thread; everything else may be called from any thread.
+class WorkerPool {
+public:
+    static constexpr size_t maxThreads = 512;
+
+    WorkerPool();
+    ~WorkerPool();
+
+    boost::asio::io_context& io() { return io_; }
+
+    // Starts the first thread; std::runtime_error when the system has none to give.
+    void Start();
+    // Ends all threads when the handlers that they run have returned. Handlers that still wait are never run. Final.
+    void Stop();
+    // Whether the calling thread is one of this pool's.
+    bool OnWorker() const;
+
+private:
+    struct Worker;
+
+public:
+    // Marks code that is not the library's, which may take its time: a published method. A worker that is found inside
+    // the same scope for a whole tick of the monitor no longer counts, and another thread goes on in its place.
+    class DelegateScope {
+    public:
+        explicit DelegateScope(WorkerPool& pool);
+        ~DelegateScope();
+        DelegateScope(const DelegateScope&) = delete;
+        DelegateScope& operator=(const DelegateScope&) = delete;
+
+    private:
+        WorkerPool& pool_;
+        Worker* worker_;
+    };
+
+    // Says that the calling thread is about to wait for something that the pool's other threads must bring about, so
+    // that no time is lost until the monitor finds out. Ends with the enclosing DelegateScope.
+    void AboutToBlock();
+
+private:
+    unsigned int WorkerMain(void* worker);
+    unsigned int MonitorMain(void*);
+    bool Park(Worker& worker);
+    void GiveUp(Worker& worker);
+    void Rejoin(Worker& worker);
+    bool Inspect();
+    void JoinEnded();
+    void WakeMonitor();
+    void SleepUntilWork();
+    void PromoteOne() REQUIRES(lock_);
+    bool StartWorker() REQUIRES(lock_);
+
+    boost::asio::io_context io_;
+    boost::asio::executor_work_guard<boost::asio::io_context::executor_type> work_;
+    std::atomic<bool> stopping_{false};
+
+    PMutex lock_;
+    std::vector<std::unique_ptr<Worker>> workers_ GUARDED_BY(lock_);
+    std::vector<Worker*> parked_ GUARDED_BY(lock_);
+    int active_ GUARDED_BY(lock_) = 0;  // workers that run, or are about to run, the io_context
+    bool complained_ GUARDED_BY(lock_) = false;
+
+    PCondMutex monitorLock_;
+    std::atomic<bool> monitorAsleep_{false};
+    std::unique_ptr<PThread> monitor_;
+};
+
+}  // namespace kel::transport

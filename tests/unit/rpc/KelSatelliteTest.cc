@@ -1,0 +1,343 @@
+#include "rpc/KelSatellite.h"
+
+#include "foundation/Registry.h"
+#include "rpc/VUtil.h"
+#include "support/TempRoot.h"
+
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <future>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <thread>
+
+namespace {
+
+using Handler = std::function<int(const char*, const tagVARIANT&, tagVARIANT*)>;
+
+class FunctionDelegate : public KelSatelliteDelegateGeneric {
+public:
+    explicit FunctionDelegate(Handler handler) : handler_(std::move(handler)) {}
+    int Invoke(const char* caller, const tagVARIANT& in, tagVARIANT* out) override { return handler_(caller, in, out); }
+
+private:
+    Handler handler_;
+};
+
+void Publish(KelSatellite& satellite, const char* name, Handler handler) {
+    satellite.AddService(name, "", new FunctionDelegate(std::move(handler)));
+}
+
+bool Eventually(const std::function<bool()>& condition) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return true;
+}
+
+int FreePort() {
+    const int socket = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof address;
+    ::bind(socket, reinterpret_cast<sockaddr*>(&address), size);
+    ::getsockname(socket, reinterpret_cast<sockaddr*>(&address), &size);
+    ::close(socket);
+    return ntohs(address.sin_port);
+}
+
+// As much of a directory as the library needs of one.
+class Directory : public KelSatellite {
+public:
+    ~Directory() override { Disconnect(); }
+
+    void CreateServices() override {
+        Publish(*this, "Register",
+                [this](const char*, const tagVARIANT& in, tagVARIANT* out) { return Register(in, out); });
+        Publish(*this, "RemoveSatellite", [this](const char*, const tagVARIANT& in, tagVARIANT*) {
+            const std::lock_guard<std::mutex> hold(mutex);
+            known.erase(VUtil::GetStringElement(in, 0));
+            return 0;
+        });
+        Publish(*this, "GetSatelliteId", [this](const char*, const tagVARIANT& in, tagVARIANT* out) {
+            const std::lock_guard<std::mutex> hold(mutex);
+            const auto found = known.find(in.bstrVal);
+            if (found == known.end()) return 0x40002;
+            *out = MakeInt(found->second.id).release();
+            return 0;
+        });
+        Publish(*this, "GetSatelliteHost", [this](const char*, const tagVARIANT& in, tagVARIANT* out) {
+            const std::lock_guard<std::mutex> hold(mutex);
+            ++lookups;
+            const auto found = known.find(in.bstrVal);
+            if (found == known.end()) return 0x4000a;
+            VUtil::CreateArray(*out, VT_VARIANT, 2);
+            VUtil::PutElement(*out, 0, "127.0.0.1");
+            VUtil::PutElement(*out, 1, static_cast<int>(found->second.port));
+            return 0;
+        });
+    }
+
+    int IdOf(const std::string& name) {
+        const std::lock_guard<std::mutex> hold(mutex);
+        return known.count(name) ? known[name].id : 0;
+    }
+
+    struct Entry {
+        int id;
+        unsigned short port;
+        int services;
+    };
+    std::mutex mutex;
+    std::map<std::string, Entry> known;
+    int lastId = 0;
+    std::atomic<int> lookups{0};
+
+private:
+    int Register(const tagVARIANT& in, tagVARIANT* out) {
+        const std::lock_guard<std::mutex> hold(mutex);
+        Entry& entry = known[VUtil::GetStringElement(in, 0)];
+        if (entry.id == 0 || entry.id != VUtil::GetIntElement(in, 4)) entry.id = ++lastId;
+        entry.port = VUtil::GetUnsignedShortElement(in, 2);
+        entry.services = VUtil::GetIntElement(in, 5);
+        VUtil::CreateArray(*out, VT_VARIANT, 2);
+        VUtil::PutElement(*out, 0, "0123456789abcdef");
+        VUtil::PutElement(*out, 1, entry.id);
+        return 0;
+    }
+};
+
+class ALibrary : public testing::Test {
+protected:
+    ALibrary() {
+        CRegistry::getInstance()->WriteSettingImpl("Software\\Tessaly\\Yar\\Config", "kel.directoryPort", FreePort());
+    }
+
+    TempRoot root;
+};
+
+class ASatellite : public ALibrary {
+protected:
+    void SetUp() override { ASSERT_EQ(directory.Connect("127.0.0.1", "MainRegister"), 0); }
+
+    Directory directory;
+};
+
+}  // namespace
+
+TEST_F(ALibrary, SaysThatNoDirectoryAnswers) {
+    KelSatellite satellite;
+    EXPECT_EQ(satellite.Connect("127.0.0.1", "Player"), KEL_UNREACHABLE);
+    EXPECT_EQ(satellite.ConnectUser("127.0.0.1", "Somebody"), KEL_UNREACHABLE);
+    ScopedVariant nothing, out, extra;
+    EXPECT_EQ(satellite.Request("Recorder", "Schedule", nothing, &out, KELFLAG_WAIT, &extra), KEL_NOT_CONNECTED);
+    EXPECT_THROW(satellite.Connect("127.0.0.1:five", "Player"), KelInvalidParameterException);
+    EXPECT_THROW(satellite.Connect("127.0.0.1", ""), KelInvalidParameterException);
+}
+
+TEST_F(ALibrary, TellsALivingDirectoryOnThePortFromAnotherProgram) {
+    Directory first;
+    ASSERT_EQ(first.Connect("127.0.0.1", "MainRegister"), 0);
+    Directory second;
+    EXPECT_EQ(second.Connect("127.0.0.1", "MainRegister"), KEL_ALREADY_REGISTERED);
+    first.Disconnect();
+    EXPECT_EQ(second.Connect("127.0.0.1", "MainRegister"), 0) << "the port is free again at once";
+    second.Disconnect();
+
+    const int other = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    socklen_t size = sizeof address;
+    ASSERT_EQ(::bind(other, reinterpret_cast<sockaddr*>(&address), size), 0);
+    ASSERT_EQ(::getsockname(other, reinterpret_cast<sockaddr*>(&address), &size), 0);
+    CRegistry::getInstance()->WriteSettingImpl("Software\\Tessaly\\Yar\\Config", "kel.directoryPort",
+                                               ntohs(address.sin_port));
+    EXPECT_EQ(second.Connect("127.0.0.1", "MainRegister"), KEL_PORT_IN_USE);
+    ::close(other);
+}
+
+TEST_F(ASatellite, IsCalledByNameAndAnswersWithItsResult) {
+    KelSatellite recorder;
+    std::string caller;
+    Publish(recorder, "Echo", [&](const char* from, const tagVARIANT& in, tagVARIANT* out) {
+        caller = from;
+        VariantCopy(out, &in);
+        return 7;
+    });
+    ASSERT_EQ(recorder.Connect("127.0.0.1", "Recorder"), 0);
+    EXPECT_EQ(directory.known["Recorder"].services, 1);
+
+    KelSatellite player;
+    ASSERT_EQ(player.ConnectUser("127.0.0.1", "Somebody"), 0);
+    ScopedVariant out, extra;
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(player.Request("Recorder", "Echo", MakeString("text"), &out, KELFLAG_WAIT, &extra), 7);
+        EXPECT_STREQ(out.bstrVal, "text");
+    }
+    EXPECT_EQ(caller, "Somebody");
+    EXPECT_EQ(directory.lookups, 1) << "the address is asked for once";
+    EXPECT_EQ(player.Request("Nobody", "Echo", out, nullptr, KELFLAG_WAIT, &extra), 0x4000a);
+    EXPECT_EQ(extra.vt, VT_BSTR);
+    EXPECT_EQ(player.getSatellitePort(), 0);
+
+    recorder.Disconnect();
+    EXPECT_EQ(directory.IdOf("Recorder"), 0) << "it left the directory";
+    EXPECT_EQ(player.Request("Recorder", "Echo", out, nullptr, KELFLAG_WAIT, nullptr), 0x4000a);
+}
+
+TEST_F(ASatellite, SendsExceptionsOfItsMethodsToTheCaller) {
+    KelSatellite recorder;
+    Publish(recorder, "Misuse",
+            [](const char*, const tagVARIANT& in, tagVARIANT*) { return VUtil::GetArrayLength(in); });
+    Publish(recorder, "Fail",
+            [](const char*, const tagVARIANT&, tagVARIANT*) -> int { throw std::runtime_error("boom"); });
+    Publish(recorder, "Unsendable", [](const char*, const tagVARIANT&, tagVARIANT* out) {
+        out->vt = 0x1fff;
+        return 0;
+    });
+    ASSERT_EQ(recorder.Connect("127.0.0.1", "Recorder"), 0);
+    const auto failure = [&](const char* method) {
+        try {
+            ScopedVariant nothing;
+            directory.Request("Recorder", method, nothing, nullptr, KELFLAG_WAIT, nullptr);
+        } catch (const KelException& error) {
+            return std::to_string(error.GetCode()) + " " + error.GetMessage();
+        }
+        return std::string("no exception");
+    };
+    EXPECT_EQ(failure("Misuse"), "1 Variant passed to VUtil::GetArrayLength is not an array");
+    EXPECT_EQ(failure("Fail"), "131077 boom");
+    EXPECT_EQ(failure("Nothing"), "131076 unknown method Nothing");
+    EXPECT_EQ(failure("Unsendable").substr(0, 6), "131077");
+}
+
+TEST_F(ASatellite, ServesACallThatItsOwnCallWaitsFor) {
+    KelSatellite recorder;
+    Publish(recorder, "Ask", [&](const char* caller, const tagVARIANT& in, tagVARIANT* out) {
+        return in.lVal == 0 ? 42 : recorder.Request(caller, "Back", MakeInt(in.lVal - 1), out, KELFLAG_WAIT, nullptr);
+    });
+    ASSERT_EQ(recorder.Connect("127.0.0.1", "Recorder"), 0);
+    KelSatellite player;
+    Publish(player, "Back", [&](const char* caller, const tagVARIANT& in, tagVARIANT* out) {
+        return player.Request(caller, "Ask", in, out, KELFLAG_WAIT, nullptr);
+    });
+    ASSERT_EQ(player.Connect("127.0.0.1", "Player"), 0);
+    EXPECT_EQ(player.Request("Recorder", "Ask", MakeInt(20), nullptr, KELFLAG_WAIT, nullptr), 42);
+}
+
+TEST_F(ASatellite, ReceivesOneWayCallsInOrderHoweverLongEachTakes) {
+    KelSatellite recorder;
+    std::vector<int> seen;
+    std::atomic<int> count{0};
+    Publish(recorder, "Note", [&](const char*, const tagVARIANT& in, tagVARIANT*) {
+        if (in.lVal % 100 == 0) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        seen.push_back(in.lVal);
+        ++count;
+        return 0;
+    });
+    ASSERT_EQ(recorder.Connect("127.0.0.1", "Recorder"), 0);
+    for (int i = 0; i < 500; ++i) {
+        ASSERT_EQ(directory.Request("Recorder", "Note", MakeInt(i), nullptr, KELFLAG_ONE_WAY, nullptr), 0);
+    }
+    ASSERT_TRUE(Eventually([&] { return count == 500; }));
+    for (int i = 0; i < 500; ++i) EXPECT_EQ(seen[i], i);
+    EXPECT_EQ(directory.Request("Nobody", "Note", MakeInt(1), nullptr, KELFLAG_ONE_WAY, nullptr), 0);
+}
+
+TEST_F(ASatellite, FindsASatelliteThatMovedToAnotherPort) {
+    auto recorder = std::make_unique<KelSatellite>();
+    const Handler answer = [](const char*, const tagVARIANT&, tagVARIANT*) { return 5; };
+    Publish(*recorder, "Ask", answer);
+    ASSERT_EQ(recorder->Connect("127.0.0.1", "Recorder"), 0);
+    ScopedVariant nothing;
+    ASSERT_EQ(directory.Request("Recorder", "Ask", nothing, nullptr, KELFLAG_WAIT, nullptr), 5);
+    recorder = std::make_unique<KelSatellite>();
+    Publish(*recorder, "Ask", answer);
+    ASSERT_EQ(recorder->Connect("127.0.0.1", "Recorder"), 0);
+    EXPECT_EQ(directory.Request("Recorder", "Ask", nothing, nullptr, KELFLAG_WAIT, nullptr), 5);
+}
+
+TEST_F(ASatellite, IsPingedByNameAndId) {
+    KelSatellite recorder;
+    ASSERT_EQ(recorder.Connect("127.0.0.1", "Recorder"), 0);
+    const unsigned short port = recorder.getSatellitePort();
+    int id = 0;
+    ASSERT_EQ(recorder.GetSatelliteId(&id), 0);
+    KELSTATUS status = 5;
+    EXPECT_GE(directory.DirectoryPingSatellite("recorder", "127.0.0.1", port, id, &status), 0);
+    EXPECT_EQ(status, KELSTATUS_ALIVE);
+    EXPECT_GE(directory.DirectoryPingSatellite("Recorder", "127.0.0.1", port, id + 1, &status), 0);
+    EXPECT_EQ(status, KELSTATUS_GONE);
+    EXPECT_GE(directory.DirectoryPingSatellite("Other", "127.0.0.1", port, id, &status), 0);
+    EXPECT_EQ(status, KELSTATUS_GONE);
+    recorder.Disconnect();
+    EXPECT_LT(directory.DirectoryPingSatellite("Recorder", "127.0.0.1", port, id, &status), 0);
+    EXPECT_EQ(recorder.GetSatelliteId(&id), KEL_NOT_CONNECTED);
+}
+
+TEST_F(ASatellite, LetsRunningMethodsFinishBeforeItsEndpointGoes) {
+    std::promise<void> entered, mayLeave;
+    std::atomic<bool> left{false};
+    auto recorder = std::make_unique<KelSatellite>();
+    Publish(*recorder, "Slow", [&](const char*, const tagVARIANT&, tagVARIANT*) {
+        entered.set_value();
+        mayLeave.get_future().wait();
+        left = true;
+        return 3;
+    });
+    ASSERT_EQ(recorder->Connect("127.0.0.1", "Recorder"), 0);
+    auto call = std::async(std::launch::async, [&] {
+        ScopedVariant nothing;
+        return directory.Request("Recorder", "Slow", nothing, nullptr, KELFLAG_WAIT, nullptr);
+    });
+    entered.get_future().wait();
+    auto ending = std::async(std::launch::async, [&] { recorder.reset(); });
+    EXPECT_TRUE(Eventually([&] { return directory.IdOf("Recorder") == 0; }));
+    EXPECT_NE(ending.wait_for(std::chrono::milliseconds(50)), std::future_status::ready);
+    mayLeave.set_value();
+    ending.wait();
+    EXPECT_TRUE(left);
+    EXPECT_EQ(call.get(), 3) << "the answer still leaves";
+}
+
+TEST_F(ASatellite, RegistersAgainWhenTheDirectoryForgotIt) {
+    class Watched : public KelSatellite {
+    public:
+        ~Watched() override { Disconnect(); }
+        void CreateServices() override {
+            Publish(*this, "Ask", [](const char*, const tagVARIANT&, tagVARIANT*) { return 0; });
+        }
+        void OnStatusChange(int satId, KELSTATUS status) override {
+            const std::lock_guard<std::mutex> hold(mutex);
+            changes.emplace_back(satId, status);
+        }
+        std::mutex mutex;
+        std::vector<std::pair<int, KELSTATUS>> changes;
+    } recorder;
+    ASSERT_EQ(recorder.Connect("127.0.0.1", "Recorder"), 0);
+    const int before = directory.IdOf("Recorder");
+    {
+        const std::lock_guard<std::mutex> hold(directory.mutex);
+        directory.known.erase("Recorder");
+    }
+    ASSERT_TRUE(Eventually([&] { return directory.IdOf("Recorder") > before; }));
+    EXPECT_EQ(directory.known["Recorder"].services, 1);
+    ASSERT_TRUE(Eventually([&] {
+        const std::lock_guard<std::mutex> hold(recorder.mutex);
+        return recorder.changes.size() == 2;
+    }));
+    EXPECT_EQ(recorder.changes[0], std::make_pair(before, KELSTATUS_GONE));
+    EXPECT_EQ(recorder.changes[1], std::make_pair(directory.IdOf("Recorder"), KELSTATUS_ALIVE));
+}
