@@ -11,8 +11,8 @@ namespace kel::wire {
 
 // Decodes the one message that data[0..size) holds, all of it (the Framer tells the size). False when it is malformed:
 // wrong shape, a map, an unknown ext type, a payload of a wrong size, text with a NUL in it, over a limit; `message` is
-// then unspecified but valid. Also false when there is no memory for a value. Any bytes are safe, those that no Framer has
-// seen too.
+// then unspecified but valid. Also false when there is no memory for a value. Any bytes are safe, those that no Framer
+// has seen too.
 [[nodiscard]] bool Decode(const char* data, size_t size, Message& message);
 
 // Each appends one message to `out`. False, with `out` as it was, when the message would be over a limit or holds what

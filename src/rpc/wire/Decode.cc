@@ -123,10 +123,16 @@ public:
 
     bool visit_nil() {
         switch (expected_) {
-            case Expected::error: message_.failed = false; return Expect(Expected::result);
-            case Expected::noResult: return Expect(Expected::nothing);
-            case Expected::value: NextValue(); return ValueTaken();
-            default: return false;
+            case Expected::error:
+                message_.failed = false;
+                return Expect(Expected::result);
+            case Expected::noResult:
+                return Expect(Expected::nothing);
+            case Expected::value:
+                NextValue();
+                return ValueTaken();
+            default:
+                return false;
         }
     }
 
@@ -140,10 +146,14 @@ public:
 
     bool visit_positive_integer(uint64_t number) {
         switch (expected_) {
-            case Expected::kind: return TakeKind(number);
-            case Expected::id: return TakeId(number);
-            case Expected::value: break;
-            default: return number <= std::numeric_limits<int32_t>::max() && TakeCode(static_cast<int32_t>(number));
+            case Expected::kind:
+                return TakeKind(number);
+            case Expected::id:
+                return TakeId(number);
+            case Expected::value:
+                break;
+            default:
+                return number <= std::numeric_limits<int32_t>::max() && TakeCode(static_cast<int32_t>(number));
         }
         if (number <= std::numeric_limits<int64_t>::max()) return TakeInteger(static_cast<int64_t>(number));
         tagVARIANT& v = NextValue();
@@ -178,11 +188,16 @@ public:
     bool visit_str(const char* text, uint32_t size) {
         if (!Spend(size)) return false;
         switch (expected_) {
-            case Expected::method: return AssignText(message_.method, text, size) && Expect(Expected::parameters);
-            case Expected::caller: return AssignText(message_.caller, text, size) && Expect(Expected::value);
-            case Expected::errorText: return AssignText(message_.errorText, text, size) && Expect(Expected::noResult);
-            case Expected::value: break;
-            default: return false;
+            case Expected::method:
+                return AssignText(message_.method, text, size) && Expect(Expected::parameters);
+            case Expected::caller:
+                return AssignText(message_.caller, text, size) && Expect(Expected::value);
+            case Expected::errorText:
+                return AssignText(message_.errorText, text, size) && Expect(Expected::noResult);
+            case Expected::value:
+                break;
+            default:
+                return false;
         }
         if (!IsText(text, size)) return false;
         tagVARIANT& v = NextValue();
@@ -202,18 +217,26 @@ public:
 
     bool visit_ext(const char* typeAndPayload, uint32_t size) {
         if (expected_ != Expected::value || !Spend(size)) return false;
-        const int type = static_cast<int8_t>(typeAndPayload[0]);
+        const int type = static_cast<uint8_t>(typeAndPayload[0]);  // no type of ours is negative
         return DecodeExt(type, typeAndPayload + 1, size - 1, NextValue()) && ValueTaken();
     }
 
     bool start_array(uint32_t count) {
         switch (expected_) {
-            case Expected::message: parts_ = count; return Expect(Expected::kind);
-            case Expected::parameters: return count == 2 && Expect(Expected::caller);
-            case Expected::error: message_.failed = true; return count == 2 && Expect(Expected::errorCode);
-            case Expected::result: return count == 2 && Expect(Expected::resultCode);
-            case Expected::value: return OpenArray(count);
-            default: return false;
+            case Expected::message:
+                parts_ = count;
+                return Expect(Expected::kind);
+            case Expected::parameters:
+                return count == 2 && Expect(Expected::caller);
+            case Expected::error:
+                message_.failed = true;
+                return count == 2 && Expect(Expected::errorCode);
+            case Expected::result:
+                return count == 2 && Expect(Expected::resultCode);
+            case Expected::value:
+                return OpenArray(count);
+            default:
+                return false;
         }
     }
 
@@ -223,10 +246,20 @@ public:
 
 private:
     enum class Expected {
-        message, kind, id,
-        method, parameters, caller,                                 // requests and notifications
-        error, errorCode, errorText, noResult, result, resultCode,  // responses
-        value, nothing
+        message,
+        kind,
+        id,
+        method,
+        parameters,
+        caller,  // requests and notifications
+        error,
+        errorCode,
+        errorText,
+        noResult,
+        result,
+        resultCode,  // responses
+        value,
+        nothing
     };
 
     bool Expect(Expected next) {

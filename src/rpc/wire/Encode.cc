@@ -101,13 +101,23 @@ bool Encoder::Text(std::string_view text) {
 // `depth`: the arrays of the variant that are open around `v`.
 bool Encoder::Value(const tagVARIANT& v, unsigned depth) {
     switch (v.vt) {
-        case VT_EMPTY: packer_.pack_nil(); return true;
-        case VT_BOOL: v.boolVal != VARIANT_FALSE ? packer_.pack_true() : packer_.pack_false(); return true;
-        case VT_I4: packer_.pack_int32(v.lVal); return true;
-        case VT_R4: return Float('\xca', reinterpret_cast<const char*>(&v.fltVal), sizeof(v.fltVal));
-        case VT_R8: return Float('\xcb', reinterpret_cast<const char*>(&v.dblVal), sizeof(v.dblVal));
-        case VT_BSTR: return Text(TextOf(v.bstrVal));
-        default: return (v.vt & VT_ARRAY) != 0 ? Array(v, depth) : Scalar(v);
+        case VT_EMPTY:
+            packer_.pack_nil();
+            return true;
+        case VT_BOOL:
+            v.boolVal != VARIANT_FALSE ? packer_.pack_true() : packer_.pack_false();
+            return true;
+        case VT_I4:
+            packer_.pack_int32(v.lVal);
+            return true;
+        case VT_R4:
+            return Float('\xca', reinterpret_cast<const char*>(&v.fltVal), sizeof(v.fltVal));
+        case VT_R8:
+            return Float('\xcb', reinterpret_cast<const char*>(&v.dblVal), sizeof(v.dblVal));
+        case VT_BSTR:
+            return Text(TextOf(v.bstrVal));
+        default:
+            return (v.vt & VT_ARRAY) != 0 ? Array(v, depth) : Scalar(v);
     }
 }
 

@@ -20,17 +20,38 @@ constexpr int arrayExt = 64;
 // The bytes that a value of the type takes in a payload; 0 for types without a size of their own.
 constexpr size_t ElementSize(int vt) {
     switch (vt) {
-        case VT_I1: case VT_UI1: return 1;
-        case VT_I2: case VT_UI2: case VT_BOOL: return 2;
-        case VT_I4: case VT_UI4: case VT_R4: return 4;
-        case VT_I8: case VT_UI8: case VT_R8: case VT_DATE: return 8;
-        default: return 0;
+        case VT_I1:
+        case VT_UI1:
+            return 1;
+        case VT_I2:
+        case VT_UI2:
+        case VT_BOOL:
+            return 2;
+        case VT_I4:
+        case VT_UI4:
+        case VT_R4:
+            return 4;
+        case VT_I8:
+        case VT_UI8:
+        case VT_R8:
+        case VT_DATE:
+            return 8;
+        default:
+            return 0;
     }
 }
 
 constexpr bool ScalarIsExt(int vt) {
     switch (vt) {
-        case VT_NULL: case VT_I1: case VT_UI1: case VT_I2: case VT_UI2: case VT_UI4: case VT_I8: case VT_UI8: case VT_DATE:
+        case VT_NULL:
+        case VT_I1:
+        case VT_UI1:
+        case VT_I2:
+        case VT_UI2:
+        case VT_UI4:
+        case VT_I8:
+        case VT_UI8:
+        case VT_DATE:
             return true;
         default:
             return false;
@@ -64,10 +85,18 @@ void CopySwapped(const char* from, char* to, size_t count) {
 // Copies `count` elements of `elementSize` bytes each between a payload and memory, in either direction.
 inline void CopyBigEndian(const char* from, char* to, size_t elementSize, size_t count) {
     switch (elementSize) {
-        case 1: CopySwapped<uint8_t>(from, to, count); break;
-        case 2: CopySwapped<uint16_t>(from, to, count); break;
-        case 4: CopySwapped<uint32_t>(from, to, count); break;
-        case 8: CopySwapped<uint64_t>(from, to, count); break;
+        case 1:
+            CopySwapped<uint8_t>(from, to, count);
+            break;
+        case 2:
+            CopySwapped<uint16_t>(from, to, count);
+            break;
+        case 4:
+            CopySwapped<uint32_t>(from, to, count);
+            break;
+        case 8:
+            CopySwapped<uint64_t>(from, to, count);
+            break;
     }
 }
 

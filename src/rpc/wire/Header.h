@@ -19,9 +19,9 @@ enum class Family : uint8_t {
 // What one header announces.
 struct Header {
     Family family = Family::refused;
-    uint8_t size = 0;      // bytes of the header itself
-    int8_t extType = 0;    // ext only
-    uint32_t count = 0;    // array: the values that follow; all others: the bytes of the body
+    uint8_t size = 0;     // bytes of the header itself
+    uint8_t extType = 0;  // ext only
+    uint32_t count = 0;   // array: the values that follow; all others: the bytes of the body
 };
 
 // What a lead byte says on its own.
@@ -67,7 +67,7 @@ inline bool ReadHeader(const char* data, size_t size, Header& header) {
     header.size = static_cast<uint8_t>(headerSize);
     header.count = lead.count;
     for (size_t i = 1; i <= lead.countBytes; ++i) header.count = header.count << 8 | static_cast<uint8_t>(data[i]);
-    if (typeBytes != 0) header.extType = static_cast<int8_t>(data[headerSize - 1]);
+    if (typeBytes != 0) header.extType = static_cast<uint8_t>(data[headerSize - 1]);
     return true;
 }
 
