@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-class KelSatellite::Impl : private kel::transport::CallReceiver {
+class KEL_HIDDEN KelSatellite::Impl : private kel::transport::CallReceiver {
 public:
     explicit Impl(KelSatellite& satellite);
     ~Impl() override;

@@ -257,9 +257,14 @@ void Connection::OnWritable(const boost::system::error_code& error) {
         std::string_view rest(backlog_.data() + backlogSent_, backlog_.size() - backlogSent_);
         const size_t before = rest.size();
         if (!WriteSome(rest)) return;
-        backlogSent_ = backlog_.size() - rest.size();
-        if (!rest.empty()) {
-            if (rest.size() < before) ArmStallTimer();
+        const size_t after = rest.size();
+        backlogSent_ += before - after;
+        if (after > 0) {
+            if (backlogSent_ > after) {  // a peer that is always a little behind must not make it grow
+                backlog_.erase(0, backlogSent_);
+                backlogSent_ = 0;
+            }
+            if (after < before) ArmStallTimer();
             StartWriteWait();
             return;
         }
