@@ -1,0 +1,66 @@
+// Who may write which file next, when several threads want to. Nobody holds a lock while a file is written: a thread
+// has the turn of that file instead, and threads with other files go their way.
+#pragma once
+
+#include "foundation/Locks.h"
+#include "foundation/StdString.h"
+
+#include <cstdint>
+#include <set>
+
+// One turn a name, without regard to ASCII case. A thread must not take a turn while it has another.
+class FileTurns {
+public:
+    // Waits until nobody has the turn of `name`, then has it.
+    void Begin(const CStdStr& name) EXCLUDES(lock_);
+    void End(const CStdStr& name) EXCLUDES(lock_);
+
+    // Has a turn for the length of a block.
+    class Hold {
+    public:
+        Hold(FileTurns& turns, const CStdStr& name) : turns_(turns), name_(name) { turns_.Begin(name_); }
+        ~Hold() { turns_.End(name_); }
+        Hold(const Hold&) = delete;
+        Hold& operator=(const Hold&) = delete;
+
+    private:
+        FileTurns& turns_;
+        const CStdStr name_;
+    };
+
+private:
+    PCondMutex lock_;
+    std::set<CStdStr, CaseInsensitiveLess> taken_ GUARDED_BY(lock_);
+    int waiting_ GUARDED_BY(lock_) = 0;
+};
+
+// One file that everybody rewrites with whatever is true at that moment. Threads that ask while a write runs are all
+// served by the next one, so the file never goes backwards and a crowd does not write it once a head.
+class SharedWrite {
+public:
+    // Returns once a write that began after this call has succeeded, or once this thread's own has ended. `write` takes
+    // no arguments, gathers what is to be written itself, and says whether it succeeded; an exception counts as a
+    // failure and passes through.
+    template <typename Write>
+    void Run(Write write) {
+        if (!BeginUnlessServed()) return;
+        Finish finish{*this};
+        finish.succeeded = write();
+    }
+
+private:
+    struct Finish {
+        SharedWrite& shared;
+        bool succeeded = false;
+        ~Finish() { shared.End(succeeded); }
+    };
+
+    bool BeginUnlessServed() EXCLUDES(lock_);
+    void End(bool succeeded) EXCLUDES(lock_);
+
+    // Writes are numbered from 1 in the order in which they begin, which is the order in which they end.
+    PCondMutex lock_;
+    bool running_ GUARDED_BY(lock_) = false;
+    uint64_t begun_ GUARDED_BY(lock_) = 0;
+    uint64_t succeeded_ GUARDED_BY(lock_) = 0;  // the latest that did
+};

@@ -1,0 +1,187 @@
+#include "registry/Registration.h"
+
+#include "foundation/Log.h"
+#include "foundation/Random.h"
+
+#include <boost/make_shared.hpp>
+
+#include <algorithm>
+#include <utility>
+
+namespace {
+
+constexpr int serverIdLength = 16;
+
+}  // namespace
+
+CRegistration::CRegistration(Clock upTime)
+    : upTime_(upTime), serverId_(CRandom::s_random.genrand_string(serverIdLength, CRandom::alphanumeric)) {
+    CreateFolders();
+    if (CBBLog::isDebugEnabled()) CBBLog::debug("CreateRegistration() Completed");
+}
+
+CRegistration::~CRegistration() = default;
+
+CStdStr CRegistration::GetServerId() const {
+    PReadHold hold(lock_);
+    return serverId_;
+}
+
+CRegistration::SatellitePtr CRegistration::GetSatelliteStruct(const CStdStr& name) const {
+    PReadHold hold(lock_);
+    const auto entry = satellites_.find(name);
+    return entry == satellites_.end() ? nullptr : entry->second;
+}
+
+int CRegistration::AddSatellite(const CStdStr& name, const CStdStr& ip, unsigned short port, const CStdStr& hostname,
+                                int kelProtocolVersion, int* satId) {
+    const auto fresh = boost::make_shared<KelSatelliteInfo>();
+    fresh->satName = name;
+    fresh->ip = ip;
+    fresh->hostname = hostname;
+    fresh->port = port;
+    fresh->kelProtocolVersion = kelProtocolVersion;
+
+    fresh->satId = *satId;
+
+    SatellitePtr old;  // freed after the lock is released
+    PWriteHold hold(lock_);
+    old = Insert(fresh, false);
+    *satId = fresh->satId;
+    return 0;
+}
+
+CRegistration::SatellitePtr CRegistration::Insert(const SatellitePtr& fresh, bool onlyIfNewer) {
+    SatellitePtr old;
+    const size_t countBefore = satellites_.size();
+    // The end is where the next of many in order belongs; elsewhere the hint costs one comparison.
+    const auto entry = satellites_.try_emplace(satellites_.end(), fresh->satName, fresh);
+    if (satellites_.size() == countBefore) {
+        if (onlyIfNewer && entry->second->satId >= fresh->satId) return fresh;
+        old = entry->second;
+        Replace(*old, *fresh);
+        auto node = satellites_.extract(entry);
+        node.key() = fresh->satName;
+        node.mapped() = fresh;
+        satellites_.insert(std::move(node));
+    }
+    if (fresh->satId == 0) fresh->satId = ++lastSatId_;
+    PReadHold holdFresh(fresh->lock);
+    for (const auto& [service, published] : fresh->services) providers_.Add(service, *fresh);
+    return old;
+}
+
+// Takes `old` out of the index and has `fresh` remember whose files it leaves behind.
+void CRegistration::Replace(KelSatelliteInfo& old, KelSatelliteInfo& fresh) {
+    PReadHold holdOld(old.lock);
+    PWriteHold holdFresh(fresh.lock);
+    for (const auto& [service, published] : old.services) providers_.Remove(service, old);
+
+    fresh.formerFiles = old.formerFiles;
+    fresh.formerFiles.push_back(old.satName);
+    const auto ownName = std::remove(fresh.formerFiles.begin(), fresh.formerFiles.end(), fresh.satName);
+    fresh.formerFiles.erase(ownName, fresh.formerFiles.end());
+}
+
+int CRegistration::FindSatellite(const CStdStr& name, CStdStr& ip, int* satId, unsigned short* port,
+                                 const char* /*destination*/) const {
+    const SatellitePtr satellite = GetSatelliteStruct(name);
+    if (!satellite) return unknownSatellite;
+    ip = satellite->ip;
+    *satId = satellite->satId;
+    *port = satellite->port;
+    return 0;
+}
+
+int CRegistration::GetServiceInfo(const CStdStr& service, const CStdStr& satName, std::vector<KelServiceInfo>& out,
+                                  const char* /*destination*/) const {
+    PReadHold hold(lock_);
+    if (!satName.empty()) {
+        const auto entry = satellites_.find(satName);
+        if (entry != satellites_.end()) AppendServiceOf(*entry->second, service, out);
+        return 0;
+    }
+    const ServiceIndex::Providers* providers = providers_.Find(service);
+    if (!providers) return 0;
+    for (const KelSatelliteInfo* satellite : *providers) AppendServiceOf(*satellite, service, out);
+    return 0;
+}
+
+int CRegistration::GetLastServiceInfo(const CStdStr& service, std::vector<KelServiceInfo>& out,
+                                      const char* /*destination*/) const {
+    PReadHold hold(lock_);
+    const ServiceIndex::Providers* providers = providers_.Find(service);
+    if (providers) AppendServiceOf(**providers->rbegin(), service, out);
+    return 0;
+}
+
+void CRegistration::AppendServiceOf(const KelSatelliteInfo& satellite, const CStdStr& service,
+                                    std::vector<KelServiceInfo>& out) {
+    PReadHold hold(satellite.lock);
+    const auto entry = satellite.services.find(service);
+    if (entry != satellite.services.end()) out.push_back(Describe(satellite, entry->second));
+}
+
+KelServiceInfo CRegistration::Describe(const KelSatelliteInfo& satellite, const KelService& service) {
+    KelServiceInfo info;
+    info.name = service.name;
+    info.description = service.description;
+    info.satName = satellite.satName;
+    info.ip = satellite.ip;
+    info.port = satellite.port;
+    info.hostname = satellite.hostname;
+    info.satId = satellite.satId;
+    info.kelProtocolVersion = satellite.kelProtocolVersion;
+    return info;
+}
+
+int CRegistration::AddService(const CStdStr& satName, const CStdStr& service, const CStdStr& description) {
+    PWriteHold hold(lock_);
+    const auto entry = satellites_.find(satName);
+    if (entry == satellites_.end()) return noSuchSatellite;
+    KelSatelliteInfo& satellite = *entry->second;
+
+    PWriteHold holdSatellite(satellite.lock);
+    satellite.services[service] = KelService{service, description};
+    providers_.Add(service, satellite);
+    return 0;
+}
+
+int CRegistration::RemoveService(const CStdStr& satName, const CStdStr& service, int* remaining) {
+    PWriteHold hold(lock_);
+    const auto entry = satellites_.find(satName);
+    if (entry == satellites_.end()) return noSuchSatellite;
+    KelSatelliteInfo& satellite = *entry->second;
+
+    PWriteHold holdSatellite(satellite.lock);
+    if (satellite.services.erase(service) > 0) providers_.Remove(service, satellite);
+    *remaining = static_cast<int>(satellite.services.size());
+    return 0;
+}
+
+int CRegistration::RemoveSatellite(const CStdStr& name, int satId) {
+    DeleteFormerFiles(name);
+    // File and record go in one turn, so that nobody writes the file again in between.
+    FileTurns::Hold turn(turns_, name);
+    if (DeleteFileInTurn(name, satId) != satIdMismatch) EraseSatellite(name, satId);
+    return 0;
+}
+
+void CRegistration::EraseSatellite(const CStdStr& name, int satId) {
+    SatellitePtr gone;  // freed after the lock is released
+    PWriteHold hold(lock_);
+    const auto entry = satellites_.find(name);
+    if (entry == satellites_.end() || entry->second->satId != satId) return;
+    gone = entry->second;
+    satellites_.erase(entry);
+    PReadHold holdGone(gone->lock);
+    for (const auto& [service, published] : gone->services) providers_.Remove(service, *gone);
+}
+
+int CRegistration::SetBeRightBackTimer(const CStdStr& name, int seconds) {
+    const SatellitePtr satellite = GetSatelliteStruct(name);
+    if (!satellite) return noSuchSatellite;
+    if (CBBLog::isDebugEnabled()) CBBLog::debug("SetBeRightBackTimer for %s %ds", name.c_str(), seconds);
+    satellite->beRightBackDeadline = upTime_() + static_cast<uint32_t>(seconds) * 1000u;
+    return 0;
+}

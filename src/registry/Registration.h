@@ -1,0 +1,133 @@
+// CRegistration: the directory's record of every registered satellite, its services and where it is reached, in memory
+// and in files that survive a restart. KelDirectory owns the one there is.
+//
+// Threads: every member may be called from any thread, except that LoadAllSatFiles belongs before the first request.
+// Two levels of locks: the registry's own, over the map, the index and the id counter, and each satellite's, over its
+// services; the registry's is taken first. Services change under both. No lock is held while a file is written or a
+// line logged.
+//
+// Satellites and services are named without regard to ASCII case. Results are 0 for success or a code below.
+//
+// Files (docs/files.md has their text): one a satellite, named after satName in the record's letters, and one with the
+// server's id and the last satId handed out. Whoever writes, replaces or deletes a satellite's file has the turn of the
+// name (FileTurns) and looks the record up after it got the turn. So of two writers the later one writes what is true
+// by then, and a file cannot come back after its satellite was removed. Files of earlier spellings are deleted by their
+// own rule: NAME.xml is of no use when no record is spelled exactly NAME.
+#pragma once
+
+#include "foundation/Locks.h"
+#include "foundation/StdString.h"
+#include "registry/FileTurns.h"
+#include "registry/SatelliteInfo.h"
+#include "registry/ServiceIndex.h"
+
+#include <boost/shared_ptr.hpp>
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <vector>
+
+class CRegistration {
+public:
+    using SatellitePtr = boost::shared_ptr<KelSatelliteInfo>;
+
+    static constexpr int satIdMismatch = 2;
+    static constexpr int unknownSatellite = 8;     // of FindSatellite
+    static constexpr int noRegistrationFile = 11;  // of LoadAllSatFiles
+    static constexpr int noSuchSatellite = 30;     // of every other operation
+
+    // Milliseconds of up-time, 32 bits, wrapping.
+    using Clock = uint32_t (*)();
+
+    // Draws a server id and makes the folders of the files. A failure is logged; the registry then works from memory.
+    explicit CRegistration(Clock upTime);
+    virtual ~CRegistration();
+    CRegistration(const CRegistration&) = delete;
+    CRegistration& operator=(const CRegistration&) = delete;
+
+    // 16 characters that identify this registry; drawn at random, or those of the registration file once it was loaded.
+    CStdStr GetServerId() const EXCLUDES(lock_);
+
+    // The record, or null. It may leave the registry at any time.
+    SatellitePtr GetSatelliteStruct(const CStdStr& name) const EXCLUDES(lock_);
+
+    // Registers a satellite without services, in the place of any other of that name. A `*satId` other than 0 is kept
+    // as it is; 0 receives the next id. Returns 0. Nothing is written to disk: SerializeSatellite does that.
+    int AddSatellite(const CStdStr& name, const CStdStr& ip, unsigned short port, const CStdStr& hostname,
+                     int kelProtocolVersion, int* satId) EXCLUDES(lock_);
+
+    // Where the satellite is reached, for an asker at the address `destination` (null when it does not matter), and its
+    // id. unknownSatellite leaves the outputs untouched.
+    int FindSatellite(const CStdStr& name, CStdStr& ip, int* satId, unsigned short* port, const char* destination) const
+        EXCLUDES(lock_);
+
+    // Appends one entry for each satellite that publishes `service`, in the order of the names; with a `satName` only
+    // for that satellite. `destination` is the asker's address. Returns 0, also when there is none.
+    int GetServiceInfo(const CStdStr& service, const CStdStr& satName, std::vector<KelServiceInfo>& out,
+                       const char* destination) const EXCLUDES(lock_);
+
+    // Appends the last of those entries only, without building the others.
+    int GetLastServiceInfo(const CStdStr& service, std::vector<KelServiceInfo>& out, const char* destination) const
+        EXCLUDES(lock_);
+
+    // Publishes a service of a satellite; one of that name is replaced. Returns 0 or noSuchSatellite.
+    int AddService(const CStdStr& satName, const CStdStr& service, const CStdStr& description) EXCLUDES(lock_);
+
+    // Withdraws a service, if the satellite has it, and stores the number of services left. Returns 0 or
+    // noSuchSatellite.
+    int RemoveService(const CStdStr& satName, const CStdStr& service, int* remaining) EXCLUDES(lock_);
+
+    // Removes the satellite and its file when it has this id; a newer one of the name stays. Returns 0 always.
+    int RemoveSatellite(const CStdStr& name, int satId) EXCLUDES(lock_);
+
+    // The satellite is not to be pinged for so many seconds from now. Returns 0 or noSuchSatellite.
+    int SetBeRightBackTimer(const CStdStr& name, int seconds) EXCLUDES(lock_);
+
+    // Writes the registration file, then the file of the satellite if there is one. Returns 0; what cannot be written
+    // is logged. When it returns, the registration file names an id at least as high as any handed out before the call.
+    int SerializeSatellite(const CStdStr& name) EXCLUDES(lock_);
+
+    // Takes over what the files say and deletes those that cannot be read back. Returns 0; noRegistrationFile when that
+    // file is missing, empty or without a last id, and then no other file is looked at; -1 when the folders are
+    // missing.
+    int LoadAllSatFiles() EXCLUDES(lock_);
+
+    // Deletes the satellite's file, the record stays. Returns 0 (also when there was no file), satIdMismatch or
+    // noSuchSatellite.
+    int DeleteSatelliteFile(const CStdStr& name, int satId) EXCLUDES(lock_);
+
+private:
+    static KelServiceInfo Describe(const KelSatelliteInfo& satellite, const KelService& service);
+    static void AppendServiceOf(const KelSatelliteInfo& satellite, const CStdStr& service,
+                                std::vector<KelServiceInfo>& out);
+
+    // Puts the record into the place of its name, with the next id if it has none. Returns the record that it took the
+    // place of, or null; with `onlyIfNewer`, `fresh` itself when that one's id is as high.
+    SatellitePtr Insert(const SatellitePtr& fresh, bool onlyIfNewer) REQUIRES(lock_);
+    void Replace(KelSatelliteInfo& old, KelSatelliteInfo& fresh) REQUIRES(lock_);
+    void EraseSatellite(const CStdStr& name, int satId) EXCLUDES(lock_);
+
+    // SatelliteFiles.cc
+    static void CreateFolders();
+    CStdStr RegistrationText() const EXCLUDES(lock_);
+    void WriteSatelliteFile(const CStdStr& folder, const CStdStr& name) EXCLUDES(lock_);
+    int DeleteFileInTurn(const CStdStr& name, int satId) EXCLUDES(lock_);
+    void DeleteFormerFiles(const CStdStr& name) EXCLUDES(lock_);
+    bool LoadRegistrationFile(const CStdStr& path) EXCLUDES(lock_);
+    void LoadSatellite(const CStdStr& fileName, const CStdStr& text, std::vector<CStdStr>& surplus) EXCLUDES(lock_);
+
+    const Clock upTime_;
+
+    mutable PReadWriteLock lock_;
+    CStdStr serverId_ GUARDED_BY(lock_);
+    int32_t lastSatId_ GUARDED_BY(lock_) = 0;
+    std::map<CStdStr, SatellitePtr, CaseInsensitiveLess> satellites_ GUARDED_BY(lock_);
+    ServiceIndex providers_ GUARDED_BY(lock_);
+
+    SharedWrite registrationFile_;
+    FileTurns turns_;
+    // Whether the latest write of a file of the kind failed, which is said once.
+    std::atomic<bool> registrationFails_{false};
+    std::atomic<bool> satelliteFails_{false};
+};

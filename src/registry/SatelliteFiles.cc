@@ -1,0 +1,368 @@
+// The files of the registry: their text, and how they are written, read and deleted. Registration.h says who may when.
+#include "registry/Registration.h"
+
+#include "foundation/FileTools.h"
+#include "foundation/Log.h"
+#include "registry/XmlTags.h"
+
+#include <boost/make_shared.hpp>
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <limits.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <memory>
+#include <string_view>
+#include <system_error>
+#include <utility>
+
+namespace {
+
+constexpr std::string_view xmlEnding = ".xml";
+constexpr mode_t fileMode = 0775;  // of files and folders, whatever the umask
+
+// The longest values that files keep; what is beyond is cut off.
+constexpr size_t nameLimit = 1024;
+constexpr size_t ipLimit = 16;
+constexpr size_t hostnameLimit = 16;
+constexpr size_t descriptionLimit = 4096;
+
+CStdStr SatellitesFolder() { return CFileTools::GetYarDataFolder() + "/Satellites"; }
+CStdStr RegistrationFolder(const CStdStr& satellites) { return satellites + "/Registration"; }
+CStdStr RegistrationPath(const CStdStr& satellites) { return satellites + "/Registration/Registration.xml"; }
+
+// --- Names ---
+
+// Why no file can have this name, or null.
+const char* NameFault(const CStdStr& name) {
+    if (name.find('/') != CStdStr::npos) return "it contains a \"/\"";
+    if (name.find('\0') != CStdStr::npos) return "it contains a NUL";
+    if (name.size() + xmlEnding.size() > NAME_MAX) return std::strerror(ENAMETOOLONG);
+    return nullptr;
+}
+
+CStdStr SatellitePath(const CStdStr& folder, const CStdStr& name) { return folder + "/" + name + ".xml"; }
+
+// --- Text ---
+
+void AppendTag(CStdStr& text, const char* indent, const char* tag, std::string_view value) {
+    text.append(indent).append("<").append(tag).append(">").append(value).append("</").append(tag).append(">\n");
+}
+
+// At most `limit` characters, and none behind a NUL.
+std::string_view Cut(const CStdStr& value, size_t limit) { return {value.c_str(), strnlen(value.c_str(), limit)}; }
+
+CStdStr SatelliteText(const KelSatelliteInfo& satellite) {
+    CStdStr text("<?xml version='1.0'?>\n<satellite>\n");
+    AppendTag(text, "\t", "id", std::to_string(satellite.satId));
+    AppendTag(text, "\t", "satName", Cut(satellite.satName, nameLimit));
+    AppendTag(text, "\t", "ip", Cut(satellite.ip, ipLimit));
+    AppendTag(text, "\t", "port", std::to_string(satellite.port));
+    AppendTag(text, "\t", "hostname", Cut(satellite.hostname, hostnameLimit));
+    AppendTag(text, "\t", "kelProtocolVersion", std::to_string(satellite.kelProtocolVersion));
+
+    PReadHold hold(satellite.lock);
+    for (const auto& [key, service] : satellite.services) {
+        text.append("\t<service>\n");
+        AppendTag(text, "\t\t", "name", Cut(service.name, nameLimit));
+        AppendTag(text, "\t\t", "description", Cut(service.description, descriptionLimit));
+        text.append("\t</service>\n");
+    }
+    text.append("</satellite>\n");
+    return text;
+}
+
+// --- Files ---
+
+// Replaces a file as a whole. `fails` says of its kind whether the latest write failed: a failure is logged once, and
+// again only when a write has worked in between.
+bool WriteFile(const CStdStr& path, const CStdStr& text, std::atomic<bool>& fails) {
+    if (CFileTools(path).writeBytes(text.data(), static_cast<unsigned>(text.size()), fileMode)) {
+        if (fails.load(std::memory_order_relaxed)) fails = false;
+        return true;
+    }
+    const int reason = errno;
+    if (!fails.exchange(true)) CBBLog::error("Could not write %s: %s", path.c_str(), std::strerror(reason));
+    return false;
+}
+
+// A file that is gone already is no error.
+void RemoveFile(int folder, const CStdStr& path) {
+    if (unlinkat(folder, path.c_str(), 0) == 0 || errno == ENOENT) return;
+    CBBLog::error("Could not delete %s: %s", path.c_str(), std::strerror(errno));
+}
+
+struct CloseFolder {
+    void operator()(DIR* folder) const { closedir(folder); }
+};
+using Folder = std::unique_ptr<DIR, CloseFolder>;
+
+// Replaces `text` by the contents of a file of `folder`; false, with errno set, when it cannot be read.
+bool ReadFile(int folder, const char* name, CStdStr& text) {
+    text.clear();
+    const int file = openat(folder, name, O_RDONLY | O_CLOEXEC | O_NONBLOCK);  // a pipe must not hold up the start
+    if (file < 0) return false;
+    char part[16 * 1024];
+    ssize_t got = 0;
+    do {
+        got = read(file, part, sizeof part);
+        if (got > 0) text.append(part, static_cast<size_t>(got));
+    } while (got > 0 || (got < 0 && errno == EINTR));
+    const int reason = errno;
+    close(file);
+    errno = reason;
+    return got == 0;
+}
+
+bool IsSatelliteFile(const CStdStr& fileName) {
+    const size_t dot = fileName.rfind('.');
+    return dot != CStdStr::npos && fileName.compare(dot, CStdStr::npos, xmlEnding) == 0;
+}
+
+// The names of the satellite files in an open folder. In the order of the registry's map, so that loading them adds
+// each record beside the one before: with many, looking for its place would otherwise cost more than reading the file.
+std::vector<CStdStr> SatelliteFileNames(DIR* folder) {
+    std::vector<CStdStr> names;
+    while (const dirent* entry = readdir(folder)) {
+        CStdStr name(entry->d_name);
+        if (IsSatelliteFile(name)) names.push_back(std::move(name));
+    }
+    std::sort(names.begin(), names.end(), CaseInsensitiveLess());
+    return names;
+}
+
+// The one value of `tag`; false when there is none, more than one, an unclosed one or, unless allowed, an empty one.
+bool OneValue(const CStdStr& text, const char* tag, CStdStr& value, bool mayBeEmpty = false) {
+    std::vector<CStdStr> values;
+    if (getXMLTagValue(text, tag, values) != 0 || values.size() != 1) return false;
+    value = std::move(values.front());
+    return mayBeEmpty || !value.empty();
+}
+
+bool OneNumber(const CStdStr& text, const char* tag, int& number) {
+    CStdStr value;
+    if (!OneValue(text, tag, value)) return false;
+    number = std::atoi(value.c_str());
+    return true;
+}
+
+// Reads everything but the services; false when the text is damaged.
+bool ReadSatellite(const CStdStr& text, KelSatelliteInfo& satellite) {
+    int port = 0;
+    if (!OneNumber(text, "id", satellite.satId) || !OneValue(text, "satName", satellite.satName) ||
+        !OneValue(text, "ip", satellite.ip) || !OneNumber(text, "port", port) ||
+        !OneValue(text, "hostname", satellite.hostname) ||
+        !OneNumber(text, "kelProtocolVersion", satellite.kelProtocolVersion)) {
+        return false;
+    }
+    satellite.port = static_cast<uint16_t>(port);
+    return true;
+}
+
+// False when a service is damaged: those before it are read.
+bool ReadServices(const CStdStr& text, KelSatelliteInfo& satellite) {
+    std::vector<CStdStr> blocks;
+    const bool isWhole = getXMLTagValue(text, "service", blocks) == 0;
+    PWriteHold hold(satellite.lock);
+    for (const CStdStr& block : blocks) {
+        KelService service;
+        if (!OneValue(block, "name", service.name) || !OneValue(block, "description", service.description, true)) {
+            return false;
+        }
+        const CStdStr name = service.name;
+        satellite.services[name] = std::move(service);
+    }
+    return isWhole;
+}
+
+// Notes that the satellite's record is in `fileName`, where that is not the file it would be written to.
+void RememberFile(KelSatelliteInfo& satellite, const CStdStr& fileName) {
+    PWriteHold hold(satellite.lock);
+    satellite.formerFiles.clear();
+    const size_t length = fileName.size() - xmlEnding.size();
+    if (fileName.compare(0, length, satellite.satName) == 0) return;
+    satellite.formerFiles.push_back(fileName.substr(0, length));
+}
+
+// The file that a satellite was loaded from.
+CStdStr FileOf(const KelSatelliteInfo& satellite) {
+    PReadHold hold(satellite.lock);
+    return (satellite.formerFiles.empty() ? satellite.satName : satellite.formerFiles.front()) + ".xml";
+}
+
+}  // namespace
+
+void CRegistration::CreateFolders() {
+    try {
+        const CStdStr satellites = SatellitesFolder();
+        for (const CStdStr& folder : {satellites, RegistrationFolder(satellites)}) {
+            CFileTools::CreateDirectory(folder);
+            if (chmod(folder.c_str(), fileMode) != 0) {
+                CBBLog::error("CRegistration::CRegistration chmod failed %s", std::strerror(errno));
+            }
+        }
+    } catch (const std::exception&) {
+        CBBLog::error("CRegistration::CRegistration data directory not found");
+    }
+}
+
+// --- Writing ---
+
+int CRegistration::SerializeSatellite(const CStdStr& name) {
+    try {
+        const CStdStr folder = SatellitesFolder();
+        registrationFile_.Run(
+            [&] { return WriteFile(RegistrationPath(folder), RegistrationText(), registrationFails_); });
+        WriteSatelliteFile(folder, name);
+        DeleteFormerFiles(name);
+    } catch (const std::exception&) {
+        CBBLog::error("CRegistration::SerializeSatellite data directory not found");
+    }
+    return 0;
+}
+
+CStdStr CRegistration::RegistrationText() const {
+    CStdStr text("<?xml version='1.0'?>\n<registration>\n");
+    PReadHold hold(lock_);
+    AppendTag(text, "\t", "serverId", serverId_);
+    AppendTag(text, "\t", "lastSatId", std::to_string(lastSatId_));
+    text.append("</registration>\n");
+    return text;
+}
+
+void CRegistration::WriteSatelliteFile(const CStdStr& folder, const CStdStr& name) {
+    FileTurns::Hold turn(turns_, name);
+    const SatellitePtr satellite = GetSatelliteStruct(name);
+    if (!satellite) return;
+    if (const char* fault = NameFault(satellite->satName)) {
+        CBBLog::error("Satellite %.1024s cannot have a file: %s", satellite->satName.c_str(), fault);
+        return;
+    }
+    WriteFile(SatellitePath(folder, satellite->satName), SatelliteText(*satellite), satelliteFails_);
+}
+
+// --- Deleting ---
+
+int CRegistration::DeleteSatelliteFile(const CStdStr& name, int satId) {
+    DeleteFormerFiles(name);
+    FileTurns::Hold turn(turns_, name);
+    return DeleteFileInTurn(name, satId);
+}
+
+int CRegistration::DeleteFileInTurn(const CStdStr& name, int satId) {
+    const SatellitePtr satellite = GetSatelliteStruct(name);
+    if (!satellite) return noSuchSatellite;
+    if (satellite->satId != satId) {
+        if (CBBLog::isDebugEnabled()) {
+            CBBLog::debug("DeleteSatelliteFile %s: satId mismatch %d/%d", name.c_str(), satId, satellite->satId);
+        }
+        return satIdMismatch;
+    }
+    try {
+        const CStdStr folder = SatellitesFolder();
+        if (!NameFault(satellite->satName)) RemoveFile(AT_FDCWD, SatellitePath(folder, satellite->satName));
+    } catch (const std::exception&) {
+        CBBLog::error("CRegistration::DeleteSatelliteFile data directory not found");
+    }
+    return 0;
+}
+
+// Deletes the files that hold a record of this satellite under another name than its own. Such a name may have become
+// the own one of another satellite in the meantime, or of a newer record of this one; its file then stays.
+void CRegistration::DeleteFormerFiles(const CStdStr& name) {
+    const SatellitePtr satellite = GetSatelliteStruct(name);
+    if (!satellite) return;
+    std::vector<CStdStr> former;
+    {
+        PReadHold hold(satellite->lock);
+        former = satellite->formerFiles;
+    }
+    if (former.empty()) return;
+    try {
+        const CStdStr folder = SatellitesFolder();
+        for (const CStdStr& file : former) {
+            if (NameFault(file)) continue;
+            FileTurns::Hold turn(turns_, file);
+            const SatellitePtr owner = GetSatelliteStruct(file);
+            if (!owner || owner->satName != file) RemoveFile(AT_FDCWD, SatellitePath(folder, file));
+        }
+    } catch (const std::exception&) {
+        CBBLog::error("CRegistration::DeleteSatelliteFile data directory not found");
+        return;
+    }
+    PWriteHold hold(satellite->lock);
+    satellite->formerFiles.clear();
+}
+
+// --- Loading ---
+
+int CRegistration::LoadAllSatFiles() {
+    try {
+        const CStdStr path = SatellitesFolder();
+        if (!LoadRegistrationFile(RegistrationPath(path))) return noRegistrationFile;
+        const Folder folder(opendir(path.c_str()));
+        if (!folder) throw std::system_error(errno, std::generic_category(), path);
+        const int descriptor = dirfd(folder.get());
+        CStdStr text;
+        std::vector<CStdStr> surplus;
+        for (const CStdStr& fileName : SatelliteFileNames(folder.get())) {
+            if (!ReadFile(descriptor, fileName.c_str(), text)) {
+                CBBLog::error("Could not read %s/%s: %s", path.c_str(), fileName.c_str(), std::strerror(errno));
+                continue;
+            }
+            surplus.clear();
+            LoadSatellite(fileName, text, surplus);
+            for (const CStdStr& file : surplus) RemoveFile(descriptor, file);
+        }
+        return 0;
+    } catch (const std::exception&) {
+        CBBLog::error("CRegistration::LoadAllSatFiles data directory not found");
+        return -1;
+    }
+}
+
+bool CRegistration::LoadRegistrationFile(const CStdStr& path) {
+    const CStdStr text = CFileTools(path).toString();
+    if (text.empty()) return false;
+    std::vector<CStdStr> serverIds;
+    std::vector<CStdStr> lastIds;
+    const bool hasServerId = getXMLTagValue(text, "serverId", serverIds) == 0 && !serverIds.empty();
+    const bool hasLastId = getXMLTagValue(text, "lastSatId", lastIds) == 0 && !lastIds.empty();
+    PWriteHold hold(lock_);
+    if (hasServerId) serverId_ = serverIds.front();
+    if (hasLastId) lastSatId_ = std::atoi(lastIds.front().c_str());
+    return hasLastId;
+}
+
+// Takes a satellite over from the text of its file. Adds to `surplus` the files of the folder that are to be deleted:
+// this one when it is damaged, and of two that hold the same satellite the one with the lower id.
+void CRegistration::LoadSatellite(const CStdStr& fileName, const CStdStr& text, std::vector<CStdStr>& surplus) {
+    const auto satellite = boost::make_shared<KelSatelliteInfo>();
+    if (!ReadSatellite(text, *satellite)) {
+        surplus.push_back(fileName);
+        return;
+    }
+    if (CBBLog::isInfoEnabled()) CBBLog::info("Parsing satellite %s", satellite->satName.c_str());
+    const bool isWhole = ReadServices(text, *satellite);
+    if (!isWhole) surplus.push_back(fileName);
+
+    SatellitePtr loser;
+    {
+        PWriteHold hold(lock_);
+        loser = Insert(satellite, true);
+    }
+    if (loser) surplus.push_back(loser == satellite ? fileName : FileOf(*loser));
+    if (loser == satellite) return;
+    RememberFile(*satellite, fileName);
+    if (isWhole && CBBLog::isInfoEnabled()) {
+        CBBLog::info("Satellite %s %s:%d has been added from file", satellite->satName.c_str(), satellite->ip.c_str(),
+                     satellite->port);
+    }
+}

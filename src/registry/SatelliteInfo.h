@@ -1,0 +1,50 @@
+// What the registry knows of a satellite and its services. CRegistration owns the records and hands them out through
+// shared pointers, so whoever has looked one up keeps it alive after it has left the registry.
+#pragma once
+
+#include "foundation/Locks.h"
+#include "foundation/StdString.h"
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <vector>
+
+// One published service.
+struct KelService {
+    CStdStr name;
+    CStdStr description;
+};
+
+// One registered satellite. The members before the locks never change once the record is in the registry: a satellite
+// that registers anew gets a new record.
+struct KelSatelliteInfo {
+    int32_t satId = 0;
+    CStdStr satName;   // in the letters of the registration
+    CStdStr ip;        // dotted IPv4; "127.0.0.1" for a satellite on the directory's own machine
+    CStdStr hostname;  // as the satellite gave it
+    uint16_t port = 0;
+    int32_t kelProtocolVersion = 0;
+
+    // Up-time in milliseconds (32 bits, wrapping) until which the satellite must not be pinged; 0: no timer.
+    std::atomic<uint32_t> beRightBackDeadline{0};
+
+    mutable PReadWriteLock lock;
+    std::map<CStdStr, KelService, CaseInsensitiveLess> services GUARDED_BY(lock);
+
+    // Names of files, less ".xml", other than satName's own that hold a record of this satellite: those of a replaced
+    // record in other letters, and that of a file that was stored under another name.
+    std::vector<CStdStr> formerFiles GUARDED_BY(lock);
+};
+
+// A service as a look-up hands it out, by value.
+struct KelServiceInfo {
+    CStdStr name;
+    CStdStr description;
+    CStdStr satName;
+    CStdStr ip;  // the address at which the asker reaches the satellite
+    uint16_t port = 0;
+    CStdStr hostname;
+    int32_t satId = 0;
+    int32_t kelProtocolVersion = 0;
+};

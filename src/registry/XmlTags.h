@@ -1,0 +1,12 @@
+// The reader of the registry's files: a plain text search for "<tag>" and "</tag>", with no escapes, no attributes and
+// no nesting of a tag in itself, for the files are written in exactly that shape.
+#pragma once
+
+#include "foundation/StdString.h"
+
+#include <vector>
+
+// Replaces `values` by the texts between each "<tag>" and the next "</tag>", in the order of `xml`, neither trimmed nor
+// unescaped. Returns 0, also when there is none; 31 when a value is not closed, which is logged at info level: `values`
+// then holds those before it. Safe in any thread.
+int getXMLTagValue(const CStdStr& xml, const CStdStr& tag, std::vector<CStdStr>& values);

@@ -1,0 +1,311 @@
+#include "registry/Registration.h"
+#include "support/TempRoot.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+
+#include <atomic>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <set>
+#include <string>
+#include <thread>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr char recorderFile[] =
+    "<?xml version='1.0'?>\n"
+    "<satellite>\n"
+    "\t<id>3</id>\n"
+    "\t<satName>Recorder</satName>\n"
+    "\t<ip>192.168.1.20</ip>\n"
+    "\t<port>50123</port>\n"
+    "\t<hostname>studio</hostname>\n"
+    "\t<kelProtocolVersion>2</kelProtocolVersion>\n"
+    "\t<service>\n"
+    "\t\t<name>Schedule</name>\n"
+    "\t\t<description>Recording schedule</description>\n"
+    "\t</service>\n"
+    "</satellite>\n";
+
+CStdStr Changed(CStdStr text, const char* from, const char* to) {
+    EXPECT_GT(text.Replace(from, to), 0) << from;
+    return text;
+}
+
+class Registry : public CRegistration {
+public:
+    Registry() : CRegistration([] { return uint32_t{0}; }) {}
+};
+
+class SatelliteFiles : public testing::Test {
+protected:
+    static int Register(CRegistration& registry, const CStdStr& name, const CStdStr& hostname = "studio") {
+        int satId = 0;
+        registry.AddSatellite(name, "192.168.1.20", 50123, hostname, 2, &satId);
+        registry.AddService(name, "Schedule", "Recording schedule");
+        EXPECT_EQ(registry.SerializeSatellite(name), 0);
+        return satId;
+    }
+
+    // The id under which a directory that starts now would know the satellite; -1 for none.
+    static int IdAfterRestart(const CStdStr& name) {
+        Registry registry;
+        EXPECT_EQ(registry.LoadAllSatFiles(), 0);
+        return IdOf(registry, name);
+    }
+
+    static int IdOf(const CRegistration& registry, const CStdStr& name) {
+        const auto satellite = registry.GetSatelliteStruct(name);
+        return satellite ? satellite->satId : -1;
+    }
+
+    std::string Folder() const { return root_.dataFolder() + "/Satellites"; }
+    std::string RegistrationPath() const { return Folder() + "/Registration/Registration.xml"; }
+    std::string PathOf(const std::string& name) const { return Folder() + "/" + name + ".xml"; }
+
+    // The names of everything in the folder but the folder of the registration file.
+    std::set<std::string> Files() const {
+        std::set<std::string> names;
+        for (const auto& entry : fs::directory_iterator(Folder())) names.insert(entry.path().filename());
+        names.erase("Registration");
+        return names;
+    }
+
+    static std::string Read(const std::string& path) {
+        std::ifstream file(path, std::ios::binary);
+        return {std::istreambuf_iterator<char>(file), {}};
+    }
+
+    static void Write(const std::string& path, const std::string& text) {
+        std::ofstream(path, std::ios::binary) << text;
+    }
+
+    int LastIdOnDisk() const {
+        const std::string text = Read(RegistrationPath());
+        const size_t at = text.find("<lastSatId>");
+        return at == std::string::npos ? -1 : std::atoi(text.c_str() + at + 11);
+    }
+
+    TempRoot root_;
+};
+
+using Set = std::set<std::string>;
+
+TEST_F(SatelliteFiles, HaveTheseBytesAndComeBackAsTheyWere) {
+    Registry registry;
+    Register(registry, "One");
+    Register(registry, "Two");
+    Register(registry, "Recorder");
+    EXPECT_EQ(Read(PathOf("Recorder")), recorderFile);
+    EXPECT_EQ(Read(RegistrationPath()), "<?xml version='1.0'?>\n<registration>\n\t<serverId>" + registry.GetServerId() +
+                                            "</serverId>\n\t<lastSatId>3</lastSatId>\n</registration>\n");
+    for (const std::string& path : {Folder(), PathOf("Recorder"), RegistrationPath()}) {
+        struct stat info {};
+        ASSERT_EQ(stat(path.c_str(), &info), 0) << path;
+        EXPECT_EQ(info.st_mode & 07777u, 0775u) << path;
+    }
+
+    Registry again;
+    EXPECT_EQ(again.LoadAllSatFiles(), 0);
+    EXPECT_EQ(again.GetServerId(), registry.GetServerId());
+    std::vector<KelServiceInfo> found;
+    again.GetServiceInfo("schedule", "RECORDER", found, nullptr);
+    ASSERT_EQ(found.size(), 1u);
+    EXPECT_EQ(found[0].satId, 3);
+    EXPECT_EQ(found[0].description, "Recording schedule");
+    EXPECT_EQ(found[0].port, 50123);
+    EXPECT_EQ(found[0].kelProtocolVersion, 2);
+    EXPECT_EQ(Register(again, "Four"), 4);
+    again.SerializeSatellite("Recorder");
+    EXPECT_EQ(Read(PathOf("Recorder")), recorderFile);
+}
+
+TEST_F(SatelliteFiles, CutWhatIsTooLongAndEscapeNothing) {
+    Registry registry;
+    Register(registry, "Foo", "12345678901234567890");
+    registry.AddService("Foo", "A<&>", CStdStr(std::string(5000, 'd')));
+    registry.SerializeSatellite("Foo");
+    const std::string text = Read(PathOf("Foo"));
+    EXPECT_NE(text.find("\t<hostname>1234567890123456</hostname>\n"), std::string::npos);
+    EXPECT_NE(text.find("\t\t<name>A<&></name>\n\t\t<description>" + std::string(4096, 'd') + "</description>\n"),
+              std::string::npos);
+}
+
+TEST_F(SatelliteFiles, AreReadOnlyWithTheRegistrationFile) {
+    {
+        Registry registry;
+        EXPECT_EQ(registry.LoadAllSatFiles(), 11);
+        Register(registry, "Foo");
+    }
+    const std::string registration = Read(RegistrationPath());
+    for (const std::string& text : {std::string(), std::string(Changed(registration, "lastSatId", "last"))}) {
+        Write(RegistrationPath(), text);
+        Registry registry;
+        EXPECT_EQ(registry.LoadAllSatFiles(), 11);
+        EXPECT_EQ(IdOf(registry, "Foo"), -1);
+    }
+    EXPECT_EQ(Files(), Set{"Foo.xml"});
+    Write(RegistrationPath(), registration);
+    EXPECT_EQ(IdAfterRestart("Foo"), 1);
+}
+
+TEST_F(SatelliteFiles, AreDeletedWhenTheyAreDamagedAndNoOthers) {
+    {
+        Registry registry;
+        Register(registry, "Good");
+    }
+    const CStdStr good(recorderFile);
+    Write(PathOf("empty"), "");
+    Write(PathOf("noId"), Changed(good, "\t<id>3</id>\n", ""));
+    Write(PathOf("twoPorts"), Changed(good, "<hostname>", "<port>1</port><hostname>"));
+    Write(PathOf("noName"), Changed(good, "<satName>Recorder", "<satName>"));
+    Write(PathOf("openName"), Changed(good, "</satName>", ""));
+    Write(PathOf("openService"), Changed(Changed(good, "Recorder<", "Halfway<"), "\t</service>\n", ""));
+    Write(PathOf("badService"), Changed(Changed(good, "Recorder<", "Partial<"), "\t</service>\n",
+                                        "\t</service><service><name></name><description/></service>"));
+    Write(PathOf("Silent"), Changed(Changed(good, "Recorder<", "Silent<"), "Recording schedule", ""));
+    Write(Folder() + "/note.txt", "kept");
+    Write(Folder() + "/upper.XML", "kept");
+
+    Registry registry;
+    EXPECT_EQ(registry.LoadAllSatFiles(), 0);
+    EXPECT_EQ(Files(), (Set{"Good.xml", "Silent.xml", "note.txt", "upper.XML"}));
+    EXPECT_EQ(IdOf(registry, "Recorder"), -1);
+    std::vector<KelServiceInfo> found;
+    registry.GetServiceInfo("Schedule", "Partial", found, nullptr);
+    registry.GetServiceInfo("Schedule", "Silent", found, nullptr);
+    ASSERT_EQ(found.size(), 2u);
+    EXPECT_EQ(found[1].description, "");
+}
+
+TEST_F(SatelliteFiles, FollowTheSpellingOfTheName) {
+    Registry registry;
+    Register(registry, "Foo");
+    Register(registry, "foo");
+    EXPECT_EQ(Files(), Set{"foo.xml"});
+    int satId = 0;
+    registry.AddSatellite("FOO", "192.168.1.20", 1, "studio", 2, &satId);
+    EXPECT_EQ(registry.RemoveSatellite("Foo", satId), 0);
+    EXPECT_EQ(Files(), Set{});
+    EXPECT_EQ(IdAfterRestart("foo"), -1);
+}
+
+TEST_F(SatelliteFiles, OfTheSameSatelliteAreLeftWithTheHighestId) {
+    {
+        Registry registry;
+        Register(registry, "Recorder");
+    }
+    Write(PathOf("RECORDER"), Changed(recorderFile, "Recorder<", "RECORDER<"));
+    Write(PathOf("recorder"), Changed(recorderFile, "<id>3", "<id>2"));
+    Registry registry;
+    EXPECT_EQ(registry.LoadAllSatFiles(), 0);
+    EXPECT_EQ(IdOf(registry, "Recorder"), 3);
+    EXPECT_EQ(Files(), Set{"RECORDER.xml"});
+    EXPECT_EQ(IdAfterRestart("Recorder"), 3);
+}
+
+TEST_F(SatelliteFiles, StoredUnderAnotherNameGoWithTheirSatellite) {
+    {
+        Registry registry;
+        Register(registry, "Foo");
+        Register(registry, "Bar");
+    }
+    fs::rename(PathOf("Foo"), PathOf("Copy"));
+    fs::rename(PathOf("Bar"), PathOf("Foo"));
+    Registry registry;
+    EXPECT_EQ(registry.LoadAllSatFiles(), 0);
+    registry.SerializeSatellite("Foo");
+    EXPECT_EQ(Files(), (Set{"Foo.xml"}));
+    registry.SerializeSatellite("Bar");
+    EXPECT_EQ(Files(), (Set{"Bar.xml", "Foo.xml"}));
+    EXPECT_EQ(IdAfterRestart("Foo"), 1);
+    EXPECT_EQ(IdAfterRestart("Bar"), 2);
+}
+
+TEST_F(SatelliteFiles, StayWhenTheIdIsNotTheirs) {
+    Registry registry;
+    const int satId = Register(registry, "Foo");
+    EXPECT_EQ(registry.DeleteSatelliteFile("Foo", satId + 1), 2);
+    EXPECT_EQ(Files(), Set{"Foo.xml"});
+    EXPECT_EQ(registry.DeleteSatelliteFile("foo", satId), 0);
+    EXPECT_EQ(registry.DeleteSatelliteFile("foo", satId), 0);
+    EXPECT_EQ(Files(), Set{});
+    EXPECT_EQ(IdOf(registry, "Foo"), satId);
+}
+
+TEST_F(SatelliteFiles, NeverLeaveTheirFolder) {
+    Registry registry;
+    const std::string longest(251, 'n');
+    for (const CStdStr& name : {CStdStr("../out"), CStdStr("/tmp/out"), CStdStr("Registration/Registration"),
+                                CStdStr(std::string("nul\0nul", 7)), CStdStr(longest + "n")}) {
+        const int satId = Register(registry, name);
+        EXPECT_EQ(IdOf(registry, name), satId);
+        EXPECT_EQ(Files(), Set{});
+        EXPECT_EQ(LastIdOnDisk(), satId);
+        registry.RemoveSatellite(name, satId);
+    }
+    EXPECT_TRUE(fs::exists(RegistrationPath()));
+    EXPECT_FALSE(fs::exists(root_.dataFolder() + "/out.xml"));
+    for (const std::string& name : {std::string("."), std::string(".."), longest}) Register(registry, name);
+    EXPECT_EQ(Files(), (Set{"..xml", "...xml", longest + ".xml"}));
+    EXPECT_EQ(IdAfterRestart(".."), 7);
+}
+
+TEST_F(SatelliteFiles, AreDoneWithoutWhenThereIsNoDataFolder) {
+    fs::remove_all(root_.root());
+    Registry registry;
+    EXPECT_LT(registry.LoadAllSatFiles(), 0);
+    const int satId = Register(registry, "Foo");
+    EXPECT_EQ(IdOf(registry, "Foo"), satId);
+    EXPECT_EQ(registry.RemoveSatellite("Foo", satId), 0);
+    EXPECT_EQ(IdOf(registry, "Foo"), -1);
+}
+
+TEST_F(SatelliteFiles, NameTheHighestIdWhateverTheOrderOfTheWriters) {
+    constexpr int threadCount = 8;
+    constexpr int each = 50;
+    Registry registry;
+    std::atomic<int> behind{0};
+    std::vector<std::thread> threads;
+    for (int thread = 0; thread < threadCount; ++thread) {
+        threads.emplace_back([&, thread] {
+            for (int i = 0; i < each; ++i) {
+                const int satId = Register(registry, CStdStr(std::to_string(thread * each + i)));
+                if (LastIdOnDisk() < satId) ++behind;
+            }
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(behind, 0);
+    EXPECT_EQ(LastIdOnDisk(), threadCount * each);
+    EXPECT_EQ(Files().size(), static_cast<size_t>(threadCount * each));
+}
+
+TEST_F(SatelliteFiles, DoNotComeBackWhenTheyAreWrittenWhileTheirSatelliteIsRemoved) {
+    Registry registry;
+    std::atomic<bool> done{false};
+    std::vector<std::thread> writers;
+    for (const char* name : {"Foo", "foo"}) {
+        writers.emplace_back([&, name] {
+            while (!done) registry.SerializeSatellite(name);
+        });
+    }
+    for (int round = 0; round < 300; ++round) {
+        const CStdStr name(round % 2 ? "Foo" : "foo");
+        const int satId = Register(registry, name);
+        if (round % 3 == 0) {
+            EXPECT_EQ(Register(registry, round % 2 ? "foo" : "Foo"), satId + 1);
+        }
+        registry.RemoveSatellite(name, IdOf(registry, name));
+        ASSERT_EQ(Files().count("Foo.xml") + Files().count("foo.xml"), 0u) << "round " << round;
+    }
+    done = true;
+    for (std::thread& writer : writers) writer.join();
+}
+
+}  // namespace
