@@ -1,0 +1,59 @@
+#include "host/YarModuleBase.h"
+
+#include "foundation/Log.h"
+#include "rpc/KelSatellite.h"
+
+#include <boost/make_shared.hpp>
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <stdexcept>
+
+namespace {
+
+constexpr long long maxLogSize = 524288;
+
+void IgnoreBrokenPipes() {
+    struct sigaction ignore {};
+    ignore.sa_handler = SIG_IGN;
+    sigemptyset(&ignore.sa_mask);
+    sigaction(SIGPIPE, &ignore, nullptr);
+}
+
+}  // namespace
+
+YarModuleBase* YarModuleBase::yarModule = nullptr;
+
+YarModuleBase::YarModuleBase(const CStdStr& name) : name_(name) {
+    if (yarModule) {
+        CBBLog::error("YarModuleBase %s trying to create multiple instances", name_.c_str());
+        throw std::logic_error("Can't have more than one instance of YarModuleBase per module!");
+    }
+    yarModule = this;
+
+    logger_ = boost::make_shared<CBBLog>(name_ + ".log", false, maxLogSize);
+    CBBLog::setLogger(logger_);
+    KelSatellite::setLogger(logger_);
+
+    IgnoreBrokenPipes();
+    sigemptyset(&signalSet_);
+    sigaddset(&signalSet_, SIGINT);
+    sigaddset(&signalSet_, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &signalSet_, nullptr);
+
+    if (CBBLog::isDebugEnabled()) CBBLog::debug("YarModuleBase %s", name_.c_str());
+}
+
+YarModuleBase::~YarModuleBase() {
+    if (yarModule == this) yarModule = nullptr;
+    if (CBBLog::isDebugEnabled()) CBBLog::debug("~YarModuleBase %s", name_.c_str());
+}
+
+void YarModuleBase::run() {
+    int received = 0;
+    const int error = sigwait(&signalSet_, &received);
+    if (error != 0) std::printf("error waiting signal: %d\n", error);
+}
+
+void YarModuleBase::abort() { kill(getpid(), SIGTERM); }
