@@ -1,0 +1,137 @@
+#include "directory/DirectorySink.h"
+
+#include "directory/KelDirectory.h"
+#include "foundation/Log.h"
+#include "foundation/NetworkUtils.h"
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+
+namespace {
+
+// Logs that a call's address is unknown and returns the method's result for that.
+int NoAddress(const char* method) {
+    const int reason = errno;
+    if (CBBLog::isDebugEnabled()) {
+        CBBLog::debug("%s: failed to get connection remote IP: %d (0x%x)", method, reason,
+                      static_cast<unsigned>(reason));
+    }
+    return -1;
+}
+
+void LogResult(const char* method, int rc) {
+    if (CBBLog::isDebugEnabled()) CBBLog::debug("%s returned %d: ", method, rc);
+}
+
+int Result(const char* method, int rc) {
+    if (rc != 0) LogResult(method, rc);
+    return rc;
+}
+
+}  // namespace
+
+CDirectorySink::~CDirectorySink() { KelSatellite::Disconnect(); }
+
+void CDirectorySink::Publish(const char* name, const char* description, Method method) {
+    AddService(name, description, new KelSatelliteDelegateMemberEx<CDirectorySink>(this, method));
+}
+
+void CDirectorySink::CreateServices() {
+    Publish("Register", "Register Satellite services", &CDirectorySink::SatRegister);
+    Publish("UnRegister", "UnRegister Satellite services", &CDirectorySink::SatUnregister);
+    Publish("GetServiceReg", "Get Service Registration", &CDirectorySink::GetServiceReg);
+    Publish("GetSatelliteHost", "Retrieve the Satellite host", &CDirectorySink::GetSatelliteHost);
+    Publish("GetSatelliteId", "Retrieve the Satellite Id", &CDirectorySink::GetSatelliteId);
+    Publish("RemoveSatellite", "Remove the satellite from the database", &CDirectorySink::RemoveSatellite);
+    Publish("AddServiceAvailabilityListener", "Add a service availability listener for a Satellite",
+            &CDirectorySink::AddServiceAvailabilityListener);
+    Publish("RemoveServiceAvailabilityListener", "Remove a service availability listener for a Satellite",
+            &CDirectorySink::RemoveServiceAvailabilityListener);
+    Publish("AddKelUsers", "Add users to the list of discoverable users in kel library", &CDirectorySink::AddKelUsers);
+    Publish("RemoveKelUser", "Remove a User from the list of discoverable users in kel library",
+            &CDirectorySink::RemoveKelUser);
+    Publish("SetBeRightBackTimer",
+            "Sets a Be Right Back timer -- KelDirectory won't ping and unregister the satellite during that time",
+            &CDirectorySink::SetBeRightBackTimer);
+}
+
+int CDirectorySink::GetSatelliteId() {
+    int satId = 0;
+    KelSatellite::GetSatelliteId(&satId);
+    return satId;
+}
+
+int CDirectorySink::PingSat(const CStdStr& name, const CStdStr& host, unsigned short port, int satId, int* status) {
+    return DirectoryPingSatellite(name.c_str(), host.c_str(), port, satId, status) < 0 ? noAnswer : 0;
+}
+
+CStdStr CDirectorySink::getIPFromSocket(int socket) {
+    sockaddr_in peer{};
+    socklen_t length = sizeof peer;
+    if (getpeername(socket, reinterpret_cast<sockaddr*>(&peer), &length) != 0) return CStdStr();
+    if (peer.sin_family != AF_INET) {
+        errno = EAFNOSUPPORT;
+        return CStdStr();
+    }
+    return yar::networkutils::inet_ntos(peer.sin_addr);
+}
+
+int CDirectorySink::SatRegister(int socket, const char* caller, const tagVARIANT& in, tagVARIANT* out) {
+    const CStdStr ip = getIPFromSocket(socket);
+    if (ip.empty()) return NoAddress("SatRegister");
+    const int rc = directory_->SatRegister(&in, out, ip.c_str(), caller);
+    LogResult("Register", rc);
+    return rc;
+}
+
+int CDirectorySink::SatUnregister(int socket, const char* caller, const tagVARIANT& in, tagVARIANT* out) {
+    const CStdStr ip = getIPFromSocket(socket);
+    if (ip.empty()) return NoAddress("SatUnregister");
+    return Result("Unregister", directory_->SatUnRegister(&in, out, ip.c_str(), caller));
+}
+
+int CDirectorySink::GetServiceReg(int socket, const char* caller, const tagVARIANT& in, tagVARIANT* out) {
+    const CStdStr ip = getIPFromSocket(socket);
+    if (ip.empty()) return NoAddress("GetServiceReg");
+    return Result("GetServiceReg", directory_->SatGetService(&in, out, ip.c_str(), caller));
+}
+
+int CDirectorySink::GetSatelliteHost(int socket, const char* /*caller*/, const tagVARIANT& in, tagVARIANT* out) {
+    const CStdStr ip = getIPFromSocket(socket);
+    if (ip.empty()) return NoAddress("GetSatelliteHost");
+    return Result("GetSatelliteHost", directory_->SatGetHostName(in, out, ip.c_str()));
+}
+
+int CDirectorySink::GetSatelliteId(int socket, const char* caller, const tagVARIANT& in, tagVARIANT* out) {
+    const CStdStr ip = getIPFromSocket(socket);
+    if (ip.empty()) return NoAddress("GetSatelliteId");
+    return Result("GetSatelliteId", directory_->SatGetId(&in, out, ip.c_str(), caller));
+}
+
+int CDirectorySink::RemoveSatellite(int socket, const char* caller, const tagVARIANT& in, tagVARIANT* /*out*/) {
+    const CStdStr ip = getIPFromSocket(socket);
+    if (ip.empty()) return NoAddress("RemoveSatellite");
+    return Result("RemoveSatellite", directory_->SatRemove(&in, ip.c_str(), caller));
+}
+
+int CDirectorySink::SetBeRightBackTimer(int socket, const char* caller, const tagVARIANT& in, tagVARIANT* out) {
+    const CStdStr ip = getIPFromSocket(socket);
+    if (ip.empty()) return NoAddress("SetBeRightBackTimer");
+    return Result("SetBeRightBackTimer", directory_->SatSetBeRightBack(&in, out, ip.c_str(), caller));
+}
+
+int CDirectorySink::AddServiceAvailabilityListener(int /*socket*/, const char* caller, const tagVARIANT& in,
+                                                   tagVARIANT* out) {
+    return Result("AddServiceAvailabilityListener", directory_->AddServiceListener(&in, out, caller));
+}
+
+int CDirectorySink::RemoveServiceAvailabilityListener(int /*socket*/, const char* caller, const tagVARIANT& in,
+                                                      tagVARIANT* out) {
+    return Result("RemoveServiceAvailabilityListener", directory_->RemoveServiceListener(&in, out, caller));
+}
+
+int CDirectorySink::AddKelUsers(int, const char*, const tagVARIANT&, tagVARIANT*) { return 0; }
+
+int CDirectorySink::RemoveKelUser(int, const char*, const tagVARIANT&, tagVARIANT*) { return 0; }

@@ -1,0 +1,59 @@
+// CDirectorySink: the directory's own endpoint. It publishes the directory's methods, finds out where a call comes from
+// and hands it to the KelDirectory that owns it. KelDirectory makes it, connects it as "MainRegister" and deletes it.
+//
+// Threads: the published methods run on libkel's threads, several at once. The destructor waits until none runs.
+#pragma once
+
+#include "rpc/KelSatellite.h"
+
+class KelDirectory;
+
+class CDirectorySink : public KelSatellite {
+public:
+    // `directory` outlives the sink.
+    explicit CDirectorySink(KelDirectory* directory) : directory_(directory) {}
+    ~CDirectorySink() override;
+
+    // Leaves the endpoint up: calls are answered until the sink is deleted.
+    void Disconnect() override {}
+
+    // Publishes the methods below.
+    void CreateServices() override;
+
+    using KelSatellite::GetSatelliteId;
+    // The endpoint's id; 0 when it has none.
+    int GetSatelliteId();
+
+    // Asks host:port whether it is that satellite; `status` becomes KELSTATUS_ALIVE if so. Blocks for at most 10
+    // seconds. Returns 0, or noAnswer and leaves `status` to the library.
+    int PingSat(const CStdStr& name, const CStdStr& host, unsigned short port, int satId, int* status);
+    static constexpr int noAnswer = 0x40017;
+
+    // The dotted address at the other end of a connection; empty, with the reason in errno, when it is not IPv4.
+    static CStdStr getIPFromSocket(int socket);
+
+    // The published methods. All that need the caller's address return -1 without it; else the result is that of the
+    // request in KelDirectory.
+    int SatRegister(int socket, const char* caller, const tagVARIANT& in, tagVARIANT* out);
+    int SatUnregister(int socket, const char* caller, const tagVARIANT& in, tagVARIANT* out);
+    int GetServiceReg(int socket, const char* caller, const tagVARIANT& in, tagVARIANT* out);
+    int GetSatelliteHost(int socket, const char* caller, const tagVARIANT& in, tagVARIANT* out);
+    int GetSatelliteId(int socket, const char* caller, const tagVARIANT& in, tagVARIANT* out);
+    int RemoveSatellite(int socket, const char* caller, const tagVARIANT& in, tagVARIANT* out);
+    int SetBeRightBackTimer(int socket, const char* caller, const tagVARIANT& in, tagVARIANT* out);
+
+    using KelSatellite::AddServiceAvailabilityListener;
+    int AddServiceAvailabilityListener(int socket, const char* caller, const tagVARIANT& in, tagVARIANT* out);
+    using KelSatellite::RemoveServiceAvailabilityListener;
+    int RemoveServiceAvailabilityListener(int socket, const char* caller, const tagVARIANT& in, tagVARIANT* out);
+
+    // This directory announces no users: both succeed and change nothing.
+    int AddKelUsers(int socket, const char* caller, const tagVARIANT& in, tagVARIANT* out);
+    int RemoveKelUser(int socket, const char* caller, const tagVARIANT& in, tagVARIANT* out);
+
+private:
+    using Method = int (CDirectorySink::*)(int, const char*, const tagVARIANT&, tagVARIANT*);
+    void Publish(const char* name, const char* description, Method method);
+
+    KelDirectory* const directory_;
+};

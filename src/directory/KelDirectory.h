@@ -1,0 +1,93 @@
+// KelDirectory: the module of the program KelDirectory. It owns the registry of satellites and the endpoint
+// ("MainRegister") at which other satellites call it, and does what the published methods ask.
+//
+// Threads: init and close belong to the main thread. The requests run on libkel's threads, several at a time. The only
+// lock here guards the list of registrations in progress and is never held across anything else; the registry has locks
+// of its own.
+#pragma once
+
+#include "foundation/Locks.h"
+#include "foundation/StdString.h"
+#include "host/YarModuleBase.h"
+#include "registry/Registration.h"
+#include "rpc/Variant.h"
+
+#include <list>
+#include <vector>
+
+class CDirectorySink;
+
+class KelDirectory : public YarModuleBase {
+public:
+    KelDirectory();
+    ~KelDirectory() override;
+
+    // Loads the registry and connects. False, with the reason in the log, when the directory cannot serve.
+    bool init(const std::vector<CStdStr>& args) override;
+    // Ends the endpoint and takes it out of the registry. Does nothing the second time.
+    void close() override;
+
+    // The address under which a satellite that calls from `callerIp` is recorded: "127.0.0.1" for one on this machine,
+    // by whichever interface it came, else `callerIp` itself.
+    CStdStr getIPToUse(const char* callerIp) const;
+
+    // The requests. `callerIp` is the dotted address that a request came from, `caller` the name of the calling
+    // satellite. The result travels to the caller with `out`: 0, a code from below, or what the registry says. A record
+    // that cannot be read throws KelInvalidParameterException and changes nothing.
+    static constexpr int noEndpoint = -1;
+    static constexpr int wrongParameter = 1;  // of SatSetBeRightBack
+    static constexpr int unreadableParameter = 0x40001;
+    static constexpr int refused = 0x40002;          // unknown name, of SatGetId and SatSetBeRightBack
+    static constexpr int noSuchSatellite = 0x4000a;  // unknown name or another id, or no parameter at all
+    static constexpr int nameTaken = 0x40010;
+
+    // Registers the satellite that the record describes. `out` becomes [server id, satId]. A living holder of the name
+    // with another id keeps it (nameTaken); a dead one is replaced.
+    int SatRegister(const tagVARIANT* in, tagVARIANT* out, const char* callerIp, const CStdStr& caller)
+        EXCLUDES(pendingLock_);
+    // Withdraws the services that the record lists. `out` becomes the number of services left.
+    int SatUnRegister(const tagVARIANT* in, tagVARIANT* out, const char* callerIp, const CStdStr& caller);
+    // Removes the satellite that the record names by name and id.
+    int SatRemove(const tagVARIANT* in, const char* callerIp, const CStdStr& caller);
+    // [destination, service name]: who provides the service, as an array of service descriptions. The destination is a
+    // satellite's name, "all" for all providers, or "any" (or empty) for one, the last in the order of names.
+    int SatGetService(const tagVARIANT* in, tagVARIANT* out, const char* callerIp, const CStdStr& caller);
+    // A satellite's name: `out` becomes [address, port].
+    int SatGetHostName(const tagVARIANT& in, tagVARIANT* out, const char* callerIp);
+    // A satellite's name: `out` becomes its id.
+    int SatGetId(const tagVARIANT* in, tagVARIANT* out, const char* callerIp, const CStdStr& caller);
+    // A number of seconds during which the caller is not to be pinged.
+    int SatSetBeRightBack(const tagVARIANT* in, tagVARIANT* out, const char* callerIp, const CStdStr& caller);
+    // The names of services that the caller wants to hear about, or no more.
+    int AddServiceListener(const tagVARIANT* in, tagVARIANT* out, const CStdStr& caller);
+    int RemoveServiceListener(const tagVARIANT* in, tagVARIANT* out, const CStdStr& caller);
+
+    // Appends the names of the satellites that publish the service, in the order of names. Returns 0.
+    int GetServices(const CStdStr& serviceName, std::list<CStdStr>& satellites) const;
+
+private:
+    struct Record;
+    class PendingName;
+
+    int AdmitSatellite(const Record& record, const CStdStr& address, int* satId);
+    int RemoveDeadHolder(const CStdStr& name, const CStdStr& host, unsigned short port, int satId);
+    bool AddToPending(const CStdStr& name) EXCLUDES(pendingLock_);
+    void RemoveFromPending(const CStdStr& name) EXCLUDES(pendingLock_);
+
+    CRegistration registration_;
+
+    // Owned, and not by a smart pointer: requests look at it until its destructor has waited for the last of them.
+    CDirectorySink* sink_ = nullptr;
+
+    PMutex pendingLock_;
+    std::vector<CStdStr> pendingRegistrations_ GUARDED_BY(pendingLock_);
+};
+
+// Reads a registration record: [satellite name, host name, port (VT_UI2), protocol version, satId, number of services,
+// service entries]. `services` must hold no value; the caller clears it. Returns 0; throws
+// KelInvalidParameterException.
+int GetRegistration(const tagVARIANT& in, CStdStr& name, CStdStr& host, unsigned short* port, int* protocolVersion,
+                    int* satId, int* serviceCount, tagVARIANT* services);
+
+// Reads entry `i` of the service entries: [service name, description]. Returns 0; throws KelInvalidParameterException.
+int GetService(tagVARIANT* services, int i, CStdStr& name, CStdStr& description);

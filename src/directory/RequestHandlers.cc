@@ -1,0 +1,316 @@
+// What the directory does for each published method: read the parameters, ask or change the registry, fill the answer.
+// Nothing is changed before all parameters were read, so that a bad record leaves the registry as it was.
+#include "directory/KelDirectory.h"
+
+#include "directory/DirectorySink.h"
+#include "foundation/Log.h"
+#include "rpc/VUtil.h"
+
+namespace {
+
+// Reads the first `count` entries; there may be fewer, which throws. Nothing is reserved by what a caller claims.
+std::vector<KelService> ReadServices(tagVARIANT* entries, int count) {
+    std::vector<KelService> services;
+    for (int i = 0; i < count; ++i) {
+        KelService service;
+        GetService(entries, i, service.name, service.description);
+        services.push_back(std::move(service));
+    }
+    return services;
+}
+
+void SetInt(tagVARIANT* out, int value) {
+    VariantClear(out);
+    out->vt = VT_I4;
+    out->lVal = value;
+}
+
+ScopedVariant DescribeService(const KelServiceInfo& info) {
+    ScopedVariant description;
+    VUtil::CreateArray(description, VT_VARIANT, 7);
+    VUtil::PutElement(description, 0, info.name);
+    VUtil::PutElement(description, 1, info.description);
+    VUtil::PutElement(description, 2, info.satName);
+    VUtil::PutElement(description, 3, info.ip);
+    VUtil::PutElement(description, 4, static_cast<unsigned short>(info.port));
+    VUtil::PutElement(description, 5, info.hostname);
+    VUtil::PutElement(description, 6, static_cast<int>(info.kelProtocolVersion));
+    return description;
+}
+
+void LogFound(const std::vector<KelServiceInfo>& found, const CStdStr& service, const CStdStr& destination,
+              const char* callerIp, const CStdStr& caller) {
+    if (!CBBLog::isDebugEnabled()) return;
+    if (found.empty()) {
+        CBBLog::debug("No services found for %.1024s and destination %.1024s", service.c_str(), destination.c_str());
+    } else if (found.size() > 1) {
+        CBBLog::debug("Found %d services for %.1024s and destination %.1024s", static_cast<int>(found.size()),
+                      service.c_str(), destination.c_str());
+    } else {
+        const KelServiceInfo& only = found.front();
+        CBBLog::debug("GetServiceReg from %.1024s (%.16s) found: %.1024s %.1024s (%.16s:%d)", caller.c_str(), callerIp,
+                      only.satName.c_str(), only.name.c_str(), only.ip.c_str(), only.port);
+        CBBLog::debug("--name,host,port: %.1024s, %.16s, %d", only.satName.c_str(), only.ip.c_str(), only.port);
+    }
+}
+
+// Reads an array of service names to its end, so that a bad one is found. Returns the request's result.
+int ReadServiceNames(const tagVARIANT* in, tagVARIANT* out, const char* request) {
+    VariantClear(out);
+    if (!in) return KelDirectory::noSuchSatellite;
+    try {
+        const int count = VUtil::GetArrayLength(*in);
+        for (int i = 0; i < count; ++i) VUtil::GetStringElement(*in, i);
+        return 0;
+    } catch (const KelException& failure) {
+        CBBLog::error("%s failed: %s", request, failure.GetMessage());
+        return KelDirectory::unreadableParameter;
+    }
+}
+
+}  // namespace
+
+int GetRegistration(const tagVARIANT& in, CStdStr& name, CStdStr& host, unsigned short* port, int* protocolVersion,
+                    int* satId, int* serviceCount, tagVARIANT* services) {
+    VariantInit(services);
+    name = VUtil::GetStringElement(in, 0);
+    host = VUtil::GetStringElement(in, 1);
+    *port = VUtil::GetUnsignedShortElement(in, 2);
+    *protocolVersion = VUtil::GetIntElement(in, 3);
+    *satId = VUtil::GetIntElement(in, 4);
+    *serviceCount = VUtil::GetIntElement(in, 5);
+    VUtil::GetElement(in, 6, *services);
+    return 0;
+}
+
+int GetService(tagVARIANT* services, int i, CStdStr& name, CStdStr& description) {
+    ScopedVariant entry;
+    VUtil::GetElement(*services, i, entry);
+    name = VUtil::GetStringElement(entry, 0);
+    description = VUtil::GetStringElement(entry, 1);
+    return 0;
+}
+
+// A registration record as a caller sent it.
+struct KelDirectory::Record {
+    CStdStr name;
+    CStdStr host;
+    unsigned short port = 0;
+    int protocolVersion = 0;
+    int satId = 0;
+    int serviceCount = 0;
+    ScopedVariant services;
+
+    int Read(const tagVARIANT* in) {
+        if (!in) return noSuchSatellite;
+        return GetRegistration(*in, name, host, &port, &protocolVersion, &satId, &serviceCount, &services);
+    }
+};
+
+// Has a name listed as being registered while it lives, unless the name was listed already.
+class KelDirectory::PendingName {
+public:
+    PendingName(KelDirectory& directory, const CStdStr& name)
+        : directory_(directory), name_(name), isMine_(directory.AddToPending(name)) {}
+    ~PendingName() {
+        if (isMine_) directory_.RemoveFromPending(name_);
+    }
+    PendingName(const PendingName&) = delete;
+    PendingName& operator=(const PendingName&) = delete;
+
+    bool IsMine() const { return isMine_; }
+
+private:
+    KelDirectory& directory_;
+    const CStdStr& name_;
+    const bool isMine_;
+};
+
+int KelDirectory::SatRegister(const tagVARIANT* in, tagVARIANT* out, const char* callerIp, const CStdStr& caller) {
+    if (!sink_) return noEndpoint;
+    Record record;
+    if (const int rc = record.Read(in)) return rc;
+    const std::vector<KelService> services = ReadServices(&record.services, record.serviceCount);
+    const CStdStr address = getIPToUse(callerIp);
+    if (CBBLog::isDebugEnabled()) {
+        CBBLog::debug("Register from Satellite %s on %s(%s:%d) to %s, SatId %d", caller.c_str(), record.host.c_str(),
+                      address.c_str(), record.port, record.name.c_str(), record.satId);
+    }
+
+    const PendingName pending(*this, record.name);
+    if (!pending.IsMine()) {
+        CBBLog::warn("## Register failed: another Satellite with the same name is currently Registering");
+        return nameTaken;
+    }
+    int satId = record.satId;
+    if (const int rc = AdmitSatellite(record, address, &satId)) return rc;
+
+    VariantClear(out);
+    VUtil::CreateArray(*out, VT_VARIANT, 2);
+    VUtil::PutElement(*out, 0, registration_.GetServerId());
+    VUtil::PutElement(*out, 1, satId);
+    for (const KelService& service : services) {
+        if (const int rc = registration_.AddService(record.name, service.name, service.description)) return rc;
+    }
+    registration_.SerializeSatellite(record.name);
+    return 0;
+}
+
+// Sees to it that the satellite has a record and stores its id in `satId`, which holds the claimed one: the record that
+// it says it has, or a new one when nobody living holds the name.
+int KelDirectory::AdmitSatellite(const Record& record, const CStdStr& address, int* satId) {
+    CStdStr knownHost;
+    int knownId = 0;
+    unsigned short knownPort = 0;
+    if (registration_.FindSatellite(record.name, knownHost, &knownId, &knownPort, nullptr) == 0) {
+        if (knownId == *satId) return 0;
+        if (const int rc = RemoveDeadHolder(record.name, knownHost, knownPort, knownId)) return rc;
+    }
+    if (*satId != 0) CBBLog::info("SatId %d not found, registering %s", *satId, record.name.c_str());
+    *satId = 0;
+    registration_.AddSatellite(record.name, address, record.port, record.host, record.protocolVersion, satId);
+    return 0;
+}
+
+int KelDirectory::RemoveDeadHolder(const CStdStr& name, const CStdStr& host, unsigned short port, int satId) {
+    int status = KELSTATUS_GONE;
+    if (sink_->PingSat(name, host, port, satId, &status) == 0 && status == KELSTATUS_ALIVE) {
+        CBBLog::warn("Register failed, %s already exists", name.c_str());
+        return nameTaken;
+    }
+    if (CBBLog::isDebugEnabled()) {
+        CBBLog::debug("Satname %s dead on host %s:%d (satId %d)", name.c_str(), host.c_str(), port, satId);
+    }
+    return registration_.RemoveSatellite(name, satId);
+}
+
+int KelDirectory::SatUnRegister(const tagVARIANT* in, tagVARIANT* out, const char* callerIp,
+                                const CStdStr& /*caller*/) {
+    Record record;
+    if (const int rc = record.Read(in)) return rc;
+    if (CBBLog::isDebugEnabled()) {
+        CBBLog::debug("UnRegister from %s (%s:%d, satId %d)", record.name.c_str(), getIPToUse(callerIp).c_str(),
+                      record.port, record.satId);
+    }
+    CStdStr knownHost;
+    int knownId = 0;
+    unsigned short knownPort = 0;
+    if (registration_.FindSatellite(record.name, knownHost, &knownId, &knownPort, nullptr) != 0) return noSuchSatellite;
+    if (knownId != record.satId) return noSuchSatellite;
+
+    int remaining = 0;
+    for (const KelService& service : ReadServices(&record.services, record.serviceCount)) {
+        if (const int rc = registration_.RemoveService(record.name, service.name, &remaining)) return rc;
+    }
+    SetInt(out, remaining);
+    registration_.SerializeSatellite(record.name);
+    return 0;
+}
+
+int KelDirectory::SatRemove(const tagVARIANT* in, const char* callerIp, const CStdStr& /*caller*/) {
+    Record record;
+    if (const int rc = record.Read(in)) return rc;
+    if (CBBLog::isDebugEnabled()) {
+        CBBLog::debug("RemoveSatellite %s (%s:%d, satId %d)", record.name.c_str(), getIPToUse(callerIp).c_str(),
+                      record.port, record.satId);
+    }
+    CStdStr knownHost;
+    int knownId = 0;
+    unsigned short knownPort = 0;
+    if (registration_.FindSatellite(record.name, knownHost, &knownId, &knownPort, nullptr) != 0) {
+        CBBLog::warn("SatRemove: unknown satellite %s", record.name.c_str());
+        return noSuchSatellite;
+    }
+    if (knownId != record.satId) {
+        CBBLog::warn("SatRemove: invalid SatId %d (local: %d)", record.satId, knownId);
+        return noSuchSatellite;
+    }
+    return registration_.RemoveSatellite(record.name, knownId);
+}
+
+int KelDirectory::SatGetService(const tagVARIANT* in, tagVARIANT* out, const char* callerIp, const CStdStr& caller) {
+    VariantClear(out);
+    if (!in) return noSuchSatellite;
+    try {
+        const CStdStr destination = VUtil::GetStringElement(*in, 0);
+        const CStdStr service = VUtil::GetStringElement(*in, 1);
+        const bool isAll = ssicmp(destination.c_str(), "all") == 0;
+        const bool isAny = destination.empty() || ssicmp(destination.c_str(), "any") == 0;
+
+        std::vector<KelServiceInfo> found;
+        const int rc = isAny ? registration_.GetLastServiceInfo(service, found, callerIp)
+                             : registration_.GetServiceInfo(service, isAll ? CStdStr() : destination, found, callerIp);
+        if (rc != 0) return rc;
+        VUtil::CreateArray(*out, VT_VARIANT, found.size());
+        for (size_t i = 0; i < found.size(); ++i) {
+            VUtil::PutElement(*out, static_cast<int>(i), DescribeService(found[i]));
+        }
+        LogFound(found, service, destination, callerIp, caller);
+        return 0;
+    } catch (const KelException& failure) {
+        CBBLog::error("SatGetService failed: %s", failure.GetMessage());
+        return unreadableParameter;
+    }
+}
+
+int KelDirectory::SatGetHostName(const tagVARIANT& in, tagVARIANT* out, const char* callerIp) {
+    try {
+        VUtil::CheckType(in, VT_BSTR);
+        const CStdStr name(in.bstrVal);
+        CStdStr address;
+        int satId = 0;
+        unsigned short port = 0;
+        if (registration_.FindSatellite(name, address, &satId, &port, callerIp) != 0) return noSuchSatellite;
+        if (CBBLog::isDebugEnabled()) {
+            CBBLog::debug("Found Satname HostIp: %.1024s  %.16s:%d (satId %d)", name.c_str(), address.c_str(), port,
+                          satId);
+        }
+        VariantClear(out);
+        VUtil::CreateArray(*out, VT_VARIANT, 2);
+        VUtil::PutElement(*out, 0, address);
+        VUtil::PutElement(*out, 1, static_cast<int>(port));
+        return 0;
+    } catch (const KelException& failure) {
+        CBBLog::error("SatGetHostname failed: %s", failure.GetMessage());
+        return unreadableParameter;
+    }
+}
+
+int KelDirectory::SatGetId(const tagVARIANT* in, tagVARIANT* out, const char* callerIp, const CStdStr& /*caller*/) {
+    if (!in) return noSuchSatellite;
+    const CStdStr name(in->vt == VT_BSTR ? in->bstrVal : nullptr);
+    CStdStr host;
+    int satId = 0;
+    unsigned short port = 0;
+    if (registration_.FindSatellite(name, host, &satId, &port, callerIp) != 0) return refused;
+    SetInt(out, satId);
+    return 0;
+}
+
+int KelDirectory::SatSetBeRightBack(const tagVARIANT* in, tagVARIANT* out, const char* /*callerIp*/,
+                                    const CStdStr& caller) {
+    if (!in) return noSuchSatellite;
+    if (in->vt != VT_I4) {
+        CBBLog::info("SatSetBeRightBack from %s: Wrong inparams!", caller.c_str());
+        return wrongParameter;
+    }
+    if (registration_.SetBeRightBackTimer(caller, in->lVal) != 0) return refused;
+    SetInt(out, 0);
+    return 0;
+}
+
+int KelDirectory::AddServiceListener(const tagVARIANT* in, tagVARIANT* out, const CStdStr& /*caller*/) {
+    return ReadServiceNames(in, out, "AddServiceListener");
+}
+
+int KelDirectory::RemoveServiceListener(const tagVARIANT* in, tagVARIANT* out, const CStdStr& /*caller*/) {
+    return ReadServiceNames(in, out, "RemoveServiceListener");
+}
+
+int KelDirectory::GetServices(const CStdStr& serviceName, std::list<CStdStr>& satellites) const {
+    std::vector<KelServiceInfo> found;
+    const int rc = registration_.GetServiceInfo(serviceName, CStdStr(), found, "127.0.0.1");
+    if (rc != 0) return rc;
+    for (const KelServiceInfo& info : found) satellites.push_back(info.satName);
+    return 0;
+}

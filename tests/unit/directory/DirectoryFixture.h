@@ -1,0 +1,161 @@
+// A directory with a root, settings and a port of its own, and the parameters that its requests take.
+#pragma once
+
+#include "directory/KelDirectory.h"
+#include "foundation/Registry.h"
+#include "rpc/VUtil.h"
+#include "support/TempRoot.h"
+
+#include <gtest/gtest.h>
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstddef>
+#include <memory>
+#include <random>
+#include <string>
+#include <utility>
+#include <vector>
+
+// A listening TCP socket on a port of the loopback interface that the system picked.
+class ListeningPort {
+public:
+    ListeningPort() : socket_(::socket(AF_INET, SOCK_STREAM, 0)) {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t length = sizeof address;
+        bind(socket_, reinterpret_cast<sockaddr*>(&address), length);
+        listen(socket_, 5);
+        getsockname(socket_, reinterpret_cast<sockaddr*>(&address), &length);
+        port_ = ntohs(address.sin_port);
+    }
+    ~ListeningPort() { close(socket_); }
+    ListeningPort(const ListeningPort&) = delete;
+    ListeningPort& operator=(const ListeningPort&) = delete;
+
+    int socket() const { return socket_; }
+    unsigned short port() const { return port_; }
+
+private:
+    int socket_;
+    unsigned short port_;
+};
+
+// A port at which nobody listens, kept off other tests that ask in this way while this lives. It is below the range
+// that the system picks ports from, so that it stays free.
+class ReservedPort {
+public:
+    ReservedPort() {
+        std::random_device random;
+        do {
+            number_ = static_cast<unsigned short>(10000 + random() % 22000);
+        } while (!Reserve() || !IsFree());
+    }
+    ~ReservedPort() { close(reservation_); }
+    ReservedPort(const ReservedPort&) = delete;
+    ReservedPort& operator=(const ReservedPort&) = delete;
+
+    unsigned short number() const { return number_; }
+
+private:
+    // Binds an abstract socket of the port's name, which one process at a time can.
+    bool Reserve() {
+        if (reservation_ >= 0) close(reservation_);
+        reservation_ = socket(AF_UNIX, SOCK_STREAM, 0);
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        const std::string name = "kel-test-port-" + std::to_string(number_);
+        name.copy(address.sun_path + 1, name.size());
+        const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
+        return bind(reservation_, reinterpret_cast<sockaddr*>(&address), length) == 0;
+    }
+
+    bool IsFree() const {
+        const int probe = socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(number_);
+        const bool isFree = bind(probe, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+        close(probe);
+        return isFree;
+    }
+
+    int reservation_ = -1;
+    unsigned short number_ = 0;
+};
+
+using Services = std::vector<std::pair<const char*, const char*>>;
+
+inline ScopedVariant Array(unsigned long count) {
+    ScopedVariant array;
+    VUtil::CreateArray(array, VT_VARIANT, count);
+    return array;
+}
+
+inline ScopedVariant Texts(const std::vector<const char*>& texts) {
+    ScopedVariant array = Array(texts.size());
+    for (size_t i = 0; i < texts.size(); ++i) VUtil::PutElement(array, static_cast<int>(i), texts[i]);
+    return array;
+}
+
+inline ScopedVariant RecordOf(const char* name, int satId, unsigned short port, const Services& services = {}) {
+    ScopedVariant entries = Array(services.size());
+    for (size_t i = 0; i < services.size(); ++i) {
+        VUtil::PutElement(entries, static_cast<int>(i), Texts({services[i].first, services[i].second}));
+    }
+    ScopedVariant record = Array(7);
+    VUtil::PutElement(record, 0, name);
+    VUtil::PutElement(record, 1, "studio");
+    VUtil::PutElement(record, 2, port);
+    VUtil::PutElement(record, 3, 2);
+    VUtil::PutElement(record, 4, satId);
+    VUtil::PutElement(record, 5, static_cast<int>(services.size()));
+    VUtil::PutElement(record, 6, entries);
+    return record;
+}
+
+class DirectoryFixture : public testing::Test {
+protected:
+    DirectoryFixture() {
+        CRegistry::getInstance()->WriteSettingImpl("Software\\Tessaly\\Yar\\Config", "kel.directoryPort",
+                                                   directoryPort_.number());
+        Restart();
+    }
+
+    void Restart() {
+        directory_.reset();
+        directory_ = std::make_unique<KelDirectory>();
+    }
+
+    void Init() { ASSERT_TRUE(directory_->init({"KelDirectory"})); }
+
+    // The result of "Register"; `satId` receives the id that was given.
+    int Register(const tagVARIANT& record, int* satId = nullptr) {
+        ScopedVariant out;
+        const int rc = directory_->SatRegister(&record, &out, "127.0.0.1", "Tester");
+        if (rc == 0 && satId) *satId = VUtil::GetIntElement(out, 1);
+        return rc;
+    }
+
+    int IdOf(const char* name) {
+        const ScopedVariant in = MakeString(name);
+        ScopedVariant out;
+        return directory_->SatGetId(&in, &out, "127.0.0.1", "Tester") == 0 ? out.lVal : -1;
+    }
+
+    std::list<CStdStr> Providers(const char* service) {
+        std::list<CStdStr> names;
+        EXPECT_EQ(directory_->GetServices(service, names), 0);
+        return names;
+    }
+
+    TempRoot root_;
+    const ReservedPort directoryPort_;
+    const ReservedPort closedPort_;
+    const unsigned short port_ = closedPort_.number();  // where the satellites of a test are said to listen
+    std::unique_ptr<KelDirectory> directory_;
+};

@@ -1,0 +1,64 @@
+#include "directory/KelDirectory.h"
+
+#include "DirectoryFixture.h"
+#include "foundation/NetworkUtils.h"
+
+#include <filesystem>
+#include <stdexcept>
+
+namespace {
+
+class ADirectory : public DirectoryFixture {};
+
+TEST_F(ADirectory, IsTheOnlyModuleOfItsProcess) {
+    EXPECT_THROW(KelDirectory(), std::logic_error);
+    EXPECT_THROW(KelDirectory(), std::logic_error);
+    Restart();
+}
+
+TEST_F(ADirectory, StopsBySignalsThatCameBeforeItRan) {
+    directory_->abort();
+    Init();
+    directory_->run();
+    directory_->close();
+}
+
+TEST_F(ADirectory, KnowsItselfWhileItRunsAndItsSatellitesAfterARestart) {
+    Init();
+    EXPECT_EQ(IdOf("MainRegister"), 1);
+    EXPECT_EQ(Register(RecordOf("Recorder", 0, port_, {{"Schedule", "Recording schedule"}})), 0);
+    EXPECT_TRUE(std::filesystem::exists(root_.dataFolder() + "/Satellites/MainRegister.xml"));
+    directory_->close();
+    EXPECT_FALSE(std::filesystem::exists(root_.dataFolder() + "/Satellites/MainRegister.xml"));
+    EXPECT_EQ(IdOf("MainRegister"), -1);
+
+    Restart();
+    Init();
+    EXPECT_EQ(IdOf("MainRegister"), 3);
+    EXPECT_EQ(IdOf("Recorder"), 2);
+    EXPECT_EQ(Providers("Schedule"), std::list<CStdStr>{"Recorder"});
+}
+
+TEST_F(ADirectory, ReplacesTheRecordOfAnEarlierRunThatWasKilled) {
+    Init();
+    const std::string own = root_.dataFolder() + "/Satellites/MainRegister.xml";
+    std::filesystem::copy_file(own, root_.path() + "/kept.xml");
+    Restart();
+    std::filesystem::copy_file(root_.path() + "/kept.xml", own);
+    Init();
+    EXPECT_EQ(IdOf("MainRegister"), 2);
+}
+
+TEST_F(ADirectory, RecordsSatellitesOfItsOwnMachineUnderTheLoopbackAddress) {
+    EXPECT_EQ(directory_->getIPToUse("127.0.0.1"), "127.0.0.1");
+    EXPECT_EQ(directory_->getIPToUse("192.0.2.1"), "192.0.2.1");
+    EXPECT_EQ(directory_->getIPToUse(""), "");
+    EXPECT_EQ(directory_->getIPToUse(nullptr), "");
+    std::vector<in_addr> own;
+    yar::networkutils::GetLocalIPAddressList(own);
+    for (const in_addr address : own) {
+        EXPECT_EQ(directory_->getIPToUse(yar::networkutils::inet_ntos(address).c_str()), "127.0.0.1");
+    }
+}
+
+}  // namespace
