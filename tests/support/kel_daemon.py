@@ -1,0 +1,269 @@
+"""Runs KelDirectory (found in the folder KEL_BIN) for system tests: a root, settings and a port of its own each.
+
+A test derives from SystemTest and asks self.daemon() for one. What it leaves running is stopped when the test ends,
+which fails unless it exits with status 0; a failed test prints what its programs said.
+"""
+import ctypes
+import os
+import pathlib
+import plistlib
+import random
+import re
+import resource
+import shutil
+import signal
+import socket
+import subprocess
+import sys
+import tempfile
+import unittest
+
+from kel_client import DEADLINE, Client, Satellite, wait_until
+
+_libc = ctypes.CDLL(None)
+_reserved_ports = []
+
+SATELLITE_FILE = re.compile(
+    rb"<\?xml version='1\.0'\?>\n<satellite>\n\t<id>(?P<id>-?\d+)</id>\n\t<satName>(?P<name>.{1,1024})</satName>\n"
+    rb"\t<ip>(?P<ip>[\d.]{7,15})</ip>\n\t<port>(?P<port>\d+)</port>\n\t<hostname>(?P<host>.{1,16})</hostname>\n"
+    rb"\t<kelProtocolVersion>(?P<version>-?\d+)</kelProtocolVersion>\n"
+    rb"(?P<services>(?:\t<service>\n\t\t<name>.{1,1024}</name>\n\t\t<description>.{0,4096}</description>\n"
+    rb"\t</service>\n)*)</satellite>\n")
+REGISTRATION_FILE = re.compile(
+    rb"<\?xml version='1\.0'\?>\n<registration>\n\t<serverId>(?P<server>[0-9A-Za-z]{16})</serverId>\n"
+    rb"\t<lastSatId>(?P<last>\d+)</lastSatId>\n</registration>\n")
+
+
+def satellite_text(name, sat_id, port, services=(), host="studio", version=2, ip="127.0.0.1"):
+    """The text of a satellite's file."""
+    head = (f"<?xml version='1.0'?>\n<satellite>\n\t<id>{sat_id}</id>\n\t<satName>{name}</satName>\n\t<ip>{ip}</ip>\n"
+            f"\t<port>{port}</port>\n\t<hostname>{host}</hostname>\n"
+            f"\t<kelProtocolVersion>{version}</kelProtocolVersion>\n")
+    return head + "".join(f"\t<service>\n\t\t<name>{service}</name>\n\t\t<description>{description}</description>\n"
+                          "\t</service>\n" for service, description in services) + "</satellite>\n"
+
+
+def registration_text(last_id, server_id="0123456789abcdef"):
+    return (f"<?xml version='1.0'?>\n<registration>\n\t<serverId>{server_id}</serverId>\n"
+            f"\t<lastSatId>{last_id}</lastSatId>\n</registration>\n")
+
+
+def free_port():
+    """A port that nothing listens on, below the range that the system picks from, so that it is free again after a
+    restart. An abstract socket of the port's name keeps other tests that run now off it."""
+    while True:
+        port = random.randrange(10000, 32000)
+        reservation = socket.socket(socket.AF_UNIX)
+        try:
+            reservation.bind(f"\0kel-test-port-{port}")
+            with socket.socket() as trial:  # without SO_REUSEADDR: not one that old connections still hold
+                trial.bind(("0.0.0.0", port))
+        except OSError:
+            reservation.close()
+            continue
+        _reserved_ports.append(reservation)
+        return port
+
+
+def program(name):
+    return os.path.join(os.environ["KEL_BIN"], name)
+
+
+class Program:
+    """A process whose output goes to a file; it dies with this one. Start it from the main thread."""
+
+    def __init__(self, arguments, environment, output, limit_files=None):
+        def prepare():
+            _libc.prctl(1, signal.SIGKILL)  # PR_SET_PDEATHSIG
+            if limit_files:
+                resource.setrlimit(resource.RLIMIT_NOFILE, (limit_files, limit_files))
+        self.name = os.path.basename(arguments[0])
+        self.output_path = output
+        with open(output, "wb") as sink:
+            self.process = subprocess.Popen(arguments, env={**os.environ, **environment}, stdin=subprocess.DEVNULL,
+                                            stdout=sink, stderr=subprocess.STDOUT, preexec_fn=prepare)
+
+    def output(self):
+        return self.output_path.read_text("utf-8", "replace")
+
+    def running(self):
+        return self.process.poll() is None
+
+    def wait_for(self, text):
+        """Waits until the program has printed `text`."""
+        def printed():
+            ended = not self.running()
+            return text in self.output() or (ended and self._complain(f"ended without printing {text!r}"))
+        wait_until(printed, repr(text))
+
+    def send_signal(self, number):
+        self.process.send_signal(number)
+
+    def wait(self):
+        """The exit status; negative when a signal ended it."""
+        try:
+            return self.process.wait(DEADLINE)
+        except subprocess.TimeoutExpired:
+            self._complain("does not end")
+
+    def stop(self, number=signal.SIGTERM):
+        """Sends the signal and returns the exit status."""
+        self.send_signal(number)
+        return self.wait()
+
+    def kill(self):
+        """Kills it; fails when it has ended before by itself."""
+        self.process.kill()
+        status = self.process.wait()
+        if status != -signal.SIGKILL:
+            self._complain(f"ended by itself with status {status}")
+
+    def check_output(self):
+        """Fails when a sanitizer has found something."""
+        if re.search(r"(Address|Leak|Thread|UndefinedBehavior)Sanitizer|runtime error:", self.output()):
+            self._complain("has a sanitizer's finding")
+
+    def _complain(self, what):
+        raise AssertionError(f"{self.name} (process {self.process.pid}) {what}")
+
+
+class Daemon:
+    """A directory with its own root and port, to be started any number of times."""
+
+    def __init__(self, folder, level=4):
+        self.folder = pathlib.Path(folder)
+        self.root = self.folder / "root"
+        self.root.mkdir()
+        self.port = free_port()
+        self.runs = []        # of the directory itself, the latest last
+        self.companions = []  # programs that use it
+        settings = self.folder / "config"
+        settings.mkdir()
+        (settings / "com.tessaly.yar.plist").write_bytes(plistlib.dumps({"LogLevel": level}))
+        (settings / "com.tessaly.yar.config.plist").write_bytes(
+            plistlib.dumps({"kel.directoryPort": self.port, "kel.bindAddress": "127.0.0.1"}))
+
+    @property
+    def environment(self):
+        return {"YAR_ROOT": str(self.root), "XDG_CONFIG_HOME": str(self.folder / "config")}
+
+    @property
+    def current(self):
+        return self.runs[-1]
+
+    def spawn(self, limit_files=None):
+        """Starts it and does not wait."""
+        output = self.folder / f"output-{len(self.runs)}.txt"
+        self.runs.append(Program([program("KelDirectory")], self.environment, output, limit_files))
+        return self.current
+
+    def start(self, **more):
+        """Starts it and returns when it has entered itself under its own name."""
+        self.spawn(**more)
+        wait_until(self._is_up, "the directory to answer")
+        return self
+
+    def companion(self, name):
+        """Starts an example program on this directory."""
+        output = self.folder / f"{name}-{len(self.companions)}.txt"
+        self.companions.append(Program([program(name), f"127.0.0.1:{self.port}"], self.environment, output))
+        return self.companions[-1]
+
+    def _is_up(self):
+        if not self.current.running():
+            raise AssertionError(f"the directory ended with status {self.current.wait()}")
+        try:
+            with self.client() as client:
+                own = client.id_of("MainRegister")
+                return own and client.call("kel.Ping", ["MainRegister", own]) == (0, 1)
+        except (OSError, EOFError):
+            return False
+
+    def client(self, caller=""):
+        return Client(self.port, caller)
+
+    def stop(self, number=signal.SIGTERM):
+        status = self.current.stop(number)
+        assert status == 0, f"the directory ended with status {status}"
+
+    def restart(self):
+        self.stop()
+        return self.start()
+
+    def close(self):
+        """Stops what runs, which must end with status 0."""
+        for run in self.companions + self.runs:
+            if run.running():
+                status = run.stop()
+                assert status == 0, f"{run.name} ended with status {status}"
+            run.check_output()
+
+    @property
+    def satellites(self):
+        return self.root / "Library/Tessaly/Satellites"
+
+    @property
+    def registration(self):
+        return self.satellites / "Registration/Registration.xml"
+
+    @property
+    def logs(self):
+        return self.root / "Library/Logs/Tessaly"
+
+    def satellite_file(self, name):
+        return (self.satellites / (name + ".xml")).read_text()
+
+    def satellite_files(self):
+        """Names of the satellites that have a file, the directory itself left out."""
+        return sorted(path.stem for path in self.satellites.glob("*.xml") if path.stem != "MainRegister")
+
+    def last_id(self):
+        """The last id that the registration file names; fails unless that file is whole."""
+        match = REGISTRATION_FILE.fullmatch(self.registration.read_bytes())
+        assert match, self.registration.read_bytes()
+        return int(match["last"])
+
+    def tree(self):
+        """Every file below the root with its contents, logs left out."""
+        return {str(path.relative_to(self.root)): path.read_bytes() for path in self.root.rglob("*")
+                if path.is_file() and self.logs not in path.parents}
+
+    def fill(self, count, port=9, prefix="Filler"):
+        """Writes the files of `count` satellites, with the ids 1 to `count`, for the next start."""
+        self.registration.parent.mkdir(parents=True, exist_ok=True)
+        self.registration.write_text(registration_text(count))
+        for number in range(1, count + 1):
+            (self.satellites / f"{prefix}{number}.xml").write_text(
+                satellite_text(f"{prefix}{number}", number, port, [("Fill", "Takes room")]))
+
+
+class SystemTest(unittest.TestCase):
+    def run(self, result=None):
+        self._daemons = []
+        before = len(result.failures) + len(result.errors)
+        super().run(result)
+        for daemon in self._daemons:
+            for run in daemon.runs + daemon.companions:
+                if len(result.failures) + len(result.errors) > before:
+                    tail = "".join(run.output().splitlines(keepends=True)[-60:])
+                    print(f"--- {self.id()}: {run.output_path.name} of port {daemon.port} ends with\n{tail}",
+                          file=sys.stderr)
+                run.process.kill()
+                run.process.wait()
+            shutil.rmtree(daemon.folder)
+
+    def daemon(self, level=4):
+        daemon = Daemon(tempfile.mkdtemp(prefix="kel-test-"), level)
+        self._daemons.append(daemon)
+        self.addCleanup(daemon.close)
+        return daemon
+
+    def client(self, daemon, caller=""):
+        client = daemon.client(caller)
+        self.addCleanup(client.close)
+        return client
+
+    def satellite(self, *arguments):
+        satellite = Satellite(*arguments)
+        self.addCleanup(satellite.close)
+        return satellite

@@ -1,0 +1,65 @@
+"""The example satellites run for real: a recorder and a player with a directory between them."""
+import pathlib
+import signal
+import sys
+import unittest
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
+from kel_client import record, wait_until
+from kel_daemon import SystemTest
+
+
+class TheExamples(SystemTest):
+    def setUp(self):
+        self.directory = self.daemon().start()
+        self.c = self.client(self.directory)
+
+    def found(self):
+        """The id of the satellite that serves "Schedule", or None."""
+        names = self.c.providers("Schedule")
+        return self.c.id_of(names[0]) if names else None
+
+    def test_the_player_finds_the_recorder_and_calls_it_until_it_leaves(self):
+        player = self.directory.companion("player")
+        player.wait_for('nobody serves "Schedule"')
+        recorder = self.directory.companion("recorder")
+        player.wait_for('Recorder serves "Schedule": "Evening News" is its recording 1')
+        player.wait_for("is its recording 2")
+        self.assertIn('Player asks for "Evening News": recording 1', recorder.output())
+        self.assertEqual(self.c.providers("Schedule", "any"), ["Recorder"])
+        self.assertEqual(recorder.stop(), 0)
+        self.assertEqual((self.c.id_of("Recorder"), self.c.providers("Schedule")), (None, []))
+        self.assertEqual(self.directory.satellite_files(), [])
+        self.assertEqual(player.stop(signal.SIGINT), 0)
+
+    def test_a_second_recorder_is_refused_while_the_first_lives_and_takes_over_when_it_was_killed(self):
+        first = self.directory.companion("recorder")
+        sat_id = wait_until(self.found, "the recorder")
+        second = self.directory.companion("recorder")
+        self.assertEqual(second.wait(), 1)
+        self.assertEqual((self.found(), first.running()), (sat_id, True))
+        first.kill()
+        self.directory.companion("recorder")
+        wait_until(lambda: self.found() not in (None, sat_id), "the recorder that takes over")
+
+    def test_a_recorder_that_the_directory_has_lost_registers_itself_again(self):
+        self.directory.companion("recorder")
+        lost = wait_until(self.found, "the recorder")
+        self.assertEqual(self.c.call("RemoveSatellite", record("Recorder", 9, sat_id=lost))[0], 0)
+        self.assertIsNone(self.found())
+        again = wait_until(self.found, "the recorder to register again")
+        self.assertGreater(again, lost)
+
+    def test_a_recorder_and_a_player_go_on_after_the_directory_was_killed_and_started_again(self):
+        recorder, player = self.directory.companion("recorder"), self.directory.companion("player")
+        player.wait_for("is its recording 1")
+        self.directory.current.kill()
+        self.directory.start()
+        self.c = self.client(self.directory)
+        calls = recorder.output().count("asks for")
+        wait_until(lambda: recorder.output().count("asks for") > calls, "a call after the restart")
+        self.assertEqual(self.c.providers("Schedule"), ["Recorder"])
+
+
+if __name__ == "__main__":
+    unittest.main()

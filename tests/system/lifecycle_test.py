@@ -1,0 +1,247 @@
+"""The directory as a process: signals, second instances, ports and folders that are not there for it, its log."""
+import pathlib
+import random
+import re
+import select
+import signal
+import socket
+import sys
+import unittest
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
+from kel_client import record, wait_until
+from kel_daemon import SystemTest, satellite_text
+
+FIRST_LINE = "Initializing Kel Directory"
+ALREADY = "Initialization of Kel failed because this satellite is already registered."
+LINE = re.compile(r"\d{4}/\d\d/\d\d \d\d:\d\d:\d\d\.\d{3} \[(FATAL|ERROR|WARN |INFO |DEBUG)\] - .*")
+
+
+class AStopSignal(SystemTest):
+    def test_ends_a_running_directory_with_status_0(self):
+        directory = self.daemon()
+        for number in [signal.SIGTERM, signal.SIGINT]:
+            directory.start()
+            directory.stop(number)
+
+    def test_during_start_is_kept_until_the_start_is_over(self):
+        directory = self.daemon(level=3)
+        directory.fill(1500)
+        directory.spawn().wait_for("Initialization complete")
+        directory.stop()
+        whole = directory.current.output_path.stat().st_size
+        for number in range(8):
+            run = directory.spawn()
+            run.wait_for(FIRST_LINE)
+            moment = random.randrange(whole)
+            wait_until(lambda: run.output_path.stat().st_size >= moment or not run.running(), "the random moment")
+            directory.stop(random.choice([signal.SIGTERM, signal.SIGINT]))
+            self.assertIn("Initialization complete", run.output())
+        self.assertEqual(len(directory.satellite_files()), 1500)
+        self.assertFalse((directory.satellites / "MainRegister.xml").exists())
+
+    def test_is_obeyed_with_idle_and_half_finished_connections_open(self):
+        directory = self.daemon().start()
+        clients = [self.client(directory) for _ in range(40)]
+        for client in clients[::2]:
+            client.send_raw(client.request("GetSatelliteId", "MainRegister")[1][:9])
+        directory.stop()
+        for client in clients:
+            client.wait_for_the_end()
+
+    def test_waits_for_running_calls_and_removes_only_the_directorys_own_record(self):
+        directory, endpoint = self.daemon().start(), self.satellite()
+        client = self.client(directory)
+        client.register("Recorder", endpoint.port, [("Schedule", "")])
+        endpoint.hanging = True
+        client.send("Register", record("Recorder", 9))
+        wait_until(lambda: endpoint.pings, "the previous holder to be asked")
+        self.assertTrue((directory.satellites / "MainRegister.xml").exists())
+        directory.current.send_signal(signal.SIGTERM)
+        endpoint.close()
+        self.assertEqual(directory.current.wait(), 0)
+        self.assertFalse((directory.satellites / "MainRegister.xml").exists())
+        self.assertEqual(directory.satellite_files(), ["Recorder"])
+
+
+class ASecondInstance(SystemTest):
+    def test_says_that_the_directory_is_registered_already_and_leaves_the_first_alone(self):
+        first = self.daemon().start()
+        client = self.client(first)
+        client.register("Recorder", self.satellite().port)
+        elsewhere = self.daemon()
+        elsewhere.folder.joinpath("config/com.tessaly.yar.config.plist").write_bytes(
+            first.folder.joinpath("config/com.tessaly.yar.config.plist").read_bytes())
+        files, own = first.tree(), client.id_of("MainRegister")
+        running = first.current
+        for daemon in [first, elsewhere]:
+            second = daemon.spawn()
+            self.assertEqual(second.wait(), 0)
+            self.assertRegex(second.output(), r"\[INFO \] - " + re.escape(ALREADY))
+            self.assertNotIn("Initialization complete", second.output())
+        self.assertTrue(running.running())
+        self.assertEqual((client.id_of("MainRegister"), first.tree()), (own, files))
+
+
+class APortHeldByAnotherProgram(SystemTest):
+    def test_is_a_fatal_line_and_status_0(self):
+        holders = []
+        for behaviour in ["not listening", "silent", "talks nonsense"]:
+            directory = self.daemon()
+            holder = socket.socket()
+            self.addCleanup(holder.close)
+            holder.bind(("127.0.0.1", directory.port))
+            if behaviour != "not listening":
+                holder.listen()
+            directory.spawn()
+            holders.append((behaviour, directory, holder))
+        listener = holders[2][2]
+        if select.select([listener], [], [], 30)[0]:
+            connection, _ = listener.accept()
+            connection.sendall(b"HTTP/1.1 400 Bad Request\r\n\r\n")
+            connection.close()
+        for behaviour, directory, _ in holders:
+            with self.subTest(behaviour):
+                self.assertEqual(directory.current.wait(), 0)
+                fatal = "- KelDirectory - Initialization of Kel failed: 0x20002\n"
+                for text in [directory.current.output(), (directory.logs / "KelDirectory.log").read_text(),
+                             (directory.logs / "errors.log").read_text()]:
+                    self.assertIn(fatal, text)
+                    self.assertNotIn(ALREADY, text)
+                self.assertEqual(directory.satellite_files(), [])
+
+
+class WithoutRightsToItsFolders(SystemTest):
+    def works_from_memory(self, directory):
+        client = self.client(directory)
+        first = client.register("Recorder", 9, [("Schedule", "")])
+        self.assertGreater(client.register("Player", 9, [("Play", "")]), first)
+        self.assertEqual((client.id_of("recorder"), client.providers("Play")), (first, ["Player"]))
+        self.assertEqual(client.call("UnRegister", record("Player", 9, [("Play", "")], first + 1)), (0, 0))
+        self.assertEqual(client.call("RemoveSatellite", record("Recorder", 9, sat_id=first))[0], 0)
+        self.assertIsNone(client.id_of("Recorder"))
+
+    def test_the_directory_prints_what_it_could_not_open_and_works_from_memory(self):
+        directory = self.daemon()
+        directory.root.rmdir()
+        directory.root.write_text("a file where the root should be")
+        directory.start()
+        self.works_from_memory(directory)
+        directory.stop()
+        log = directory.root / "Library/Logs/Tessaly/KelDirectory.log"
+        self.assertEqual(directory.current.output(), f"Error: could not open log file '{log}': 20\n"
+                                                     f"Error: could not open error log file '{log}': 20\n")
+        self.assertTrue(directory.root.is_file())
+
+    def test_the_directory_logs_that_its_data_folder_is_missing_and_works_from_memory(self):
+        directory = self.daemon()
+        (directory.root / "Library").mkdir()
+        (directory.root / "Library/Tessaly").symlink_to(directory.folder / "nowhere/at all")
+        directory.start()
+        self.works_from_memory(directory)
+        directory.stop()
+        for operation in ["CRegistration", "LoadAllSatFiles", "SerializeSatellite", "DeleteSatelliteFile"]:
+            line = f"[ERROR] - CRegistration::{operation} data directory not found\n"
+            self.assertIn(line, directory.current.output())
+
+
+class TheLog(SystemTest):
+    def log_at(self, level):
+        directory = self.daemon(level)
+        directory.fill(0)
+        directory.start()
+        client = self.client(directory)
+        client.register("Recorder", self.satellite().port)
+        client.call("SetBeRightBackTimer", "soon")
+        client.call("GetServiceReg", None)
+        directory.stop()
+        text = directory.current.output()
+        for line in text.splitlines():
+            self.assertRegex(line, LINE)
+        if text:  # the files are opened for the first line
+            self.assertEqual((directory.logs / "KelDirectory.log").read_text(), text)
+            self.assertEqual((directory.logs / "errors.log").read_text(), "")
+        return text
+
+    def test_holds_the_lines_up_to_its_level(self):
+        text = self.log_at(4)
+        for line in ["[INFO ] - Initializing Kel Directory", "[INFO ] - Connecting to 127.0.0.1",
+                     "[DEBUG] - RegisterServices() Completed", "[INFO ] - Initialization complete",
+                     "[DEBUG] - Register returned 0: ", "[INFO ] - SatSetBeRightBack from : Wrong inparams!",
+                     "[ERROR] - SatGetService failed: "]:
+            self.assertIn(line, text)
+        self.assertEqual(set(LINE.match(line)[1] for line in self.log_at(3).splitlines()), {"INFO ", "ERROR"})
+        self.assertEqual(set(LINE.match(line)[1] for line in self.log_at(1).splitlines()), {"ERROR"})
+        self.assertEqual(self.log_at(0), "")
+
+    def test_turns_over_at_512_kib(self):
+        directory = self.daemon()
+        directory.start()
+        client = self.client(directory)
+        for _ in range(60):
+            client.call("GetServiceReg", ["x" * 20000, "y" * 1024])
+        for _ in range(8000):
+            client.send("GetSatelliteId", "Nobody")
+        client.call("kel.Describe")
+        directory.stop()
+        old, new = (directory.logs / name for name in ["KelDirectory.log.back", "KelDirectory.log"])
+        self.assertTrue(512 * 1024 <= old.stat().st_size < 512 * 1024 + 20480 * 2, old.stat().st_size)
+        self.assertTrue(directory.current.output().endswith(old.read_text() + new.read_text()))
+
+
+class AfterAKill(SystemTest):
+    def test_the_stale_record_of_the_directory_itself_is_replaced(self):
+        directory, endpoint = self.daemon().start(), self.satellite()
+        ids = set()
+        for number in range(3):
+            client = self.client(directory)
+            own, recorder = client.id_of("MainRegister"), client.register(f"Recorder{number}", endpoint.port)
+            self.assertFalse({own, recorder} & ids)
+            ids |= {own, recorder}
+            directory.current.kill()
+            self.assertIn(f"<id>{own}</id>", directory.satellite_file("MainRegister"))
+            directory.start()
+        with directory.client() as client:
+            self.assertIn(f"<id>{client.id_of('MainRegister')}</id>", directory.satellite_file("MainRegister"))
+            self.assertEqual(client.providers("Register"), ["MainRegister"])
+
+
+class FilesFromBefore(SystemTest):
+    def test_return_after_the_registration_file_was_lost_and_written_again(self):
+        directory = self.daemon()
+        directory.fill(20, port=self.satellite().port)
+        directory.registration.unlink()
+        directory.start()
+        client = self.client(directory)
+        self.assertEqual(client.providers("Fill"), [])
+        self.assertEqual(len(directory.satellite_files()), 20)
+        directory.restart()
+        with directory.client() as client:
+            self.assertEqual({client.id_of(f"Filler{number}") for number in range(1, 21)}, set(range(1, 21)))
+
+    def test_that_are_damaged_are_deleted_and_block_no_other(self):
+        directory = self.daemon()
+        directory.fill(2)
+        good = satellite_text("X", 7, 9, [("Fill", "")])
+        damaged = {"Empty": "", "Cut": good[:40], "Binary": "\0\1\2" * 100, "NoId": good.replace("<id>7</id>", ""),
+                   "TwoPorts": good.replace("<port>", "<port>1</port>\n<port>"),
+                   "NoName": good.replace("<satName>X", "<satName>"), "Open": good.replace("</satName>", "")}
+        kept = {"text.txt": good, "upper.XML": good, "noextension": good, "dot.": good}
+        for name, text in damaged.items():
+            (directory.satellites / (name + ".xml")).write_text(text)
+        for name, text in kept.items():
+            (directory.satellites / name).write_text(text)
+        (directory.satellites / "HalfService.xml").write_text(
+            satellite_text("HalfService", 8, 9, [("Half", "read"), ("", "has no name")]))
+        directory.start()
+        self.assertEqual(directory.satellite_files(), ["Filler1", "Filler2"])
+        client = self.client(directory)
+        self.assertEqual(client.providers("Fill"), ["Filler1", "Filler2"])
+        self.assertEqual((client.id_of("HalfService"), client.providers("Half")), (8, ["HalfService"]))
+        self.assertIn("error parsing </satName>", directory.current.output())
+        for name, text in kept.items():
+            self.assertEqual((directory.satellites / name).read_text(), text)
+
+
+if __name__ == "__main__":
+    unittest.main()

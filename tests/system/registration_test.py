@@ -1,0 +1,288 @@
+"""Satellites register, clash, leave and return; what the directory keeps of them on disk, and after a restart."""
+import pathlib
+import sys
+import threading
+import unittest
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
+from kel_client import ALREADY_REGISTERED, UNKNOWN_SATELLITE, record, ui2, wait_until
+from kel_daemon import REGISTRATION_FILE, SystemTest, registration_text, satellite_text
+
+
+class WithADirectory(SystemTest):
+    def setUp(self):
+        self.directory = self.daemon().start()
+        self.endpoint = self.satellite()
+        self.c = self.client(self.directory)
+
+    def restart(self):
+        self.directory.restart()
+        self.c = self.client(self.directory)
+
+
+class ANameThatIsTaken(WithADirectory):
+    def test_is_refused_while_its_holder_lives(self):
+        sat_id = self.c.register("Recorder", self.endpoint.port, [("Schedule", "")])
+        holder = self.satellite("Recorder", sat_id)
+        self.assertEqual(self.c.register("Recorder", 9, sat_id=sat_id), sat_id)  # so far nobody was asked
+        self.assertEqual(self.endpoint.pings, 0)
+        self.c.call("RemoveSatellite", record("Recorder", 9, sat_id=sat_id))
+        holder.sat_id = self.c.register("Recorder", holder.port, [("Schedule", "")])
+        files = self.directory.tree()
+        for name, claimed in [("Recorder", 0), ("Recorder", holder.sat_id + 1), ("RECORDER", 0), ("recorder", -1)]:
+            answer = self.c.call("Register", record(name, self.endpoint.port, [("Other", "")], claimed))
+            self.assertEqual(answer, (ALREADY_REGISTERED, None))
+        self.assertEqual(holder.pings, 4)
+        self.assertEqual(self.c.call("GetSatelliteHost", "Recorder"), (0, ["127.0.0.1", holder.port]))
+        self.assertEqual((self.c.providers("Schedule"), self.c.providers("Other")), (["Recorder"], []))
+        self.assertEqual(self.directory.tree(), files)
+
+    def test_is_given_away_under_a_new_id_when_its_holder_is_dead_or_another(self):
+        gone = self.satellite()
+        gone.close()
+        other = self.satellite("Player", 4711)
+        last = self.c.register("Recorder", gone.port, [("Old", "")])
+        for port in [other.port, gone.port, self.endpoint.port]:
+            sat_id = self.c.register("Recorder", port, [("Schedule", "")])
+            self.assertGreater(sat_id, last)
+            self.assertEqual(self.c.call("GetSatelliteHost", "Recorder"), (0, ["127.0.0.1", port]))
+            self.assertEqual((self.c.id_of("Recorder"), self.c.providers("Old")), (sat_id, []))
+            last = sat_id
+        self.assertGreater(other.pings, 0)
+
+    def test_stays_with_the_same_id_and_record_without_a_ping_when_the_id_is_its_own(self):
+        sat_id = self.c.register("Recorder", self.endpoint.port, [("Schedule", "old")], host="studio")
+        again = self.c.register("RECORDER", 9, [("schedule", "new"), ("Tune", "")], sat_id, host="elsewhere", version=9)
+        self.assertEqual((again, self.endpoint.pings), (sat_id, 0))
+        self.assertEqual(self.c.call("GetServiceReg", ["any", "Schedule"])[1],
+                         [["schedule", "new", "Recorder", "127.0.0.1", ui2(self.endpoint.port), "studio", 2]])
+        self.assertEqual(self.directory.satellite_files(), ["Recorder"])
+
+    def test_main_register_belongs_to_the_directory(self):
+        own = self.c.id_of("MainRegister")
+        self.assertEqual(self.c.call("Register", record("MainRegister", self.endpoint.port))[0], ALREADY_REGISTERED)
+        self.assertEqual(self.c.id_of("MainRegister"), own)
+
+    def test_is_pending_for_everyone_else_while_its_holder_hangs(self):
+        self.c.register("Recorder", self.endpoint.port)
+        self.endpoint.hanging = True
+        with self.directory.client() as first, self.directory.client() as second:
+            held = first.send("Register", record("Recorder", 9))
+            wait_until(lambda: self.endpoint.pings, "the holder to be asked")
+            for client in [first, second]:  # pings that hang never end here: these answers do not wait for them
+                refused = client.send("Register", record("Recorder", 9))
+                self.assertEqual(client.answer(refused), (ALREADY_REGISTERED, None))
+            self.assertEqual(self.endpoint.pings, 1)
+            second.register("Player", 9)  # other names go on
+            self.endpoint.close()
+            self.assertEqual(first.answer(held)[0], 0)
+            self.assertEqual(second.call("Register", record("Recorder", 9))[0], 0)  # pending no more: port 9 is dead
+
+    def test_goes_to_exactly_one_of_sixteen_who_ask_at_once(self):
+        for name in ["Echo1", "Echo2", "Echo3"]:
+            clients = [self.directory.client() for _ in range(16)]
+            ports = [self.satellite().port for _ in clients]
+            answers = [None] * len(clients)
+            start = threading.Barrier(len(clients))
+
+            def ask(index):
+                start.wait()
+                answers[index] = clients[index].call("Register", record(name, ports[index], [(name, "")]))
+            threads = [threading.Thread(target=ask, args=(index,)) for index in range(len(clients))]
+            for thread in threads:
+                thread.start()
+            for thread in threads:
+                thread.join()
+            for client in clients:
+                client.close()
+            winners = [index for index, (code, _) in enumerate(answers) if code == 0]
+            self.assertEqual(len(winners), 1, answers)
+            self.assertEqual({code for code, _ in answers}, {0, ALREADY_REGISTERED})
+            self.assertEqual(self.c.call("GetSatelliteHost", name), (0, ["127.0.0.1", ports[winners[0]]]))
+            self.assertEqual(self.c.id_of(name), answers[winners[0]][1][1])
+            self.assertEqual(self.c.providers(name), [name])
+
+
+class WhatTheDirectoryKeeps(WithADirectory):
+    def test_is_one_file_a_satellite_and_one_of_its_own_to_the_byte(self):
+        port = self.endpoint.port
+        code, (server, sat_id) = self.c.call("Register", record(
+            "Recorder", port, [("tune", "<&>"), ("Schedule", "Recording schedule"), ("Zap", ""), ("a", "d" * 5000),
+                               ("n" * 2000, "long name")], host="studio-with-a-long-name", version=-3))
+        self.assertEqual(code, 0)
+        services = [("a", "d" * 4096), ("n" * 1024, "long name"), ("Schedule", "Recording schedule"), ("tune", "<&>"),
+                    ("Zap", "")]
+        self.assertEqual(self.directory.satellite_file("Recorder"),
+                         satellite_text("Recorder", sat_id, port, services, host="studio-with-a-lo", version=-3))
+        self.assertEqual(self.directory.registration.read_text(), registration_text(sat_id, server))
+        self.c.call("UnRegister", record("Recorder", port, [(name, "") for name in ["A", "TUNE", "n" * 2000]], sat_id))
+        self.assertEqual(self.directory.satellite_file("Recorder"), satellite_text(
+            "Recorder", sat_id, port, [services[2], services[4]], host="studio-with-a-lo", version=-3))
+        for path in [self.directory.satellites, self.directory.registration.parent, self.directory.registration,
+                     self.directory.satellites / "Recorder.xml"]:
+            self.assertEqual(path.stat().st_mode & 0o7777, 0o775, path)
+
+        self.c.call("RemoveSatellite", record("RECORDER", port, sat_id=sat_id + 1))
+        self.assertEqual(self.directory.satellite_files(), ["Recorder"])
+        self.assertEqual(self.c.call("RemoveSatellite", record("RECORDER", port, sat_id=sat_id))[0], 0)
+        self.assertEqual(self.directory.satellite_files(), [])
+        own = self.directory.satellite_file("MainRegister")
+        self.assertIn("<service>\n\t\t<name>AddKelUsers</name>", own)
+        self.assertEqual(own.count("<service>"), 11)
+        self.assertIn(f"\t<port>{self.directory.port}</port>\n", own)
+
+    def test_comes_back_after_a_restart_and_ids_go_on(self):
+        ids = {}
+        for number in range(50):
+            services = [("Common", f"of {number}"), (f"Own{number}", "")] + [("Third", "")] * (number % 3 == 0)
+            ids[f"Sat{number}"] = self.c.register(f"Sat{number}", self.endpoint.port, services, host=f"h{number}")
+        def look_ups():
+            return [self.c.call("GetServiceReg", ["all", service]) for service in ["Common", "Own7", "Third"]]
+        answers = look_ups()
+        server = REGISTRATION_FILE.fullmatch(self.directory.registration.read_bytes())["server"].decode()
+        for _ in range(2):
+            files = self.directory.tree()
+            self.restart()
+            self.assertEqual({name: self.c.id_of(name) for name in ids}, ids)
+            self.assertEqual(look_ups(), answers)
+            changed = {path for path, text in self.directory.tree().items() if files.get(path) != text}
+            self.assertEqual({path.rsplit("/")[-1] for path in changed}, {"MainRegister.xml", "Registration.xml"})
+            for name in ["Sat3", "SAT4"]:
+                self.assertEqual(self.c.register(name, self.endpoint.port, [("Common", "again")], ids[name.title()]),
+                                 ids[name.title()])
+            self.assertEqual(self.c.call("Register", record("Sat3", 9))[0], ALREADY_REGISTERED)  # its endpoint lives
+            code, (same_server, fresh) = self.c.call("Register", record(f"New{len(ids)}", self.endpoint.port))
+            self.assertEqual((code, same_server), (0, server))
+            self.assertGreater(fresh, max(ids.values()))
+            self.assertEqual(self.directory.last_id(), fresh)
+            ids[f"New{len(ids)}"] = fresh
+            answers = look_ups()
+
+    def test_of_a_removed_satellite_is_nothing(self):
+        sat_id = self.c.register("Recorder", self.endpoint.port, [("Schedule", "")])
+        self.c.register("Player", self.endpoint.port)
+        self.c.call("RemoveSatellite", record("Recorder", 9, sat_id=sat_id))
+        self.restart()
+        self.assertEqual((self.c.id_of("Recorder"), self.c.providers("Schedule")), (None, []))
+        self.assertGreater(self.c.register("Recorder", self.endpoint.port), sat_id)
+
+    def test_of_a_name_in_another_case_is_the_last_spelling(self):
+        gone = self.satellite()
+        gone.close()
+        for name in ["Player", "PLAYER", "pLaYeR"]:
+            sat_id = self.c.register(name, gone.port, [("Play" + name, "")])
+            self.assertEqual(self.directory.satellite_files(), [name])
+        self.restart()
+        self.assertEqual((self.c.id_of("PLAYER"), self.c.providers("PlaypLaYeR")), (sat_id, ["pLaYeR"]))
+        self.assertEqual(self.c.register("player", 9, [("More", "")], sat_id), sat_id)
+        self.assertEqual(self.directory.satellite_files(), ["pLaYeR"])
+        self.assertIn("<satName>pLaYeR</satName>", self.directory.satellite_file("pLaYeR"))
+        self.assertEqual(self.c.call("RemoveSatellite", record("PlAyEr", 9, sat_id=sat_id))[0], 0)
+        self.assertEqual(self.directory.satellite_files(), [])
+
+    def test_never_lies_outside_its_folder(self):
+        self.c.register("Harmless", self.endpoint.port)
+        before = self.directory.tree()
+        registration = "Library/Tessaly/Satellites/Registration/Registration.xml"
+        outside = [path for path in self.directory.folder.parent.glob("x*")]
+        for name in ["../x", "../../../../x", "Registration/Registration", "Registration/x", "/tmp/kel-x", "a/b", "/",
+                     "x/", "./Harmless", "..", ".", "L" * 300, "", "\n", "../Satellites/Harmless", "~", "C:\\x"]:
+            with self.subTest(name=name):
+                sat_id = self.c.register(name, self.endpoint.port, [("Hostile", "")])
+                self.assertEqual(self.c.id_of(name), sat_id)
+                self.assertEqual(self.c.providers("Hostile"), [name])
+                self.assertEqual(self.directory.last_id(), sat_id)
+                added = {path for path in self.directory.tree() if path not in before}
+                self.assertTrue(all(pathlib.Path(path).parent == pathlib.Path("Library/Tessaly/Satellites")
+                                    for path in added), added)
+                self.assertLessEqual(len(added), 1)
+                self.assertFalse(added and "/" in name, added)
+                answer = self.c.call("RemoveSatellite", record(name, 9, sat_id=sat_id))
+                self.assertEqual((answer[0], self.c.id_of(name)), (0, None))
+                left = self.directory.tree()
+                self.assertEqual(left.keys(), before.keys())
+                self.assertEqual({**left, registration: ""}, {**before, registration: ""})
+        self.assertEqual([path for path in self.directory.folder.parent.glob("x*")], outside)
+        self.assertFalse(pathlib.Path("/tmp/kel-x.xml").exists())
+        wait_until(lambda: "Satellite ../x cannot have a file: "
+                   in (self.directory.logs / "KelDirectory.log").read_text("utf-8", "replace"), "the file error's line")
+        self.restart()
+        self.assertIsNotNone(self.c.id_of("Harmless"))
+
+
+class ALookUp(WithADirectory):
+    def setUp(self):
+        super().setUp()
+        self.ids = {name: self.c.register(name, self.endpoint.port, [("Play", "by " + name)])
+                    for name in ["beta", "Alpha", "delta", "Charlie"]}
+
+    def test_for_all_gives_every_provider_in_the_order_of_names_without_case(self):
+        self.assertEqual(self.c.providers("PLAY", "aLL"), ["Alpha", "beta", "Charlie", "delta"])
+
+    def test_for_any_or_no_destination_gives_the_last_provider(self):
+        for destination in ["any", "ANY", "", None]:
+            self.assertEqual(self.c.providers("Play", destination), ["delta"])
+        self.c.call("RemoveSatellite", record("delta", 9, sat_id=self.ids["delta"]))
+        self.assertEqual(self.c.providers("Play", "any"), ["Charlie"])
+        self.c.call("UnRegister", record("Charlie", 9, [("play", "")], self.ids["Charlie"]))
+        self.assertEqual(self.c.providers("Play", "any"), ["beta"])
+
+    def test_for_a_name_gives_that_satellite_only(self):
+        self.assertEqual(self.c.providers("Play", "ALPHA"), ["Alpha"])
+        self.assertEqual(self.c.providers("Play", "Nobody"), [])
+        self.assertEqual(self.c.providers("Register", "MainRegister"), ["MainRegister"])
+
+    def test_of_a_removed_or_replaced_satellite_ends(self):
+        for name in self.ids:
+            code, _ = self.c.call("RemoveSatellite", record(name, 9, sat_id=self.ids[name]))
+            self.assertEqual((code, self.c.call("GetSatelliteHost", name)[0]), (0, UNKNOWN_SATELLITE))
+        self.assertEqual(self.c.providers("Play"), [])
+
+
+class ManyClientsAtOnce(WithADirectory):
+    def test_register_change_and_leave_without_losing_one(self):
+        kept, failures = {}, []
+
+        def work(worker):
+            try:
+                with self.directory.client(f"Worker{worker}") as client:
+                    for number in range(60):
+                        name = f"W{worker}-{number}"
+                        sat_id = client.register(name, self.endpoint.port, [("Work", name), (f"Own{worker}", "")])
+                        self.assertEqual(client.id_of(name), sat_id)
+                        self.assertIn(name, client.providers(f"Own{worker}"))
+                        if number % 3 == 0:
+                            self.assertEqual(client.call("RemoveSatellite", record(name, 9, sat_id=sat_id))[0], 0)
+                            continue
+                        if number % 3 == 1:
+                            answer = client.call("UnRegister", record(name, 9, [("Work", "")], sat_id))
+                            self.assertEqual(answer, (0, 1))
+                        kept[name] = sat_id
+            except BaseException as error:
+                failures.append(error)
+        threads = [threading.Thread(target=work, args=(worker,)) for worker in range(8)]
+        for thread in threads:
+            thread.start()
+        for thread in threads:
+            thread.join()
+        self.assertEqual(failures, [])
+        self.assertEqual(len(set(kept.values())), len(kept))
+        self.assertGreaterEqual(self.directory.last_id(), max(kept.values()))
+        for _ in range(2):
+            self.assertEqual(self.directory.satellite_files(), sorted(kept))
+            self.assertEqual({name: self.c.id_of(name) for name in kept}, kept)
+            whole = sorted(name for name in kept if int(name.split("-")[1]) % 3 == 2)
+            self.assertEqual(self.c.providers("Work"), whole)
+            self.restart()
+
+    def test_leave_the_highest_id_in_the_registration_file_whatever_their_order(self):
+        clients = [self.client(self.directory) for _ in range(12)]
+        for turn in range(40):
+            sent = [(client, client.send("Register", record(f"R{index}-{turn}", self.endpoint.port)))
+                    for index, client in enumerate(clients)]
+            ids = [client.answer(number)[1][1] for client, number in sent]
+            self.assertEqual(self.directory.last_id(), max(ids))
+
+
+if __name__ == "__main__":
+    unittest.main()
