@@ -1,0 +1,84 @@
+// The processes that are measured: the directory itself, and the baselines in processes of their own.
+#pragma once
+
+#include "Support.h"
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace kel::bench {
+
+// A child process. It ends with its owner, by SIGTERM and after ten seconds by SIGKILL, and with the process that
+// started it. Not thread-safe.
+class ChildProcess {
+public:
+    using Environment = std::vector<std::pair<std::string, std::string>>;
+
+    // Where its standard output goes: to ReadLine, or to where this process's errors go.
+    enum class Output { toReadLine, toErrors };
+
+    // Runs `arguments[0]` with `environment` added to this process's own.
+    ChildProcess(const std::vector<std::string>& arguments, Output output, const Environment& environment = {});
+    ChildProcess(ChildProcess&&) = default;
+    ChildProcess& operator=(ChildProcess&&) = delete;
+    ~ChildProcess();
+
+    pid_t pid() const { return pid_.number; }
+
+    // The next line of its standard output, at most 60 seconds away, without the line feed. Throws when the child ends
+    // instead.
+    std::string ReadLine();
+
+    // Throws when the child has ended by itself.
+    void ThrowIfEnded();
+
+private:
+    struct Id {
+        explicit Id(pid_t id) : number(id) {}
+        Id(Id&& other) noexcept : number(std::exchange(other.number, -1)) {}
+        pid_t number;  // -1 once it was waited for
+    };
+
+    bool WaitFor(double seconds);
+
+    std::string program_;
+    Descriptor output_;
+    std::string unread_;
+    Id pid_;
+};
+
+// This program once more, in one of its child modes, with its output to ReadLine.
+ChildProcess StartSelf(std::vector<std::string> arguments);
+
+// A KelDirectory with default settings, on a free port of the loopback address, with its files below a root of its own.
+class DirectoryProcess {
+public:
+    // Takes what is below `root` as its files; an empty or absent folder gets a registration file (MakeFolders).
+    // `program` is the executable. Does not start it.
+    DirectoryProcess(std::string program, std::string root);
+
+    // Runs the program and waits until it knows the satellite `name`. Returns the seconds from the start of the process
+    // to that answer; throws after 60.
+    double Start(const std::string& name = "MainRegister");
+
+    // Ends it by SIGTERM; its files stay.
+    void Stop() { process_.clear(); }
+
+    uint16_t port() const { return port_; }
+    const std::string& root() const { return root_; }
+
+    // Its resident memory, in bytes.
+    uint64_t ResidentBytes() const;
+
+private:
+    std::string program_;
+    std::string root_;
+    uint16_t port_;
+    std::vector<ChildProcess> process_;  // at most one
+};
+
+}  // namespace kel::bench

@@ -1,0 +1,78 @@
+// What kel_bench measures, each measurement giving rows of the table.
+#pragma once
+
+#include "DirectoryProcess.h"
+#include "LoadClient.h"
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+namespace kel::bench {
+
+// One line of the table, in words.
+struct Row {
+    std::string what;
+    std::string measured;
+    std::string baseline;
+    std::string ratio;
+    std::string goal;
+    bool reached;
+};
+
+// How much to do. Many short rounds rather than a few long ones: what else the machine does then spoils a few of them,
+// and the median does not see those.
+struct Effort {
+    unsigned callRounds = 21;
+    double secondsASide = 0.33;  // in a round of calls
+    unsigned fileRounds = 7;
+    unsigned registrationsASide = 1'000;  // in a round of registrations
+};
+
+// The machine's speed drifts, so both sides of a comparison run in turn, round after round; each round gives one ratio,
+// and the median of these counts.
+class Measurements {
+public:
+    // `program` is the directory's executable; everything is written below `folder`.
+    Measurements(std::string program, std::string folder, Effort effort);
+
+    // GetSatelliteId with 1, 8 and 32 connections, beside an echo of the same bytes.
+    std::vector<Row> SatelliteId();
+
+    // Register of new satellites with 1 and 8 connections, beside a loop that replaces the same two files.
+    //
+    // A product's processes start together, at log-in, and each registers on a connection of its own: eight at once is
+    // what a directory sees then. With one connection the client and the directory take turns, and the figure holds the
+    // time in which neither of them works as well.
+    std::vector<Row> Register();
+
+    // GetServiceReg ("any") with 100,000 satellites, beside a directory that has ten. 8 connections.
+    std::vector<Row> ServiceLookUp();
+
+    // What 100,000 satellites, registered over the wire with files on, add to the resident memory.
+    std::vector<Row> Memory();
+
+    // From the start of the process to an answer that needs the files of 100,000 satellites, beside a process that only
+    // reads these files.
+    std::vector<Row> StartUp();
+
+private:
+    using Side = std::function<double(unsigned round)>;
+    static std::vector<std::vector<double>> InTurn(unsigned rounds, const std::vector<Side>& sides);
+
+    std::string Folder(const std::string& name) const { return folder_ + "/" + name; }
+    Row SatelliteIdAt(unsigned connections, uint16_t port, const Exchange& exchange);
+    DirectoryProcess& FullDirectory();
+
+    std::string program_;
+    std::string folder_;
+    Effort effort_;
+    std::unique_ptr<DirectoryProcess> full_;  // made by the first measurement that needs it
+    uint64_t fullBytes_ = 0;                  // what its satellites added to its memory
+};
+
+}  // namespace kel::bench

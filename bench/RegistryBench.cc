@@ -1,0 +1,52 @@
+// The cost of the registry's look-ups: one finds a satellite by its name, one finds any provider of a service, which
+// must not cost more when all of 100,000 satellites provide it. Memory only, no files.
+#include "registry/Registration.h"
+
+#include <benchmark/benchmark.h>
+
+#include <stdlib.h>
+
+#include <memory>
+#include <string>
+
+namespace {
+
+CStdStr NameOf(int64_t number) { return "Satellite" + std::to_string(number); }
+
+// A registry of `count` satellites with one service each, "Schedule" at every one.
+std::unique_ptr<CRegistration> MakeRegistry(int64_t count) {
+    setenv("YAR_ROOT", "/dev/null", 1);  // no folder can be made there
+    auto registry = std::make_unique<CRegistration>([] { return uint32_t{0}; });
+    for (int64_t i = 0; i < count; ++i) {
+        int satId = 0;
+        registry->AddSatellite(NameOf(i), "192.168.1.20", 50123, "studio", 1, &satId);
+        registry->AddService(NameOf(i), "Schedule", "Recording schedule");
+    }
+    return registry;
+}
+
+void FindSatellite(benchmark::State& state) {
+    const auto registry = MakeRegistry(state.range(0));
+    const CStdStr name = NameOf(state.range(0) / 2);
+    CStdStr ip;
+    int satId = 0;
+    unsigned short port = 0;
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(registry->FindSatellite(name, ip, &satId, &port, "192.168.1.21"));
+    }
+}
+BENCHMARK(FindSatellite)->Arg(10)->Arg(100000);
+
+void FindAnyProvider(benchmark::State& state) {
+    const auto registry = MakeRegistry(state.range(0));
+    const CStdStr service("Schedule");
+    std::vector<KelServiceInfo> found;
+    for (auto _ : state) {
+        found.clear();
+        registry->GetLastServiceInfo(service, found, "192.168.1.21");
+        benchmark::DoNotOptimize(found.data());
+    }
+}
+BENCHMARK(FindAnyProvider)->Arg(10)->Arg(100000);
+
+}  // namespace

@@ -1,0 +1,55 @@
+// What the parts of kel_bench share: the clock, errors with errno in words, descriptors, and being interrupted.
+#pragma once
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <stdexcept>
+#include <string>
+#include <system_error>
+#include <utility>
+
+namespace kel::bench {
+
+using Clock = std::chrono::steady_clock;
+
+inline double SecondsSince(Clock::time_point start) {
+    return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+// Throws std::system_error with `what` and errno in words.
+[[noreturn]] inline void FailWithErrno(const std::string& what) {
+    throw std::system_error(errno, std::generic_category(), what);
+}
+
+// Set by SIGINT, SIGTERM and SIGALRM to the signal's number. Every wait looks at it, so that the destructors end the
+// child processes and remove the files.
+inline volatile std::sig_atomic_t interruptedBy = 0;
+
+inline void ThrowIfInterrupted() {
+    if (interruptedBy == SIGALRM) throw std::runtime_error("stopped: it took too long");
+    if (interruptedBy) throw std::runtime_error("stopped by a signal");
+}
+
+// Owns one file descriptor; -1 is none.
+class Descriptor {
+public:
+    explicit Descriptor(int number = -1) : number_(number) {}
+    Descriptor(Descriptor&& other) noexcept : number_(std::exchange(other.number_, -1)) {}
+    Descriptor& operator=(Descriptor&& other) noexcept {
+        std::swap(number_, other.number_);
+        return *this;
+    }
+    ~Descriptor() {
+        if (number_ >= 0) ::close(number_);
+    }
+
+    int get() const { return number_; }
+
+private:
+    int number_;
+};
+
+}  // namespace kel::bench

@@ -1,0 +1,181 @@
+// kel_bench: the directory end to end over loopback, with each figure beside a baseline from the same run. Client,
+// directory and baselines are processes of their own.
+#include "EchoServer.h"
+#include "FileLoop.h"
+#include "Measurements.h"
+#include "Support.h"
+
+#include <sys/utsname.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <filesystem>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace {
+
+using namespace kel::bench;
+namespace fs = std::filesystem;
+
+constexpr const char* usage =
+    "usage: kel_bench [--quick] [--only NAME] [--directory PROGRAM]\n"
+    "\n"
+    "  --quick              fewer and shorter rounds: about a minute instead of about four\n"
+    "  --only NAME          one measurement: id, register, service, memory or startup\n"
+    "  --directory PROGRAM  the directory to measure (default: KelDirectory beside this program)\n"
+    "\n"
+    "Files are written to a folder of its own below $TMPDIR (default /tmp), which should lie on the kind of disk that "
+    "a\n"
+    "directory would use, and removed at the end. Exit status 0 when all was measured, whether goals were reached or "
+    "not.\n";
+
+constexpr const char* legend =
+    "\n"
+    "ratio: median (least..most) of the rounds, in each of which both sides ran one after the other\n"
+    "baselines: GetSatelliteId: an epoll echo of the same request, [threads of the echo server, the better of 1 and "
+    "2];\n"
+    "  Register: one thread that only replaces the same two files; GetServiceReg: a directory with 10 satellites;\n"
+    "  start-up: a program that only reads these files\n";
+
+struct Measurement {
+    const char* name;
+    std::vector<Row> (Measurements::*run)();
+};
+
+constexpr Measurement measurements[] = {
+    {"id", &Measurements::SatelliteId},        {"register", &Measurements::Register},
+    {"service", &Measurements::ServiceLookUp}, {"memory", &Measurements::Memory},
+    {"startup", &Measurements::StartUp},
+};
+
+struct Options {
+    bool quick = false;
+    std::string only;
+    std::string directory;
+};
+
+class TemporaryFolder {
+public:
+    TemporaryFolder() : path_((fs::temp_directory_path() / "kel-bench-XXXXXX").string()) {
+        if (!::mkdtemp(path_.data())) FailWithErrno(path_);
+    }
+    ~TemporaryFolder() {
+        std::error_code ignored;
+        fs::remove_all(path_, ignored);
+    }
+    TemporaryFolder(const TemporaryFolder&) = delete;
+    TemporaryFolder& operator=(const TemporaryFolder&) = delete;
+
+    const std::string& path() const { return path_; }
+
+private:
+    std::string path_;
+};
+
+bool IsMeasurement(const std::string& name) {
+    for (const Measurement& measurement : measurements) {
+        if (name == measurement.name) return true;
+    }
+    return false;
+}
+
+// False when the arguments make no sense.
+bool ReadOptions(const std::vector<std::string>& arguments, Options& options) {
+    for (size_t i = 0; i < arguments.size(); ++i) {
+        const bool more = i + 1 < arguments.size();
+        if (arguments[i] == "--quick") options.quick = true;
+        else if (arguments[i] == "--only" && more) options.only = arguments[++i];
+        else if (arguments[i] == "--directory" && more) options.directory = arguments[++i];
+        else return false;
+    }
+    return options.only.empty() || IsMeasurement(options.only);
+}
+
+// Signals only interrupt what waits; the stack then unwinds, which ends the children and removes the files. The alarm
+// bounds the whole run.
+void WatchSignals(unsigned secondsAtMost) {
+    struct sigaction action {};
+    action.sa_handler = [](int signal) { interruptedBy = signal; };
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGALRM}) ::sigaction(signal, &action, nullptr);
+    ::alarm(secondsAtMost);
+}
+
+void PrintRow(std::string_view what, std::string_view measured, std::string_view baseline, std::string_view ratio,
+              std::string_view goal, std::string_view reached) {
+    std::printf("%-44.*s %13.*s %17.*s  %-19.*s %-10.*s %.*s\n", static_cast<int>(what.size()), what.data(),
+                static_cast<int>(measured.size()), measured.data(), static_cast<int>(baseline.size()), baseline.data(),
+                static_cast<int>(ratio.size()), ratio.data(), static_cast<int>(goal.size()), goal.data(),
+                static_cast<int>(reached.size()), reached.data());
+}
+
+void PrintTable(const std::vector<Row>& rows, const std::string& folder) {
+    utsname system{};
+    ::uname(&system);
+    std::printf("%ld processors, %s %s, files below %s\n\n", ::sysconf(_SC_NPROCESSORS_ONLN), system.sysname,
+                system.release, fs::path(folder).parent_path().c_str());
+    PrintRow("what", "measured", "baseline", "ratio", "goal", "reached");
+    for (const Row& row : rows) {
+        PrintRow(row.what, row.measured, row.baseline.empty() ? "-" : row.baseline, row.ratio.empty() ? "-" : row.ratio,
+                 row.goal, row.reached ? "yes" : "no");
+    }
+    std::fputs(legend, stdout);
+}
+
+int Measure(Options options) {
+    WatchSignals(options.quick ? 180 : 360);
+    if (options.directory.empty()) {
+        options.directory = fs::read_symlink("/proc/self/exe").replace_filename("KelDirectory").string();
+    }
+    const TemporaryFolder folder;
+    Measurements all(options.directory, folder.path(), options.quick ? Effort{9, 0.15, 3, 500} : Effort{});
+    std::vector<Row> rows;
+    int status = 0;
+    try {
+        for (const Measurement& measurement : measurements) {
+            if (!options.only.empty() && options.only != measurement.name) continue;
+            for (Row& row : (all.*measurement.run)()) rows.push_back(std::move(row));
+        }
+    } catch (const std::exception& failure) {
+        std::fprintf(stderr, "kel_bench: %s\n", failure.what());
+        status = 1;
+    }
+    PrintTable(rows, folder.path());  // what was measured before a failure too
+    return status;
+}
+
+// The child modes; false when the arguments name none.
+bool RunAsChild(const std::vector<std::string>& arguments) {
+    const size_t count = arguments.size();
+    if (count == 2 && arguments[0] == "--as-echo") {
+        RunEchoServer(static_cast<unsigned>(std::stoul(arguments[1])));
+    } else if (count == 2 && arguments[0] == "--as-file-reader") {
+        std::printf("%zu\n", ReadFiles(arguments[1]));
+    } else if (count == 4 && arguments[0] == "--as-file-loop") {
+        std::printf("%f\n", ReplaceFiles(arguments[1], static_cast<unsigned>(std::stoul(arguments[2])),
+                                         static_cast<unsigned>(std::stoul(arguments[3]))));
+    } else {
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+int main(int count, char** values) {
+    const std::vector<std::string> arguments(values + 1, values + count);
+    try {
+        if (RunAsChild(arguments)) return 0;
+        Options options;
+        if (ReadOptions(arguments, options)) return Measure(options);
+        const bool asked = arguments == std::vector<std::string>{"--help"};
+        std::fputs(usage, asked ? stdout : stderr);
+        return asked ? 0 : 2;
+    } catch (const std::exception& failure) {
+        std::fprintf(stderr, "kel_bench: %s\n", failure.what());
+        return 1;
+    }
+}
