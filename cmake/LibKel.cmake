@@ -1,0 +1,51 @@
+# libkel, the shared library: the layers up to rpc in one file, from the same objects that the tests link. Only what
+# KEL_API marks leaves it. Others find it with find_package(kel), target kel::kel, or with pkg-config.
+
+include(CMakePackageConfigHelpers)
+
+file(STRINGS ${PROJECT_SOURCE_DIR}/cmake/public-headers.txt KEL_PUBLIC_HEADERS)
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/cmake/public-headers.txt)
+
+add_library(kel SHARED
+    $<TARGET_OBJECTS:kel_platform>
+    $<TARGET_OBJECTS:kel_foundation>
+    $<TARGET_OBJECTS:kel_rpc>)
+add_library(kel::kel ALIAS kel)
+set_target_properties(kel PROPERTIES
+    LINKER_LANGUAGE CXX
+    VERSION ${PROJECT_VERSION}
+    SOVERSION ${PROJECT_VERSION_MAJOR})
+target_link_libraries(kel
+    PRIVATE Boost::filesystem Boost::system PkgConfig::plist
+    INTERFACE Boost::headers Threads::Threads)
+target_link_options(kel PRIVATE
+    LINKER:--version-script=${PROJECT_SOURCE_DIR}/cmake/libkel.map LINKER:--as-needed)
+if(NOT KEL_SANITIZERS)  # a sanitizer's symbols come from the program
+    target_link_options(kel PRIVATE LINKER:--no-undefined)
+endif()
+set_property(TARGET kel APPEND PROPERTY LINK_DEPENDS ${PROJECT_SOURCE_DIR}/cmake/libkel.map)
+target_include_directories(kel INTERFACE
+    $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/src>
+    $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/kel>)
+target_compile_features(kel INTERFACE cxx_std_17)
+
+install(TARGETS kel EXPORT kelTargets LIBRARY
+    DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT libkel NAMELINK_COMPONENT libkel)
+foreach(header IN LISTS KEL_PUBLIC_HEADERS)
+    get_filename_component(folder ${header} DIRECTORY)
+    install(FILES ${PROJECT_SOURCE_DIR}/src/${header}
+        DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kel/${folder} COMPONENT libkel)
+endforeach()
+
+set(package_folder ${CMAKE_INSTALL_LIBDIR}/cmake/kel)
+install(EXPORT kelTargets NAMESPACE kel:: DESTINATION ${package_folder} COMPONENT libkel)
+configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/kelConfig.cmake.in
+    ${PROJECT_BINARY_DIR}/libkel/kelConfig.cmake INSTALL_DESTINATION ${package_folder})
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/libkel/kelConfigVersion.cmake COMPATIBILITY SameMajorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/libkel/kelConfig.cmake ${PROJECT_BINARY_DIR}/libkel/kelConfigVersion.cmake
+    DESTINATION ${package_folder} COMPONENT libkel)
+
+file(RELATIVE_PATH prefix_from_pkgconfig /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
+configure_file(${PROJECT_SOURCE_DIR}/cmake/kel.pc.in ${PROJECT_BINARY_DIR}/libkel/kel.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/libkel/kel.pc
+    DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT libkel)
