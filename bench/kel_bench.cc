@@ -64,6 +64,7 @@ public:
         if (!::mkdtemp(path_.data())) FailWithErrno(path_);
     }
     ~TemporaryFolder() {
+        std::fputs("removing the files ...\n", stderr);
         std::error_code ignored;
         fs::remove_all(path_, ignored);
     }
@@ -123,6 +124,7 @@ void PrintTable(const std::vector<Row>& rows, const std::string& folder) {
                  row.goal, row.reached ? "yes" : "no");
     }
     std::fputs(legend, stdout);
+    std::fflush(stdout);  // removing the files may take a while
 }
 
 int Measure(Options options) {

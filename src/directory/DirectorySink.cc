@@ -3,6 +3,7 @@
 #include "directory/KelDirectory.h"
 #include "foundation/Log.h"
 #include "foundation/NetworkUtils.h"
+#include "rpc/RunningCall.h"
 
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -68,6 +69,7 @@ int CDirectorySink::PingSat(const CStdStr& name, const CStdStr& host, unsigned s
 }
 
 CStdStr CDirectorySink::getIPFromSocket(int socket) {
+    if (const auto known = kel::RunningCall::PeerOn(socket)) return yar::networkutils::inet_ntos(*known);
     sockaddr_in peer{};
     socklen_t length = sizeof peer;
     if (getpeername(socket, reinterpret_cast<sockaddr*>(&peer), &length) != 0) return CStdStr();

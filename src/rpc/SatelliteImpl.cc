@@ -2,6 +2,7 @@
 
 #include "foundation/Registry.h"
 #include "rpc/LibraryLog.h"
+#include "rpc/RunningCall.h"
 #include "rpc/VUtil.h"
 #include "rpc/wire/Codec.h"
 
@@ -444,6 +445,7 @@ int KelSatellite::Impl::RunMethod(const ConnectionPtr& connection, const wire::M
         return KEL_OK;
     }
     int result = 0;
+    const kel::RunningCall running(*connection);
     const int code = satellite_.OnServiceRequested(connection->descriptor(), call.caller.c_str(), call.method.c_str(),
                                                    call.value, &out, &result);
     if (code == KEL_OK) return result;

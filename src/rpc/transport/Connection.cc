@@ -55,6 +55,8 @@ Connection::Connection(Socket socket, ConnectionOwner& owner, std::string peer)
       stallTimer_(socket_.get_executor()) {
     CloseOnExec(descriptor_);
     boost::system::error_code ignored;
+    const tcp::endpoint remote = socket_.remote_endpoint(ignored);
+    if (!ignored) peerAddress_.s_addr = htonl(remote.address().to_v4().to_uint());
     socket_.set_option(tcp::no_delay(true), ignored);
     socket_.set_option(asio::socket_base::keep_alive(true), ignored);
     socket_.non_blocking(true, ignored);

@@ -6,6 +6,8 @@
 #include "rpc/wire/Framer.h"
 #include "rpc/wire/Message.h"
 
+#include <netinet/in.h>
+
 #include <atomic>
 #include <chrono>
 #include <deque>
@@ -73,6 +75,9 @@ public:
 
     int descriptor() const { return descriptor_; }
     const std::string& peer() const { return peer_; }
+    // The other side's address, in network order.
+    in_addr peerAddress() const { return peerAddress_; }
+    bool closed() const { return closed_; }
 
 private:
     struct ReadHandler;
@@ -100,6 +105,7 @@ private:
     ConnectionOwner& owner_;
     const std::string peer_;
     int descriptor_;
+    in_addr peerAddress_{};
     std::atomic<bool> closed_{false};
 
     // The reading turn's: touched only by the thread that holds it.

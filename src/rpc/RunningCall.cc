@@ -1,0 +1,22 @@
+#include "rpc/RunningCall.h"
+
+#include "rpc/transport/Connection.h"
+
+#include <utility>
+
+namespace kel {
+
+namespace {
+thread_local const transport::Connection* current = nullptr;
+}
+
+RunningCall::RunningCall(const transport::Connection& connection) : outer_(std::exchange(current, &connection)) {}
+
+RunningCall::~RunningCall() { current = outer_; }
+
+std::optional<in_addr> RunningCall::PeerOn(int socket) {
+    if (!current || current->descriptor() != socket || current->closed()) return std::nullopt;
+    return current->peerAddress();
+}
+
+}  // namespace kel
