@@ -26,7 +26,7 @@ using PreferenceValue = std::variant<OtherPreference, bool, int64_t, double, std
 
 // One application's list as it was when it was read.
 struct Preferences {
-    bool exists = false;  // whether there is a list at all
+    bool exists = false;                                          // whether there is a list at all
     std::vector<std::pair<std::string, PreferenceValue>> values;  // by name, in the list's order
 
     // The value stored under `name` (case-sensitive); null when there is none. Valid as long as this object.

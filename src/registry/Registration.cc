@@ -116,8 +116,7 @@ int CRegistration::GetLastServiceInfo(const CStdStr& service, std::vector<KelSer
 }
 
 void CRegistration::AppendServiceOf(const KelSatelliteInfo& satellite, const CStdStr& service,
-                                    std::vector<KelServiceInfo>& out) {
-    PReadHold hold(satellite.lock);
+                                    std::vector<KelServiceInfo>& out) const {
     const auto entry = satellite.services.find(service);
     if (entry != satellite.services.end()) out.push_back(Describe(satellite, entry->second));
 }

@@ -99,8 +99,10 @@ public:
 
 private:
     static KelServiceInfo Describe(const KelSatelliteInfo& satellite, const KelService& service);
-    static void AppendServiceOf(const KelSatelliteInfo& satellite, const CStdStr& service,
-                                std::vector<KelServiceInfo>& out);
+    // Services change only under both locks, so the registry's is enough to read them: with many satellites the other
+    // one is a line of distant memory to write to in every look-up.
+    void AppendServiceOf(const KelSatelliteInfo& satellite, const CStdStr& service,
+                         std::vector<KelServiceInfo>& out) const REQUIRES_SHARED(lock_) NO_THREAD_SAFETY_ANALYSIS;
 
     // Puts the record into the place of its name, with the next id if it has none. Returns the record that it took the
     // place of, or null; with `onlyIfNewer`, `fresh` itself when that one's id is as high.

@@ -4,9 +4,11 @@
 
 #include "registry/SatelliteInfo.h"
 
+#include <tsl/robin_set.h>
+
 #include <cstddef>
+#include <memory>
 #include <set>
-#include <unordered_map>
 
 class ServiceIndex {
 public:
@@ -26,13 +28,34 @@ public:
     const Providers* Find(const CStdStr& service) const;
 
 private:
+    struct Entry {
+        explicit Entry(const CStdStr& name) : service(name) {}
+        const CStdStr service;
+        Providers providers;
+    };
+    using EntryPtr = std::unique_ptr<Entry>;
+
+    static const char* NameOf(const CStdStr& service) { return service.c_str(); }
+    static const char* NameOf(const EntryPtr& entry) { return entry->service.c_str(); }
+
     // Hash and equality that agree with ssicmp: no regard to ASCII case, up to the terminating NUL.
     struct NameHash {
-        size_t operator()(const CStdStr& name) const;
+        size_t operator()(const char* name) const;
+        template <typename Key>
+        size_t operator()(const Key& key) const {
+            return (*this)(NameOf(key));
+        }
     };
     struct NameEqual {
-        bool operator()(const CStdStr& a, const CStdStr& b) const { return ssicmp(a.c_str(), b.c_str()) == 0; }
+        using is_transparent = void;
+        template <typename A, typename B>
+        bool operator()(const A& a, const B& b) const {
+            return ssicmp(NameOf(a), NameOf(b)) == 0;
+        }
     };
 
-    std::unordered_map<CStdStr, Providers, NameHash, NameEqual> providers_;
+    // An open-addressed table of pointers with their hashes: with many services a look-up touches one line of the table
+    // and then the entry, which was allocated together with its satellite. Chains of nodes would lead through other
+    // satellites' memory, and what a look-up costs with many is the distant memory that it touches.
+    tsl::robin_set<EntryPtr, NameHash, NameEqual, std::allocator<EntryPtr>, true> entries_;
 };

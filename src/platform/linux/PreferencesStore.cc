@@ -165,7 +165,8 @@ PreferenceValue FromPlist(plist_t node) {
             const char* text = plist_get_string_ptr(node, &length);
             return text ? std::string(text, length) : std::string();
         }
-        default: return OtherPreference{};
+        default:
+            return OtherPreference{};
     }
 }
 

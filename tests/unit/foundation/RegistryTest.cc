@@ -97,7 +97,10 @@ TEST_F(TheSettings, GiveBackEveryNumberAndText) {
 }
 
 TEST_F(TheSettings, AreStoredInUnicodeAndReadAsMacRoman) {
-    ASSERT_TRUE(settings_->WriteSettingImpl(kKey, "Gr\x9a\xa7" "e", CStdStr("K\x8ase")));
+    ASSERT_TRUE(settings_->WriteSettingImpl(kKey,
+                                            "Gr\x9a\xa7"
+                                            "e",
+                                            CStdStr("K\x8ase")));
     EXPECT_NE(std::string::npos, List().find("<key>Größe</key>\n\t<string>Käse</string>")) << List();
     ASSERT_TRUE(StorePreference(kIdentifier, "Foreign", std::string("\xe6\x97\xa5")));
     EXPECT_EQ("", ReadText(kKey, "Foreign")) << "no Mac Roman text for it";
@@ -128,9 +131,10 @@ TEST_F(TheSettings, LookABooleanUpUnderItsLiteralKey) {
 }
 
 TEST_F(TheSettings, AreReadInBulkWithoutBooleansAndOtherTypes) {
-    PutList("<plist version=\"1.0\"><dict><key>n</key><integer>-7</integer><key>t</key><string>text</string>"
-            "<key>b</key><true/><key>d</key><date>2001-01-01T00:00:00Z</date><key>r</key><real>2.5</real>"
-            "<key>a</key><array><integer>1</integer></array></dict></plist>");
+    PutList(
+        "<plist version=\"1.0\"><dict><key>n</key><integer>-7</integer><key>t</key><string>text</string>"
+        "<key>b</key><true/><key>d</key><date>2001-01-01T00:00:00Z</date><key>r</key><real>2.5</real>"
+        "<key>a</key><array><integer>1</integer></array></dict></plist>");
     std::map<CStdStr, CStdStr> values = {{"n", "old"}, {"b", "kept"}};
     testing::internal::CaptureStdout();
     settings_->ReadAllSettingsImpl(kKey, values);
@@ -155,8 +159,9 @@ TEST_F(TheSettings, SayWhenThereIsNothingToReadInBulk) {
 }
 
 TEST_F(TheSettings, KeepTheOtherValuesAndTheModeOfTheList) {
-    PutList("<plist version=\"1.0\"><dict><key>d</key><date>2001-01-01T00:00:00Z</date>"
-            "<key>a</key><array><dict><key>x</key><data>YWJj</data></dict></array></dict></plist>");
+    PutList(
+        "<plist version=\"1.0\"><dict><key>d</key><date>2001-01-01T00:00:00Z</date>"
+        "<key>a</key><array><dict><key>x</key><data>YWJj</data></dict></array></dict></plist>");
     ASSERT_EQ(0, chmod(ListPath().c_str(), 0640));
     ASSERT_TRUE(settings_->WriteSettingImpl(kKey, "LogLevel", 4));
     struct stat info {};
