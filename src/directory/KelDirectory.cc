@@ -4,7 +4,6 @@
 #include "foundation/Log.h"
 #include "foundation/NetworkUtils.h"
 #include "host/commonMain.h"
-#include "platform/UpTime.h"
 
 #include <algorithm>
 #include <new>
@@ -16,7 +15,7 @@ constexpr char directoryName[] = "MainRegister";
 
 }  // namespace
 
-KelDirectory::KelDirectory() : YarModuleBase("KelDirectory"), registration_(kel::platform::UpTimeMs) {}
+KelDirectory::KelDirectory() : YarModuleBase("KelDirectory") {}
 
 KelDirectory::~KelDirectory() { KelDirectory::close(); }
 

@@ -17,6 +17,7 @@
 
 #include "foundation/Locks.h"
 #include "foundation/StdString.h"
+#include "foundation/UpTime.h"
 #include "registry/FileTurns.h"
 #include "registry/SatelliteInfo.h"
 #include "registry/ServiceIndex.h"
@@ -41,7 +42,7 @@ public:
     using Clock = uint32_t (*)();
 
     // Draws a server id and makes the folders of the files. A failure is logged; the registry then works from memory.
-    explicit CRegistration(Clock upTime);
+    explicit CRegistration(Clock upTime = yar::UpTimeMs);
     virtual ~CRegistration();
     CRegistration(const CRegistration&) = delete;
     CRegistration& operator=(const CRegistration&) = delete;

@@ -2,6 +2,8 @@
 
 #include "foundation/Registry.h"
 #include "rpc/VUtil.h"
+#include "rpc/wire/Codec.h"
+#include "rpc/wire/Framer.h"
 #include "support/TempRoot.h"
 
 #include <gtest/gtest.h>
@@ -11,6 +13,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <functional>
@@ -71,6 +74,11 @@ public:
             known.erase(VUtil::GetStringElement(in, 0));
             return 0;
         });
+        Publish(*this, "UnRegister", [this](const char*, const tagVARIANT& in, tagVARIANT*) {
+            const std::lock_guard<std::mutex> hold(mutex);
+            known[VUtil::GetStringElement(in, 0)].services -= VUtil::GetIntElement(in, 5);
+            return 0;
+        });
         Publish(*this, "GetSatelliteId", [this](const char*, const tagVARIANT& in, tagVARIANT* out) {
             const std::lock_guard<std::mutex> hold(mutex);
             const auto found = known.find(in.bstrVal);
@@ -96,9 +104,9 @@ public:
     }
 
     struct Entry {
-        int id;
-        unsigned short port;
-        int services;
+        int id = 0;
+        unsigned short port = 0;
+        int services = 0;
     };
     std::mutex mutex;
     std::map<std::string, Entry> known;
@@ -111,7 +119,7 @@ private:
         Entry& entry = known[VUtil::GetStringElement(in, 0)];
         if (entry.id == 0 || entry.id != VUtil::GetIntElement(in, 4)) entry.id = ++lastId;
         entry.port = VUtil::GetUnsignedShortElement(in, 2);
-        entry.services = VUtil::GetIntElement(in, 5);
+        entry.services += VUtil::GetIntElement(in, 5);
         VUtil::CreateArray(*out, VT_VARIANT, 2);
         VUtil::PutElement(*out, 0, "0123456789abcdef");
         VUtil::PutElement(*out, 1, entry.id);
@@ -340,4 +348,66 @@ TEST_F(ASatellite, RegistersAgainWhenTheDirectoryForgotIt) {
     }));
     EXPECT_EQ(recorder.changes[0], std::make_pair(before, KELSTATUS_GONE));
     EXPECT_EQ(recorder.changes[1], std::make_pair(directory.IdOf("Recorder"), KELSTATUS_ALIVE));
+}
+
+TEST_F(ASatellite, TellsTheDirectoryOfServicesThatComeAndGoWhileItIsConnected) {
+    KelSatellite recorder;
+    ASSERT_EQ(recorder.Connect("127.0.0.1", "Recorder"), 0);
+    const int id = directory.IdOf("Recorder");
+    Publish(recorder, "Late", [](const char*, const tagVARIANT&, tagVARIANT*) { return 9; });
+    EXPECT_EQ(directory.known["Recorder"].services, 1);
+    EXPECT_EQ(directory.IdOf("Recorder"), id);
+    ScopedVariant nothing;
+    EXPECT_EQ(directory.Request("Recorder", "Late", nothing, nullptr, KELFLAG_WAIT, nullptr), 9);
+    EXPECT_EQ(recorder.RemoveService("Late"), 0);
+    EXPECT_EQ(recorder.RemoveService("Late"), KEL_UNKNOWN_METHOD);
+    EXPECT_EQ(directory.known["Recorder"].services, 0);
+    EXPECT_THROW(directory.Request("Recorder", "Late", nothing, nullptr, KELFLAG_WAIT, nullptr), KelException);
+}
+
+TEST_F(ASatellite, DropsTheOldestOneWayCallsOfAPeerThatDoesNotRead) {
+    const int listener = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof address;
+    ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&address), size), 0);
+    ASSERT_EQ(::listen(listener, 1), 0);
+    ASSERT_EQ(::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &size), 0);
+    directory.known["Deaf"] = {77, ntohs(address.sin_port), 0};
+    directory.known["Other"] = {78, 0, 0};
+
+    constexpr int calls = 4000;
+    const std::string payload(16 * 1024, 'x');  // 64 MiB in all: far more than the system buffers
+    for (int i = 0; i < calls; ++i) {
+        ScopedVariant in;
+        VUtil::CreateArray(in, VT_VARIANT, 2);
+        VUtil::PutElement(in, 0, i);
+        VUtil::PutElement(in, 1, payload.c_str());
+        ASSERT_EQ(directory.Request("Deaf", "Note", in, nullptr, KELFLAG_ONE_WAY, nullptr), 0);
+    }
+
+    const int peer = ::accept(listener, nullptr, nullptr);
+    std::vector<int> numbers;
+    std::string input;
+    kel::wire::Framer framer;
+    kel::wire::Message message;
+    while (numbers.empty() || numbers.back() != calls - 1) {
+        char part[64 * 1024];
+        const ssize_t got = ::recv(peer, part, sizeof part, 0);
+        ASSERT_GT(got, 0);
+        input.append(part, static_cast<size_t>(got));
+        while (framer.Scan(input.data(), input.size()) == kel::wire::Framer::Status::complete) {
+            ASSERT_TRUE(kel::wire::Decode(input.data(), framer.length(), message));
+            numbers.push_back(VUtil::GetIntElement(message.value, 0));
+            input.erase(0, framer.length());
+            framer.Reset();
+        }
+    }
+    ::close(peer);
+    ::close(listener);
+    EXPECT_TRUE(std::is_sorted(numbers.begin(), numbers.end())) << "what arrives is in order";
+    EXPECT_LT(numbers.size(), static_cast<size_t>(calls)) << "some were dropped";
+    for (int i = 0; i < 1024; ++i)
+        EXPECT_EQ(numbers[numbers.size() - 1024 + i], calls - 1024 + i) << "the newest are kept";
 }
