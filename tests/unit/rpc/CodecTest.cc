@@ -130,8 +130,10 @@ TEST(ACodec, WritesAndReadsTheBytesOfTheWorkedExample) {
 
     bytes.clear();
     const ScopedVariant change = Variants(MakeString("Schedule"), MakeString("Recorder"), MakeInt(1));
-    ASSERT_TRUE(EncodeNotification(bytes, "OnServiceAvailabilityChanged", "MainRegister", change));
-    EXPECT_EQ(bytes, "\x93\x02\xbcOnServiceAvailabilityChanged\x92\xacMainRegister\x93\xa8Schedule\xa8Recorder\x01"s);
+    ASSERT_TRUE(EncodeNotification(bytes, "Changed", "Recorder", change));
+    EXPECT_EQ(bytes,
+              "\x93\x02\xa7"
+              "Changed\x92\xa8Recorder\x93\xa8Schedule\xa8Recorder\x01"s);
     ASSERT_TRUE(Decodes(bytes, message));
     EXPECT_EQ(message.kind, MessageKind::notification);
 }
