@@ -30,6 +30,8 @@ public:
     // The address under which a satellite that calls from `callerIp` is recorded: "127.0.0.1" for one on this machine,
     // by whichever interface it came, else `callerIp` itself.
     CStdStr getIPToUse(const char* callerIp) const;
+    // Ends what keeps others from registering `name`; nothing when it is not being registered.
+    void RemoveFromPending(const CStdStr& name) EXCLUDES(pendingLock_);
 
     // The requests. `callerIp` is the dotted address that a request came from, `caller` the name of the calling
     // satellite. The result travels to the caller with `out`: 0, a code from below, or what the registry says. A record
@@ -72,7 +74,6 @@ private:
     int AdmitSatellite(const Record& record, const CStdStr& address, int* satId);
     int RemoveDeadHolder(const CStdStr& name, const CStdStr& host, unsigned short port, int satId);
     bool AddToPending(const CStdStr& name) EXCLUDES(pendingLock_);
-    void RemoveFromPending(const CStdStr& name) EXCLUDES(pendingLock_);
 
     CRegistration registration_;
 

@@ -1,6 +1,7 @@
 #include "foundation/NetworkUtils.h"
 
 #include "platform/Interfaces.h"
+#include "platform/SocketOptions.h"
 
 #include <cstring>
 
@@ -18,6 +19,8 @@ char* WriteOctet(char* to, unsigned value) {
 }  // namespace
 
 void GetLocalIPAddressList(std::vector<in_addr>& out) { out = kel::platform::InterfaceAddresses(); }
+
+void GiveUpOnDeadPeers(int socket, unsigned seconds) { kel::platform::GiveUpOnDeadPeers(socket, seconds); }
 
 // Every request passes through here with its caller's address, so the text is put together without inet_ntop's printf.
 CStdStr inet_ntos(in_addr address) {

@@ -17,4 +17,8 @@ KEL_API void GetLocalIPAddressList(std::vector<in_addr>& out);
 // The dotted text of an address in network byte order.
 KEL_API CStdStr inet_ntos(in_addr address);
 
+// Has the system end the TCP connection `socket` once its peer has not acknowledged anything for `seconds`, also while
+// nothing is sent. A living host acknowledges by itself, however long its programs take.
+void GiveUpOnDeadPeers(int socket, unsigned seconds);
+
 }  // namespace yar::networkutils

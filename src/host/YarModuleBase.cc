@@ -31,7 +31,15 @@ YarModuleBase::YarModuleBase(const CStdStr& name) : name_(name) {
         throw std::logic_error("Can't have more than one instance of YarModuleBase per module!");
     }
     yarModule = this;
+    try {
+        SetUp();
+    } catch (...) {
+        yarModule = nullptr;
+        throw;
+    }
+}
 
+void YarModuleBase::SetUp() {
     logger_ = boost::make_shared<CBBLog>(name_ + ".log", false, maxLogSize);
     CBBLog::setLogger(logger_);
     KelSatellite::setLogger(logger_);

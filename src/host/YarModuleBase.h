@@ -37,6 +37,8 @@ public:
     virtual void abort();
 
 private:
+    void SetUp();
+
     static YarModuleBase* yarModule;  // the one that lives, or null
 
     CStdStr name_;

@@ -40,12 +40,12 @@ class SharedWrite {
 public:
     // Returns once a write that began after this call has succeeded, or once this thread's own has ended. `write` takes
     // no arguments, gathers what is to be written itself, and says whether it succeeded; an exception counts as a
-    // failure and passes through.
+    // failure and passes through. Returns whether what was to be written is there.
     template <typename Write>
-    void Run(Write write) {
-        if (!BeginUnlessServed()) return;
+    bool Run(Write write) {
+        if (!BeginUnlessServed()) return true;
         Finish finish{*this};
-        finish.succeeded = write();
+        return finish.succeeded = write();
     }
 
 private:

@@ -46,18 +46,19 @@ int CRegistration::AddSatellite(const CStdStr& name, const CStdStr& ip, unsigned
 
     SatellitePtr old;  // freed after the lock is released
     PWriteHold hold(lock_);
-    old = Insert(fresh, false);
+    old = Insert(fresh, Insertion::always);
     *satId = fresh->satId;
     return 0;
 }
 
-CRegistration::SatellitePtr CRegistration::Insert(const SatellitePtr& fresh, bool onlyIfNewer) {
+CRegistration::SatellitePtr CRegistration::Insert(const SatellitePtr& fresh, Insertion rule) {
     SatellitePtr old;
     const size_t countBefore = satellites_.size();
     // The end is where the next of many in order belongs; elsewhere the hint costs one comparison.
     const auto entry = satellites_.try_emplace(satellites_.end(), fresh->satName, fresh);
     if (satellites_.size() == countBefore) {
-        if (onlyIfNewer && entry->second->satId >= fresh->satId) return fresh;
+        if (rule == Insertion::ifNewer && entry->second->satId >= fresh->satId) return fresh;
+        if (rule == Insertion::ifNotOlder && entry->second->satId > fresh->satId) return fresh;
         old = entry->second;
         Replace(*old, *fresh);
         auto node = satellites_.extract(entry);
@@ -78,9 +79,9 @@ void CRegistration::Replace(KelSatelliteInfo& old, KelSatelliteInfo& fresh) {
     for (const auto& [service, published] : old.services) providers_.Remove(service, old);
 
     fresh.formerFiles = old.formerFiles;
-    fresh.formerFiles.push_back(old.satName);
-    const auto ownName = std::remove(fresh.formerFiles.begin(), fresh.formerFiles.end(), fresh.satName);
-    fresh.formerFiles.erase(ownName, fresh.formerFiles.end());
+    fresh.formerFiles.push_back({old.satName, true});
+    std::erase_if(fresh.formerFiles, [&](const auto& file) { return file.name == fresh.satName; });
+    for (auto& file : fresh.formerFiles) file.isReplaced = true;
 }
 
 int CRegistration::FindSatellite(const CStdStr& name, CStdStr& ip, int* satId, unsigned short* port,
@@ -141,8 +142,8 @@ int CRegistration::AddService(const CStdStr& satName, const CStdStr& service, co
     KelSatelliteInfo& satellite = *entry->second;
 
     PWriteHold holdSatellite(satellite.lock);
-    satellite.services[service] = KelService{service, description};
     providers_.Add(service, satellite);
+    satellite.services[service] = KelService{service, description};
     return 0;
 }
 
@@ -159,7 +160,7 @@ int CRegistration::RemoveService(const CStdStr& satName, const CStdStr& service,
 }
 
 int CRegistration::RemoveSatellite(const CStdStr& name, int satId) {
-    DeleteFormerFiles(name);
+    DeleteFormerFiles(name, satId, true);
     // File and record go in one turn, so that nobody writes the file again in between.
     FileTurns::Hold turn(turns_, name);
     if (DeleteFileInTurn(name, satId) != satIdMismatch) EraseSatellite(name, satId);

@@ -27,10 +27,13 @@
 #include <atomic>
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <vector>
 
 class CRegistration {
 public:
+    using KelSatelliteInfo = ::KelSatelliteInfo;
+    using KelService = ::KelService;
     using SatellitePtr = boost::shared_ptr<KelSatelliteInfo>;
 
     static constexpr int satIdMismatch = 2;
@@ -106,17 +109,18 @@ private:
                          std::vector<KelServiceInfo>& out) const REQUIRES_SHARED(lock_) NO_THREAD_SAFETY_ANALYSIS;
 
     // Puts the record into the place of its name, with the next id if it has none. Returns the record that it took the
-    // place of, or null; with `onlyIfNewer`, `fresh` itself when that one's id is as high.
-    SatellitePtr Insert(const SatellitePtr& fresh, bool onlyIfNewer) REQUIRES(lock_);
+    // place of, or null; or, when `rule` is against it, `fresh` itself.
+    enum class Insertion { always, ifNewer, ifNotOlder };  // by the satId of the one that is there
+    SatellitePtr Insert(const SatellitePtr& fresh, Insertion rule) REQUIRES(lock_);
     void Replace(KelSatelliteInfo& old, KelSatelliteInfo& fresh) REQUIRES(lock_);
     void EraseSatellite(const CStdStr& name, int satId) EXCLUDES(lock_);
 
     // SatelliteFiles.cc
     static void CreateFolders();
     CStdStr RegistrationText() const EXCLUDES(lock_);
-    void WriteSatelliteFile(const CStdStr& folder, const CStdStr& name) EXCLUDES(lock_);
+    bool WriteSatelliteFile(const CStdStr& folder, const CStdStr& name) EXCLUDES(lock_);
     int DeleteFileInTurn(const CStdStr& name, int satId) EXCLUDES(lock_);
-    void DeleteFormerFiles(const CStdStr& name) EXCLUDES(lock_);
+    void DeleteFormerFiles(const CStdStr& name, std::optional<int> satId, bool isStoredOrGone) EXCLUDES(lock_);
     bool LoadRegistrationFile(const CStdStr& path) EXCLUDES(lock_);
     void LoadSatellite(const CStdStr& fileName, const CStdStr& text, std::vector<CStdStr>& surplus) EXCLUDES(lock_);
 

@@ -19,6 +19,8 @@
 #include <cstring>
 #include <exception>
 #include <memory>
+#include <optional>
+#include <stdexcept>
 #include <string_view>
 #include <system_error>
 #include <utility>
@@ -188,13 +190,13 @@ void RememberFile(KelSatelliteInfo& satellite, const CStdStr& fileName) {
     satellite.formerFiles.clear();
     const size_t length = fileName.size() - xmlEnding.size();
     if (fileName.compare(0, length, satellite.satName) == 0) return;
-    satellite.formerFiles.push_back(fileName.substr(0, length));
+    satellite.formerFiles.push_back({fileName.substr(0, length), false});
 }
 
 // The file that a satellite was loaded from.
 CStdStr FileOf(const KelSatelliteInfo& satellite) {
     PReadHold hold(satellite.lock);
-    return (satellite.formerFiles.empty() ? satellite.satName : satellite.formerFiles.front()) + ".xml";
+    return (satellite.formerFiles.empty() ? satellite.satName : satellite.formerFiles.front().name) + ".xml";
 }
 
 }  // namespace
@@ -203,7 +205,8 @@ void CRegistration::CreateFolders() {
     try {
         const CStdStr satellites = SatellitesFolder();
         for (const CStdStr& folder : {satellites, RegistrationFolder(satellites)}) {
-            CFileTools::CreateDirectory(folder);
+            if (!CFileTools::CreateDirectory(folder) && !CFileTools(folder).isFolder())
+                throw std::runtime_error(folder);
             if (chmod(folder.c_str(), fileMode) != 0) {
                 CBBLog::error("CRegistration::CRegistration chmod failed %s", std::strerror(errno));
             }
@@ -218,10 +221,11 @@ void CRegistration::CreateFolders() {
 int CRegistration::SerializeSatellite(const CStdStr& name) {
     try {
         const CStdStr folder = SatellitesFolder();
-        registrationFile_.Run(
+        // Without the counter no satellite: an id in a file that the counter does not cover would be given out again.
+        const bool isCounted = registrationFile_.Run(
             [&] { return WriteFile(RegistrationPath(folder), RegistrationText(), registrationFails_); });
-        WriteSatelliteFile(folder, name);
-        DeleteFormerFiles(name);
+        const bool isStored = isCounted && WriteSatelliteFile(folder, name);
+        DeleteFormerFiles(name, std::nullopt, isStored);
     } catch (const std::exception&) {
         CBBLog::error("CRegistration::SerializeSatellite data directory not found");
     }
@@ -237,21 +241,22 @@ CStdStr CRegistration::RegistrationText() const {
     return text;
 }
 
-void CRegistration::WriteSatelliteFile(const CStdStr& folder, const CStdStr& name) {
+// False when the satellite's record is not on disk afterwards.
+bool CRegistration::WriteSatelliteFile(const CStdStr& folder, const CStdStr& name) {
     FileTurns::Hold turn(turns_, name);
     const SatellitePtr satellite = GetSatelliteStruct(name);
-    if (!satellite) return;
+    if (!satellite) return false;
     if (const char* fault = NameFault(satellite->satName)) {
         CBBLog::error("Satellite %.1024s cannot have a file: %s", satellite->satName.c_str(), fault);
-        return;
+        return false;
     }
-    WriteFile(SatellitePath(folder, satellite->satName), SatelliteText(*satellite), satelliteFails_);
+    return WriteFile(SatellitePath(folder, satellite->satName), SatelliteText(*satellite), satelliteFails_);
 }
 
 // --- Deleting ---
 
 int CRegistration::DeleteSatelliteFile(const CStdStr& name, int satId) {
-    DeleteFormerFiles(name);
+    DeleteFormerFiles(name, satId, true);
     FileTurns::Hold turn(turns_, name);
     return DeleteFileInTurn(name, satId);
 }
@@ -274,31 +279,34 @@ int CRegistration::DeleteFileInTurn(const CStdStr& name, int satId) {
     return 0;
 }
 
-// Deletes the files that hold a record of this satellite under another name than its own. Such a name may have become
-// the own one of another satellite in the meantime, or of a newer record of this one; its file then stays.
-void CRegistration::DeleteFormerFiles(const CStdStr& name) {
+// Deletes the files that hold a record of this satellite under another name than its own, if it has the id `satId` or
+// that does not matter. Those that hold its present record stay unless that is stored under its own name, or is to go.
+// A name may have become the own one of another satellite in the meantime, or of a newer record of this one; its file
+// then stays.
+void CRegistration::DeleteFormerFiles(const CStdStr& name, std::optional<int> satId, bool isStoredOrGone) {
     const SatellitePtr satellite = GetSatelliteStruct(name);
-    if (!satellite) return;
-    std::vector<CStdStr> former;
+    if (!satellite || (satId && *satId != satellite->satId)) return;
+    std::vector<KelSatelliteInfo::FormerFile> obsolete;
     {
-        PReadHold hold(satellite->lock);
-        former = satellite->formerFiles;
+        PWriteHold hold(satellite->lock);
+        auto& files = satellite->formerFiles;
+        const auto kept = std::partition(files.begin(), files.end(),
+                                         [&](const auto& file) { return !isStoredOrGone && !file.isReplaced; });
+        obsolete.assign(kept, files.end());
+        files.erase(kept, files.end());
     }
-    if (former.empty()) return;
+    if (obsolete.empty()) return;
     try {
         const CStdStr folder = SatellitesFolder();
-        for (const CStdStr& file : former) {
-            if (NameFault(file)) continue;
-            FileTurns::Hold turn(turns_, file);
-            const SatellitePtr owner = GetSatelliteStruct(file);
-            if (!owner || owner->satName != file) RemoveFile(AT_FDCWD, SatellitePath(folder, file));
+        for (const auto& file : obsolete) {
+            if (NameFault(file.name)) continue;
+            FileTurns::Hold turn(turns_, file.name);
+            const SatellitePtr owner = GetSatelliteStruct(file.name);
+            if (!owner || owner->satName != file.name) RemoveFile(AT_FDCWD, SatellitePath(folder, file.name));
         }
     } catch (const std::exception&) {
         CBBLog::error("CRegistration::DeleteSatelliteFile data directory not found");
-        return;
     }
-    PWriteHold hold(satellite->lock);
-    satellite->formerFiles.clear();
 }
 
 // --- Loading ---
@@ -353,10 +361,12 @@ void CRegistration::LoadSatellite(const CStdStr& fileName, const CStdStr& text, 
     const bool isWhole = ReadServices(text, *satellite);
     if (!isWhole) surplus.push_back(fileName);
 
+    // Of two with the same id the one in the satellite's own file is the later one.
+    const bool isOwnFile = fileName == satellite->satName + ".xml";
     SatellitePtr loser;
     {
         PWriteHold hold(lock_);
-        loser = Insert(satellite, true);
+        loser = Insert(satellite, isOwnFile ? Insertion::ifNotOlder : Insertion::ifNewer);
     }
     if (loser) surplus.push_back(loser == satellite ? fileName : FileOf(*loser));
     if (loser == satellite) return;

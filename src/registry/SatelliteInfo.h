@@ -32,9 +32,12 @@ struct KelSatelliteInfo {
     mutable PReadWriteLock lock;
     std::map<CStdStr, KelService, CaseInsensitiveLess> services GUARDED_BY(lock);
 
-    // Names of files, less ".xml", other than satName's own that hold a record of this satellite: those of a replaced
-    // record in other letters, and that of a file that was stored under another name.
-    std::vector<CStdStr> formerFiles GUARDED_BY(lock);
+    // Files other than satName's own that hold a record of this satellite.
+    struct FormerFile {
+        CStdStr name;     // less ".xml"
+        bool isReplaced;  // holds a record that was replaced, in other letters; else this very record
+    };
+    std::vector<FormerFile> formerFiles GUARDED_BY(lock);
 };
 
 // A service as a look-up hands it out, by value.

@@ -1,6 +1,16 @@
 #include "registry/ServiceIndex.h"
 
 #include <cstdint>
+#include <random>
+
+namespace {
+
+uint64_t RandomNumber() {
+    std::random_device source;
+    return uint64_t{source()} << 32 | source();
+}
+
+}  // namespace
 
 void ServiceIndex::Add(const CStdStr& service, const KelSatelliteInfo& satellite) {
     auto found = entries_.find(service);
@@ -24,11 +34,14 @@ const ServiceIndex::Providers* ServiceIndex::Find(const CStdStr& service) const 
 }
 
 size_t ServiceIndex::NameHash::operator()(const char* name) const {
-    // FNV-1a, 64 bits.
-    uint64_t hash = 14695981039346656037u;
+    // FNV-1a with a start and a factor of this process's own: names come from strangers, who must not be able to choose
+    // many that meet in one place.
+    static const uint64_t start = RandomNumber();
+    static const uint64_t factor = RandomNumber() | 1;
+    uint64_t hash = start;
     for (const char* at = name; *at != '\0'; ++at) {
         const char lowered = *at >= 'A' && *at <= 'Z' ? static_cast<char>(*at + ('a' - 'A')) : *at;
-        hash = (hash ^ static_cast<unsigned char>(lowered)) * 1099511628211u;
+        hash = (hash ^ static_cast<unsigned char>(lowered)) * factor;
     }
     return hash ^ (hash >> 32);  // the table takes the low bits
 }

@@ -27,6 +27,7 @@ constexpr std::chrono::seconds shortTimeout{5};  // of what must not hold anybod
 constexpr std::chrono::seconds pingTimeout{10};
 constexpr long registrationGraceMs = 2000;
 
+constexpr const char* availabilityMethod = "OnServiceAvailabilityChanged";
 constexpr const char* configKey = "Software\\Tessaly\\Yar\\Config";
 
 bool IsDirectoryName(const CStdStr& name) { return ssicmp(name.c_str(), directoryName) == 0; }
@@ -173,7 +174,7 @@ int KelSatellite::Impl::Open(Link& link, bool isDirectory) {
 // Whether the endpoint at `address` publishes what a directory publishes.
 bool KelSatellite::Impl::IsDirectoryAt(Link& link, const Address& address) {
     const ScopedVariant nothing;
-    const Outcome outcome = link.endpoint.outbound().Call(address, "kel.Describe", name_, nothing,
+    const Outcome outcome = link.endpoint.outbound().Call(address, "kel.Describe", link.self, nothing,
                                                           std::chrono::steady_clock::now() + shortTimeout);
     if (outcome.end != Outcome::End::answered) return false;
     try {
@@ -229,7 +230,7 @@ int KelSatellite::Impl::GetSatelliteId(int* id) {
 
 Outcome KelSatellite::Impl::CallDirectory(Link& link, const char* method, const tagVARIANT& in,
                                           std::chrono::milliseconds timeout) {
-    return link.endpoint.outbound().Call(link.addresses.directory(), method, name_, in,
+    return link.endpoint.outbound().Call(link.addresses.directory(), method, link.self, in,
                                          std::chrono::steady_clock::now() + timeout);
 }
 
@@ -252,7 +253,7 @@ ScopedVariant KelSatellite::Impl::Record(Link& link, const std::vector<MethodPtr
     }
     ScopedVariant record;
     VUtil::CreateArray(record, VT_VARIANT, 7);
-    VUtil::PutElement(record, 0, name_);
+    VUtil::PutElement(record, 0, link.self);
     VUtil::PutElement(record, 1, HostName().c_str());
     VUtil::PutElement(record, 2, static_cast<unsigned short>(link.endpoint.port()));
     VUtil::PutElement(record, 3, kelProtocolVersion);
@@ -262,26 +263,30 @@ ScopedVariant KelSatellite::Impl::Record(Link& link, const std::vector<MethodPtr
     return record;
 }
 
+// One registration at a time: the directory refuses the second of two at once.
 int KelSatellite::Impl::RegisterServices(Link& link, const std::vector<MethodPtr>& services) {
     {
         PMutexHold hold(standing_);
-        ++registering_;
+        while (registering_) standing_.wait();
+        registering_ = true;
     }
-    const Outcome outcome = CallDirectory(link, "Register", Record(link, services), callTimeout);
-    int code = CodeOf(outcome);
+    int code = KEL_UNREACHABLE;
     int satId = 0;
-    if (outcome.end == Outcome::End::failed) {
-        CBBLog::error(LibraryLogger(), "libkel: the directory cannot register %s: %s", name_.c_str(),
-                      outcome.problem.c_str());
-    } else if (code == KEL_OK) {
-        try {
+    try {
+        const Outcome outcome = CallDirectory(link, "Register", Record(link, services), callTimeout);
+        code = CodeOf(outcome);
+        if (outcome.end == Outcome::End::failed) {
+            CBBLog::error(LibraryLogger(), "libkel: the directory cannot register %s: %s", link.self.c_str(),
+                          outcome.problem.c_str());
+        } else if (code == KEL_OK) {
             satId = VUtil::GetIntElement(outcome.message.value, 1);
-        } catch (const KelException&) {
-            code = KEL_UNREACHABLE;  // what answers there is no directory
         }
+    } catch (const KelException& error) {
+        code = KEL_UNREACHABLE;  // what answers there is no directory
+        CBBLog::error(LibraryLogger(), "libkel: %s was not registered: %s", link.self.c_str(), error.GetMessage());
     }
     PMutexHold hold(standing_);
-    --registering_;
+    registering_ = false;
     if (code == KEL_OK) {
         satId_ = satId;
         registered_ = true;
@@ -315,7 +320,11 @@ void KelSatellite::Impl::CheckStanding() {
         if (!current || leaving_ || !registered_) return;
         checking_ = true;
     }
-    CheckStandingAt(*current);
+    try {
+        CheckStandingAt(*current);
+    } catch (const std::exception& error) {
+        CBBLog::error(LibraryLogger(), "libkel: %s could not check its standing: %s", name_.c_str(), error.what());
+    }
     PMutexHold hold(standing_);
     checking_ = false;
     standing_.broadcast();
@@ -336,7 +345,7 @@ void KelSatellite::Impl::CheckStandingAt(Link& link) {
     if (report) {
         CBBLog::warn(LibraryLogger(), "libkel: the directory no longer knows %s (satId %d); registering again",
                      name_.c_str(), satId);
-        satellite_.OnStatusChange(satId, KELSTATUS_GONE);
+        Report(satId, KELSTATUS_GONE);
     }
     const int code = RegisterServices(link, methods_.All());
     if (code != KEL_OK) {
@@ -352,7 +361,20 @@ void KelSatellite::Impl::CheckStandingAt(Link& link) {
         reportedGone_ = false;
     }
     CBBLog::info(LibraryLogger(), "libkel: %s is registered again (satId %d)", name_.c_str(), satId);
-    satellite_.OnStatusChange(satId, KELSTATUS_ALIVE);
+    Report(satId, KELSTATUS_ALIVE);
+}
+
+// Tells the satellite's author, whose code may throw what it likes.
+void KelSatellite::Impl::Report(int satId, KELSTATUS status) {
+    try {
+        satellite_.OnStatusChange(satId, status);
+    } catch (const KelException& error) {
+        CBBLog::error(LibraryLogger(), "libkel: OnStatusChange of %s failed: %s", name_.c_str(), error.GetMessage());
+    } catch (const std::exception& error) {
+        CBBLog::error(LibraryLogger(), "libkel: OnStatusChange of %s failed: %s", name_.c_str(), error.what());
+    } catch (...) {
+        CBBLog::error(LibraryLogger(), "libkel: OnStatusChange of %s failed", name_.c_str());
+    }
 }
 
 // False only when the directory answers that it does not know this satellite under `satId`.
@@ -385,9 +407,13 @@ int KelSatellite::Impl::AddService(const char* name, const char* description, Ke
     if (!owned) throw KelInvalidParameterException("AddService: a service needs a delegate");
     const auto method = std::make_shared<const kel::Method>(name, description, std::move(owned));
     methods_.Put(method);
-    int satId;
     const LinkPtr current = link();
-    return current && GetSatelliteId(&satId) == KEL_OK ? RegisterServices(*current, {method}) : KEL_OK;
+    int before = 0;
+    int after = 0;
+    if (!current || GetSatelliteId(&before) != KEL_OK) return KEL_OK;
+    const int code = RegisterServices(*current, {method});
+    if (code != KEL_OK || GetSatelliteId(&after) != KEL_OK || after == before) return code;
+    return RegisterServices(*current, methods_.All());  // the directory had forgotten the satellite: its record is new
 }
 
 int KelSatellite::Impl::RemoveService(const char* name) {
@@ -410,7 +436,7 @@ void KelSatellite::Impl::OnCall(const ConnectionPtr& connection, wire::Message& 
         bytes.clear();
         if (!wantsAnswer) return;
         if (wire::EncodeResponse(bytes, call.id, code, out)) {
-            connection->Send(bytes);
+            connection->Send(bytes, Connection::Bytes::answer);
             return;
         }
         code = KEL_METHOD_FAILED;
@@ -432,7 +458,7 @@ void KelSatellite::Impl::OnCall(const ConnectionPtr& connection, wire::Message& 
     if (!wantsAnswer) return;
     bytes.clear();
     wire::EncodeError(bytes, call.id, code, problem);
-    connection->Send(bytes);
+    connection->Send(bytes, Connection::Bytes::answer);
 }
 
 int KelSatellite::Impl::RunMethod(const ConnectionPtr& connection, const wire::Message& call, ScopedVariant& out) {
@@ -449,9 +475,19 @@ int KelSatellite::Impl::RunMethod(const ConnectionPtr& connection, const wire::M
     const int code = satellite_.OnServiceRequested(connection->descriptor(), call.caller.c_str(), call.method.c_str(),
                                                    call.value, &out, &result);
     if (code == KEL_OK) return result;
+    if (code == KEL_UNKNOWN_METHOD && call.method == availabilityMethod) return TellAvailability(call.value);
     CStdStr text;
     text.Format(code == KEL_UNKNOWN_METHOD ? "unknown method %s" : "%s was refused", call.method.c_str());
     throw KelException(text.c_str(), code);
+}
+
+// The directory's news of a service becomes the virtual call, unless the satellite publishes the method itself.
+int KelSatellite::Impl::TellAvailability(const tagVARIANT& in) {
+    VUtil::CheckArrayType(in, VT_VARIANT, 3, availabilityMethod);
+    const CStdStr service = VUtil::GetStringElement(in, 0);
+    const CStdStr provider = VUtil::GetStringElement(in, 1);
+    satellite_.OnServiceAvailabilityChanged(service.c_str(), provider.c_str(), VUtil::GetIntElement(in, 2));
+    return KEL_OK;
 }
 
 ScopedVariant KelSatellite::Impl::AnswerPing(const tagVARIANT& in) {
@@ -467,7 +503,7 @@ ScopedVariant KelSatellite::Impl::AnswerPing(const tagVARIANT& in) {
 bool KelSatellite::Impl::IsOwnId(int satId) {
     const timespec deadline = DeadlineIn(registrationGraceMs);
     PMutexHold hold(standing_);
-    while (registering_ > 0 && satId != satId_ && !IsDirectoryName(name_) && standing_.waitUntil(deadline)) {
+    while (registering_ && satId != satId_ && !IsDirectoryName(name_) && standing_.waitUntil(deadline)) {
     }
     return satId == satId_;
 }
@@ -521,7 +557,7 @@ int KelSatellite::Impl::CallSatellite(Link& link, const std::string& satellite, 
             if (!entry.address) return entry.code;
             address = entry.address;
         }
-        Outcome outcome = link.endpoint.outbound().Call(*address, method, name_, in, deadline);
+        Outcome outcome = link.endpoint.outbound().Call(*address, method, link.self, in, deadline);
         problem = outcome.problem;
         switch (outcome.end) {
             case Outcome::End::answered:
@@ -545,7 +581,7 @@ int KelSatellite::Impl::CallSatellite(Link& link, const std::string& satellite, 
 int KelSatellite::Impl::PostOneWay(Link& link, const std::string& satellite, const char* method, const tagVARIANT& in,
                                    std::string& problem) {
     std::string bytes;
-    if (!wire::EncodeNotification(bytes, method, name_, in)) {
+    if (!wire::EncodeNotification(bytes, method, link.self, in)) {
         problem = "the parameters are too large or of a type that cannot travel";
         return KEL_TOO_LARGE;
     }
@@ -563,7 +599,7 @@ int KelSatellite::Impl::Ping(const char* name, const char* host, unsigned short 
     VUtil::PutElement(in, 1, satId);
     const Deadline deadline = std::chrono::steady_clock::now() + pingTimeout;
     Outcome outcome;
-    do outcome = current->endpoint.outbound().Call({host, port}, "kel.Ping", name_, in, deadline);
+    do outcome = current->endpoint.outbound().Call({host, port}, "kel.Ping", current->self, in, deadline);
     while (outcome.end == Outcome::End::lost && outcome.reused);  // it closed while it was idle, or was restarted
     if (outcome.end == Outcome::End::failed) return 0;
     if (outcome.end != Outcome::End::answered) return -1;

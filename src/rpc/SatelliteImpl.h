@@ -38,9 +38,13 @@ private:
     // What exists while connected. Calls under way in other threads share it, so that Disconnect does not pull it from
     // under them.
     struct Link {
-        Link(Impl& impl, const kel::transport::Address& directory, const std::string& self)
-            : endpoint(impl), addresses(endpoint.outbound(), directory, self), oneWay(endpoint.outbound(), addresses) {}
+        Link(Impl& impl, const kel::transport::Address& directory, const CStdStr& name)
+            : self(name),
+              endpoint(impl),
+              addresses(endpoint.outbound(), directory, self),
+              oneWay(endpoint.outbound(), addresses) {}
 
+        const CStdStr self;  // the caller's name that others see
         kel::transport::Endpoint endpoint;
         kel::transport::AddressBook addresses;
         kel::transport::OneWayQueues oneWay;
@@ -49,6 +53,7 @@ private:
 
     void OnCall(const kel::transport::ConnectionPtr& connection, kel::wire::Message& call) override;
     int RunMethod(const kel::transport::ConnectionPtr& connection, const kel::wire::Message& call, ScopedVariant& out);
+    int TellAvailability(const tagVARIANT& in);
     ScopedVariant AnswerPing(const tagVARIANT& in);
     bool IsOwnId(int satId);
     ScopedVariant AnswerDescribe() const;
@@ -65,6 +70,7 @@ private:
     int RegisterServices(Link& link, const std::vector<kel::MethodPtr>& services);
     void CheckStanding();
     void CheckStandingAt(Link& link);
+    void Report(int satId, KELSTATUS status);
     bool AskWhetherKnown(Link& link, int satId);
 
     int CallSatellite(Link& link, const std::string& satellite, const char* method, const tagVARIANT& in,
@@ -74,7 +80,7 @@ private:
 
     KelSatellite& satellite_;
     kel::MethodTable methods_;
-    CStdStr name_;  // changed only while no endpoint exists
+    CStdStr name_;  // the owner's thread's and, while an endpoint exists and it cannot change, its workers'
 
     PMutex lock_;
     LinkPtr link_ GUARDED_BY(lock_);
@@ -85,6 +91,6 @@ private:
     bool directoryMissing_ GUARDED_BY(standing_) = false;
     bool leaving_ GUARDED_BY(standing_) = false;
     bool checking_ GUARDED_BY(standing_) = false;
-    int registering_ GUARDED_BY(standing_) = 0;
+    bool registering_ GUARDED_BY(standing_) = false;
     int satId_ GUARDED_BY(standing_) = 0;
 };

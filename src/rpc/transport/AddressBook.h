@@ -1,6 +1,7 @@
 // Where the other satellites listen, as the directory says.
 #pragma once
 
+#include "foundation/StdString.h"
 #include "rpc/transport/Outbound.h"
 
 #include <map>
@@ -44,7 +45,7 @@ private:
     const std::string self_;
 
     PMutex lock_;
-    std::map<std::string, Address> known_ GUARDED_BY(lock_);
+    std::map<CStdStr, Address, CaseInsensitiveLess> known_ GUARDED_BY(lock_);
 };
 
 }  // namespace kel::transport

@@ -18,6 +18,7 @@
 // it.
 #include "rpc/transport/Connection.h"
 
+#include "foundation/NetworkUtils.h"
 #include "rpc/LibraryLog.h"
 #include "rpc/wire/Codec.h"
 
@@ -58,7 +59,7 @@ Connection::Connection(Socket socket, ConnectionOwner& owner, std::string peer)
     const tcp::endpoint remote = socket_.remote_endpoint(ignored);
     if (!ignored) peerAddress_.s_addr = htonl(remote.address().to_v4().to_uint());
     socket_.set_option(tcp::no_delay(true), ignored);
-    socket_.set_option(asio::socket_base::keep_alive(true), ignored);
+    yar::networkutils::GiveUpOnDeadPeers(descriptor_, static_cast<unsigned>(maxStall.count()));
     socket_.non_blocking(true, ignored);
 }
 
@@ -203,13 +204,13 @@ void Connection::RunNotifications() {
 
 // --- Writing -------------------------------------------------------------------------------------------------------
 
-Connection::Sent Connection::Send(std::string_view bytes) {
+Connection::Sent Connection::Send(std::string_view bytes, Bytes what) {
     {
         PMutexHold hold(lock_);
         if (closed_) return Sent::closed;
         const bool first = backlog_.empty();
         if (first && WriteSome(bytes) && bytes.empty()) return Sent::sent;
-        if (backlog_.size() - backlogSent_ + bytes.size() <= maxBacklogBytes) {
+        if (what == Bytes::call || backlog_.size() - backlogSent_ <= maxBacklogBytes) {
             backlog_.append(bytes);
             if (first) {
                 StartWriteWait();
@@ -252,7 +253,7 @@ void Connection::ArmStallTimer() {
 
 void Connection::OnWritable(const boost::system::error_code& error) {
     if (error) return;
-    std::function<void()> drained;
+    std::vector<Drain> ready;
     {
         PMutexHold hold(lock_);
         if (closed_) return;
@@ -273,10 +274,9 @@ void Connection::OnWritable(const boost::system::error_code& error) {
         backlog_ = std::string();
         backlogSent_ = 0;
         stallTimer_.cancel();
-        drained = std::exchange(onDrained_, nullptr);
-        onUndrained_ = nullptr;
+        ready.swap(drains_);
     }
-    if (drained) drained();
+    for (const Drain& drain : ready) drain.drained();
 }
 
 bool Connection::WhenDrained(std::function<void()> drained, std::function<void()> closed) {
@@ -285,10 +285,14 @@ bool Connection::WhenDrained(std::function<void()> drained, std::function<void()
     if (backlog_.empty()) {
         asio::post(socket_.get_executor(), std::move(drained));
     } else {
-        onDrained_ = std::move(drained);
-        onUndrained_ = std::move(closed);
+        drains_.push_back({std::move(drained), std::move(closed)});
     }
     return true;
+}
+
+bool Connection::HasBacklog() {
+    PMutexHold hold(lock_);
+    return !closed_ && !backlog_.empty();
 }
 
 // --- Calls of this side --------------------------------------------------------------------------------------------
@@ -308,7 +312,7 @@ Connection::Begun Connection::Call(std::string_view method, std::string_view cal
         calls_.emplace(call, std::move(handler));
     }
     if (id) *id = call;
-    if (Send(bytes) == Sent::closed) {
+    if (Send(bytes, Bytes::call) == Sent::closed) {
         PMutexHold hold(callsLock_);
         if (calls_.erase(call) > 0) return Begun::closed;  // else LoseCalls has it
     }
@@ -350,12 +354,11 @@ void Connection::LoseCalls() {
 // --- Closing -------------------------------------------------------------------------------------------------------
 
 void Connection::Close(const char* reason) {
-    std::function<void()> undrained;
+    std::vector<Drain> undrained;
     {
         PMutexHold hold(lock_);
         if (closed_.exchange(true)) return;
-        undrained = std::exchange(onUndrained_, nullptr);
-        onDrained_ = nullptr;
+        undrained.swap(drains_);
         boost::system::error_code ignored;
         socket_.shutdown(Socket::shutdown_both, ignored);
         socket_.cancel(ignored);
@@ -365,7 +368,7 @@ void Connection::Close(const char* reason) {
         CBBLog::debug(LibraryLogger(), "libkel: connection to %s closed: %s", peer_.c_str(), reason);
     owner_.OnClosed(shared_from_this());
     LoseCalls();
-    if (undrained) undrained();
+    for (const Drain& drain : undrained) drain.closed();
 }
 
 }  // namespace kel::transport

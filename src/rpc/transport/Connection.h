@@ -16,6 +16,7 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <vector>
 
 namespace kel::transport {
 
@@ -55,11 +56,13 @@ public:
     void Start();
 
     enum class Sent { sent, queued, closed };
-    // Hands the bytes of one message to the system, or queues what it does not take.
-    Sent Send(std::string_view bytes);
+    enum class Bytes { answer, call };
+    // Hands the bytes of one message to the system, or queues what it does not take. A peer that lets too many answers
+    // wait is disconnected; calls of this side do not count, since whoever makes them waits or queues himself.
+    Sent Send(std::string_view bytes, Bytes what);
 
     // Calls `drained` on a worker thread once nothing is queued any more, or `closed` when the connection ends before
-    // that. One pair at a time. False, and neither is called, when it has ended already.
+    // that. False, and neither is called, when it has ended already.
     bool WhenDrained(std::function<void()> drained, std::function<void()> closed);
 
     enum class Begun { begun, tooLarge, closed };
@@ -69,6 +72,9 @@ public:
                uint32_t* id);
     // Forgets a call: its answer is ignored.
     void Abandon(uint32_t id);
+
+    // Whether something is queued that the peer may still read.
+    bool HasBacklog();
 
     // Ends the connection; calls under way are lost. `reason` goes to the log at debug level.
     void Close(const char* reason);
@@ -127,8 +133,11 @@ private:
     Timer stallTimer_ GUARDED_BY(lock_);
     std::string backlog_ GUARDED_BY(lock_);
     size_t backlogSent_ GUARDED_BY(lock_) = 0;
-    std::function<void()> onDrained_ GUARDED_BY(lock_);
-    std::function<void()> onUndrained_ GUARDED_BY(lock_);
+    struct Drain {
+        std::function<void()> drained;
+        std::function<void()> closed;
+    };
+    std::vector<Drain> drains_ GUARDED_BY(lock_);
 
     PMutex callsLock_;
     std::unordered_map<uint32_t, AnswerHandler> calls_ GUARDED_BY(callsLock_);

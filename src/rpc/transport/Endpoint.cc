@@ -1,6 +1,16 @@
 #include "rpc/transport/Endpoint.h"
 
+#include "rpc/KelSatellite.h"
+#include "rpc/wire/Codec.h"
+
+#include <algorithm>
+#include <thread>
+
 namespace kel::transport {
+
+namespace {
+constexpr std::chrono::seconds lastAnswersTimeout{5};  // for peers to read what methods answered last
+}
 
 Endpoint::Endpoint(CallReceiver& receiver)
     : receiver_(receiver),
@@ -35,22 +45,30 @@ void Endpoint::OnClosed(const ConnectionPtr& connection) {
     connections_.erase(connection);
 }
 
-// Runs `code` as a method is run, unless the endpoint is quiescing.
+// Runs `code` as a method is run; false, without running it, when the endpoint is quiescing.
 template <typename Code>
-void Endpoint::RunCounted(Code&& code) {
-    running_.fetch_add(1);
-    if (!quiescing_) {
-        const WorkerPool::DelegateScope scope(pool_);
-        code();
-    }
-    if (running_.fetch_sub(1) == 1 && quiescing_) {
-        PMutexHold hold(idle_);
-        idle_.broadcast();
-    }
+bool Endpoint::RunCounted(Code&& code) {
+    struct Count {
+        explicit Count(Endpoint& counted) : endpoint(counted) { endpoint.running_.fetch_add(1); }
+        ~Count() {
+            if (endpoint.running_.fetch_sub(1) > 1 || !endpoint.quiescing_) return;
+            PMutexHold hold(endpoint.idle_);
+            endpoint.idle_.broadcast();
+        }
+        Endpoint& endpoint;
+    } const count(*this);
+    if (quiescing_) return false;
+    const WorkerPool::DelegateScope scope(pool_);
+    code();
+    return true;
 }
 
 void Endpoint::OnCall(const ConnectionPtr& connection, wire::Message& call) {
-    RunCounted([&] { receiver_.OnCall(connection, call); });
+    if (RunCounted([&] { receiver_.OnCall(connection, call); })) return;
+    if (call.kind != wire::MessageKind::request) return;
+    std::string refusal;
+    wire::EncodeError(refusal, call.id, KEL_UNREACHABLE, "the satellite is leaving");
+    connection->Send(refusal, Connection::Bytes::answer);
 }
 
 void Endpoint::Repeat(std::chrono::milliseconds period, std::function<void()> task) {
@@ -77,8 +95,25 @@ void Endpoint::Quiesce() {
         PMutexHold hold(timerLock_);
         timer_.cancel();
     }
-    PMutexHold hold(idle_);
-    while (running_ > 0) idle_.wait();
+    {
+        PMutexHold hold(idle_);
+        while (running_ > 0) idle_.wait();
+    }
+    const Deadline deadline = std::chrono::steady_clock::now() + lastAnswersTimeout;
+    while (HasBacklog() && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+}
+
+// Whether a peer still has an answer to read.
+bool Endpoint::HasBacklog() {
+    std::unordered_set<ConnectionPtr> connections;
+    {
+        PMutexHold hold(lock_);
+        connections = connections_;
+    }
+    return std::any_of(connections.begin(), connections.end(),
+                       [](const auto& connection) { return connection->HasBacklog(); });
 }
 
 void Endpoint::Close() {

@@ -41,8 +41,8 @@ public:
     // Runs `task` on a worker thread, as a method is run, `period` after this call and after each of its ends.
     void Repeat(std::chrono::milliseconds period, std::function<void()> task);
 
-    // Stops accepting connections and running calls, and waits until those that run have ended. Their own calls to
-    // others still work.
+    // Stops accepting connections and running calls, and waits until those that run have ended and, for a few seconds,
+    // until their answers were read. Their own calls to others still work. Requests that come meanwhile are refused.
     void Quiesce();
     // Ends all connections and threads. Final.
     void Close();
@@ -52,8 +52,9 @@ private:
     void OnClosed(const ConnectionPtr& connection) override;
     ConnectionPtr Adopt(Socket socket, const std::string& peer);
     void OnAccepted(Socket socket);
+    bool HasBacklog();
     template <typename Code>
-    void RunCounted(Code&& code);
+    bool RunCounted(Code&& code);
     void ArmTimer();
 
     CallReceiver& receiver_;

@@ -59,7 +59,7 @@ void OneWayQueues::RunAt(const QueuePtr& queue, const Address& address) {
 void OneWayQueues::SendAll(const QueuePtr& queue, const ConnectionPtr& connection) {
     std::string bytes;
     while (TakeNext(*queue, bytes)) {
-        switch (connection->Send(bytes)) {
+        switch (connection->Send(bytes, Connection::Bytes::call)) {
             case Connection::Sent::sent:
                 queue->retried = false;
                 break;

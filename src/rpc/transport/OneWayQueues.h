@@ -1,6 +1,7 @@
 // One-way calls: queued for each satellite, sent in order, never waited for by the caller.
 #pragma once
 
+#include "foundation/StdString.h"
 #include "rpc/transport/AddressBook.h"
 
 #include <deque>
@@ -51,7 +52,7 @@ private:
     AddressBook& addresses_;
 
     PMutex lock_;
-    std::map<std::string, QueuePtr> queues_ GUARDED_BY(lock_);
+    std::map<CStdStr, QueuePtr, CaseInsensitiveLess> queues_ GUARDED_BY(lock_);
 };
 
 }  // namespace kel::transport

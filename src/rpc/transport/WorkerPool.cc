@@ -101,6 +101,8 @@ unsigned int WorkerPool::WorkerMain(void* argument) {
             if (io_.run_one() == 0) break;
         } catch (const std::exception& error) {
             CBBLog::error(LibraryLogger(), "libkel: an exception ended a handler: %s", error.what());
+        } catch (...) {
+            CBBLog::error(LibraryLogger(), "libkel: an exception of an unknown type ended a handler");
         }
         if (worker.surplus && !Park(worker)) break;
     }
@@ -115,7 +117,10 @@ bool WorkerPool::Park(Worker& worker) {
         if (active_ == 1 || stopping_) return !stopping_;
         --active_;
         worker.ended = parked_.size() >= maxParked;
-        if (worker.ended) return false;
+        if (worker.ended) {
+            ++ended_;
+            return false;
+        }
         worker.promoted.reset();
         parked_.push_back(&worker);
     }
@@ -147,7 +152,7 @@ void WorkerPool::PromoteOne() {
         parked_.pop_back();
         ++active_;
         worker->promoted.set();
-    } else if (workers_.size() < maxThreads) {
+    } else if (workers_.size() - ended_ < maxThreads) {
         if (StartWorker()) complained_ = false;
     } else if (!complained_) {
         complained_ = true;
@@ -198,7 +203,7 @@ unsigned int WorkerPool::MonitorMain(void*) {
         }
         std::this_thread::sleep_for(tick);
         idleTicks = Inspect() ? 0 : idleTicks + 1;
-        if (idleTicks == 1) JoinEnded();
+        JoinEnded();
     }
     return 0;
 }
@@ -208,6 +213,8 @@ void WorkerPool::JoinEnded() {
     std::vector<std::unique_ptr<Worker>> ended;
     {
         PMutexHold hold(lock_);
+        if (ended_ == 0) return;
+        ended_ = 0;
         const auto first =
             std::partition(workers_.begin(), workers_.end(), [](const auto& worker) { return !worker->ended; });
         ended.assign(std::make_move_iterator(first), std::make_move_iterator(workers_.end()));

@@ -74,7 +74,8 @@ private:
     PMutex lock_;
     std::vector<std::unique_ptr<Worker>> workers_ GUARDED_BY(lock_);
     std::vector<Worker*> parked_ GUARDED_BY(lock_);
-    int active_ GUARDED_BY(lock_) = 0;  // workers that run, or are about to run, the io_context
+    int active_ GUARDED_BY(lock_) = 0;    // workers that run, or are about to run, the io_context
+    size_t ended_ GUARDED_BY(lock_) = 0;  // workers whose threads are to be joined
     bool complained_ GUARDED_BY(lock_) = false;
 
     PCondMutex monitorLock_;

@@ -330,11 +330,27 @@ TEST_F(ASatellite, RegistersAgainWhenTheDirectoryForgotIt) {
         void OnStatusChange(int satId, KELSTATUS status) override {
             const std::lock_guard<std::mutex> hold(mutex);
             changes.emplace_back(satId, status);
+            throw 5;  // what an author's code throws must not keep the library from its work
         }
+        void OnServiceAvailabilityChanged(const char* service, const char* satellite, int status) override {
+            const std::lock_guard<std::mutex> hold(mutex);
+            news = std::string(service) + " at " + satellite + ": " + std::to_string(status);
+        }
+        std::string news;
         std::mutex mutex;
         std::vector<std::pair<int, KELSTATUS>> changes;
     } recorder;
     ASSERT_EQ(recorder.Connect("127.0.0.1", "Recorder"), 0);
+    ScopedVariant change;
+    VUtil::CreateArray(change, VT_VARIANT, 3);
+    VUtil::PutElement(change, 0, "Schedule");
+    VUtil::PutElement(change, 1, "Player");
+    VUtil::PutElement(change, 2, 1);
+    directory.Request("Recorder", "OnServiceAvailabilityChanged", change, nullptr, KELFLAG_ONE_WAY, nullptr);
+    EXPECT_TRUE(Eventually([&] {
+        const std::lock_guard<std::mutex> hold(recorder.mutex);
+        return recorder.news == "Schedule at Player: 1";
+    }));
     const int before = directory.IdOf("Recorder");
     {
         const std::lock_guard<std::mutex> hold(directory.mutex);
@@ -359,6 +375,13 @@ TEST_F(ASatellite, TellsTheDirectoryOfServicesThatComeAndGoWhileItIsConnected) {
     EXPECT_EQ(directory.IdOf("Recorder"), id);
     ScopedVariant nothing;
     EXPECT_EQ(directory.Request("Recorder", "Late", nothing, nullptr, KELFLAG_WAIT, nullptr), 9);
+    {
+        const std::lock_guard<std::mutex> hold(directory.mutex);
+        directory.known.erase("Recorder");
+    }
+    Publish(recorder, "Later", [](const char*, const tagVARIANT&, tagVARIANT*) { return 10; });
+    EXPECT_EQ(directory.known["Recorder"].services, 1 + 2) << "the record is new: all services are registered again";
+    directory.known["Recorder"].services = 1;
     EXPECT_EQ(recorder.RemoveService("Late"), 0);
     EXPECT_EQ(recorder.RemoveService("Late"), KEL_UNKNOWN_METHOD);
     EXPECT_EQ(directory.known["Recorder"].services, 0);
