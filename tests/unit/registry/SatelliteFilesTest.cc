@@ -311,3 +311,46 @@ TEST_F(SatelliteFiles, DoNotComeBackWhenTheyAreWrittenWhileTheirSatelliteIsRemov
 }
 
 }  // namespace
+
+TEST_F(SatelliteFiles, UnderAnotherNameStayUntilTheirRecordIsStoredUnderItsOwn) {
+    {
+        Registry registry;
+        Register(registry, "Foo");
+    }
+    Write(PathOf("Copy"), Changed(recorderFile, "Recorder<", "a/b<"));
+    Registry registry;
+    EXPECT_EQ(registry.LoadAllSatFiles(), 0);
+    registry.SerializeSatellite("a/b");  // no file can have that name
+    EXPECT_EQ(registry.DeleteSatelliteFile("a/b", 4), 2);
+    EXPECT_EQ(registry.RemoveSatellite("a/b", 4), 0);
+    EXPECT_EQ(Files(), (Set{"Copy.xml", "Foo.xml"})) << "its only file";
+    registry.RemoveSatellite("a/b", 3);
+    EXPECT_EQ(Files(), Set{"Foo.xml"});
+}
+
+TEST_F(SatelliteFiles, OfTheSameSatelliteAndIdYieldToTheOneOfItsOwnName) {
+    {
+        Registry registry;
+        Register(registry, "Recorder");
+    }
+    Write(PathOf("Another"), Changed(Changed(recorderFile, "<id>3", "<id>1"), "Schedule<", "Outdated<"));
+    Registry registry;
+    EXPECT_EQ(registry.LoadAllSatFiles(), 0);
+    EXPECT_EQ(Files(), Set{"Recorder.xml"});
+    std::vector<KelServiceInfo> found;
+    registry.GetServiceInfo("Schedule", "", found, nullptr);
+    EXPECT_EQ(found.size(), 1u);
+}
+
+TEST_F(SatelliteFiles, AreNotWrittenWhileTheIdCounterCannotBe) {
+    Registry registry;
+    Register(registry, "Foo");
+    fs::remove(RegistrationPath());
+    fs::create_directory(RegistrationPath());  // nothing can be put in its place
+    Register(registry, "Bar");
+    EXPECT_EQ(Files(), Set{"Foo.xml"});
+    fs::remove(RegistrationPath());
+    registry.SerializeSatellite("Bar");
+    EXPECT_EQ(Files(), (Set{"Bar.xml", "Foo.xml"}));
+    EXPECT_EQ(LastIdOnDisk(), 2);
+}
