@@ -18,6 +18,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <exception>
+#include <iterator>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -286,14 +287,12 @@ int CRegistration::DeleteFileInTurn(const CStdStr& name, int satId) {
 void CRegistration::DeleteFormerFiles(const CStdStr& name, std::optional<int> satId, bool isStoredOrGone) {
     const SatellitePtr satellite = GetSatelliteStruct(name);
     if (!satellite || (satId && *satId != satellite->satId)) return;
+    const auto isObsolete = [&](const auto& file) { return isStoredOrGone || file.isReplaced; };
     std::vector<KelSatelliteInfo::FormerFile> obsolete;
     {
-        PWriteHold hold(satellite->lock);
-        auto& files = satellite->formerFiles;
-        const auto kept = std::partition(files.begin(), files.end(),
-                                         [&](const auto& file) { return !isStoredOrGone && !file.isReplaced; });
-        obsolete.assign(kept, files.end());
-        files.erase(kept, files.end());
+        PReadHold hold(satellite->lock);
+        std::copy_if(satellite->formerFiles.begin(), satellite->formerFiles.end(), std::back_inserter(obsolete),
+                     isObsolete);
     }
     if (obsolete.empty()) return;
     try {
@@ -306,7 +305,11 @@ void CRegistration::DeleteFormerFiles(const CStdStr& name, std::optional<int> sa
         }
     } catch (const std::exception&) {
         CBBLog::error("CRegistration::DeleteSatelliteFile data directory not found");
+        return;
     }
+    // Only now: whoever finds nothing to delete may rely on it that nothing is there.
+    PWriteHold hold(satellite->lock);
+    std::erase_if(satellite->formerFiles, isObsolete);
 }
 
 // --- Loading ---

@@ -25,6 +25,30 @@ static_assert(sizeof(SAFEARRAY) % alignof(std::max_align_t) == 0, "elements foll
 
 namespace kel {
 
+// The bytes of a number, a boolean or a date; 0 for every other type.
+constexpr uint16_t NumberSize(int type) {
+    switch (type) {
+        case VT_I1:
+        case VT_UI1:
+            return 1;
+        case VT_I2:
+        case VT_UI2:
+        case VT_BOOL:
+            return 2;
+        case VT_I4:
+        case VT_UI4:
+        case VT_R4:
+            return 4;
+        case VT_I8:
+        case VT_UI8:
+        case VT_R8:
+        case VT_DATE:
+            return 8;
+        default:
+            return 0;
+    }
+}
+
 // The place of an element; null for no array and for an index out of range.
 inline unsigned char* ElementAt(const SAFEARRAY* array, long index) {
     if (!array || index < array->lowerBound || index >= long{array->lowerBound} + array->count) return nullptr;

@@ -94,3 +94,13 @@ private:
     bool registering_ GUARDED_BY(standing_) = false;
     int satId_ GUARDED_BY(standing_) = 0;
 };
+
+namespace kel {
+
+// Whether `name`, in any case, is the directory's own.
+bool IsDirectoryName(const CStdStr& name);
+
+// The result that a caller gets for the way in which a call ended.
+int CodeOf(const transport::Outcome& outcome);
+
+}  // namespace kel

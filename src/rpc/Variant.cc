@@ -13,30 +13,9 @@ constexpr uint64_t maxArrayBytes = 1u << 30;
 
 // 0 for what cannot be an element.
 uint16_t ElementSize(VARTYPE type) {
-    switch (type) {
-        case VT_I1:
-        case VT_UI1:
-            return 1;
-        case VT_I2:
-        case VT_UI2:
-        case VT_BOOL:
-            return 2;
-        case VT_I4:
-        case VT_UI4:
-        case VT_R4:
-            return 4;
-        case VT_I8:
-        case VT_UI8:
-        case VT_R8:
-        case VT_DATE:
-            return 8;
-        case VT_BSTR:
-            return sizeof(BSTR);
-        case VT_VARIANT:
-            return sizeof(tagVARIANT);
-        default:
-            return 0;
-    }
+    if (type == VT_BSTR) return sizeof(BSTR);
+    if (type == VT_VARIANT) return sizeof(tagVARIANT);
+    return kel::NumberSize(type);
 }
 
 // A text that must not fail where null is a value of its own.

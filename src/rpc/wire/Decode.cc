@@ -88,7 +88,7 @@ bool DecodeTextArray(const char* payload, size_t size, tagVARIANT& v) {
 }
 
 bool DecodeNumberArray(int elementVt, const char* payload, size_t size, tagVARIANT& v) {
-    const size_t elementSize = ElementSize(elementVt);
+    const size_t elementSize = NumberSize(elementVt);
     const size_t count = size / elementSize;
     if (size % elementSize != 0 || count > maxArrayElements) return false;
     char* elements = nullptr;
@@ -99,7 +99,7 @@ bool DecodeNumberArray(int elementVt, const char* payload, size_t size, tagVARIA
 
 bool DecodeExt(int type, const char* payload, size_t size, tagVARIANT& v) {
     if (ScalarIsExt(type)) {
-        if (size != ElementSize(type)) return false;
+        if (size != NumberSize(type)) return false;
         v.vt = static_cast<VARTYPE>(type);
         CopyBigEndian(payload, reinterpret_cast<char*>(&v.llVal), size, 1);
         return true;

@@ -133,7 +133,7 @@ bool Encoder::Float(char lead, const char* number, size_t size) {
 bool Encoder::Scalar(const tagVARIANT& v) {
     if (!ScalarIsExt(v.vt)) return false;
     char payload[sizeof(v.llVal)];
-    const size_t size = ElementSize(v.vt);
+    const size_t size = NumberSize(v.vt);
     CopyBigEndian(reinterpret_cast<const char*>(&v.llVal), payload, size, 1);
     if (!ExtHeader(v.vt, size)) return false;
     bytes_.write(payload, size);
@@ -182,7 +182,7 @@ bool Encoder::Texts(const BSTR* elements, uint32_t count) {
 }
 
 bool Encoder::Numbers(int elementVt, const char* elements, uint32_t count) {
-    const size_t size = ElementSize(elementVt);
+    const size_t size = NumberSize(elementVt);
     if (!ExtHeader(arrayExt + elementVt, count * size)) return false;
     char* payload = bytes_.Extend(count * size);
     if (payload != nullptr) CopyBigEndian(elements, payload, size, count);

@@ -2,7 +2,7 @@
 // own. docs/wire-protocol.md holds the table in words.
 #pragma once
 
-#include "rpc/Variant.h"
+#include "rpc/SafeArray.h"
 #include "rpc/wire/Message.h"
 
 #include <bit>
@@ -16,30 +16,6 @@ static_assert(std::endian::native == std::endian::little, "CopyBigEndian swaps")
 
 // The ext type of an array is this plus its elements' type code.
 constexpr int arrayExt = 64;
-
-// The bytes that a value of the type takes in a payload; 0 for types without a size of their own.
-constexpr size_t ElementSize(int vt) {
-    switch (vt) {
-        case VT_I1:
-        case VT_UI1:
-            return 1;
-        case VT_I2:
-        case VT_UI2:
-        case VT_BOOL:
-            return 2;
-        case VT_I4:
-        case VT_UI4:
-        case VT_R4:
-            return 4;
-        case VT_I8:
-        case VT_UI8:
-        case VT_R8:
-        case VT_DATE:
-            return 8;
-        default:
-            return 0;
-    }
-}
 
 constexpr bool ScalarIsExt(int vt) {
     switch (vt) {
@@ -59,14 +35,14 @@ constexpr bool ScalarIsExt(int vt) {
 }
 
 constexpr bool ArrayIsExt(int elementVt) {
-    return elementVt == VT_BSTR || (elementVt != VT_UI1 && ElementSize(elementVt) != 0);
+    return elementVt == VT_BSTR || (elementVt != VT_UI1 && NumberSize(elementVt) != 0);
 }
 
 // Whether an array in a payload of `bytes` keeps to the limit of elements. True for what is no array and, as only their
 // payload tells how many they are, for texts.
 constexpr bool ExtElementsFit(int extType, size_t bytes) {
     const int elementVt = extType - arrayExt;
-    const size_t size = ArrayIsExt(elementVt) ? ElementSize(elementVt) : 0;
+    const size_t size = ArrayIsExt(elementVt) ? NumberSize(elementVt) : 0;
     return size == 0 || bytes / size <= maxArrayElements;
 }
 
