@@ -4,6 +4,7 @@
 #include "rpc/VUtil.h"
 #include "rpc/wire/Codec.h"
 #include "rpc/wire/Framer.h"
+#include "support/ReservedPort.h"
 #include "support/TempRoot.h"
 
 #include <gtest/gtest.h>
@@ -47,18 +48,6 @@ bool Eventually(const std::function<bool()>& condition) {
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
     return true;
-}
-
-int FreePort() {
-    const int socket = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof address;
-    ::bind(socket, reinterpret_cast<sockaddr*>(&address), size);
-    ::getsockname(socket, reinterpret_cast<sockaddr*>(&address), &size);
-    ::close(socket);
-    return ntohs(address.sin_port);
 }
 
 // As much of a directory as the library needs of one.
@@ -130,10 +119,12 @@ private:
 class ALibrary : public testing::Test {
 protected:
     ALibrary() {
-        CRegistry::getInstance()->WriteSettingImpl("Software\\Tessaly\\Yar\\Config", "kel.directoryPort", FreePort());
+        CRegistry::getInstance()->WriteSettingImpl("Software\\Tessaly\\Yar\\Config", "kel.directoryPort",
+                                                   port.number());
     }
 
     TempRoot root;
+    ReservedPort directoryPort;
 };
 
 class ASatellite : public ALibrary {
