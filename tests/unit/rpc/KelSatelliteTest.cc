@@ -120,7 +120,7 @@ class ALibrary : public testing::Test {
 protected:
     ALibrary() {
         CRegistry::getInstance()->WriteSettingImpl("Software\\Tessaly\\Yar\\Config", "kel.directoryPort",
-                                                   port.number());
+                                                   directoryPort.number());
     }
 
     TempRoot root;
