@@ -67,16 +67,16 @@ CRegistration::SatellitePtr CRegistration::Insert(const SatellitePtr& fresh, Ins
         satellites_.insert(std::move(node));
     }
     if (fresh->satId == 0) fresh->satId = ++lastSatId_;
-    PReadHold holdFresh(fresh->lock);
-    for (const auto& [service, published] : fresh->services) providers_.Add(service, *fresh);
+    PWriteHold holdFresh(fresh->lock);
+    for (auto& [name, service] : fresh->services) providers_.Add(service, *fresh);
     return old;
 }
 
 // Takes `old` out of the index and has `fresh` remember whose files it leaves behind.
 void CRegistration::Replace(KelSatelliteInfo& old, KelSatelliteInfo& fresh) {
-    PReadHold holdOld(old.lock);
+    PWriteHold holdOld(old.lock);
     PWriteHold holdFresh(fresh.lock);
-    for (const auto& [service, published] : old.services) providers_.Remove(service, old);
+    for (auto& [name, service] : old.services) providers_.Remove(service);
 
     fresh.formerFiles = old.formerFiles;
     fresh.formerFiles.push_back({old.satName, true});
@@ -104,7 +104,7 @@ int CRegistration::GetServiceInfo(const CStdStr& service, const CStdStr& satName
     }
     const ServiceIndex::Providers* providers = providers_.Find(service);
     if (!providers) return 0;
-    for (const KelSatelliteInfo* satellite : *providers) AppendServiceOf(*satellite, service, out);
+    for (const KelService& provided : *providers) out.push_back(Describe(*provided.indexedSatellite, provided));
     return 0;
 }
 
@@ -112,7 +112,9 @@ int CRegistration::GetLastServiceInfo(const CStdStr& service, std::vector<KelSer
                                       const char* /*destination*/) const {
     PReadHold hold(lock_);
     const ServiceIndex::Providers* providers = providers_.Find(service);
-    if (providers) AppendServiceOf(**providers->rbegin(), service, out);
+    if (!providers) return 0;
+    const KelService& last = *providers->rbegin();
+    out.push_back(Describe(*last.indexedSatellite, last));
     return 0;
 }
 
@@ -142,8 +144,10 @@ int CRegistration::AddService(const CStdStr& satName, const CStdStr& service, co
     KelSatelliteInfo& satellite = *entry->second;
 
     PWriteHold holdSatellite(satellite.lock);
-    providers_.Add(service, satellite);
-    satellite.services[service] = KelService{service, description};
+    const auto [at, isNew] = satellite.services.try_emplace(service);
+    at->second.name = service;
+    at->second.description = description;
+    if (isNew) providers_.Add(at->second, satellite);
     return 0;
 }
 
@@ -154,7 +158,11 @@ int CRegistration::RemoveService(const CStdStr& satName, const CStdStr& service,
     KelSatelliteInfo& satellite = *entry->second;
 
     PWriteHold holdSatellite(satellite.lock);
-    if (satellite.services.erase(service) > 0) providers_.Remove(service, satellite);
+    const auto published = satellite.services.find(service);
+    if (published != satellite.services.end()) {
+        providers_.Remove(published->second);
+        satellite.services.erase(published);
+    }
     *remaining = static_cast<int>(satellite.services.size());
     return 0;
 }
@@ -174,8 +182,8 @@ void CRegistration::EraseSatellite(const CStdStr& name, int satId) {
     if (entry == satellites_.end() || entry->second->satId != satId) return;
     gone = entry->second;
     satellites_.erase(entry);
-    PReadHold holdGone(gone->lock);
-    for (const auto& [service, published] : gone->services) providers_.Remove(service, *gone);
+    PWriteHold holdGone(gone->lock);
+    for (auto& [service, published] : gone->services) providers_.Remove(published);
 }
 
 int CRegistration::SetBeRightBackTimer(const CStdStr& name, int seconds) {

@@ -5,13 +5,21 @@
 #include "foundation/Locks.h"
 #include "foundation/StdString.h"
 
+#include <boost/intrusive/set_hook.hpp>
+
 #include <atomic>
 #include <cstdint>
 #include <map>
 #include <vector>
 
+struct KelSatelliteInfo;
+
 // One published service.
 struct KelService {
+    // The registry's index links the records of one service with each other. Copies are not linked.
+    boost::intrusive::set_member_hook<> indexHook{};
+    const KelSatelliteInfo* indexedSatellite = nullptr;  // who publishes it; set when the record enters the index
+
     CStdStr name;
     CStdStr description;
 };

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <random>
+#include <utility>
 
 namespace {
 
@@ -12,25 +13,33 @@ uint64_t RandomNumber() {
 
 }  // namespace
 
-void ServiceIndex::Add(const CStdStr& service, const KelSatelliteInfo& satellite) {
-    auto found = entries_.find(service);
-    if (found == entries_.end()) found = entries_.insert(std::make_unique<Entry>(service)).first;
-    // The end is where the next of many in order belongs; elsewhere the hint costs one comparison.
-    Providers& providers = (*found)->providers;
-    providers.insert(providers.end(), &satellite);
+void ServiceIndex::Add(KelService& service, const KelSatelliteInfo& satellite) {
+    service.indexedSatellite = &satellite;
+    const auto found = entries_.find(service.name);
+    if (found != entries_.end()) {
+        // The end is where the next of many in order belongs; elsewhere the hint costs one comparison.
+        (*found)->insert((*found)->end(), service);
+        return;
+    }
+    auto providers = std::make_unique<Providers>();
+    providers->insert(service);
+    entries_.insert(std::move(providers));
 }
 
-void ServiceIndex::Remove(const CStdStr& service, const KelSatelliteInfo& satellite) {
-    const auto found = entries_.find(service);
-    if (found == entries_.end()) return;
-    Providers& providers = (*found)->providers;
-    providers.erase(&satellite);
-    if (providers.empty()) entries_.erase(found);
+void ServiceIndex::Remove(KelService& service) {
+    if (!service.indexHook.is_linked()) return;
+    const auto found = entries_.find(service.name);
+    Providers& providers = **found;
+    if (&*providers.begin() == &service && &*providers.rbegin() == &service) {
+        entries_.erase(found);  // with the set, which unlinks its last record
+    } else {
+        providers.erase(Providers::s_iterator_to(service));
+    }
 }
 
 const ServiceIndex::Providers* ServiceIndex::Find(const CStdStr& service) const {
     const auto found = entries_.find(service);
-    return found == entries_.end() ? nullptr : &(*found)->providers;
+    return found == entries_.end() ? nullptr : found->get();
 }
 
 size_t ServiceIndex::NameHash::operator()(const char* name) const {

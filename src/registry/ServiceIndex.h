@@ -5,38 +5,40 @@
 #include "registry/SatelliteInfo.h"
 
 #include <tsl/robin_set.h>
+#include <boost/intrusive/set.hpp>
 
 #include <cstddef>
 #include <memory>
-#include <set>
 
 class ServiceIndex {
 public:
     // The order of the registry's map.
     struct ByName {
-        bool operator()(const KelSatelliteInfo* a, const KelSatelliteInfo* b) const {
-            return ssicmp(a->satName.c_str(), b->satName.c_str()) < 0;
+        bool operator()(const KelService& a, const KelService& b) const {
+            return ssicmp(a.indexedSatellite->satName.c_str(), b.indexedSatellite->satName.c_str()) < 0;
         }
     };
-    using Providers = std::set<const KelSatelliteInfo*, ByName>;
+    // Links through the records themselves: from the index, a look-up comes straight to what it answers.
+    using Providers = boost::intrusive::set<
+        KelService,
+        boost::intrusive::member_hook<KelService, boost::intrusive::set_member_hook<>, &KelService::indexHook>,
+        boost::intrusive::compare<ByName>, boost::intrusive::constant_time_size<false>>;
 
-    // `satellite` must stay alive until it is removed; of one name, at most one record may be in the index.
-    void Add(const CStdStr& service, const KelSatelliteInfo& satellite);
-    void Remove(const CStdStr& service, const KelSatelliteInfo& satellite);
+    // Both must stay alive and keep their names (but for the letters' case) until the service is removed; of one
+    // satellite's name, at most one record of the service may be in the index.
+    void Add(KelService& service, const KelSatelliteInfo& satellite);
+    // Nothing happens when it is not in the index.
+    void Remove(KelService& service);
 
-    // The providers of `service`, never an empty set; null when there are none.
+    // The records of `service`, one a provider, never an empty set; null when there are none.
     const Providers* Find(const CStdStr& service) const;
 
 private:
-    struct Entry {
-        explicit Entry(const CStdStr& name) : service(name) {}
-        const CStdStr service;
-        Providers providers;
-    };
-    using EntryPtr = std::unique_ptr<Entry>;
+    using ProvidersPtr = std::unique_ptr<Providers>;
 
     static const char* NameOf(const CStdStr& service) { return service.c_str(); }
-    static const char* NameOf(const EntryPtr& entry) { return entry->service.c_str(); }
+    // The last one's, since who asks for any provider gets that one.
+    static const char* NameOf(const ProvidersPtr& providers) { return providers->rbegin()->name.c_str(); }
 
     // Hash and equality that agree with ssicmp: no regard to ASCII case, up to the terminating NUL.
     struct NameHash {
@@ -55,7 +57,7 @@ private:
     };
 
     // An open-addressed table of pointers with their hashes: with many services a look-up touches one line of the table
-    // and then the entry, which was allocated together with its satellite. Chains of nodes would lead through other
-    // satellites' memory, and what a look-up costs with many is the distant memory that it touches.
-    tsl::robin_set<EntryPtr, NameHash, NameEqual, std::allocator<EntryPtr>, true> entries_;
+    // and then what was allocated together with the satellite. Chains of nodes would lead through other satellites'
+    // memory, and what a look-up costs with many is the distant memory that it touches.
+    tsl::robin_set<ProvidersPtr, NameHash, NameEqual, std::allocator<ProvidersPtr>, true> entries_;
 };
