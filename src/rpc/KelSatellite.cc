@@ -2,7 +2,6 @@
 
 #include "rpc/LibraryLog.h"
 #include "rpc/SatelliteImpl.h"
-#include "rpc/VUtil.h"
 
 #include <boost/weak_ptr.hpp>
 
@@ -17,14 +16,6 @@ struct LoggerSlot {
 LoggerSlot& TheLogger() {
     static LoggerSlot* const slot = new LoggerSlot;
     return *slot;
-}
-
-int AskDirectory(KelSatellite& satellite, const char* method, const char* service) {
-    ScopedVariant in;
-    VUtil::CreateArray(in, VT_VARIANT, 1);
-    VUtil::PutElement(in, 0, service);
-    ScopedVariant out;
-    return satellite.Request(kel::transport::directoryName, method, in, &out, KELFLAG_WAIT, nullptr);
 }
 
 }  // namespace
@@ -61,6 +52,8 @@ CStdStr KelResultText(int code) {
             return "not connected to a directory";
         case KEL_TOO_LARGE:
             return "the parameters are too large or of a type that cannot travel";
+        case KEL_NO_RESOURCES:
+            return "this process has no descriptor or memory left for a connection";
         case 0x40001:
             return "the directory cannot read the parameters";
         case 0x40002:
@@ -101,13 +94,9 @@ int KelSatellite::DirectoryPingSatellite(const char* name, const char* host, uns
 
 int KelSatellite::GetSatelliteId(int* id) { return impl_->GetSatelliteId(id); }
 
-int KelSatellite::AddServiceAvailabilityListener(const char* service) {
-    return AskDirectory(*this, "AddServiceAvailabilityListener", service);
-}
+int KelSatellite::AddServiceAvailabilityListener(const char* service) { return impl_->Listen(service); }
 
-int KelSatellite::RemoveServiceAvailabilityListener(const char* service) {
-    return AskDirectory(*this, "RemoveServiceAvailabilityListener", service);
-}
+int KelSatellite::RemoveServiceAvailabilityListener(const char* service) { return impl_->StopListening(service); }
 
 void KelSatellite::CreateServices() {}
 

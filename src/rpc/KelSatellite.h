@@ -22,7 +22,7 @@
 // (up to 512).
 //
 // While connected, the satellite asks the directory every 10 seconds whether it is still known there, and registers
-// again, with its services, when it is not.
+// again, with its services and subscriptions, when it is not.
 #pragma once
 
 #include "foundation/Export.h"
@@ -58,6 +58,7 @@ constexpr int KEL_METHOD_FAILED = 0x20005;       // the method ended with an exc
 constexpr int KEL_NO_ANSWER = 0x20006;           // the satellite did not answer in time
 constexpr int KEL_NOT_CONNECTED = 0x20007;       // this satellite is not connected to a directory
 constexpr int KEL_TOO_LARGE = 0x20008;           // the parameters do not fit a message (16 MiB, 32 deep)
+constexpr int KEL_NO_RESOURCES = 0x20009;        // this process has no descriptor or memory left to ask with
 
 // A sentence for a result of the library or of the directory; "result 0x..." for any other.
 KEL_API CStdStr KelResultText(int code);
@@ -95,16 +96,24 @@ public:
                         KELFLAGS flags, tagVARIANT* extra);
 
     // Asks the endpoint at host:port whether it is the satellite `name` with the id `satId`. Connecting and answering
-    // may take 10 seconds together. Negative when no answer came; otherwise 0, and `status` is KELSTATUS_ALIVE when
-    // name and id are that endpoint's own, else KELSTATUS_GONE.
+    // may take 10 seconds together, not counting time during which this process stood still. Negative when no answer
+    // came; otherwise 0, and `status` is KELSTATUS_ALIVE when name and id are that endpoint's own, else KELSTATUS_GONE.
+    // KEL_NO_RESOURCES, and KELSTATUS_ALIVE for want of proof, when this process could not ask.
     virtual int DirectoryPingSatellite(const char* name, const char* host, unsigned short port, int satId,
                                        KELSTATUS* status);
 
     // Stores the id that the directory gave this satellite. Returns 0, or KEL_NOT_CONNECTED and leaves `id` untouched.
     virtual int GetSatelliteId(int* id);
 
-    // Subscribes this satellite to, or unsubscribes it from, changes of `service` at the directory.
+    // Subscribes this satellite to `service` (exact, case-sensitive): OnServiceAvailabilityChanged is called for each
+    // satellite that publishes it already, and whenever one begins or ends to. It holds until it is taken back, over a
+    // restart of the directory and, with the library's doing, when this satellite has to register again; calls for what
+    // is there already then come once more. May be called before Connect, in CreateServices for instance: the directory
+    // hears of it with the registration. Returns 0; KEL_NOT_CONNECTED after ConnectUser; else why the directory could
+    // not be told, and then nothing has changed. KelInvalidParameterException without a name.
     virtual int AddServiceAvailabilityListener(const char* service);
+    // Ends that; calls under way may still come. Returns 0, also when there was no subscription, or why the directory
+    // could not be told.
     virtual int RemoveServiceAvailabilityListener(const char* service);
 
     // Called by Connect, once the port is open and before any call is accepted: publish the methods here.
@@ -133,7 +142,8 @@ public:
     virtual int OnServiceRequested(int socket, const char* caller, const char* method, tagVARIANT in, tagVARIANT* out,
                                    int* result);
 
-    // A service that this satellite listens for became available (status 1) or unavailable (0) at `satellite`.
+    // A service that this satellite listens for became available (status 1) or unavailable (0) at `satellite`. One call
+    // at a time, in the order of the events; it may block, and then those that follow wait.
     virtual void OnServiceAvailabilityChanged(const char* service, const char* satellite, int status);
 
     // This satellite's standing at the directory changed: KELSTATUS_GONE when the directory no longer knows `satId`,

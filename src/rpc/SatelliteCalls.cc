@@ -13,6 +13,8 @@ namespace wire = kel::wire;
 namespace {
 
 constexpr std::chrono::seconds pingTimeout{10};
+constexpr std::chrono::milliseconds stoodStill{50};  // later than that nobody wakes who merely waited for a processor
+constexpr int maxPings = 3;
 
 }  // namespace
 
@@ -114,13 +116,28 @@ int KelSatellite::Impl::Ping(const char* name, const char* host, unsigned short 
     VUtil::CreateArray(in, VT_VARIANT, 2);
     VUtil::PutElement(in, 0, name);
     VUtil::PutElement(in, 1, satId);
-    const Deadline deadline = std::chrono::steady_clock::now() + pingTimeout;
-    Outcome outcome;
-    do outcome = current->endpoint.outbound().Call({host, port}, "kel.Ping", current->self, in, deadline);
-    while (outcome.end == Outcome::End::lost && outcome.reused);  // it closed while it was idle, or was restarted
-    if (outcome.end == Outcome::End::failed) return 0;
-    if (outcome.end != Outcome::End::answered) return -1;
-    const tagVARIANT& answer = outcome.message.value;
-    if (outcome.message.code == KEL_OK && answer.vt == VT_I4 && answer.lVal == 1) *status = KELSTATUS_ALIVE;
-    return 0;
+    Outcome outcome = AskWhoItIs(*current, {host, port}, in);
+    if (outcome.end == Outcome::End::failed) return KEL_OK;
+    if (outcome.end == Outcome::End::answered) {
+        const tagVARIANT& answer = outcome.message.value;
+        if (outcome.message.code == KEL_OK && answer.vt == VT_I4 && answer.lVal == 1) *status = KELSTATUS_ALIVE;
+        return KEL_OK;
+    }
+    if (!outcome.shortage) return -1;
+    *status = KELSTATUS_ALIVE;  // nothing is known against it
+    return KEL_NO_RESOURCES;
+}
+
+// When this process, or the machine, stood still meanwhile, the answer may have come and not been read: no answer then
+// says nothing about the other side, and it is asked anew.
+Outcome KelSatellite::Impl::AskWhoItIs(Link& link, const Address& address, const tagVARIANT& in) {
+    for (int pings = 1;; ++pings) {
+        const Deadline deadline = std::chrono::steady_clock::now() + pingTimeout;
+        Outcome outcome;
+        do outcome = link.endpoint.outbound().Call(address, "kel.Ping", link.self, in, deadline);
+        while (outcome.end == Outcome::End::lost && outcome.reused);  // it closed while it was idle, or was restarted
+        const bool ended = outcome.end == Outcome::End::answered || outcome.end == Outcome::End::failed;
+        const bool stood = std::chrono::steady_clock::now() > deadline + stoodStill;
+        if (ended || !stood || pings == maxPings) return outcome;
+    }
 }

@@ -15,17 +15,15 @@ using namespace kel::transport;
 using kel::CodeOf;
 using kel::IsDirectoryName;
 using kel::MethodPtr;
+using kel::shortTimeout;
 namespace wire = kel::wire;
 
 namespace {
 
-constexpr int kelProtocolVersion = 1;
 constexpr int defaultDirectoryPort = 5001;
-constexpr int nameIsTaken = 0x40010;         // the directory's answer to "Register"
-constexpr int satelliteIsUnknown = 0x40002;  // the directory's answer to "GetSatelliteId"
+constexpr int nameIsTaken = 0x40010;  // the directory's answer to "Register"
 
 constexpr std::chrono::seconds standingPeriod{10};
-constexpr std::chrono::seconds shortTimeout{5};  // of what must not hold anybody up for long
 constexpr long registrationGraceMs = 2000;
 
 constexpr const char* availabilityMethod = "OnServiceAvailabilityChanged";
@@ -62,12 +60,6 @@ Address ParseDirectory(const char* host) {
     return {text.substr(0, colon), static_cast<uint16_t>(port)};
 }
 
-std::string HostName() {
-    char name[256] = "";
-    if (gethostname(name, sizeof name - 1) != 0) return "";
-    return name;
-}
-
 }  // namespace
 
 KelSatellite::Impl::Impl(KelSatellite& satellite) : satellite_(satellite) {}
@@ -101,6 +93,7 @@ int KelSatellite::Impl::ConnectAs(const Address& directory) {
     if (isDirectory && bindAddress != "0.0.0.0") at.host = bindAddress;  // it reaches itself where it listens
 
     const auto made = std::make_shared<Link>(*this, at, name_);
+    made->listens = true;
     made->endpoint.Start();
     {
         PMutexHold hold(lock_);
@@ -202,186 +195,6 @@ void KelSatellite::Impl::Drop(const LinkPtr& dropped) {
     link_.reset();
 }
 
-// --- Standing at the directory -------------------------------------------------------------------------------------
-
-int KelSatellite::Impl::GetSatelliteId(int* id) {
-    PMutexHold hold(standing_);
-    if (!registered_) return KEL_NOT_CONNECTED;
-    *id = satId_;
-    return KEL_OK;
-}
-
-Outcome KelSatellite::Impl::CallDirectory(Link& link, const char* method, const tagVARIANT& in,
-                                          std::chrono::milliseconds timeout) {
-    return link.endpoint.outbound().Call(link.addresses.directory(), method, link.self, in,
-                                         std::chrono::steady_clock::now() + timeout);
-}
-
-// The record of seven that "Register", "UnRegister" and "RemoveSatellite" take.
-ScopedVariant KelSatellite::Impl::Record(Link& link, const std::vector<MethodPtr>& services) {
-    const int count = static_cast<int>(services.size());
-    ScopedVariant list;
-    VUtil::CreateArray(list, VT_VARIANT, services.size());
-    for (int i = 0; i < count; ++i) {
-        ScopedVariant entry;
-        VUtil::CreateArray(entry, VT_VARIANT, 2);
-        VUtil::PutElement(entry, 0, services[i]->name);
-        VUtil::PutElement(entry, 1, services[i]->description);
-        VUtil::PutElement(list, i, static_cast<const tagVARIANT&>(entry));
-    }
-    int satId;
-    {
-        PMutexHold hold(standing_);
-        satId = satId_;
-    }
-    ScopedVariant record;
-    VUtil::CreateArray(record, VT_VARIANT, 7);
-    VUtil::PutElement(record, 0, link.self);
-    VUtil::PutElement(record, 1, HostName().c_str());
-    VUtil::PutElement(record, 2, static_cast<unsigned short>(link.endpoint.port()));
-    VUtil::PutElement(record, 3, kelProtocolVersion);
-    VUtil::PutElement(record, 4, satId);
-    VUtil::PutElement(record, 5, count);
-    VUtil::PutElement(record, 6, static_cast<const tagVARIANT&>(list));
-    return record;
-}
-
-// One registration at a time: the directory refuses the second of two at once.
-int KelSatellite::Impl::RegisterServices(Link& link, const std::vector<MethodPtr>& services) {
-    {
-        PMutexHold hold(standing_);
-        while (registering_) standing_.wait();
-        registering_ = true;
-    }
-    int code = KEL_UNREACHABLE;
-    int satId = 0;
-    try {
-        const Outcome outcome = CallDirectory(link, "Register", Record(link, services), callTimeout);
-        code = CodeOf(outcome);
-        if (outcome.end == Outcome::End::failed) {
-            CBBLog::error(LibraryLogger(), "libkel: the directory cannot register %s: %s", link.self.c_str(),
-                          outcome.problem.c_str());
-        } else if (code == KEL_OK) {
-            satId = VUtil::GetIntElement(outcome.message.value, 1);
-        }
-    } catch (const KelException& error) {
-        code = KEL_UNREACHABLE;  // what answers there is no directory
-        CBBLog::error(LibraryLogger(), "libkel: %s was not registered: %s", link.self.c_str(), error.GetMessage());
-    }
-    PMutexHold hold(standing_);
-    registering_ = false;
-    if (code == KEL_OK) {
-        satId_ = satId;
-        registered_ = true;
-    }
-    standing_.broadcast();
-    return code;
-}
-
-int KelSatellite::Impl::Register() {
-    const LinkPtr current = link();
-    return current ? RegisterServices(*current, methods_.All()) : KEL_NOT_CONNECTED;
-}
-
-int KelSatellite::Impl::Unregister(bool leave) {
-    const LinkPtr current = link();
-    if (!current) return KEL_NOT_CONNECTED;
-    const int code = CodeOf(CallDirectory(*current, "UnRegister", Record(*current, methods_.All()), callTimeout));
-    if (!leave || code != KEL_OK) return code;
-    {
-        PMutexHold hold(standing_);
-        registered_ = false;
-    }
-    return CodeOf(CallDirectory(*current, "RemoveSatellite", Record(*current, {}), callTimeout));
-}
-
-// The regular question whether the directory still knows this satellite. Not while Disconnect leaves it.
-void KelSatellite::Impl::CheckStanding() {
-    const LinkPtr current = link();
-    {
-        PMutexHold hold(standing_);
-        if (!current || leaving_ || !registered_) return;
-        checking_ = true;
-    }
-    try {
-        CheckStandingAt(*current);
-    } catch (const std::exception& error) {
-        CBBLog::error(LibraryLogger(), "libkel: %s could not check its standing: %s", name_.c_str(), error.what());
-    }
-    PMutexHold hold(standing_);
-    checking_ = false;
-    standing_.broadcast();
-}
-
-void KelSatellite::Impl::CheckStandingAt(Link& link) {
-    int satId = 0;
-    bool report;
-    {
-        PMutexHold hold(standing_);
-        satId = satId_;
-    }
-    if (AskWhetherKnown(link, satId)) return;
-    {
-        PMutexHold hold(standing_);
-        report = !std::exchange(reportedGone_, true);
-    }
-    if (report) {
-        CBBLog::warn(LibraryLogger(), "libkel: the directory no longer knows %s (satId %d); registering again",
-                     name_.c_str(), satId);
-        Report(satId, KELSTATUS_GONE);
-    }
-    const int code = RegisterServices(link, methods_.All());
-    if (code != KEL_OK) {
-        if (report) {
-            CBBLog::warn(LibraryLogger(), "libkel: %s is not registered: %s; trying on", name_.c_str(),
-                         KelResultText(code).c_str());
-        }
-        return;
-    }
-    {
-        PMutexHold hold(standing_);
-        satId = satId_;
-        reportedGone_ = false;
-    }
-    CBBLog::info(LibraryLogger(), "libkel: %s is registered again (satId %d)", name_.c_str(), satId);
-    Report(satId, KELSTATUS_ALIVE);
-}
-
-// Tells the satellite's author, whose code may throw what it likes.
-void KelSatellite::Impl::Report(int satId, KELSTATUS status) {
-    try {
-        satellite_.OnStatusChange(satId, status);
-    } catch (const KelException& error) {
-        CBBLog::error(LibraryLogger(), "libkel: OnStatusChange of %s failed: %s", name_.c_str(), error.GetMessage());
-    } catch (const std::exception& error) {
-        CBBLog::error(LibraryLogger(), "libkel: OnStatusChange of %s failed: %s", name_.c_str(), error.what());
-    } catch (...) {
-        CBBLog::error(LibraryLogger(), "libkel: OnStatusChange of %s failed", name_.c_str());
-    }
-}
-
-// False only when the directory answers that it does not know this satellite under `satId`.
-bool KelSatellite::Impl::AskWhetherKnown(Link& link, int satId) {
-    const Outcome outcome = CallDirectory(link, "GetSatelliteId", MakeString(name_.c_str()), shortTimeout);
-    const bool answered = outcome.end == Outcome::End::answered;
-    bool changed;
-    {
-        PMutexHold hold(standing_);
-        changed = directoryMissing_ == answered;
-        directoryMissing_ = !answered;
-    }
-    if (changed && answered) {
-        CBBLog::warn(LibraryLogger(), "libkel: the directory at %s answers again",
-                     link.addresses.directory().text().c_str());
-    } else if (changed) {
-        CBBLog::warn(LibraryLogger(), "libkel: the directory does not answer %s: %s", name_.c_str(),
-                     outcome.problem.c_str());
-    }
-    if (!answered) return true;
-    if (outcome.message.code == satelliteIsUnknown) return false;
-    return outcome.message.code != KEL_OK || outcome.message.value.vt != VT_I4 || outcome.message.value.lVal == satId;
-}
-
 // --- Publishing ----------------------------------------------------------------------------------------------------
 
 int KelSatellite::Impl::AddService(const char* name, const char* description, KelSatelliteDelegateGeneric* delegate) {
@@ -391,12 +204,11 @@ int KelSatellite::Impl::AddService(const char* name, const char* description, Ke
     const auto method = std::make_shared<const kel::Method>(name, description, std::move(owned));
     methods_.Put(method);
     const LinkPtr current = link();
-    int before = 0;
-    int after = 0;
-    if (!current || GetSatelliteId(&before) != KEL_OK) return KEL_OK;
-    const int code = RegisterServices(*current, {method});
-    if (code != KEL_OK || GetSatelliteId(&after) != KEL_OK || after == before) return code;
-    return RegisterServices(*current, methods_.All());  // the directory had forgotten the satellite: its record is new
+    int satId;
+    bool isNewRecord = false;
+    if (!current || GetSatelliteId(&satId) != KEL_OK) return KEL_OK;
+    const int code = RegisterServices(*current, {method}, &isNewRecord);
+    return isNewRecord ? RegisterServices(*current, methods_.All()) : code;  // the directory had forgotten the others
 }
 
 int KelSatellite::Impl::RemoveService(const char* name) {

@@ -32,6 +32,8 @@ public:
     int Unregister(bool leave);
     int AddService(const char* name, const char* description, KelSatelliteDelegateGeneric* delegate);
     int RemoveService(const char* name);
+    int Listen(const char* service);
+    int StopListening(const char* service);
     kel::MethodPtr FindMethod(const char* name) const { return methods_.Find(name); }
 
 private:
@@ -44,7 +46,8 @@ private:
               addresses(endpoint.outbound(), directory, self),
               oneWay(endpoint.outbound(), addresses) {}
 
-        const CStdStr self;  // the caller's name that others see
+        const CStdStr self;    // the caller's name that others see
+        bool listens = false;  // has a port and may be registered; set before the link is shared
         kel::transport::Endpoint endpoint;
         kel::transport::AddressBook addresses;
         kel::transport::OneWayQueues oneWay;
@@ -67,16 +70,21 @@ private:
     kel::transport::Outcome CallDirectory(Link& link, const char* method, const tagVARIANT& in,
                                           std::chrono::milliseconds timeout);
     ScopedVariant Record(Link& link, const std::vector<kel::MethodPtr>& services);
-    int RegisterServices(Link& link, const std::vector<kel::MethodPtr>& services);
+    int RegisterServices(Link& link, const std::vector<kel::MethodPtr>& services, bool* isNewRecord = nullptr);
     void CheckStanding();
     void CheckStandingAt(Link& link);
     void Report(int satId, KELSTATUS status);
     bool AskWhetherKnown(Link& link, int satId);
+    bool Remember(const CStdStr& service);
+    bool Forget(const CStdStr& service);
+    void SubscriptionsAreDue();
+    void RenewSubscriptions(Link& link);
 
     int CallSatellite(Link& link, const std::string& satellite, const char* method, const tagVARIANT& in,
                       ScopedVariant& value, std::string& problem);
     int PostOneWay(Link& link, const std::string& satellite, const char* method, const tagVARIANT& in,
                    std::string& problem);
+    kel::transport::Outcome AskWhoItIs(Link& link, const kel::transport::Address& address, const tagVARIANT& in);
 
     KelSatellite& satellite_;
     kel::MethodTable methods_;
@@ -93,12 +101,20 @@ private:
     bool checking_ GUARDED_BY(standing_) = false;
     bool registering_ GUARDED_BY(standing_) = false;
     int satId_ GUARDED_BY(standing_) = 0;
+    CStdStr serverId_ GUARDED_BY(standing_);
+
+    PMutex listening_;
+    std::vector<CStdStr> subscriptions_ GUARDED_BY(listening_);  // kept over Disconnect, as the methods are
+    bool subscriptionsDue_ GUARDED_BY(listening_) = false;       // the directory may not have them
+    bool subscriptionsFailed_ GUARDED_BY(listening_) = false;    // when it was told last
 };
 
 namespace kel {
 
 // Whether `name`, in any case, is the directory's own.
 bool IsDirectoryName(const CStdStr& name);
+
+constexpr std::chrono::seconds shortTimeout{5};  // of what must not hold anybody up for long
 
 // The result that a caller gets for the way in which a call ended.
 int CodeOf(const transport::Outcome& outcome);

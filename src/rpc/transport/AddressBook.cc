@@ -65,4 +65,9 @@ void AddressBook::Forget(const std::string& satellite, const Address& address) {
     if (found != known_.end() && found->second == address) known_.erase(found);
 }
 
+void AddressBook::Forget(const std::string& satellite) {
+    PMutexHold hold(lock_);
+    known_.erase(satellite);
+}
+
 }  // namespace kel::transport

@@ -36,6 +36,8 @@ public:
     void AskAsync(const std::string& satellite, Handler handler);
     // A call to `address` failed.
     void Forget(const std::string& satellite, const Address& address);
+    // Nothing is sent to it any more.
+    void Forget(const std::string& satellite);
 
 private:
     Entry Learn(const std::string& satellite, Outcome& outcome);

@@ -371,4 +371,15 @@ void Connection::Close(const char* reason) {
     for (const Drain& drain : undrained) drain.closed();
 }
 
+bool Connection::CloseIfIdle() {
+    if (outstanding_ > 0 || HasBacklog()) return false;
+    {
+        PMutexHold hold(callsLock_);
+        if (!calls_.empty()) return false;
+        callsClosed_ = true;
+    }
+    Close("its descriptor is needed");
+    return true;
+}
+
 }  // namespace kel::transport

@@ -79,6 +79,9 @@ public:
     // Ends the connection; calls under way are lost. `reason` goes to the log at debug level.
     void Close(const char* reason);
 
+    // Closes it if nothing is under way in either direction; a call that comes later finds it closed. Returns whether.
+    bool CloseIfIdle();
+
     int descriptor() const { return descriptor_; }
     const std::string& peer() const { return peer_; }
     // The other side's address, in network order.

@@ -1,6 +1,7 @@
 #include "rpc/transport/Endpoint.h"
 
 #include "rpc/KelSatellite.h"
+#include "rpc/LibraryLog.h"
 #include "rpc/wire/Codec.h"
 
 #include <algorithm>
@@ -15,12 +16,31 @@ constexpr std::chrono::seconds lastAnswersTimeout{5};  // for peers to read what
 Endpoint::Endpoint(CallReceiver& receiver)
     : receiver_(receiver),
       listener_(pool_.io(), [this](Socket socket) { OnAccepted(std::move(socket)); }),
+      loopback_(pool_.io(), [this](Socket socket) { OnAccepted(std::move(socket)); }),
       outbound_(pool_, [this](Socket socket, const std::string& peer) { return Adopt(std::move(socket), peer); }),
       timer_(pool_.io().get_executor()) {}
 
 Endpoint::~Endpoint() { Close(); }
 
 void Endpoint::Start() { pool_.Start(); }
+
+boost::system::error_code Endpoint::Listen(const Address& at) {
+    const boost::system::error_code error = listener_.Open(at);
+    if (error) return error;
+    const auto address = boost::asio::ip::make_address_v4(at.host);
+    if (address.is_unspecified() || address.is_loopback()) return error;
+    const Address local{"127.0.0.1", listener_.port()};
+    if (const boost::system::error_code taken = loopback_.Open(local)) {
+        CBBLog::warn(LibraryLogger(), "libkel: %s cannot be listened on beside %s: %s", local.text().c_str(),
+                     at.text().c_str(), taken.message().c_str());
+    }
+    return error;
+}
+
+void Endpoint::Accept() {
+    listener_.Start();
+    loopback_.Start();
+}
 
 ConnectionPtr Endpoint::Adopt(Socket socket, const std::string& peer) {
     ConnectionOwner& owner = *this;
@@ -90,6 +110,7 @@ void Endpoint::ArmTimer() {
 
 void Endpoint::Quiesce() {
     listener_.Close();
+    loopback_.Close();
     quiescing_ = true;
     {
         PMutexHold hold(timerLock_);
@@ -118,6 +139,7 @@ bool Endpoint::HasBacklog() {
 
 void Endpoint::Close() {
     listener_.Close();
+    loopback_.Close();
     std::unordered_set<ConnectionPtr> connections;
     {
         PMutexHold hold(lock_);

@@ -30,9 +30,10 @@ public:
 
     // Starts the threads; std::runtime_error when the system has none.
     void Start();
-    // Opens the listening port; calls wait at the system's door until Accept.
-    boost::system::error_code Listen(const Address& at) { return listener_.Open(at); }
-    void Accept() { listener_.Start(); }
+    // Opens the listening port, on loopback as well: there the others of this machine look for it. Calls wait at the
+    // system's door until Accept.
+    boost::system::error_code Listen(const Address& at);
+    void Accept();
     uint16_t port() const { return listener_.port(); }
 
     Outbound& outbound() { return outbound_; }
@@ -60,6 +61,7 @@ private:
     CallReceiver& receiver_;
     WorkerPool pool_;
     Listener listener_;
+    Listener loopback_;  // where the other one is bound to another address
     Outbound outbound_;
 
     std::atomic<int> running_{0};

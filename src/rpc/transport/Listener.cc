@@ -11,11 +11,6 @@ namespace {
 
 constexpr auto retryAfter = std::chrono::milliseconds(200);
 
-bool IsShortage(const boost::system::error_code& error) {
-    return error == asio::error::no_descriptors || error == asio::error::no_memory ||
-           error == asio::error::no_buffer_space || error == boost::system::errc::too_many_files_open_in_system;
-}
-
 }  // namespace
 
 Listener::Listener(asio::io_context& io, std::function<void(Socket)> accepted)

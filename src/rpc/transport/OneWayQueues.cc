@@ -10,32 +10,59 @@ OneWayQueues::OneWayQueues(Outbound& outbound, AddressBook& addresses) : outboun
 
 OneWayQueues::QueuePtr OneWayQueues::FindQueue(const std::string& satellite) {
     PMutexHold hold(lock_);
+    if (queues_.size() >= retireAt_) RetireIdle();
     QueuePtr& queue = queues_[satellite];
     if (!queue) queue = std::make_shared<Queue>(satellite);
     return queue;
 }
 
+// Satellites come and go: queues that nothing waits in go too, once there are many.
+void OneWayQueues::RetireIdle() {
+    for (auto entry = queues_.begin(); entry != queues_.end();) {
+        Queue& queue = *entry->second;
+        PMutexHold hold(queue.lock);
+        queue.retired = !queue.running;
+        if (queue.retired) {
+            addresses_.Forget(queue.satellite);
+            entry = queues_.erase(entry);
+        } else {
+            ++entry;
+        }
+    }
+    retireAt_ = queues_.size() * 2 + maxIdleQueues;
+}
+
 void OneWayQueues::Post(const std::string& satellite, std::string bytes) {
-    const QueuePtr queue = FindQueue(satellite);
+    for (;;) {
+        const QueuePtr queue = FindQueue(satellite);
+        bool becomesRunner = false;
+        if (!Append(*queue, bytes, becomesRunner)) continue;
+        if (becomesRunner) {
+            queue->retried = false;
+            Run(queue);
+        }
+        return;
+    }
+}
+
+// False when the queue was retired since it was found.
+bool OneWayQueues::Append(Queue& queue, std::string& bytes, bool& becomesRunner) {
     bool dropping = false;
     {
-        PMutexHold hold(queue->lock);
-        if (queue->waiting.size() >= maxOneWayWaiting) {
-            queue->waiting.pop_front();
-            dropping = queue->dropped++ == 0;
+        PMutexHold hold(queue.lock);
+        if (queue.retired) return false;
+        if (queue.waiting.size() >= maxOneWayWaiting) {
+            queue.waiting.pop_front();
+            dropping = queue.dropped++ == 0;
         }
-        queue->waiting.push_back(std::move(bytes));
-        if (std::exchange(queue->running, true)) {
-            if (!dropping) return;
-        }
+        queue.waiting.push_back(std::move(bytes));
+        becomesRunner = !std::exchange(queue.running, true);
     }
     if (dropping) {
         CBBLog::warn(LibraryLogger(), "libkel: %zu one-way calls wait for %s; the oldest are dropped", maxOneWayWaiting,
-                     satellite.c_str());
-        return;  // there is a runner where so many wait
+                     queue.satellite.c_str());
     }
-    queue->retried = false;
-    Run(queue);
+    return true;
 }
 
 void OneWayQueues::Run(const QueuePtr& queue) {
@@ -61,7 +88,7 @@ void OneWayQueues::SendAll(const QueuePtr& queue, const ConnectionPtr& connectio
     while (TakeNext(*queue, bytes)) {
         switch (connection->Send(bytes, Connection::Bytes::call)) {
             case Connection::Sent::sent:
-                queue->retried = false;
+                queue->retried = queue->failing = false;
                 break;
             case Connection::Sent::queued:
                 // The rest waits here, where it can be counted, until the peer has read this one.
@@ -106,6 +133,7 @@ void OneWayQueues::PutBack(Queue& queue, std::string bytes) {
 void OneWayQueues::Failed(const QueuePtr& queue, const std::string& problem) {
     addresses_.Forget(queue->satellite, queue->address);
     if (!std::exchange(queue->retried, true)) return Run(queue);
+    const bool isNews = !std::exchange(queue->failing, true);
     size_t dropped = 0;
     {
         PMutexHold hold(queue->lock);
@@ -113,8 +141,10 @@ void OneWayQueues::Failed(const QueuePtr& queue, const std::string& problem) {
         queue->waiting.clear();
         queue->running = false;
     }
-    CBBLog::warn(LibraryLogger(), "libkel: %zu one-way calls to %s are dropped: %s", dropped, queue->satellite.c_str(),
-                 problem.c_str());
+    if (!isNews) return;
+    CBBLog::warn(LibraryLogger(),
+                 "libkel: %zu one-way calls to %s are dropped, and so are others until it can be reached: %s", dropped,
+                 queue->satellite.c_str(), problem.c_str());
 }
 
 }  // namespace kel::transport

@@ -13,6 +13,8 @@ namespace kel::transport {
 
 constexpr size_t maxOneWayWaiting = 1024;  // for one satellite; beyond them the oldest is dropped with a warning
 
+constexpr size_t maxIdleQueues = 1024;  // of satellites to which nothing is under way; about so many are kept
+
 // Each satellite has a queue, and at most one thread or operation at a time, the runner, takes from it: it finds the
 // address, waits for the connection and sends until the queue is empty. A satellite that hangs holds up its own queue
 // only: what the system does not take waits here. A failure is answered by asking the directory for the address once
@@ -32,15 +34,19 @@ private:
         PMutex lock;
         std::deque<std::string> waiting GUARDED_BY(lock);
         bool running GUARDED_BY(lock) = false;
-        size_t dropped GUARDED_BY(lock) = 0;  // since the queue was last empty
+        size_t dropped GUARDED_BY(lock) = 0;    // since the queue was last empty
+        bool retired GUARDED_BY(lock) = false;  // no longer in the list
 
         // The runner's.
         bool retried = false;
+        bool failing = false;  // the latest calls were dropped, which is said once
         Address address;
     };
     using QueuePtr = std::shared_ptr<Queue>;
 
     QueuePtr FindQueue(const std::string& satellite);
+    void RetireIdle() REQUIRES(lock_);
+    bool Append(Queue& queue, std::string& bytes, bool& becomesRunner);
     void Run(const QueuePtr& queue);
     void RunAt(const QueuePtr& queue, const Address& address);
     void SendAll(const QueuePtr& queue, const ConnectionPtr& connection);
@@ -53,6 +59,7 @@ private:
 
     PMutex lock_;
     std::map<CStdStr, QueuePtr, CaseInsensitiveLess> queues_ GUARDED_BY(lock_);
+    size_t retireAt_ GUARDED_BY(lock_) = maxIdleQueues;
 };
 
 }  // namespace kel::transport

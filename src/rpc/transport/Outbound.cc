@@ -1,7 +1,10 @@
 #include "rpc/transport/Outbound.h"
 
+#include "rpc/LibraryLog.h"
+
 #include <boost/asio/ip/basic_resolver.hpp>
 
+#include <algorithm>
 #include <condition_variable>
 #include <mutex>
 #include <optional>
@@ -13,6 +16,10 @@ namespace asio = boost::asio;
 using asio::ip::tcp;
 
 namespace {
+
+constexpr std::chrono::milliseconds retryAfter{50};
+constexpr std::chrono::minutes shortageWarningPeriod{1};
+constexpr size_t maxLookedAt = 64;
 
 // One value that a thread waits for and another one brings. Waits on the monotonic clock: a wall clock that is set must
 // not end a call early.
@@ -71,10 +78,12 @@ public:
           to_(to),
           socket_(outbound.pool_.io().get_executor()),
           resolver_(outbound.pool_.io().get_executor()),
-          timer_(outbound.pool_.io().get_executor()) {}
+          timer_(outbound.pool_.io().get_executor()),
+          retry_(outbound.pool_.io().get_executor()) {}
 
     void Start() {
         PMutexHold hold(lock_);
+        shortageEnd_ = std::chrono::steady_clock::now() + shortageTimeout;
         timer_.expires_after(connectTimeout);
         timer_.async_wait([self = shared_from_this()](const boost::system::error_code& error) {
             if (!error) self->Finish(asio::error::timed_out);
@@ -95,8 +104,24 @@ private:
     using Resolver = asio::ip::basic_resolver<tcp, Executor>;
 
     void ConnectTo(const tcp::endpoint& endpoint) REQUIRES(lock_) {
-        socket_.async_connect(
-            endpoint, [self = shared_from_this()](const boost::system::error_code& error) { self->Finish(error); });
+        socket_.async_connect(endpoint, [self = shared_from_this(), endpoint](const boost::system::error_code& error) {
+            if (!IsShortage(error) || !self->TryAgain(endpoint, error)) self->Finish(error);
+        });
+    }
+
+    // Without a descriptor: makes room and tries again soon; false when that went on for long enough.
+    bool TryAgain(const tcp::endpoint& endpoint, const boost::system::error_code& shortage) {
+        outbound_.MakeRoom(shortage);
+        PMutexHold hold(lock_);
+        if (finished_ || std::chrono::steady_clock::now() > shortageEnd_) return false;
+        boost::system::error_code ignored;
+        socket_.close(ignored);
+        retry_.expires_after(retryAfter);
+        retry_.async_wait([self = shared_from_this(), endpoint](const boost::system::error_code& cancelled) {
+            PMutexHold again(self->lock_);
+            if (!cancelled && !self->finished_) self->ConnectTo(endpoint);
+        });
+        return true;
     }
 
     void Finish(boost::system::error_code error) {
@@ -104,6 +129,7 @@ private:
             PMutexHold hold(lock_);
             if (std::exchange(finished_, true)) return;
             timer_.cancel();
+            retry_.cancel();
             resolver_.cancel();
             if (error) {
                 boost::system::error_code ignored;
@@ -120,6 +146,8 @@ private:
     Socket socket_;  // guarded by the lock until finished, the finisher's afterwards
     Resolver resolver_ GUARDED_BY(lock_);
     Timer timer_ GUARDED_BY(lock_);
+    Timer retry_ GUARDED_BY(lock_);
+    Deadline shortageEnd_ GUARDED_BY(lock_);
 };
 
 Outbound::Outbound(WorkerPool& pool, Adopt adopt) : pool_(pool), adopt_(std::move(adopt)) {}
@@ -161,6 +189,31 @@ void Outbound::Connected(const Address& to, const boost::system::error_code& err
     for (const ConnectHandler& handler : waiting) handler(connection, failure);
 }
 
+// Closes one connection that nobody uses, looking at a few more each time, in the order of their addresses.
+void Outbound::MakeRoom(const boost::system::error_code& shortage) {
+    std::vector<ConnectionPtr> candidates;
+    bool warn;
+    {
+        PMutexHold hold(lock_);
+        const Deadline now = std::chrono::steady_clock::now();
+        warn = now >= nextShortageWarning_;
+        if (warn) nextShortageWarning_ = now + shortageWarningPeriod;
+        auto slot = slots_.upper_bound(lastLookedAt_);
+        for (size_t i = std::min(slots_.size(), maxLookedAt); i > 0; --i, ++slot) {
+            if (slot == slots_.end()) slot = slots_.begin();
+            if (slot->second.connection) candidates.push_back(slot->second.connection);
+            lastLookedAt_ = slot->first;
+        }
+    }
+    if (warn) {
+        CBBLog::warn(LibraryLogger(), "libkel: no room for a further connection: %s; idle ones are closed",
+                     shortage.message().c_str());
+    }
+    for (const ConnectionPtr& candidate : candidates) {
+        if (candidate->CloseIfIdle()) return;
+    }
+}
+
 // The connection for a call, waiting for it if need be; null with the outcome filled in.
 ConnectionPtr Outbound::Connect(const Address& to, Deadline deadline, Outcome& outcome) {
     using Result = std::pair<ConnectionPtr, boost::system::error_code>;
@@ -181,6 +234,7 @@ ConnectionPtr Outbound::Connect(const Address& to, Deadline deadline, Outcome& o
     std::optional<Result> result = awaited->Await(deadline);
     if (result && result->first) return result->first;
     outcome.end = Outcome::End::unreachable;
+    outcome.shortage = result && IsShortage(result->second);
     outcome.problem =
         to.text() + " cannot be reached: " + (result ? result->second.message() : "no connection in time");
     return nullptr;

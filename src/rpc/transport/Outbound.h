@@ -1,4 +1,5 @@
-// Calls to other endpoints, over one connection for each that is kept and reused.
+// Calls to other endpoints, over one connection for each that is kept and reused. When descriptors run out, connections
+// that nobody uses make room for those that are needed.
 #pragma once
 
 #include "foundation/Locks.h"
@@ -13,6 +14,7 @@
 namespace kel::transport {
 
 constexpr std::chrono::seconds connectTimeout{10};
+constexpr std::chrono::seconds shortageTimeout{5};  // for a descriptor to be had
 
 // How a call ended, and what came back.
 struct Outcome {
@@ -26,8 +28,9 @@ struct Outcome {
     };
     End end = End::unreachable;
     wire::Message message;
-    std::string problem;  // for people: what went wrong, empty when answered
-    bool reused = false;  // the connection was there before the call
+    std::string problem;    // for people: what went wrong, empty when answered
+    bool reused = false;    // the connection was there before the call
+    bool shortage = false;  // unreachable because this process has no descriptor or memory for a connection
 };
 
 // Any thread. Handlers run on worker threads with no lock held, or in the calling thread when nothing has to be waited
@@ -67,6 +70,7 @@ private:
 
     void Connected(const Address& to, const boost::system::error_code& error, Socket* socket);
     ConnectionPtr Connect(const Address& to, Deadline deadline, Outcome& outcome);
+    void MakeRoom(const boost::system::error_code& shortage);
 
     WorkerPool& pool_;
     const Adopt adopt_;
@@ -75,6 +79,8 @@ private:
     std::map<Address, Slot> slots_ GUARDED_BY(lock_);
     std::map<const Connection*, Address> addresses_ GUARDED_BY(lock_);
     bool closed_ GUARDED_BY(lock_) = false;
+    Address lastLookedAt_ GUARDED_BY(lock_);  // to make room
+    Deadline nextShortageWarning_ GUARDED_BY(lock_){};
 };
 
 }  // namespace kel::transport

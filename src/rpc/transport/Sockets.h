@@ -5,6 +5,7 @@
 #include <boost/asio/basic_socket_acceptor.hpp>
 #include <boost/asio/basic_stream_socket.hpp>
 #include <boost/asio/basic_waitable_timer.hpp>
+#include <boost/asio/error.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 
@@ -35,5 +36,11 @@ struct Address {
 
 // Programs that this process starts do not get the descriptor.
 inline void CloseOnExec(int descriptor) { ::fcntl(descriptor, F_SETFD, FD_CLOEXEC); }
+
+// Whether a socket could not be had because the process or the system has none left.
+inline bool IsShortage(const boost::system::error_code& error) {
+    return error == boost::asio::error::no_descriptors || error == boost::asio::error::no_memory ||
+           error == boost::asio::error::no_buffer_space || error == boost::system::errc::too_many_files_open_in_system;
+}
 
 }  // namespace kel::transport
