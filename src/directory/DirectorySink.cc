@@ -4,6 +4,7 @@
 #include "foundation/Log.h"
 #include "foundation/NetworkUtils.h"
 #include "rpc/RunningCall.h"
+#include "rpc/VUtil.h"
 
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -66,6 +67,24 @@ int CDirectorySink::GetSatelliteId() {
 
 int CDirectorySink::PingSat(const CStdStr& name, const CStdStr& host, unsigned short port, int satId, int* status) {
     return DirectoryPingSatellite(name.c_str(), host.c_str(), port, satId, status) < 0 ? noAnswer : 0;
+}
+
+void CDirectorySink::OnServiceAvailabilityChanged(const CStdStr& service, const CStdStr& satellite,
+                                                  const CStdStr& listener, int status) {
+    try {
+        ScopedVariant in;
+        VUtil::CreateArray(in, VT_VARIANT, 3);
+        VUtil::PutElement(in, 0, service);
+        VUtil::PutElement(in, 1, satellite);
+        VUtil::PutElement(in, 2, status);
+        ScopedVariant out;
+        ScopedVariant extra;
+        Request(listener.c_str(), "OnServiceAvailabilityChanged", in, &out, KELFLAG_ONE_WAY, &extra);
+    } catch (const KelException& failure) {
+        CBBLog::error("OnServiceAvailabilityChanged failed: %s", failure.GetMessage());
+    } catch (const std::exception& failure) {
+        CBBLog::error("OnServiceAvailabilityChanged failed: %s", failure.what());
+    }
 }
 
 CStdStr CDirectorySink::getIPFromSocket(int socket) {

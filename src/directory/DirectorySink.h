@@ -1,14 +1,16 @@
 // CDirectorySink: the directory's own endpoint. It publishes the directory's methods, finds out where a call comes from
-// and hands it to the KelDirectory that owns it. KelDirectory makes it, connects it as "MainRegister" and deletes it.
+// and hands it to the KelDirectory that owns it. It is also the way to satellites: it pings them and tells listeners.
+// KelDirectory makes it, connects it as "MainRegister" and deletes it.
 //
 // Threads: the published methods run on libkel's threads, several at once. The destructor waits until none runs.
 #pragma once
 
+#include "registry/SatelliteChannel.h"
 #include "rpc/KelSatellite.h"
 
 class KelDirectory;
 
-class CDirectorySink : public KelSatellite {
+class CDirectorySink : public KelSatellite, public SatelliteChannel {
 public:
     // `directory` outlives the sink.
     explicit CDirectorySink(KelDirectory* directory) : directory_(directory) {}
@@ -24,10 +26,16 @@ public:
     // The endpoint's id; 0 when it has none.
     int GetSatelliteId();
 
-    // Asks host:port whether it is that satellite; `status` becomes KELSTATUS_ALIVE if so. Blocks for at most 10
-    // seconds. Returns 0, or noAnswer and leaves `status` to the library.
-    int PingSat(const CStdStr& name, const CStdStr& host, unsigned short port, int satId, int* status);
+    // Asks host:port whether it is that satellite; `status` becomes KELSTATUS_ALIVE if so, or if it could not be asked
+    // for want of descriptors or memory here. Blocks for 10 seconds at the most. Returns 0, or noAnswer and leaves
+    // `status` to the library.
+    int PingSat(const CStdStr& name, const CStdStr& host, unsigned short port, int satId, int* status) override;
     static constexpr int noAnswer = 0x40017;
+
+    using KelSatellite::OnServiceAvailabilityChanged;
+    // Calls the listener's method of that name, one way. What goes wrong is logged.
+    void OnServiceAvailabilityChanged(const CStdStr& service, const CStdStr& satellite, const CStdStr& listener,
+                                      int status) override;
 
     // The dotted address at the other end of a connection; empty, with the reason in errno, when it is not IPv4.
     static CStdStr getIPFromSocket(int socket);

@@ -6,12 +6,15 @@
 #include "host/commonMain.h"
 
 #include <algorithm>
+#include <exception>
 #include <new>
+#include <utility>
 
 namespace {
 
 constexpr char loopback[] = "127.0.0.1";
 constexpr char directoryName[] = "MainRegister";
+constexpr long checkPeriodMs = 5000;
 
 }  // namespace
 
@@ -21,6 +24,10 @@ KelDirectory::~KelDirectory() { KelDirectory::close(); }
 
 bool KelDirectory::init(const std::vector<CStdStr>& /*args*/) {
     CBBLog::info("Initializing Kel Directory");
+    {
+        PMutexHold hold(stopSignal_);
+        stopping_ = false;
+    }
     if (registration_.LoadAllSatFiles() != 0) CBBLog::warn("Failed to load satellites");
 
     sink_ = new (std::nothrow) CDirectorySink(this);
@@ -28,6 +35,14 @@ bool KelDirectory::init(const std::vector<CStdStr>& /*args*/) {
         CBBLog::fatal("Could not allocate a DirectorySink");
         return false;
     }
+
+    serviceAvailability_.reset(new (std::nothrow) ServiceAvailability(sink_, this));
+    if (!serviceAvailability_) {
+        CBBLog::fatal("Could not allocate a ServiceAvailability");
+        return false;
+    }
+    registration_.SetServiceAvailability(serviceAvailability_);
+    if (serviceAvailability_->LoadList() != 0) CBBLog::warn("ServiceListeners.xml is damaged; what follows is dropped");
 
     CBBLog::info("Connecting to %s", loopback);
     const int rc = sink_->Connect(loopback, directoryName);
@@ -41,10 +56,49 @@ bool KelDirectory::init(const std::vector<CStdStr>& /*args*/) {
     }
     CBBLog::debug("RegisterServices() Completed");
     CBBLog::info("Initialization complete");
+
+    using Rounds = PThreadDelegateMember<KelDirectory>;
+    checkThread_ = std::make_unique<PThread>(new Rounds(this, &KelDirectory::CheckSatellitesThreadProc));
+    checkThread_->Start();
+    return true;
+}
+
+unsigned int KelDirectory::CheckSatellitesThreadProc(void* /*nothing*/) {
+    do StartChecks();
+    while (!StopsWithin(checkPeriodMs));
+    registration_.WaitCheckSatellites();
+    return 0;
+}
+
+void KelDirectory::StartChecks() {
+    try {
+        registration_.CheckSatellites(sink_);
+        if (std::exchange(checksFail_, false)) CBBLog::warn("All satellites are checked again");
+    } catch (const std::exception& failure) {
+        if (!std::exchange(checksFail_, true)) {
+            CBBLog::error("Not all satellites could be checked: %s; trying again every 5 seconds", failure.what());
+        }
+    }
+}
+
+// Waits; true at once when the directory is to stop.
+bool KelDirectory::StopsWithin(long milliseconds) {
+    const timespec deadline = DeadlineIn(milliseconds);
+    PMutexHold hold(stopSignal_);
+    while (!stopping_) {
+        if (!stopSignal_.waitUntil(deadline)) return stopping_;
+    }
     return true;
 }
 
 void KelDirectory::close() {
+    {
+        PMutexHold hold(stopSignal_);
+        stopping_ = true;
+        stopSignal_.broadcast();
+    }
+    if (checkThread_) checkThread_->Join();
+    checkThread_.reset();
     if (!sink_) return;
     const CStdStr name = sink_->getSatelliteName();
     const int satId = sink_->GetSatelliteId();

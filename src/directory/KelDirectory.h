@@ -1,31 +1,40 @@
-// KelDirectory: the module of the program KelDirectory. It owns the registry of satellites and the endpoint
-// ("MainRegister") at which other satellites call it, and does what the published methods ask.
+// KelDirectory: the module of the program KelDirectory. It owns the registry of satellites, the list of those who
+// listen for services and the endpoint ("MainRegister") at which other satellites call it; it does what the published
+// methods ask, and has every satellite checked every five seconds.
 //
-// Threads: init and close belong to the main thread. The requests run on libkel's threads, several at a time. The only
-// lock here guards the list of registrations in progress and is never held across anything else; the registry has locks
-// of its own.
+// Threads: init and close belong to the main thread, the rounds of checks to a thread of their own. The requests run on
+// libkel's threads, several at a time. The locks here guard the list of registrations in progress and the wish to stop
+// and are never held across anything else; the registry and the list have locks of their own.
 #pragma once
 
 #include "foundation/Locks.h"
 #include "foundation/StdString.h"
+#include "foundation/Thread.h"
 #include "host/YarModuleBase.h"
 #include "registry/Registration.h"
+#include "registry/ServiceAvailability.h"
 #include "rpc/Variant.h"
 
+#include <boost/shared_ptr.hpp>
+
 #include <list>
+#include <memory>
 #include <vector>
 
 class CDirectorySink;
 
-class KelDirectory : public YarModuleBase {
+class KelDirectory : public YarModuleBase, private ServiceProviders {
 public:
     KelDirectory();
     ~KelDirectory() override;
 
     // Loads the registry and connects. False, with the reason in the log, when the directory cannot serve.
     bool init(const std::vector<CStdStr>& args) override;
-    // Ends the endpoint and takes it out of the registry. Does nothing the second time.
+    // Waits for the checks under way, ends the endpoint and takes it out of the registry. Does nothing the second time.
     void close() override;
+
+    // The rounds of checks, until close. Returns 0.
+    unsigned int CheckSatellitesThreadProc(void*);
 
     // The address under which a satellite that calls from `callerIp` is recorded: "127.0.0.1" for one on this machine,
     // by whichever interface it came, else `callerIp` itself.
@@ -65,7 +74,7 @@ public:
     int RemoveServiceListener(const tagVARIANT* in, tagVARIANT* out, const CStdStr& caller);
 
     // Appends the names of the satellites that publish the service, in the order of names. Returns 0.
-    int GetServices(const CStdStr& serviceName, std::list<CStdStr>& satellites) const;
+    int GetServices(const CStdStr& serviceName, std::list<CStdStr>& satellites) override;
 
 private:
     struct Record;
@@ -73,15 +82,25 @@ private:
 
     int AdmitSatellite(const Record& record, const CStdStr& address, int* satId);
     int RemoveDeadHolder(const CStdStr& name, const CStdStr& host, unsigned short port, int satId);
+    int RemoveAndTell(const CStdStr& name, int satId);
     bool AddToPending(const CStdStr& name) EXCLUDES(pendingLock_);
+
+    void StartChecks();
+    bool StopsWithin(long milliseconds) EXCLUDES(stopSignal_);
 
     CRegistration registration_;
 
     // Owned, and not by a smart pointer: requests look at it until its destructor has waited for the last of them.
     CDirectorySink* sink_ = nullptr;
+    boost::shared_ptr<ServiceAvailability> serviceAvailability_;
 
     PMutex pendingLock_;
     std::vector<CStdStr> pendingRegistrations_ GUARDED_BY(pendingLock_);
+
+    std::unique_ptr<PThread> checkThread_;
+    bool checksFail_ = false;  // the latest round, which is said once; the check thread's
+    PCondMutex stopSignal_;
+    bool stopping_ GUARDED_BY(stopSignal_) = false;
 };
 
 // Reads a registration record: [satellite name, host name, port (VT_UI2), protocol version, satId, number of services,

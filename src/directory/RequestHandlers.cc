@@ -54,13 +54,16 @@ void LogFound(const std::vector<KelServiceInfo>& found, const CStdStr& service, 
     }
 }
 
-// Reads an array of service names to its end, so that a bad one is found. Returns the request's result.
-int ReadServiceNames(const tagVARIANT* in, tagVARIANT* out, const char* request) {
+// Calls `act` with each of the service names of a request, once all of them were read. Returns the request's result.
+template <typename Act>
+int ForEachService(const tagVARIANT* in, tagVARIANT* out, const char* request, Act act) {
     VariantClear(out);
     if (!in) return KelDirectory::noSuchSatellite;
     try {
+        std::vector<CStdStr> services;
         const int count = VUtil::GetArrayLength(*in);
-        for (int i = 0; i < count; ++i) VUtil::GetStringElement(*in, i);
+        for (int i = 0; i < count; ++i) services.push_back(VUtil::GetStringElement(*in, i));
+        for (const CStdStr& service : services) act(service);
         return 0;
     } catch (const KelException& failure) {
         CBBLog::error("%s failed: %s", request, failure.GetMessage());
@@ -181,6 +184,11 @@ int KelDirectory::RemoveDeadHolder(const CStdStr& name, const CStdStr& host, uns
     if (CBBLog::isDebugEnabled()) {
         CBBLog::debug("Satname %s dead on host %s:%d (satId %d)", name.c_str(), host.c_str(), port, satId);
     }
+    return RemoveAndTell(name, satId);
+}
+
+int KelDirectory::RemoveAndTell(const CStdStr& name, int satId) {
+    registration_.forceNotifyServicesUnregistered(name, satId);
     return registration_.RemoveSatellite(name, satId);
 }
 
@@ -225,7 +233,7 @@ int KelDirectory::SatRemove(const tagVARIANT* in, const char* callerIp, const CS
         CBBLog::warn("SatRemove: invalid SatId %d (local: %d)", record.satId, knownId);
         return noSuchSatellite;
     }
-    return registration_.RemoveSatellite(record.name, knownId);
+    return RemoveAndTell(record.name, knownId);
 }
 
 int KelDirectory::SatGetService(const tagVARIANT* in, tagVARIANT* out, const char* callerIp, const CStdStr& caller) {
@@ -299,18 +307,20 @@ int KelDirectory::SatSetBeRightBack(const tagVARIANT* in, tagVARIANT* out, const
     return 0;
 }
 
-int KelDirectory::AddServiceListener(const tagVARIANT* in, tagVARIANT* out, const CStdStr& /*caller*/) {
-    return ReadServiceNames(in, out, "AddServiceListener");
+int KelDirectory::AddServiceListener(const tagVARIANT* in, tagVARIANT* out, const CStdStr& caller) {
+    return ForEachService(in, out, "AddServiceListener", [&](const CStdStr& service) {
+        if (serviceAvailability_ && serviceAvailability_->Add(service, caller)) {
+            serviceAvailability_->Notify(service, caller);
+        }
+    });
 }
 
-int KelDirectory::RemoveServiceListener(const tagVARIANT* in, tagVARIANT* out, const CStdStr& /*caller*/) {
-    return ReadServiceNames(in, out, "RemoveServiceListener");
+int KelDirectory::RemoveServiceListener(const tagVARIANT* in, tagVARIANT* out, const CStdStr& caller) {
+    return ForEachService(in, out, "RemoveServiceListener", [&](const CStdStr& service) {
+        if (serviceAvailability_) serviceAvailability_->Remove(service, caller);
+    });
 }
 
-int KelDirectory::GetServices(const CStdStr& serviceName, std::list<CStdStr>& satellites) const {
-    std::vector<KelServiceInfo> found;
-    const int rc = registration_.GetServiceInfo(serviceName, CStdStr(), found, "127.0.0.1");
-    if (rc != 0) return rc;
-    for (const KelServiceInfo& info : found) satellites.push_back(info.satName);
-    return 0;
+int KelDirectory::GetServices(const CStdStr& serviceName, std::list<CStdStr>& satellites) {
+    return registration_.GetProviders(serviceName, satellites);
 }

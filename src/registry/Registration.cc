@@ -2,6 +2,7 @@
 
 #include "foundation/Log.h"
 #include "foundation/Random.h"
+#include "registry/ServiceAvailability.h"
 
 #include <boost/make_shared.hpp>
 
@@ -15,7 +16,9 @@ constexpr int serverIdLength = 16;
 }  // namespace
 
 CRegistration::CRegistration(Clock upTime)
-    : upTime_(upTime), serverId_(CRandom::s_random.genrand_string(serverIdLength, CRandom::alphanumeric)) {
+    : upTime_(upTime),
+      serverId_(CRandom::s_random.genrand_string(serverIdLength, CRandom::alphanumeric)),
+      runningChecks_(boost::make_shared<RunningChecks>()) {
     CreateFolders();
     if (CBBLog::isDebugEnabled()) CBBLog::debug("CreateRegistration() Completed");
 }
@@ -137,41 +140,67 @@ KelServiceInfo CRegistration::Describe(const KelSatelliteInfo& satellite, const 
     return info;
 }
 
-int CRegistration::AddService(const CStdStr& satName, const CStdStr& service, const CStdStr& description) {
-    PWriteHold hold(lock_);
-    const auto entry = satellites_.find(satName);
-    if (entry == satellites_.end()) return noSuchSatellite;
-    KelSatelliteInfo& satellite = *entry->second;
+int CRegistration::GetProviders(const CStdStr& service, std::list<CStdStr>& satellites) const {
+    PReadHold hold(lock_);
+    const ServiceIndex::Providers* providers = providers_.Find(service);
+    if (!providers) return 0;
+    for (const KelService& provided : *providers) {
+        PReadHold holdSatellite(provided.indexedSatellite->lock);
+        if (!provided.isToldGone) satellites.push_back(provided.indexedSatellite->satName);
+    }
+    return 0;
+}
 
-    PWriteHold holdSatellite(satellite.lock);
-    const auto [at, isNew] = satellite.services.try_emplace(service);
-    at->second.name = service;
-    at->second.description = description;
-    if (isNew) providers_.Add(at->second, satellite);
+int CRegistration::AddService(const CStdStr& satName, const CStdStr& service, const CStdStr& description) {
+    const ServiceAvailability::Turn turn(availability_.get(), service);
+    {
+        PWriteHold hold(lock_);
+        const auto entry = satellites_.find(satName);
+        if (entry == satellites_.end()) return noSuchSatellite;
+        KelSatelliteInfo& satellite = *entry->second;
+
+        PWriteHold holdSatellite(satellite.lock);
+        const auto [at, isNew] = satellite.services.try_emplace(service);
+        at->second.name = service;
+        at->second.description = description;
+        at->second.isToldGone = false;
+        if (isNew) providers_.Add(at->second, satellite);
+    }
+    if (availability_) availability_->Notify(service, satName, 1);
     return 0;
 }
 
 int CRegistration::RemoveService(const CStdStr& satName, const CStdStr& service, int* remaining) {
-    PWriteHold hold(lock_);
-    const auto entry = satellites_.find(satName);
-    if (entry == satellites_.end()) return noSuchSatellite;
-    KelSatelliteInfo& satellite = *entry->second;
+    const ServiceAvailability::Turn turn(availability_.get(), service);
+    bool isNews = false;
+    {
+        PWriteHold hold(lock_);
+        const auto entry = satellites_.find(satName);
+        if (entry == satellites_.end()) return noSuchSatellite;
+        KelSatelliteInfo& satellite = *entry->second;
 
-    PWriteHold holdSatellite(satellite.lock);
-    const auto published = satellite.services.find(service);
-    if (published != satellite.services.end()) {
-        providers_.Remove(published->second);
-        satellite.services.erase(published);
+        PWriteHold holdSatellite(satellite.lock);
+        const auto published = satellite.services.find(service);
+        if (published != satellite.services.end()) {
+            isNews = !published->second.isToldGone;
+            providers_.Remove(published->second);
+            satellite.services.erase(published);
+        }
+        *remaining = static_cast<int>(satellite.services.size());
     }
-    *remaining = static_cast<int>(satellite.services.size());
+    if (isNews && availability_) availability_->Notify(service, satName, 0);
     return 0;
 }
 
 int CRegistration::RemoveSatellite(const CStdStr& name, int satId) {
     DeleteFormerFiles(name, satId, true);
-    // File and record go in one turn, so that nobody writes the file again in between.
-    FileTurns::Hold turn(turns_, name);
-    if (DeleteFileInTurn(name, satId) != satIdMismatch) EraseSatellite(name, satId);
+    // File, record and listeners go in one turn: nobody writes the file again in between, and a satellite that
+    // registers anew, which takes the turn for its file, has not subscribed again before the old subscriptions are
+    // gone.
+    NameTurns::Hold turn(turns_, name);
+    if (DeleteFileInTurn(name, satId) == satIdMismatch) return 0;
+    EraseSatellite(name, satId);
+    if (availability_) availability_->Remove(name);
     return 0;
 }
 

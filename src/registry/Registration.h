@@ -10,7 +10,7 @@
 //
 // Files (docs/files.md has their text): one a satellite, named after satName in the record's letters, and one with the
 // server's id and the last satId handed out. Whoever writes, replaces or deletes a satellite's file has the turn of the
-// name (FileTurns) and looks the record up after it got the turn. So of two writers the later one writes what is true
+// name (NameTurns) and looks the record up after it got the turn. So of two writers the later one writes what is true
 // by then, and a file cannot come back after its satellite was removed. Files of earlier spellings are deleted by their
 // own rule: NAME.xml is of no use when no record is spelled exactly NAME.
 #pragma once
@@ -18,17 +18,22 @@
 #include "foundation/Locks.h"
 #include "foundation/StdString.h"
 #include "foundation/UpTime.h"
-#include "registry/FileTurns.h"
+#include "registry/RunningChecks.h"
+#include "registry/SatelliteChannel.h"
 #include "registry/SatelliteInfo.h"
 #include "registry/ServiceIndex.h"
+#include "registry/Turns.h"
 
 #include <boost/shared_ptr.hpp>
 
 #include <atomic>
 #include <cstdint>
+#include <list>
 #include <map>
 #include <optional>
 #include <vector>
+
+class ServiceAvailability;
 
 class CRegistration {
 public:
@@ -49,6 +54,11 @@ public:
     virtual ~CRegistration();
     CRegistration(const CRegistration&) = delete;
     CRegistration& operator=(const CRegistration&) = delete;
+
+    // Who is told what comes and goes from now on; nobody without it. Belongs before the first request.
+    void SetServiceAvailability(const boost::shared_ptr<ServiceAvailability>& availability) {
+        availability_ = availability;
+    }
 
     // 16 characters that identify this registry; drawn at random, or those of the registration file once it was loaded.
     CStdStr GetServerId() const EXCLUDES(lock_);
@@ -75,14 +85,20 @@ public:
     int GetLastServiceInfo(const CStdStr& service, std::vector<KelServiceInfo>& out, const char* destination) const
         EXCLUDES(lock_);
 
-    // Publishes a service of a satellite; one of that name is replaced. Returns 0 or noSuchSatellite.
+    // Appends the names of the satellites that publish `service`, in their order, but for those that listeners have
+    // heard to be gone. Returns 0.
+    int GetProviders(const CStdStr& service, std::list<CStdStr>& satellites) const EXCLUDES(lock_);
+
+    // Publishes a service of a satellite; one of that name is replaced. Listeners are told, also when it was there.
+    // Returns 0 or noSuchSatellite.
     int AddService(const CStdStr& satName, const CStdStr& service, const CStdStr& description) EXCLUDES(lock_);
 
-    // Withdraws a service, if the satellite has it, and stores the number of services left. Returns 0 or
-    // noSuchSatellite.
+    // Withdraws a service, if the satellite has it (and then listeners are told), and stores the number of services
+    // left. Returns 0 or noSuchSatellite.
     int RemoveService(const CStdStr& satName, const CStdStr& service, int* remaining) EXCLUDES(lock_);
 
-    // Removes the satellite and its file when it has this id; a newer one of the name stays. Returns 0 always.
+    // Removes the satellite, its file and what it listens for when it has this id; a newer one of the name stays.
+    // Listeners of its services are not told: forceNotifyServicesUnregistered comes before. Returns 0 always.
     int RemoveSatellite(const CStdStr& name, int satId) EXCLUDES(lock_);
 
     // The satellite is not to be pinged for so many seconds from now. Returns 0 or noSuchSatellite.
@@ -101,7 +117,24 @@ public:
     // noSuchSatellite.
     int DeleteSatelliteFile(const CStdStr& name, int satId) EXCLUDES(lock_);
 
+    // --- Liveness (Liveness.cc) ---
+
+    // Starts a check of every satellite that none is under way of, each on a thread of its own, and returns. `sink` has
+    // to stay until WaitCheckSatellites has returned. Throws std::runtime_error when the system has no thread left: the
+    // satellites after the one it was needed for are not checked this time.
+    void CheckSatellites(SatelliteChannel* sink) EXCLUDES(lock_);
+    // One check, the body of its thread: pings the satellite, unless it asked not to be, and removes it when it does
+    // not answer. `data` is a CheckSatelliteData, which it deletes. Returns 0.
+    unsigned int CheckSatellite(void* data) EXCLUDES(lock_);
+    // Returns when all checks that were started have ended.
+    void WaitCheckSatellites();
+    // Tells the listeners of each service of the satellite, if it has this id, that it is gone. Whoever removes the
+    // satellite calls this first. Returns 0.
+    int forceNotifyServicesUnregistered(const CStdStr& name, int satId) EXCLUDES(lock_);
+
 private:
+    struct CheckSatelliteData;
+
     static KelServiceInfo Describe(const KelSatelliteInfo& satellite, const KelService& service);
     // Services change only under both locks, so the registry's is enough to read them: with many satellites the other
     // one is a line of distant memory to write to in every look-up.
@@ -114,6 +147,14 @@ private:
     SatellitePtr Insert(const SatellitePtr& fresh, Insertion rule) REQUIRES(lock_);
     void Replace(KelSatelliteInfo& old, KelSatelliteInfo& fresh) REQUIRES(lock_);
     void EraseSatellite(const CStdStr& name, int satId) EXCLUDES(lock_);
+
+    // Liveness.cc
+    void StartCheck(const SatellitePtr& satellite, SatelliteChannel* sink);
+    void ReleaseUnstarted() EXCLUDES(unstartedLock_);
+    bool IsRightBack(const KelSatelliteInfo& satellite) const;
+    bool EndRightBack(KelSatelliteInfo& satellite) const;
+    static bool Answers(const KelSatelliteInfo& satellite, SatelliteChannel& sink);
+    static bool MarkAsGone(KelSatelliteInfo& satellite, const CStdStr& service);
 
     // SatelliteFiles.cc
     static void CreateFolders();
@@ -132,8 +173,14 @@ private:
     std::map<CStdStr, SatellitePtr, CaseInsensitiveLess> satellites_ GUARDED_BY(lock_);
     ServiceIndex providers_ GUARDED_BY(lock_);
 
+    boost::shared_ptr<ServiceAvailability> availability_;
+
+    const boost::shared_ptr<RunningChecks> runningChecks_;
+    PMutex unstartedLock_;
+    SatellitePtr unstarted_ GUARDED_BY(unstartedLock_);  // its check was begun without a thread
+
     SharedWrite registrationFile_;
-    FileTurns turns_;
+    NameTurns turns_;
     // Whether the latest write of a file of the kind failed, which is said once.
     std::atomic<bool> registrationFails_{false};
     std::atomic<bool> satelliteFails_{false};

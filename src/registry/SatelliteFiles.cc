@@ -3,6 +3,7 @@
 
 #include "foundation/FileTools.h"
 #include "foundation/Log.h"
+#include "registry/DataFiles.h"
 #include "registry/XmlTags.h"
 
 #include <boost/make_shared.hpp>
@@ -26,10 +27,11 @@
 #include <system_error>
 #include <utility>
 
+using namespace kel::registry;
+
 namespace {
 
 constexpr std::string_view xmlEnding = ".xml";
-constexpr mode_t fileMode = 0775;  // of files and folders, whatever the umask
 
 // The longest values that files keep; what is beyond is cut off.
 constexpr size_t nameLimit = 1024;
@@ -37,8 +39,6 @@ constexpr size_t ipLimit = 16;
 constexpr size_t hostnameLimit = 16;
 constexpr size_t descriptionLimit = 4096;
 
-CStdStr SatellitesFolder() { return CFileTools::GetYarDataFolder() + "/Satellites"; }
-CStdStr RegistrationFolder(const CStdStr& satellites) { return satellites + "/Registration"; }
 CStdStr RegistrationPath(const CStdStr& satellites) { return satellites + "/Registration/Registration.xml"; }
 
 // --- Names ---
@@ -54,10 +54,6 @@ const char* NameFault(const CStdStr& name) {
 CStdStr SatellitePath(const CStdStr& folder, const CStdStr& name) { return folder + "/" + name + ".xml"; }
 
 // --- Text ---
-
-void AppendTag(CStdStr& text, const char* indent, const char* tag, std::string_view value) {
-    text.append(indent).append("<").append(tag).append(">").append(value).append("</").append(tag).append(">\n");
-}
 
 // At most `limit` characters, and none behind a NUL.
 std::string_view Cut(const CStdStr& value, size_t limit) { return {value.c_str(), strnlen(value.c_str(), limit)}; }
@@ -83,18 +79,6 @@ CStdStr SatelliteText(const KelSatelliteInfo& satellite) {
 }
 
 // --- Files ---
-
-// Replaces a file as a whole. `fails` says of its kind whether the latest write failed: a failure is logged once, and
-// again only when a write has worked in between.
-bool WriteFile(const CStdStr& path, const CStdStr& text, std::atomic<bool>& fails) {
-    if (CFileTools(path).writeBytes(text.data(), static_cast<unsigned>(text.size()), fileMode)) {
-        if (fails.load(std::memory_order_relaxed)) fails = false;
-        return true;
-    }
-    const int reason = errno;
-    if (!fails.exchange(true)) CBBLog::error("Could not write %s: %s", path.c_str(), std::strerror(reason));
-    return false;
-}
 
 // A file that is gone already is no error.
 void RemoveFile(int folder, const CStdStr& path) {
@@ -205,7 +189,7 @@ CStdStr FileOf(const KelSatelliteInfo& satellite) {
 void CRegistration::CreateFolders() {
     try {
         const CStdStr satellites = SatellitesFolder();
-        for (const CStdStr& folder : {satellites, RegistrationFolder(satellites)}) {
+        for (const CStdStr& folder : {satellites, RegistrationFolder()}) {
             if (!CFileTools::CreateDirectory(folder) && !CFileTools(folder).isFolder())
                 throw std::runtime_error(folder);
             if (chmod(folder.c_str(), fileMode) != 0) {
@@ -244,7 +228,7 @@ CStdStr CRegistration::RegistrationText() const {
 
 // False when the satellite's record is not on disk afterwards.
 bool CRegistration::WriteSatelliteFile(const CStdStr& folder, const CStdStr& name) {
-    FileTurns::Hold turn(turns_, name);
+    NameTurns::Hold turn(turns_, name);
     const SatellitePtr satellite = GetSatelliteStruct(name);
     if (!satellite) return false;
     if (const char* fault = NameFault(satellite->satName)) {
@@ -258,7 +242,7 @@ bool CRegistration::WriteSatelliteFile(const CStdStr& folder, const CStdStr& nam
 
 int CRegistration::DeleteSatelliteFile(const CStdStr& name, int satId) {
     DeleteFormerFiles(name, satId, true);
-    FileTurns::Hold turn(turns_, name);
+    NameTurns::Hold turn(turns_, name);
     return DeleteFileInTurn(name, satId);
 }
 
@@ -299,7 +283,7 @@ void CRegistration::DeleteFormerFiles(const CStdStr& name, std::optional<int> sa
         const CStdStr folder = SatellitesFolder();
         for (const auto& file : obsolete) {
             if (NameFault(file.name)) continue;
-            FileTurns::Hold turn(turns_, file.name);
+            NameTurns::Hold turn(turns_, file.name);
             const SatellitePtr owner = GetSatelliteStruct(file.name);
             if (!owner || owner->satName != file.name) RemoveFile(AT_FDCWD, SatellitePath(folder, file.name));
         }

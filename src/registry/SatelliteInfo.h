@@ -22,6 +22,7 @@ struct KelService {
 
     CStdStr name;
     CStdStr description;
+    bool isToldGone = false;  // listeners heard that it is gone, since its satellite is about to be removed
 };
 
 // One registered satellite. The members before the locks never change once the record is in the registry: a satellite
@@ -36,6 +37,9 @@ struct KelSatelliteInfo {
 
     // Up-time in milliseconds (32 bits, wrapping) until which the satellite must not be pinged; 0: no timer.
     std::atomic<uint32_t> beRightBackDeadline{0};
+
+    // Set while no liveness check of this satellite is under way.
+    PManualEvent checkDone{true};
 
     mutable PReadWriteLock lock;
     std::map<CStdStr, KelService, CaseInsensitiveLess> services GUARDED_BY(lock);

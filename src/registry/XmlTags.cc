@@ -28,3 +28,7 @@ int getXMLTagValue(const CStdStr& xml, const CStdStr& tag, std::vector<CStdStr>&
     }
     return 0;
 }
+
+void AppendTag(CStdStr& text, const char* indent, const char* tag, std::string_view value) {
+    text.append(indent).append("<").append(tag).append(">").append(value).append("</").append(tag).append(">\n");
+}

@@ -149,13 +149,15 @@ class Client:
 class Satellite:
     """A listening endpoint that answers kel.Ping: 1 for its own name and id, by default for every name and id.
 
-    `pings` counts the pings that arrived. While `hanging` is set it takes pings and does not answer. Once closed,
-    connections to it are refused and those that were open have ended.
+    `pings` counts the pings that arrived; `events` are the (service, satellite, status) that it was told of. While
+    `hanging` is set it takes pings and does not answer. Once closed, connections to it are refused and those that were
+    open have ended.
     """
 
     def __init__(self, name=None, sat_id=None):
         self.name, self.sat_id = name, sat_id
         self.pings = 0
+        self.events = []
         self.hanging = False
         self._connections = []
         self._lock = threading.Lock()
@@ -194,9 +196,12 @@ class Satellite:
                 pass  # the peer is gone; so is its question
 
     def _dispatch(self, connection, message):
-        kind, number, method, (_, value) = message
-        if kind != 0:
+        if message[0] == 2:
+            _, method, (_, value) = message
+            if method == "OnServiceAvailabilityChanged":
+                self.events.append(tuple(value))
             return
+        _, number, method, (_, value) = message
         if method != "kel.Ping":
             connection.sendall(pack([1, number, [0x20004, "unknown method " + method], None]))
             return

@@ -137,6 +137,7 @@ class Daemon:
         self.port = free_port()
         self.runs = []        # of the directory itself, the latest last
         self.companions = []  # programs that use it
+        self._endpoint = None
         settings = self.folder / "config"
         settings.mkdir()
         (settings / "com.tessaly.yar.plist").write_bytes(plistlib.dumps({"LogLevel": level}))
@@ -197,6 +198,8 @@ class Daemon:
                 status = run.stop()
                 assert status == 0, f"{run.name} ended with status {status}"
             run.check_output()
+        if self._endpoint:
+            self._endpoint.close()
 
     @property
     def satellites(self):
@@ -228,8 +231,12 @@ class Daemon:
         return {str(path.relative_to(self.root)): path.read_bytes() for path in self.root.rglob("*")
                 if path.is_file() and self.logs not in path.parents}
 
-    def fill(self, count, port=9, prefix="Filler"):
-        """Writes the files of `count` satellites, with the ids 1 to `count`, for the next start."""
+    def fill(self, count, port=None, prefix="Filler"):
+        """Writes the files of `count` satellites, with the ids 1 to `count`, for the next start. They live, unless
+        their port is given."""
+        if port is None:
+            self._endpoint = self._endpoint or Satellite()
+            port = self._endpoint.port
         self.registration.parent.mkdir(parents=True, exist_ok=True)
         self.registration.write_text(registration_text(count))
         for number in range(1, count + 1):

@@ -113,9 +113,9 @@ class APortHeldByAnotherProgram(SystemTest):
 
 class WithoutRightsToItsFolders(SystemTest):
     def works_from_memory(self, directory):
-        client = self.client(directory)
-        first = client.register("Recorder", 9, [("Schedule", "")])
-        self.assertGreater(client.register("Player", 9, [("Play", "")]), first)
+        client, port = self.client(directory), self.satellite().port
+        first = client.register("Recorder", port, [("Schedule", "")])
+        self.assertGreater(client.register("Player", port, [("Play", "")]), first)
         self.assertEqual((client.id_of("recorder"), client.providers("Play")), (first, ["Player"]))
         self.assertEqual(client.call("UnRegister", record("Player", 9, [("Play", "")], first + 1)), (0, 0))
         self.assertEqual(client.call("RemoveSatellite", record("Recorder", 9, sat_id=first))[0], 0)
@@ -209,7 +209,7 @@ class AfterAKill(SystemTest):
 class FilesFromBefore(SystemTest):
     def test_return_after_the_registration_file_was_lost_and_written_again(self):
         directory = self.daemon()
-        directory.fill(20, port=self.satellite().port)
+        directory.fill(20)
         directory.registration.unlink()
         directory.start()
         client = self.client(directory)
@@ -222,7 +222,8 @@ class FilesFromBefore(SystemTest):
     def test_that_are_damaged_are_deleted_and_block_no_other(self):
         directory = self.daemon()
         directory.fill(2)
-        good = satellite_text("X", 7, 9, [("Fill", "")])
+        port = self.satellite().port
+        good = satellite_text("X", 7, port, [("Fill", "")])
         damaged = {"Empty": "", "Cut": good[:40], "Binary": "\0\1\2" * 100, "NoId": good.replace("<id>7</id>", ""),
                    "TwoPorts": good.replace("<port>", "<port>1</port>\n<port>"),
                    "NoName": good.replace("<satName>X", "<satName>"), "Open": good.replace("</satName>", "")}
@@ -232,7 +233,7 @@ class FilesFromBefore(SystemTest):
         for name, text in kept.items():
             (directory.satellites / name).write_text(text)
         (directory.satellites / "HalfService.xml").write_text(
-            satellite_text("HalfService", 8, 9, [("Half", "read"), ("", "has no name")]))
+            satellite_text("HalfService", 8, port, [("Half", "read"), ("", "has no name")]))
         directory.start()
         self.assertEqual(directory.satellite_files(), ["Filler1", "Filler2"])
         client = self.client(directory)

@@ -1,6 +1,6 @@
-#include "registry/FileTurns.h"
+#include "registry/Turns.h"
 
-void FileTurns::Begin(const CStdStr& name) {
+void NameTurns::Begin(const CStdStr& name) {
     PMutexHold hold(lock_);
     while (!taken_.insert(name).second) {
         ++waiting_;
@@ -9,7 +9,7 @@ void FileTurns::Begin(const CStdStr& name) {
     }
 }
 
-void FileTurns::End(const CStdStr& name) {
+void NameTurns::End(const CStdStr& name) {
     PMutexHold hold(lock_);
     taken_.erase(name);
     if (waiting_ > 0) lock_.broadcast();

@@ -1,5 +1,5 @@
-// Who may write which file next, when several threads want to. Nobody holds a lock while a file is written: a thread
-// has the turn of that file instead, and threads with other files go their way.
+// Who may do something next, when several threads want to and it takes too long to hold a lock meanwhile: writing a
+// file, telling many. A thread has the turn instead, and threads with other things to do go their way.
 #pragma once
 
 #include "foundation/Locks.h"
@@ -8,8 +8,8 @@
 #include <cstdint>
 #include <set>
 
-// One turn a name, without regard to ASCII case. A thread must not take a turn while it has another.
-class FileTurns {
+// One turn a name, without regard to ASCII case. A thread must not take a turn while it has another of the same object.
+class NameTurns {
 public:
     // Waits until nobody has the turn of `name`, then has it.
     void Begin(const CStdStr& name) EXCLUDES(lock_);
@@ -18,13 +18,13 @@ public:
     // Has a turn for the length of a block.
     class Hold {
     public:
-        Hold(FileTurns& turns, const CStdStr& name) : turns_(turns), name_(name) { turns_.Begin(name_); }
+        Hold(NameTurns& turns, const CStdStr& name) : turns_(turns), name_(name) { turns_.Begin(name_); }
         ~Hold() { turns_.End(name_); }
         Hold(const Hold&) = delete;
         Hold& operator=(const Hold&) = delete;
 
     private:
-        FileTurns& turns_;
+        NameTurns& turns_;
         const CStdStr name_;
     };
 

@@ -1,0 +1,152 @@
+// Who is alive. A pass starts one thread for each satellite, which asks it once and removes it when it does not answer:
+// so a satellite that hangs holds up nobody's check but its own, and while that is under way it is passed over.
+#include "registry/Registration.h"
+
+#include "foundation/Log.h"
+#include "foundation/Thread.h"
+#include "registry/ServiceAvailability.h"
+
+#include <exception>
+#include <memory>
+#include <utility>
+
+namespace {
+
+constexpr int alive = 1;
+
+}  // namespace
+
+struct CRegistration::CheckSatelliteData {
+    CheckSatelliteData(const SatellitePtr& checked, SatelliteChannel* through,
+                       const boost::shared_ptr<RunningChecks>& checks)
+        : satellite(checked), sink(through), running(checks), number(checks->Begin()) {}
+    ~CheckSatelliteData() { running->End(number); }
+    CheckSatelliteData(const CheckSatelliteData&) = delete;
+    CheckSatelliteData& operator=(const CheckSatelliteData&) = delete;
+
+    const SatellitePtr satellite;
+    SatelliteChannel* const sink;
+    const boost::shared_ptr<RunningChecks> running;
+    const uint64_t number;
+};
+
+void CRegistration::CheckSatellites(SatelliteChannel* sink) {
+    ReleaseUnstarted();
+    std::vector<SatellitePtr> satellites;
+    {
+        PReadHold hold(lock_);
+        satellites.reserve(satellites_.size());
+        for (const auto& [name, satellite] : satellites_) satellites.push_back(satellite);
+    }
+    for (const SatellitePtr& satellite : satellites) {
+        if (!satellite->checkDone.testAndReset()) continue;
+        if (IsRightBack(*satellite)) {  // there is nothing to do that a thread would be needed for
+            satellite->checkDone.set();
+            continue;
+        }
+        StartCheck(satellite, sink);
+    }
+}
+
+void CRegistration::StartCheck(const SatellitePtr& satellite, SatelliteChannel* sink) {
+    try {
+        auto data = std::make_unique<CheckSatelliteData>(satellite, sink, runningChecks_);
+        PThread thread(new PThreadDelegateMember<CRegistration>(this, &CRegistration::CheckSatellite), data.get());
+        thread.Start();
+        data.release();  // the thread's
+    } catch (...) {
+        PMutexHold hold(unstartedLock_);
+        unstarted_ = satellite;
+        throw;
+    }
+}
+
+// A satellite whose thread could not be created is checked again from the next pass on.
+void CRegistration::ReleaseUnstarted() {
+    PMutexHold hold(unstartedLock_);
+    if (const SatellitePtr satellite = std::exchange(unstarted_, nullptr)) satellite->checkDone.set();
+}
+
+unsigned int CRegistration::CheckSatellite(void* data) {
+    const std::unique_ptr<CheckSatelliteData> check(static_cast<CheckSatelliteData*>(data));
+    const KelSatelliteInfo& satellite = *check->satellite;
+    struct Done {
+        PManualEvent& event;
+        ~Done() { event.set(); }
+    } const done{check->satellite->checkDone};
+    try {
+        if (!EndRightBack(*check->satellite) || Answers(satellite, *check->sink)) return 0;
+        forceNotifyServicesUnregistered(satellite.satName, satellite.satId);
+        RemoveSatellite(satellite.satName, satellite.satId);
+    } catch (const std::exception& failure) {
+        CBBLog::error("Satellite %s could not be checked: %s", satellite.satName.c_str(), failure.what());
+    }
+    return 0;
+}
+
+// Whether the satellite asked not to be pinged now.
+bool CRegistration::IsRightBack(const KelSatelliteInfo& satellite) const {
+    const uint32_t deadline = satellite.beRightBackDeadline;
+    if (static_cast<int32_t>(deadline) <= 0 || upTime_() > deadline) return false;
+    if (CBBLog::isDebugEnabled()) CBBLog::debug("Satellite %s is BRB, don't ping", satellite.satName.c_str());
+    return true;
+}
+
+// Ends a timer that has run out; false when one is running.
+bool CRegistration::EndRightBack(KelSatelliteInfo& satellite) const {
+    uint32_t deadline = satellite.beRightBackDeadline;
+    if (IsRightBack(satellite)) return false;
+    if (static_cast<int32_t>(deadline) <= 0) return true;
+    CBBLog::info("Satellite %s beRightBackTimeout expired", satellite.satName.c_str());
+    satellite.beRightBackDeadline.compare_exchange_strong(deadline, 0);  // unless a new one was set just now
+    return true;
+}
+
+bool CRegistration::Answers(const KelSatelliteInfo& satellite, SatelliteChannel& sink) {
+    int status = 0;
+    const int result = sink.PingSat(satellite.satName, satellite.ip, satellite.port, satellite.satId, &status);
+    if (result == 0 && status == alive) return true;
+    CBBLog::info(result != 0 ? "Satellite %s %s:%d SatId %d has died removing it: error %d"
+                             : "Satellite %s %s:%d SatId %d has died removing it: dead %d",
+                 satellite.satName.c_str(), satellite.ip.c_str(), satellite.port, satellite.satId,
+                 result != 0 ? result : status);
+    return false;
+}
+
+void CRegistration::WaitCheckSatellites() {
+    ReleaseUnstarted();
+    runningChecks_->Wait();
+}
+
+int CRegistration::forceNotifyServicesUnregistered(const CStdStr& name, int satId) {
+    if (!availability_) return 0;
+    const SatellitePtr satellite = GetSatelliteStruct(name);
+    if (!satellite) {
+        if (CBBLog::isDebugEnabled()) CBBLog::debug("Force unregistering %s: satellite not found", name.c_str());
+        return 0;
+    }
+    if (satellite->satId != satId) {
+        if (CBBLog::isDebugEnabled()) {
+            CBBLog::debug("Force unregistering %s: satId mismatch %d/%d", name.c_str(), satId, satellite->satId);
+        }
+        return 0;
+    }
+    std::vector<CStdStr> services;
+    {
+        PReadHold hold(satellite->lock);
+        for (const auto& [key, service] : satellite->services) services.push_back(service.name);
+    }
+    for (const CStdStr& service : services) {
+        const ServiceAvailability::Turn turn(availability_.get(), service);
+        if (MarkAsGone(*satellite, service)) availability_->Notify(service, name, 0);
+    }
+    return 0;
+}
+
+// True for the first who says so of a published service: listeners hear it once, also when a check and a new
+// registration find the satellite dead at the same time, and both have it told before they go on.
+bool CRegistration::MarkAsGone(KelSatelliteInfo& satellite, const CStdStr& service) {
+    PWriteHold hold(satellite.lock);
+    const auto published = satellite.services.find(service);
+    return published != satellite.services.end() && !std::exchange(published->second.isToldGone, true);
+}

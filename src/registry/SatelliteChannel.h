@@ -1,0 +1,19 @@
+// The way from the registry to satellites: whether one is alive, and telling one that a service came or went. The
+// directory's endpoint is the one there is.
+#pragma once
+
+#include "foundation/StdString.h"
+
+class SatelliteChannel {
+public:
+    virtual ~SatelliteChannel() = default;
+
+    // Asks host:port whether it is the satellite `name` with the id `satId`, once, and waits for the answer. Returns 0
+    // when it could be asked, and then `status` is 1 if it is; else the error. Any thread.
+    virtual int PingSat(const CStdStr& name, const CStdStr& host, unsigned short port, int satId, int* status) = 0;
+
+    // Tells `listener` that `service` became available (status 1) or unavailable (0) at `satellite`. Returns at once:
+    // the listener is told later, of several events in their order. Never throws. Any thread.
+    virtual void OnServiceAvailabilityChanged(const CStdStr& service, const CStdStr& satellite, const CStdStr& listener,
+                                              int status) = 0;
+};

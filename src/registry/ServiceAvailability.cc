@@ -1,0 +1,180 @@
+#include "registry/ServiceAvailability.h"
+
+#include "foundation/FileTools.h"
+#include "foundation/Log.h"
+#include "registry/DataFiles.h"
+#include "registry/XmlTags.h"
+
+#include <algorithm>
+#include <exception>
+
+using namespace kel::registry;
+
+namespace {
+
+constexpr const char* rootTag = "serviceListeners";
+constexpr const char* entryTag = "serviceListener";
+constexpr const char* serviceTag = "service";
+constexpr const char* satelliteTag = "satellite";
+
+CStdStr ListPath() { return RegistrationFolder() + "/ServiceListeners.xml"; }
+
+bool HasMark(const CStdStr& value, const char* tag) {
+    const CStdStr name(tag);
+    return value.find("<" + name + ">") != CStdStr::npos || value.find("</" + name + ">") != CStdStr::npos;
+}
+
+// Whether a value can stand in the file, where nothing is escaped, without taking other entries away when it is read.
+bool CanBeStored(const CStdStr& value) {
+    if (value.find('<') == CStdStr::npos) return true;
+    return !HasMark(value, entryTag) && !HasMark(value, serviceTag) && !HasMark(value, satelliteTag);
+}
+
+// The one value of `tag` in an entry; false when there is none, more than one or an empty one.
+bool OneName(const CStdStr& entry, const char* tag, CStdStr& name) {
+    std::vector<CStdStr> values;
+    if (getXMLTagValue(entry, tag, values) != 0 || values.size() != 1) return false;
+    name = values.front();
+    return !name.empty();
+}
+
+void LogNotice(const CStdStr& listener, int status, const CStdStr& service, const CStdStr& satellite) {
+    if (!CBBLog::isDebugEnabled()) return;
+    CBBLog::debug("Notify %s of Status %d for Service %s at %s", listener.c_str(), status, service.c_str(),
+                  satellite.c_str());
+}
+
+void LogRemoval(const CStdStr& service, const CStdStr& satellite) {
+    if (!CBBLog::isDebugEnabled()) return;
+    CBBLog::debug("Remove Service Listener on %s for %s", service.c_str(), satellite.c_str());
+}
+
+}  // namespace
+
+ServiceAvailability::Turn::Turn(ServiceAvailability* list, const CStdStr& service) : list_(list), service_(service) {
+    if (list_) list_->turns_.Begin(service_);
+}
+
+ServiceAvailability::Turn::~Turn() {
+    if (list_) list_->turns_.End(service_);
+}
+
+bool ServiceAvailability::Add(const CStdStr& service, const CStdStr& satellite) {
+    if (service.empty() || satellite.empty()) return false;
+    Append(service, satellite);
+    SaveList();
+    return true;
+}
+
+void ServiceAvailability::Append(const CStdStr& service, const CStdStr& satellite) {
+    if (CBBLog::isDebugEnabled()) {
+        CBBLog::debug("Add Service Listener on %s for %s", service.c_str(), satellite.c_str());
+    }
+    PMutexHold hold(listeners_);
+    auto& entries = listeners_.value().get<byBoth>();
+    const auto known = entries.find(boost::make_tuple(service, satellite));
+    if (known != entries.end()) entries.erase(known);
+    listeners_.value().get<inOrder>().push_back({service, satellite});
+}
+
+void ServiceAvailability::Remove(const CStdStr& service, const CStdStr& satellite) {
+    LogRemoval(service, satellite);
+    {
+        PMutexHold hold(listeners_);
+        auto& entries = listeners_.value().get<byBoth>();
+        const auto known = entries.find(boost::make_tuple(service, satellite));
+        if (known != entries.end()) entries.erase(known);
+    }
+    SaveList();
+}
+
+void ServiceAvailability::Remove(const CStdStr& satellite) {
+    std::vector<CStdStr> services;
+    {
+        PMutexHold hold(listeners_);
+        auto& entries = listeners_.value().get<bySatellite>();
+        const auto [begin, end] = entries.equal_range(satellite);
+        std::transform(begin, end, std::back_inserter(services), [](const ServiceSat& entry) { return entry.service; });
+        entries.erase(begin, end);
+    }
+    for (const CStdStr& service : services) LogRemoval(service, satellite);
+    SaveList();
+}
+
+void ServiceAvailability::Notify(const CStdStr& service, const CStdStr& satellite, int status) {
+    std::vector<CStdStr> told;
+    {
+        PMutexHold hold(listeners_);
+        const auto [begin, end] = listeners_.value().get<byService>().equal_range(service);
+        std::transform(begin, end, std::back_inserter(told), [](const ServiceSat& entry) { return entry.satellite; });
+    }
+    for (const CStdStr& listener : told) {
+        LogNotice(listener, status, service, satellite);
+        sink_->OnServiceAvailabilityChanged(service, satellite, listener, status);
+    }
+}
+
+void ServiceAvailability::Notify(const CStdStr& service, const CStdStr& listener) {
+    const Turn turn(this, service);
+    std::list<CStdStr> providers;
+    if (directory_->GetServices(service, providers) != 0) return;
+    for (const CStdStr& provider : providers) {
+        LogNotice(listener, 1, service, provider);
+        sink_->OnServiceAvailabilityChanged(service, provider, listener, 1);
+    }
+}
+
+// --- The file ---
+
+void ServiceAvailability::SaveList() {
+    try {
+        const CStdStr path = ListPath();
+        file_.Run([&] { return WriteFile(path, Text(), fileFails_); });
+    } catch (const std::exception&) {
+        CBBLog::error("CRegistration::SaveList data directory not found");
+    }
+}
+
+CStdStr ServiceAvailability::Text() {
+    CStdStr text("<?xml version='1.0'?>\n");
+    text.append("<").append(rootTag).append(">\n");
+    {
+        PMutexHold hold(listeners_);
+        for (const ServiceSat& entry : listeners_.value()) {
+            if (!CanBeStored(entry.service) || !CanBeStored(entry.satellite)) continue;
+            text.append("\t<").append(entryTag).append(">\n");
+            AppendTag(text, "\t\t", serviceTag, entry.service);
+            AppendTag(text, "\t\t", satelliteTag, entry.satellite);
+            text.append("\t</").append(entryTag).append(">\n");
+        }
+    }
+    text.append("</").append(rootTag).append(">\n");
+    return text;
+}
+
+int ServiceAvailability::LoadList() {
+    try {
+        const CFileTools file(ListPath());
+        if (!file.exists()) return 0;
+        std::vector<CStdStr> entries;
+        if (getXMLTagValue(file.toString(), entryTag, entries) != 0) return brokenFile;
+        return AddAll(entries);
+    } catch (const std::exception&) {
+        CBBLog::error("CRegistration::LoadList data directory not found");
+        return 0;
+    }
+}
+
+// Saves once, after the last of them.
+int ServiceAvailability::AddAll(const std::vector<CStdStr>& entries) {
+    size_t added = 0;
+    for (const CStdStr& entry : entries) {
+        CStdStr service;
+        CStdStr satellite;
+        if (!OneName(entry, serviceTag, service) || !OneName(entry, satelliteTag, satellite)) break;
+        Append(service, satellite);
+        ++added;
+    }
+    if (added > 0) SaveList();
+    return added == entries.size() ? 0 : brokenFile;
+}

@@ -1,0 +1,107 @@
+// ServiceAvailability: which satellites want to hear of which services, in memory and in a file that survives a
+// restart. KelDirectory makes the one there is and shares it with its registry, which tells it what comes and goes.
+//
+// Threads: every member may be called from any thread, except that LoadList belongs before the first request. The
+// list's lock is not held while somebody is told, a file is written or the directory is asked.
+//
+// Services and satellites are compared byte by byte here: "Schedule" and "schedule" are two services to listen for.
+//
+// What listeners hear is in order: whoever changes a service in the registry has the turn of that service (Turn) from
+// before the change until the listeners' queues have it, and so has whoever tells a new listener what is there. Without
+// that, a listener could hear of the coming after the going, and keep what is gone for good.
+#pragma once
+
+#include "foundation/Locks.h"
+#include "foundation/StdString.h"
+#include "registry/SatelliteChannel.h"
+#include "registry/Turns.h"
+
+#include <boost/multi_index/composite_key.hpp>
+#include <boost/multi_index/member.hpp>
+#include <boost/multi_index/ordered_index.hpp>
+#include <boost/multi_index/sequenced_index.hpp>
+#include <boost/multi_index_container.hpp>
+
+#include <atomic>
+#include <list>
+#include <vector>
+
+// Who publishes what, as the listener list asks it.
+class ServiceProviders {
+public:
+    virtual ~ServiceProviders() = default;
+    // Appends the names of the satellites that publish the service, in the order of names. Returns 0 or an error.
+    virtual int GetServices(const CStdStr& serviceName, std::list<CStdStr>& satellites) = 0;
+};
+
+class ServiceAvailability {
+public:
+    static constexpr int brokenFile = 11;  // of LoadList
+
+    // An empty list. Both outlive the object.
+    ServiceAvailability(SatelliteChannel* sink, ServiceProviders* directory) : sink_(sink), directory_(directory) {}
+    ServiceAvailability(const ServiceAvailability&) = delete;
+    ServiceAvailability& operator=(const ServiceAvailability&) = delete;
+
+    // Adds what the file lists, up to the first broken entry, and writes the file again without the rest. Returns 0,
+    // also when there is no file, or brokenFile.
+    int LoadList();
+    // Replaces the file. A failure is logged.
+    void SaveList();
+
+    // `satellite` wants to hear of `service`; whoever did so before is now the last in order. Saves the list. False,
+    // and nothing happens, when one of the names is empty.
+    bool Add(const CStdStr& service, const CStdStr& satellite);
+    // No longer. Saves the list, also when there was no such entry.
+    void Remove(const CStdStr& service, const CStdStr& satellite);
+    // `satellite` listens for nothing any more. Saves the list.
+    void Remove(const CStdStr& satellite);
+
+    // Tells all listeners of `service`, in the order of the list, that its state at `satellite` is now `status`: 1
+    // available, 0 not. The caller has the service's turn.
+    void Notify(const CStdStr& service, const CStdStr& satellite, int status);
+    // Tells one listener of all satellites that publish `service`. Takes the service's turn.
+    void Notify(const CStdStr& service, const CStdStr& listener);
+
+    // Has the turn of a service for the length of a block; nothing when there is no list.
+    class Turn {
+    public:
+        Turn(ServiceAvailability* list, const CStdStr& service);
+        ~Turn();
+        Turn(const Turn&) = delete;
+        Turn& operator=(const Turn&) = delete;
+
+    private:
+        ServiceAvailability* const list_;
+        const CStdStr& service_;
+    };
+
+private:
+    struct ServiceSat {
+        CStdStr service;
+        CStdStr satellite;
+    };
+    using ServiceOf = boost::multi_index::member<ServiceSat, CStdStr, &ServiceSat::service>;
+    using SatelliteOf = boost::multi_index::member<ServiceSat, CStdStr, &ServiceSat::satellite>;
+    // In the order of (re-)addition; by both names; and, in the list's order among equals, by each of them.
+    using Listeners = boost::multi_index_container<
+        ServiceSat,
+        boost::multi_index::indexed_by<
+            boost::multi_index::sequenced<>,
+            boost::multi_index::ordered_unique<boost::multi_index::composite_key<ServiceSat, ServiceOf, SatelliteOf>>,
+            boost::multi_index::ordered_non_unique<ServiceOf>, boost::multi_index::ordered_non_unique<SatelliteOf>>>;
+    enum Index { inOrder, byBoth, byService, bySatellite };
+
+    int AddAll(const std::vector<CStdStr>& entries);
+    void Append(const CStdStr& service, const CStdStr& satellite);
+    CStdStr Text();
+
+    SatelliteChannel* const sink_;
+    ServiceProviders* const directory_;
+
+    PLocker<Listeners> listeners_;
+    NameTurns turns_;
+
+    SharedWrite file_;
+    std::atomic<bool> fileFails_{false};  // the latest write, which is said once
+};
