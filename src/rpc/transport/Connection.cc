@@ -205,6 +205,7 @@ void Connection::RunNotifications() {
 // --- Writing -------------------------------------------------------------------------------------------------------
 
 Connection::Sent Connection::Send(std::string_view bytes, Bytes what) {
+    if (!used_.load(std::memory_order_relaxed)) used_ = true;
     {
         PMutexHold hold(lock_);
         if (closed_) return Sent::closed;
@@ -372,7 +373,7 @@ void Connection::Close(const char* reason) {
 }
 
 bool Connection::CloseIfIdle() {
-    if (outstanding_ > 0 || HasBacklog()) return false;
+    if (!used_ || outstanding_ > 0 || HasBacklog()) return false;
     {
         PMutexHold hold(callsLock_);
         if (!calls_.empty()) return false;

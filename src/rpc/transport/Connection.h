@@ -79,7 +79,8 @@ public:
     // Ends the connection; calls under way are lost. `reason` goes to the log at debug level.
     void Close(const char* reason);
 
-    // Closes it if nothing is under way in either direction; a call that comes later finds it closed. Returns whether.
+    // Closes it if it has been used and nothing is under way in either direction; a call that comes later finds it
+    // closed. Returns whether.
     bool CloseIfIdle();
 
     int descriptor() const { return descriptor_; }
@@ -116,6 +117,7 @@ private:
     int descriptor_;
     in_addr peerAddress_{};
     std::atomic<bool> closed_{false};
+    std::atomic<bool> used_{false};  // something was sent
 
     // The reading turn's: touched only by the thread that holds it.
     std::unique_ptr<char[]> input_;

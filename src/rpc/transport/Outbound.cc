@@ -4,6 +4,8 @@
 
 #include <boost/asio/ip/basic_resolver.hpp>
 
+#include <sys/resource.h>
+
 #include <algorithm>
 #include <condition_variable>
 #include <mutex>
@@ -20,6 +22,7 @@ namespace {
 constexpr std::chrono::milliseconds retryAfter{50};
 constexpr std::chrono::minutes shortageWarningPeriod{1};
 constexpr size_t maxLookedAt = 64;
+constexpr rlim_t maxRoomKept = 32;  // descriptors
 
 // One value that a thread waits for and another one brings. Waits on the monotonic clock: a wall clock that is set must
 // not end a call early.
@@ -172,6 +175,7 @@ void Outbound::WithConnection(const Address& to, ConnectHandler handler) {
 }
 
 void Outbound::Connected(const Address& to, const boost::system::error_code& error, Socket* socket) {
+    if (socket) KeepRoom(*socket);
     const ConnectionPtr connection = socket ? adopt_(std::move(*socket), to.text()) : nullptr;
     std::vector<ConnectHandler> waiting;
     {
@@ -187,6 +191,15 @@ void Outbound::Connected(const Address& to, const boost::system::error_code& err
     if (connection) connection->Start();
     const boost::system::error_code failure = connection ? error : error ? error : asio::error::operation_aborted;
     for (const ConnectHandler& handler : waiting) handler(connection, failure);
+}
+
+// Files need descriptors too: before the last are taken, a new connection takes the place of an old one.
+void Outbound::KeepRoom(Socket& socket) {
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+    const rlim_t kept = std::min(maxRoomKept, limit.rlim_cur / 8);
+    // The system gives out the lowest free number.
+    if (static_cast<rlim_t>(socket.native_handle()) + kept >= limit.rlim_cur) MakeRoom(asio::error::no_descriptors);
 }
 
 // Closes one connection that nobody uses, looking at a few more each time, in the order of their addresses.

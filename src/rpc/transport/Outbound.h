@@ -70,6 +70,7 @@ private:
 
     void Connected(const Address& to, const boost::system::error_code& error, Socket* socket);
     ConnectionPtr Connect(const Address& to, Deadline deadline, Outcome& outcome);
+    void KeepRoom(Socket& socket);
     void MakeRoom(const boost::system::error_code& shortage);
 
     WorkerPool& pool_;
