@@ -150,8 +150,8 @@ class Satellite:
     """A listening endpoint that answers kel.Ping: 1 for its own name and id, by default for every name and id.
 
     `pings` counts the pings that arrived; `events` are the (service, satellite, status) that it was told of. While
-    `hanging` is set it takes pings and does not answer. Once closed, connections to it are refused and those that were
-    open have ended.
+    `hanging` is set it takes pings and does not answer; `unanswered` counts those. From hold() to release() it keeps its
+    answers back. Once closed, connections to it are refused and those that were open have ended.
     """
 
     def __init__(self, name=None, sat_id=None):
@@ -159,11 +159,24 @@ class Satellite:
         self.pings = 0
         self.events = []
         self.hanging = False
+        self.unanswered = 0
+        self._held = None
         self._connections = []
         self._lock = threading.Lock()
         self._listener = socket.create_server(("127.0.0.1", 0), backlog=512)
         self.port = self._listener.getsockname()[1]
         threading.Thread(target=self._accept, daemon=True).start()
+
+    def hold(self):
+        with self._lock:
+            self._held = []
+
+    def release(self):
+        with self._lock:
+            for connection, answer in self._held:
+                connection.sendall(answer)
+                self.unanswered -= 1
+            self._held = None
 
     def close(self):
         with self._lock:
@@ -205,8 +218,13 @@ class Satellite:
         if method != "kel.Ping":
             connection.sendall(pack([1, number, [0x20004, "unknown method " + method], None]))
             return
+        alive = self.name is None or (value[0].lower() == self.name.lower() and value[1] == self.sat_id)
+        answer = pack([1, number, None, [0, int(alive)]])
         with self._lock:
             self.pings += 1
-        alive = self.name is None or (value[0].lower() == self.name.lower() and value[1] == self.sat_id)
-        if not self.hanging:
-            connection.sendall(pack([1, number, None, [0, int(alive)]]))
+            if self._held is not None:
+                self._held.append((connection, answer))
+            if self.hanging or self._held is not None:
+                self.unanswered += 1
+            else:
+                connection.sendall(answer)

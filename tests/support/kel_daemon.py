@@ -29,6 +29,10 @@ SATELLITE_FILE = re.compile(
     rb"\t<kelProtocolVersion>(?P<version>-?\d+)</kelProtocolVersion>\n"
     rb"(?P<services>(?:\t<service>\n\t\t<name>.{1,1024}</name>\n\t\t<description>.{0,4096}</description>\n"
     rb"\t</service>\n)*)</satellite>\n")
+LISTENER_ENTRY = (r"\t<serviceListener>\n\t\t<service>(.+)</service>\n\t\t<satellite>(.+)</satellite>\n"
+                  r"\t</serviceListener>\n")
+LISTENER_FILE = re.compile(
+    rf"<\?xml version='1\.0'\?>\n<serviceListeners>\n(?:{LISTENER_ENTRY})*</serviceListeners>\n")
 REGISTRATION_FILE = re.compile(
     rb"<\?xml version='1\.0'\?>\n<registration>\n\t<serverId>(?P<server>[0-9A-Za-z]{16})</serverId>\n"
     rb"\t<lastSatId>(?P<last>\d+)</lastSatId>\n</registration>\n")
@@ -72,7 +76,7 @@ def program(name):
 class Program:
     """A process whose output goes to a file; it dies with this one. Start it from the main thread."""
 
-    def __init__(self, arguments, environment, output, limit_files=None):
+    def __init__(self, arguments, environment, output, limit_files=None, stdin=subprocess.DEVNULL):
         def prepare():
             _libc.prctl(1, signal.SIGKILL)  # PR_SET_PDEATHSIG
             if limit_files:
@@ -80,7 +84,7 @@ class Program:
         self.name = os.path.basename(arguments[0])
         self.output_path = output
         with open(output, "wb") as sink:
-            self.process = subprocess.Popen(arguments, env={**os.environ, **environment}, stdin=subprocess.DEVNULL,
+            self.process = subprocess.Popen(arguments, env={**os.environ, **environment}, stdin=stdin,
                                             stdout=sink, stderr=subprocess.STDOUT, preexec_fn=prepare)
 
     def output(self):
@@ -106,9 +110,9 @@ class Program:
         except subprocess.TimeoutExpired:
             self._complain("does not end")
 
-    def stop(self, number=signal.SIGTERM):
-        """Sends the signal and returns the exit status."""
-        self.send_signal(number)
+    def stop(self, number=None):
+        """Sends the signal (default: SIGTERM) and returns the exit status."""
+        self.send_signal(number or signal.SIGTERM)
         return self.wait()
 
     def kill(self):
@@ -125,6 +129,56 @@ class Program:
 
     def _complain(self, what):
         raise AssertionError(f"{self.name} (process {self.process.pid}) {what}")
+
+
+class SatelliteProcess(Program):
+    """A satellite on libkel in a process of its own (tests/support/satellite.cc)."""
+
+    def __init__(self, daemon, name, services, output):
+        arguments = [os.environ["KEL_TEST_SATELLITE"], f"127.0.0.1:{daemon.port}", name, *services]
+        super().__init__(arguments, daemon.environment, output, stdin=subprocess.PIPE)
+        self.satellite = name
+        self.commands = 0
+
+    def wait_until_ready(self):
+        self.wait_for("ready ")
+        return self
+
+    def tell(self, command, what):
+        """Sends a command and returns its result."""
+        self.tell_and_go_on(command, what)
+        return int(wait_until(lambda: self._results()[self.commands - 1:], f"{command} {what}")[0])
+
+    def tell_and_go_on(self, command, what):
+        self.process.stdin.write(f"{command} {what}\n".encode())
+        self.process.stdin.flush()
+        self.commands += 1
+
+    def _lines(self, kind):
+        return [line[len(kind) + 1:] for line in self.output().splitlines(keepends=True)
+                if line.startswith(kind + " ") and line.endswith("\n")]
+
+    def _results(self):
+        return self._lines("done")
+
+    def events(self, service=None):
+        """What it heard: (service, satellite, status)."""
+        heard = [tuple(line.split()) for line in self._lines("event")]
+        return [(what, who, int(status)) for what, who, status in heard if service in (None, what)]
+
+    def standings(self):
+        return [int(line.split()[1]) for line in self._lines("standing")]
+
+    def stop(self, number=None):
+        """Has it leave and end, or end by a signal; returns the exit status."""
+        if number is not None:
+            return super().stop(number)
+        self.process.stdin.close()
+        return self.wait()
+
+    def kill(self):
+        super().kill()
+        self.process.stdin.close()
 
 
 class Daemon:
@@ -170,6 +224,24 @@ class Daemon:
         self.companions.append(Program([program(name), f"127.0.0.1:{self.port}"], self.environment, output))
         return self.companions[-1]
 
+    def start_satellites(self, *described):
+        """Starts a process for each (name, service...) and returns when all of them are registered."""
+        started = []
+        for name, *services in described:
+            output = self.folder / f"{name}-{len(self.companions)}.txt"
+            started.append(SatelliteProcess(self, name, services, output))
+            self.companions.append(started[-1])
+        return [satellite.wait_until_ready() for satellite in started]
+
+    def listeners(self):
+        """What ServiceListeners.xml lists: (service, listening satellite)."""
+        text = (self.registration.parent / "ServiceListeners.xml").read_text()
+        assert LISTENER_FILE.fullmatch(text), text
+        return re.findall(LISTENER_ENTRY, text)
+
+    def log(self):
+        return self.current.output()
+
     def _is_up(self):
         if not self.current.running():
             raise AssertionError(f"the directory ended with status {self.current.wait()}")
@@ -183,7 +255,7 @@ class Daemon:
     def client(self, caller=""):
         return Client(self.port, caller)
 
-    def stop(self, number=signal.SIGTERM):
+    def stop(self, number=None):
         status = self.current.stop(number)
         assert status == 0, f"the directory ended with status {status}"
 
@@ -195,6 +267,7 @@ class Daemon:
         """Stops what runs, which must end with status 0."""
         for run in self.companions + self.runs:
             if run.running():
+                run.send_signal(signal.SIGCONT)
                 status = run.stop()
                 assert status == 0, f"{run.name} ended with status {status}"
             run.check_output()
