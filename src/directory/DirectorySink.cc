@@ -13,6 +13,8 @@
 
 namespace {
 
+constexpr int listenerPatienceMs = 20000;  // longer than a listener lives that does not answer
+
 // Logs that a call's address is unknown and returns the method's result for that.
 int NoAddress(const char* method) {
     const int reason = errno;
@@ -85,6 +87,10 @@ void CDirectorySink::OnServiceAvailabilityChanged(const CStdStr& service, const 
     } catch (const std::exception& failure) {
         CBBLog::error("OnServiceAvailabilityChanged failed: %s", failure.what());
     }
+}
+
+bool CDirectorySink::AwaitListener(const CStdStr& listener) {
+    return WaitForOneWayRoom(listener.c_str(), listenerPatienceMs);
 }
 
 CStdStr CDirectorySink::getIPFromSocket(int socket) {

@@ -36,6 +36,7 @@ public:
     // Calls the listener's method of that name, one way. What goes wrong is logged.
     void OnServiceAvailabilityChanged(const CStdStr& service, const CStdStr& satellite, const CStdStr& listener,
                                       int status) override;
+    bool AwaitListener(const CStdStr& listener) override;
 
     // The dotted address at the other end of a connection; empty, with the reason in errno, when it is not IPv4.
     static CStdStr getIPFromSocket(int socket);

@@ -72,6 +72,7 @@ unsigned int KelDirectory::CheckSatellitesThreadProc(void* /*nothing*/) {
 
 void KelDirectory::StartChecks() {
     try {
+        serviceAvailability_->SaveIfFailed();
         registration_.CheckSatellites(sink_);
         if (std::exchange(checksFail_, false)) CBBLog::warn("All satellites are checked again");
     } catch (const std::exception& failure) {

@@ -6,6 +6,8 @@
 #include "foundation/Log.h"
 #include "rpc/VUtil.h"
 
+#include <set>
+
 namespace {
 
 // Reads the first `count` entries; there may be fewer, which throws. Nothing is reserved by what a caller claims.
@@ -54,16 +56,20 @@ void LogFound(const std::vector<KelServiceInfo>& found, const CStdStr& service, 
     }
 }
 
-// Calls `act` with each of the service names of a request, once all of them were read. Returns the request's result.
+// Reads the service names of a request, each once, and has `act` take them. Returns the request's result.
 template <typename Act>
-int ForEachService(const tagVARIANT* in, tagVARIANT* out, const char* request, Act act) {
+int WithServices(const tagVARIANT* in, tagVARIANT* out, const char* request, Act act) {
     VariantClear(out);
     if (!in) return KelDirectory::noSuchSatellite;
     try {
         std::vector<CStdStr> services;
+        std::set<CStdStr> known;
         const int count = VUtil::GetArrayLength(*in);
-        for (int i = 0; i < count; ++i) services.push_back(VUtil::GetStringElement(*in, i));
-        for (const CStdStr& service : services) act(service);
+        for (int i = 0; i < count; ++i) {
+            const CStdStr service = VUtil::GetStringElement(*in, i);
+            if (known.insert(service).second) services.push_back(service);
+        }
+        act(services);
         return 0;
     } catch (const KelException& failure) {
         CBBLog::error("%s failed: %s", request, failure.GetMessage());
@@ -172,6 +178,7 @@ int KelDirectory::AdmitSatellite(const Record& record, const CStdStr& address, i
     if (*satId != 0) CBBLog::info("SatId %d not found, registering %s", *satId, record.name.c_str());
     *satId = 0;
     registration_.AddSatellite(record.name, address, record.port, record.host, record.protocolVersion, satId);
+    sink_->ForgetAddress(record.name.c_str());  // another satellite may listen there by now
     return 0;
 }
 
@@ -308,16 +315,15 @@ int KelDirectory::SatSetBeRightBack(const tagVARIANT* in, tagVARIANT* out, const
 }
 
 int KelDirectory::AddServiceListener(const tagVARIANT* in, tagVARIANT* out, const CStdStr& caller) {
-    return ForEachService(in, out, "AddServiceListener", [&](const CStdStr& service) {
-        if (serviceAvailability_ && serviceAvailability_->Add(service, caller)) {
-            serviceAvailability_->Notify(service, caller);
-        }
+    return WithServices(in, out, "AddServiceListener", [&](const std::vector<CStdStr>& services) {
+        if (!serviceAvailability_ || !serviceAvailability_->Add(services, caller)) return;
+        for (const CStdStr& service : services) serviceAvailability_->Notify(service, caller);
     });
 }
 
 int KelDirectory::RemoveServiceListener(const tagVARIANT* in, tagVARIANT* out, const CStdStr& caller) {
-    return ForEachService(in, out, "RemoveServiceListener", [&](const CStdStr& service) {
-        if (serviceAvailability_) serviceAvailability_->Remove(service, caller);
+    return WithServices(in, out, "RemoveServiceListener", [&](const std::vector<CStdStr>& services) {
+        if (serviceAvailability_) serviceAvailability_->Remove(services, caller);
     });
 }
 

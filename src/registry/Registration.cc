@@ -48,6 +48,7 @@ int CRegistration::AddSatellite(const CStdStr& name, const CStdStr& ip, unsigned
     fresh->satId = *satId;
 
     SatellitePtr old;  // freed after the lock is released
+    const NameTurns::Hold turn(turns_, name);
     PWriteHold hold(lock_);
     old = Insert(fresh, Insertion::always);
     *satId = fresh->satId;
@@ -194,9 +195,8 @@ int CRegistration::RemoveService(const CStdStr& satName, const CStdStr& service,
 
 int CRegistration::RemoveSatellite(const CStdStr& name, int satId) {
     DeleteFormerFiles(name, satId, true);
-    // File, record and listeners go in one turn: nobody writes the file again in between, and a satellite that
-    // registers anew, which takes the turn for its file, has not subscribed again before the old subscriptions are
-    // gone.
+    // File, record and subscriptions go in one turn: nobody writes the file again in between, and a satellite that
+    // registers anew has no record, and so has not subscribed again, before the old subscriptions are gone.
     NameTurns::Hold turn(turns_, name);
     if (DeleteFileInTurn(name, satId) == satIdMismatch) return 0;
     EraseSatellite(name, satId);

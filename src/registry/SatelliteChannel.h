@@ -16,4 +16,8 @@ public:
     // the listener is told later, of several events in their order. Never throws. Any thread.
     virtual void OnServiceAvailabilityChanged(const CStdStr& service, const CStdStr& satellite, const CStdStr& listener,
                                               int status) = 0;
+
+    // For whoever has many events for one listener: waits until it has taken in most of those that wait for it. False
+    // when it does not.
+    virtual bool AwaitListener(const CStdStr& listener) = 0;
 };

@@ -12,6 +12,8 @@ using namespace kel::registry;
 
 namespace {
 
+constexpr size_t toldAtOnce = 400;  // well below what may wait for a listener
+
 constexpr const char* rootTag = "serviceListeners";
 constexpr const char* entryTag = "serviceListener";
 constexpr const char* serviceTag = "service";
@@ -59,9 +61,11 @@ ServiceAvailability::Turn::~Turn() {
     if (list_) list_->turns_.End(service_);
 }
 
-bool ServiceAvailability::Add(const CStdStr& service, const CStdStr& satellite) {
-    if (service.empty() || satellite.empty()) return false;
-    Append(service, satellite);
+bool ServiceAvailability::Add(const std::vector<CStdStr>& services, const CStdStr& satellite) {
+    if (satellite.empty()) return false;
+    for (const CStdStr& service : services) {
+        if (!service.empty()) Append(service, satellite);
+    }
     SaveList();
     return true;
 }
@@ -77,9 +81,9 @@ void ServiceAvailability::Append(const CStdStr& service, const CStdStr& satellit
     listeners_.value().get<inOrder>().push_back({service, satellite});
 }
 
-void ServiceAvailability::Remove(const CStdStr& service, const CStdStr& satellite) {
-    LogRemoval(service, satellite);
-    {
+void ServiceAvailability::Remove(const std::vector<CStdStr>& services, const CStdStr& satellite) {
+    for (const CStdStr& service : services) {
+        LogRemoval(service, satellite);
         PMutexHold hold(listeners_);
         auto& entries = listeners_.value().get<byBoth>();
         const auto known = entries.find(boost::make_tuple(service, satellite));
@@ -115,13 +119,29 @@ void ServiceAvailability::Notify(const CStdStr& service, const CStdStr& satellit
 }
 
 void ServiceAvailability::Notify(const CStdStr& service, const CStdStr& listener) {
+    CStdStr last;
+    while (TellNext(service, listener, last)) {
+        if (sink_->AwaitListener(listener)) continue;
+        CBBLog::warn("%.1024s does not take in who publishes %.1024s; it was told up to %.1024s", listener.c_str(),
+                     service.c_str(), last.c_str());
+        return;
+    }
+}
+
+// Tells of the next providers behind `last` in their order, which becomes the last of them; false when that were all.
+bool ServiceAvailability::TellNext(const CStdStr& service, const CStdStr& listener, CStdStr& last) {
     const Turn turn(this, service);
     std::list<CStdStr> providers;
-    if (directory_->GetServices(service, providers) != 0) return;
+    if (directory_->GetServices(service, providers) != 0) return false;
+    size_t told = 0;
     for (const CStdStr& provider : providers) {
+        if (!last.empty() && !CaseInsensitiveLess()(last, provider)) continue;
+        if (told++ == toldAtOnce) return true;
         LogNotice(listener, 1, service, provider);
         sink_->OnServiceAvailabilityChanged(service, provider, listener, 1);
+        last = provider;
     }
+    return false;
 }
 
 // --- The file ---
@@ -133,6 +153,10 @@ void ServiceAvailability::SaveList() {
     } catch (const std::exception&) {
         CBBLog::error("CRegistration::SaveList data directory not found");
     }
+}
+
+void ServiceAvailability::SaveIfFailed() {
+    if (fileFails_) SaveList();
 }
 
 CStdStr ServiceAvailability::Text() {
@@ -156,16 +180,18 @@ int ServiceAvailability::LoadList() {
     try {
         const CFileTools file(ListPath());
         if (!file.exists()) return 0;
+        const CStdStr text = file.toString();
         std::vector<CStdStr> entries;
-        if (getXMLTagValue(file.toString(), entryTag, entries) != 0) return brokenFile;
-        return AddAll(entries);
+        if (getXMLTagValue(text, entryTag, entries) != 0) return brokenFile;
+        const int result = AddAll(entries);
+        if (!entries.empty() && Text() != text) SaveList();
+        return result;
     } catch (const std::exception&) {
         CBBLog::error("CRegistration::LoadList data directory not found");
         return 0;
     }
 }
 
-// Saves once, after the last of them.
 int ServiceAvailability::AddAll(const std::vector<CStdStr>& entries) {
     size_t added = 0;
     for (const CStdStr& entry : entries) {
@@ -175,6 +201,5 @@ int ServiceAvailability::AddAll(const std::vector<CStdStr>& entries) {
         Append(service, satellite);
         ++added;
     }
-    if (added > 0) SaveList();
     return added == entries.size() ? 0 : brokenFile;
 }

@@ -43,24 +43,31 @@ public:
     ServiceAvailability(const ServiceAvailability&) = delete;
     ServiceAvailability& operator=(const ServiceAvailability&) = delete;
 
-    // Adds what the file lists, up to the first broken entry, and writes the file again without the rest. Returns 0,
-    // also when there is no file, or brokenFile.
+    // Adds what the file lists, up to the first broken entry, and writes the file again if it then says something else.
+    // Returns 0, also when there is no file, or brokenFile.
     int LoadList();
     // Replaces the file. A failure is logged.
     void SaveList();
 
-    // `satellite` wants to hear of `service`; whoever did so before is now the last in order. Saves the list. False,
-    // and nothing happens, when one of the names is empty.
-    bool Add(const CStdStr& service, const CStdStr& satellite);
+    // Again, if the latest attempt failed.
+    void SaveIfFailed();
+
+    // `satellite` wants to hear of the services; if it did so before it is now the last in order. Saves the list once.
+    // Names of services that are empty are left out. False, and nothing happens, for an empty satellite.
+    bool Add(const std::vector<CStdStr>& services, const CStdStr& satellite);
+    bool Add(const CStdStr& service, const CStdStr& satellite) { return Add(std::vector<CStdStr>{service}, satellite); }
     // No longer. Saves the list, also when there was no such entry.
-    void Remove(const CStdStr& service, const CStdStr& satellite);
+    void Remove(const std::vector<CStdStr>& services, const CStdStr& satellite);
+    void Remove(const CStdStr& service, const CStdStr& satellite) { Remove(std::vector<CStdStr>{service}, satellite); }
     // `satellite` listens for nothing any more. Saves the list.
     void Remove(const CStdStr& satellite);
 
     // Tells all listeners of `service`, in the order of the list, that its state at `satellite` is now `status`: 1
     // available, 0 not. The caller has the service's turn.
     void Notify(const CStdStr& service, const CStdStr& satellite, int status);
-    // Tells one listener of all satellites that publish `service`. Takes the service's turn.
+    // Tells one listener of all satellites that publish `service`. Takes the service's turn, again and again where
+    // there are many: in between it waits until the listener has heard what it was told, and gives up when that does
+    // not.
     void Notify(const CStdStr& service, const CStdStr& listener);
 
     // Has the turn of a service for the length of a block; nothing when there is no list.
@@ -93,6 +100,7 @@ private:
     enum Index { inOrder, byBoth, byService, bySatellite };
 
     int AddAll(const std::vector<CStdStr>& entries);
+    bool TellNext(const CStdStr& service, const CStdStr& listener, CStdStr& last);
     void Append(const CStdStr& service, const CStdStr& satellite);
     CStdStr Text();
 

@@ -6,12 +6,13 @@
 #include "foundation/StdString.h"
 
 #include <cstdint>
-#include <set>
+#include <deque>
+#include <map>
 
 // One turn a name, without regard to ASCII case. A thread must not take a turn while it has another of the same object.
 class NameTurns {
 public:
-    // Waits until nobody has the turn of `name`, then has it.
+    // Waits for the turn of `name`, which goes to those who wait in their order, then has it.
     void Begin(const CStdStr& name) EXCLUDES(lock_);
     void End(const CStdStr& name) EXCLUDES(lock_);
 
@@ -29,9 +30,11 @@ public:
     };
 
 private:
-    PCondMutex lock_;
-    std::set<CStdStr, CaseInsensitiveLess> taken_ GUARDED_BY(lock_);
-    int waiting_ GUARDED_BY(lock_) = 0;
+    // Who waits for a name that somebody has the turn of, the first to get it next.
+    using Waiting = std::deque<PManualEvent*>;
+
+    PMutex lock_;
+    std::map<CStdStr, Waiting, CaseInsensitiveLess> taken_ GUARDED_BY(lock_);
 };
 
 // One file that everybody rewrites with whatever is true at that moment. Threads that ask while a write runs are all

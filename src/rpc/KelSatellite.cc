@@ -87,6 +87,12 @@ int KelSatellite::Request(const char* satellite, const char* method, const tagVA
     return impl_->Request(satellite, method, in, out, flags, extra);
 }
 
+bool KelSatellite::WaitForOneWayRoom(const char* satellite, int milliseconds) {
+    return impl_->WaitForOneWayRoom(satellite, milliseconds);
+}
+
+void KelSatellite::ForgetAddress(const char* satellite) { impl_->ForgetAddress(satellite); }
+
 int KelSatellite::DirectoryPingSatellite(const char* name, const char* host, unsigned short port, int satId,
                                          KELSTATUS* status) {
     return impl_->Ping(name, host, port, satId, status);

@@ -95,6 +95,13 @@ public:
     virtual int Request(const char* satellite, const char* method, const tagVARIANT& in, tagVARIANT* out,
                         KELFLAGS flags, tagVARIANT* extra);
 
+    // Waits until at least half of the 1,024 places for one-way calls to `satellite` are free, for whoever has more of
+    // them than that; false when that takes longer than so many milliseconds.
+    bool WaitForOneWayRoom(const char* satellite, int milliseconds);
+
+    // The next call to `satellite` asks the directory where it is, whatever is remembered.
+    void ForgetAddress(const char* satellite);
+
     // Asks the endpoint at host:port whether it is the satellite `name` with the id `satId`. Connecting and answering
     // may take 10 seconds together, not counting time during which this process stood still. Negative when no answer
     // came; otherwise 0, and `status` is KELSTATUS_ALIVE when name and id are that endpoint's own, else KELSTATUS_GONE.

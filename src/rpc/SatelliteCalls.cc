@@ -108,6 +108,15 @@ int KelSatellite::Impl::PostOneWay(Link& link, const std::string& satellite, con
     return KEL_OK;
 }
 
+bool KelSatellite::Impl::WaitForOneWayRoom(const char* satellite, int milliseconds) {
+    const LinkPtr current = link();
+    return current && current->oneWay.AwaitRoom(satellite, std::chrono::milliseconds(milliseconds));
+}
+
+void KelSatellite::Impl::ForgetAddress(const char* satellite) {
+    if (const LinkPtr current = link()) current->addresses.Forget(satellite);
+}
+
 int KelSatellite::Impl::Ping(const char* name, const char* host, unsigned short port, int satId, KELSTATUS* status) {
     *status = KELSTATUS_GONE;
     const LinkPtr current = link();

@@ -281,7 +281,9 @@ int KelSatellite::Impl::TellAvailability(const tagVARIANT& in) {
     VUtil::CheckArrayType(in, VT_VARIANT, 3, availabilityMethod);
     const CStdStr service = VUtil::GetStringElement(in, 0);
     const CStdStr provider = VUtil::GetStringElement(in, 1);
-    satellite_.OnServiceAvailabilityChanged(service.c_str(), provider.c_str(), VUtil::GetIntElement(in, 2));
+    const int status = VUtil::GetIntElement(in, 2);
+    PMutexHold hold(telling_);
+    satellite_.OnServiceAvailabilityChanged(service.c_str(), provider.c_str(), status);
     return KEL_OK;
 }
 

@@ -22,6 +22,8 @@ public:
 
     int Request(const char* satellite, const char* method, const tagVARIANT& in, tagVARIANT* out, KELFLAGS flags,
                 tagVARIANT* extra);
+    bool WaitForOneWayRoom(const char* satellite, int milliseconds);
+    void ForgetAddress(const char* satellite);
     int Ping(const char* name, const char* host, unsigned short port, int satId, KELSTATUS* status);
 
     int GetSatelliteId(int* id);
@@ -102,6 +104,8 @@ private:
     bool registering_ GUARDED_BY(standing_) = false;
     int satId_ GUARDED_BY(standing_) = 0;
     CStdStr serverId_ GUARDED_BY(standing_);
+
+    PMutex telling_;  // held while the author hears of a service: one event at a time, over whichever connection
 
     PMutex listening_;
     std::vector<CStdStr> subscriptions_ GUARDED_BY(listening_);  // kept over Disconnect, as the methods are

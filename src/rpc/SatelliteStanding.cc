@@ -223,6 +223,8 @@ bool KelSatellite::Impl::AskWhetherKnown(Link& link, int satId) {
                      outcome.problem.c_str());
     }
     if (!answered) return true;
+    // It may be another run of the directory, whose list of listeners is as old as its file.
+    if (!outcome.reused) SubscriptionsAreDue();
     if (outcome.message.code == satelliteIsUnknown) return false;
     return outcome.message.code != KEL_OK || outcome.message.value.vt != VT_I4 || outcome.message.value.lVal == satId;
 }

@@ -9,6 +9,7 @@ namespace kel::transport {
 namespace {
 
 constexpr const char* askMethod = "GetSatelliteHost";
+constexpr size_t maxKnown = 100'000;
 
 }  // namespace
 
@@ -50,6 +51,8 @@ AddressBook::Entry AddressBook::Learn(const std::string& satellite, Outcome& out
         Address address{VUtil::GetStringElement(outcome.message.value, 0),
                         static_cast<uint16_t>(VUtil::GetIntElement(outcome.message.value, 1))};
         PMutexHold hold(lock_);
+        if (known_.size() >= maxKnown)
+            known_.clear();  // satellites come and go; those that are left are asked for again
         known_[satellite] = address;
         entry.address = std::move(address);
     } catch (const KelException& error) {

@@ -36,7 +36,7 @@ public:
     void AskAsync(const std::string& satellite, Handler handler);
     // A call to `address` failed.
     void Forget(const std::string& satellite, const Address& address);
-    // Nothing is sent to it any more.
+    // It may have moved.
     void Forget(const std::string& satellite);
 
 private:

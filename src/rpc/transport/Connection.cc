@@ -8,8 +8,8 @@
 // Requests run as they come, several at once. Notifications of one connection run one after the other, in the order in
 // which they came, since a sender relies on it: the first thread to get one runs those that arrive meanwhile too.
 //
-// With maxOutstandingCalls taken and not answered, the turn is put aside (paused_) and whoever finishes a call picks it
-// up.
+// With maxOutstandingCalls taken and not answered, or with many bytes of notifications waiting, the turn is put aside
+// (paused_) and whoever finishes a call picks it up.
 //
 // Writing. Bytes are written straight to the socket by the thread that has them. What the system does not take becomes
 // the backlog, and everything else queues behind it until the socket is writable again.
@@ -133,22 +133,24 @@ void Connection::ProcessInput() {
         const Frame frame = LookForMessage();
         if (frame == Frame::incomplete) return StartRead();
         wire::Message message;
+        const size_t length = framer_.length();
         if (frame == Frame::malformed || !TakeMessage(message)) return Close("the peer sent what is not a message");
 
         if (message.kind == wire::MessageKind::response) {
             CompleteCall(message);
             continue;
         }
-        outstanding_.fetch_add(1);
         const bool isRequest = message.kind == wire::MessageKind::request;
-        if (!isRequest && !QueueNotification(message)) {  // another thread runs it in its order
+        if (isRequest) outstanding_.fetch_add(1);
+        if (!isRequest && !QueueNotification(message, length)) {  // another thread runs it in its order
             if (PauseIfFull()) return;
             continue;
         }
         if (!PauseIfFull()) PassReadingTurn();
         if (isRequest) {
             owner_.OnCall(shared_from_this(), message);
-            Finished();
+            outstanding_.fetch_sub(1);
+            Resume();
         } else {
             RunNotifications();
         }
@@ -164,41 +166,47 @@ void Connection::PassReadingTurn() {
 
 // Puts the reading turn aside when enough calls are under way; true when the caller no longer holds it.
 bool Connection::PauseIfFull() {
-    if (outstanding_ < maxOutstandingCalls) return false;
+    if (!IsFull()) return false;
     paused_ = true;
     // A call that finished in between has not seen the flag: take the turn back, unless somebody did.
-    return !(outstanding_ < maxOutstandingCalls && paused_.exchange(false));
+    return IsFull() || !paused_.exchange(false);
 }
 
-// One call has been run and answered.
-void Connection::Finished() {
-    outstanding_.fetch_sub(1);
-    if (paused_ && paused_.exchange(false)) PassReadingTurn();
+// Notifications do not count as calls: a peer that sends many while one of them blocks is still asked and answered.
+bool Connection::IsFull() const {
+    return outstanding_ >= maxOutstandingCalls || notificationBytes_ > maxNotificationBytes;
+}
+
+// A call has been run.
+void Connection::Resume() {
+    if (paused_ && !IsFull() && paused_.exchange(false)) PassReadingTurn();
 }
 
 // --- Notifications -------------------------------------------------------------------------------------------------
 
 // True when the caller is to run what is queued.
-bool Connection::QueueNotification(wire::Message& message) {
+bool Connection::QueueNotification(wire::Message& message, size_t size) {
+    notificationBytes_ += size;
     PMutexHold hold(notificationLock_);
-    notifications_.push_back(std::move(message));
+    notifications_.push_back({std::move(message), size});
     return !std::exchange(runningNotifications_, true);
 }
 
 void Connection::RunNotifications() {
     for (;;) {
-        wire::Message message;
+        Notification next;
         {
             PMutexHold hold(notificationLock_);
             if (notifications_.empty()) {
                 runningNotifications_ = false;
                 return;
             }
-            message = std::move(notifications_.front());
+            next = std::move(notifications_.front());
             notifications_.pop_front();
         }
-        owner_.OnCall(shared_from_this(), message);
-        Finished();
+        owner_.OnCall(shared_from_this(), next.message);
+        notificationBytes_ -= next.size;
+        Resume();
     }
 }
 
@@ -379,6 +387,7 @@ bool Connection::CloseIfIdle() {
         if (!calls_.empty()) return false;
         callsClosed_ = true;
     }
+    gaveRoom_ = true;
     Close("its descriptor is needed");
     return true;
 }

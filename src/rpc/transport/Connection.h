@@ -23,9 +23,10 @@ namespace kel::transport {
 class Connection;
 using ConnectionPtr = std::shared_ptr<Connection>;
 
-constexpr int maxOutstandingCalls = 1024;                  // a connection; beyond them reading pauses
-constexpr size_t maxBacklogBytes = wire::maxMessageBytes;  // answers that the peer does not read
-constexpr std::chrono::seconds maxStall{30};               // without progress while a backlog waits
+constexpr int maxOutstandingCalls = 1024;                       // requests of a connection; beyond them reading pauses
+constexpr size_t maxNotificationBytes = wire::maxMessageBytes;  // of notifications that wait; likewise
+constexpr size_t maxBacklogBytes = wire::maxMessageBytes;       // answers that the peer does not read
+constexpr std::chrono::seconds maxStall{30};                    // without progress while a backlog waits
 
 // How a call that this side made ended.
 enum class CallEnd {
@@ -88,6 +89,8 @@ public:
     // The other side's address, in network order.
     in_addr peerAddress() const { return peerAddress_; }
     bool closed() const { return closed_; }
+    // Whether CloseIfIdle has closed it.
+    bool gaveRoom() const { return gaveRoom_; }
 
 private:
     struct ReadHandler;
@@ -100,9 +103,10 @@ private:
     Frame LookForMessage();
     bool TakeMessage(wire::Message& message);
     void PassReadingTurn();
+    bool IsFull() const;
     bool PauseIfFull();
-    void Finished();
-    bool QueueNotification(wire::Message& message);
+    void Resume();
+    bool QueueNotification(wire::Message& message, size_t size);
     void RunNotifications();
     void CompleteCall(wire::Message& answer);
     void LoseCalls();
@@ -118,6 +122,7 @@ private:
     in_addr peerAddress_{};
     std::atomic<bool> closed_{false};
     std::atomic<bool> used_{false};  // something was sent
+    std::atomic<bool> gaveRoom_{false};
 
     // The reading turn's: touched only by the thread that holds it.
     std::unique_ptr<char[]> input_;
@@ -129,8 +134,14 @@ private:
     std::atomic<int> outstanding_{0};
     std::atomic<bool> paused_{false};
 
+    std::atomic<size_t> notificationBytes_{0};
+
     PMutex notificationLock_;
-    std::deque<wire::Message> notifications_ GUARDED_BY(notificationLock_);
+    struct Notification {
+        wire::Message message;
+        size_t size;  // bytes
+    };
+    std::deque<Notification> notifications_ GUARDED_BY(notificationLock_);
     bool runningNotifications_ GUARDED_BY(notificationLock_) = false;
 
     PMutex lock_;

@@ -1,7 +1,6 @@
 #include "rpc/transport/Endpoint.h"
 
 #include "rpc/KelSatellite.h"
-#include "rpc/LibraryLog.h"
 #include "rpc/wire/Codec.h"
 
 #include <algorithm>
@@ -11,12 +10,17 @@ namespace kel::transport {
 
 namespace {
 constexpr std::chrono::seconds lastAnswersTimeout{5};  // for peers to read what methods answered last
-}
+constexpr int maxPortsTried = 100;
+}  // namespace
 
 Endpoint::Endpoint(CallReceiver& receiver)
     : receiver_(receiver),
-      listener_(pool_.io(), [this](Socket socket) { OnAccepted(std::move(socket)); }),
-      loopback_(pool_.io(), [this](Socket socket) { OnAccepted(std::move(socket)); }),
+      listener_(
+          pool_.io(), [this](Socket socket) { OnAccepted(std::move(socket)); },
+          [this](const auto& shortage) { outbound_.MakeRoom(shortage); }),
+      loopback_(
+          pool_.io(), [this](Socket socket) { OnAccepted(std::move(socket)); },
+          [this](const auto& shortage) { outbound_.MakeRoom(shortage); }),
       outbound_(pool_, [this](Socket socket, const std::string& peer) { return Adopt(std::move(socket), peer); }),
       timer_(pool_.io().get_executor()) {}
 
@@ -25,14 +29,17 @@ Endpoint::~Endpoint() { Close(); }
 void Endpoint::Start() { pool_.Start(); }
 
 boost::system::error_code Endpoint::Listen(const Address& at) {
-    const boost::system::error_code error = listener_.Open(at);
-    if (error) return error;
-    const auto address = boost::asio::ip::make_address_v4(at.host);
-    if (address.is_unspecified() || address.is_loopback()) return error;
-    const Address local{"127.0.0.1", listener_.port()};
-    if (const boost::system::error_code taken = loopback_.Open(local)) {
-        CBBLog::warn(LibraryLogger(), "libkel: %s cannot be listened on beside %s: %s", local.text().c_str(),
-                     at.text().c_str(), taken.message().c_str());
+    boost::system::error_code error;
+    // A free port of the one address may be taken on the other.
+    for (int attempt = 0; attempt < maxPortsTried; ++attempt) {
+        error = listener_.Open(at);
+        if (error) return error;
+        const auto address = boost::asio::ip::make_address_v4(at.host);
+        if (address.is_unspecified() || address.is_loopback()) return error;
+        error = loopback_.Open({"127.0.0.1", listener_.port()});
+        if (!error) return error;
+        listener_.Close();
+        if (at.port != 0) return error;
     }
     return error;
 }
@@ -55,6 +62,7 @@ void Endpoint::OnAccepted(Socket socket) {
     boost::system::error_code gone;
     const auto peer = socket.remote_endpoint(gone);
     if (gone) return;
+    outbound_.KeepRoom(socket);
     const std::string name = peer.address().to_string() + ":" + std::to_string(peer.port());
     if (const ConnectionPtr connection = Adopt(std::move(socket), name)) connection->Start();
 }

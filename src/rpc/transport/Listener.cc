@@ -13,8 +13,11 @@ constexpr auto retryAfter = std::chrono::milliseconds(200);
 
 }  // namespace
 
-Listener::Listener(asio::io_context& io, std::function<void(Socket)> accepted)
-    : accepted_(std::move(accepted)), acceptor_(io.get_executor()), retry_(io.get_executor()) {}
+Listener::Listener(asio::io_context& io, std::function<void(Socket)> accepted, Pausing pausing)
+    : accepted_(std::move(accepted)),
+      pausing_(std::move(pausing)),
+      acceptor_(io.get_executor()),
+      retry_(io.get_executor()) {}
 
 boost::system::error_code Listener::Open(const Address& at) {
     PMutexHold hold(lock_);
@@ -61,6 +64,7 @@ void Listener::Pause(const boost::system::error_code& error) {
                      error.message().c_str());
     }
     paused_ = true;
+    pausing_(error);
     PMutexHold hold(lock_);
     if (!acceptor_.is_open()) return;
     retry_.expires_after(retryAfter);

@@ -12,7 +12,9 @@ namespace kel::transport {
 // one more, accepting pauses, says so once, and goes on by itself. Close may come from any thread.
 class Listener {
 public:
-    Listener(boost::asio::io_context& io, std::function<void(Socket)> accepted);
+    // `pausing` is called each time that accepting fails for that reason.
+    using Pausing = std::function<void(const boost::system::error_code& shortage)>;
+    Listener(boost::asio::io_context& io, std::function<void(Socket)> accepted, Pausing pausing);
 
     // Binds and listens; port 0 takes a free one. Nothing is accepted before Start.
     boost::system::error_code Open(const Address& at);
@@ -28,6 +30,7 @@ private:
     void Pause(const boost::system::error_code& error);
 
     std::function<void(Socket)> accepted_;
+    Pausing pausing_;
     std::atomic<uint16_t> port_{0};
     bool paused_ = false;  // touched only by the accept operation's handlers, one at a time
 

@@ -23,7 +23,6 @@ void OneWayQueues::RetireIdle() {
         PMutexHold hold(queue.lock);
         queue.retired = !queue.running;
         if (queue.retired) {
-            addresses_.Forget(queue.satellite);
             entry = queues_.erase(entry);
         } else {
             ++entry;
@@ -43,6 +42,16 @@ void OneWayQueues::Post(const std::string& satellite, std::string bytes) {
         }
         return;
     }
+}
+
+bool OneWayQueues::AwaitRoom(const std::string& satellite, std::chrono::milliseconds timeout) {
+    const QueuePtr queue = FindQueue(satellite);
+    const Deadline deadline = std::chrono::steady_clock::now() + timeout;
+    PMutexHold hold(queue->lock);
+    while (queue->waiting.size() > maxOneWayWaiting / 2) {
+        if (queue->roomMade.wait_until(queue->lock, deadline) == std::cv_status::timeout) return false;
+    }
+    return true;
 }
 
 // False when the queue was retired since it was found.
@@ -113,6 +122,7 @@ bool OneWayQueues::TakeNext(Queue& queue, std::string& bytes) {
         if (!queue.waiting.empty()) {
             bytes = std::move(queue.waiting.front());
             queue.waiting.pop_front();
+            if (queue.waiting.size() == maxOneWayWaiting / 2) queue.roomMade.notify_all();
             return true;
         }
         queue.running = false;
@@ -139,6 +149,7 @@ void OneWayQueues::Failed(const QueuePtr& queue, const std::string& problem) {
         PMutexHold hold(queue->lock);
         dropped = queue->waiting.size() + std::exchange(queue->dropped, 0);
         queue->waiting.clear();
+        queue->roomMade.notify_all();
         queue->running = false;
     }
     if (!isNews) return;

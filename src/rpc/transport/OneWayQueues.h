@@ -4,6 +4,8 @@
 #include "foundation/StdString.h"
 #include "rpc/transport/AddressBook.h"
 
+#include <chrono>
+#include <condition_variable>
 #include <deque>
 #include <map>
 #include <memory>
@@ -13,7 +15,7 @@ namespace kel::transport {
 
 constexpr size_t maxOneWayWaiting = 1024;  // for one satellite; beyond them the oldest is dropped with a warning
 
-constexpr size_t maxIdleQueues = 1024;  // of satellites to which nothing is under way; about so many are kept
+constexpr size_t maxIdleQueues = 16384;  // of satellites to which nothing is under way; about so many are kept
 
 // Each satellite has a queue, and at most one thread or operation at a time, the runner, takes from it: it finds the
 // address, waits for the connection and sends until the queue is empty. A satellite that hangs holds up its own queue
@@ -26,6 +28,9 @@ public:
     // Queues the bytes of one notification for `satellite`.
     void Post(const std::string& satellite, std::string bytes);
 
+    // Waits until at least half of the queue is free; false when that takes longer.
+    bool AwaitRoom(const std::string& satellite, std::chrono::milliseconds timeout);
+
 private:
     struct Queue {
         explicit Queue(std::string name) : satellite(std::move(name)) {}
@@ -34,6 +39,7 @@ private:
         PMutex lock;
         std::deque<std::string> waiting GUARDED_BY(lock);
         bool running GUARDED_BY(lock) = false;
+        std::condition_variable_any roomMade;   // half of it is free
         size_t dropped GUARDED_BY(lock) = 0;    // since the queue was last empty
         bool retired GUARDED_BY(lock) = false;  // no longer in the list
 

@@ -22,6 +22,7 @@ namespace {
 constexpr std::chrono::milliseconds retryAfter{50};
 constexpr std::chrono::minutes shortageWarningPeriod{1};
 constexpr size_t maxLookedAt = 64;
+constexpr int maxBeginnings = 5;
 constexpr rlim_t maxRoomKept = 32;  // descriptors
 
 // One value that a thread waits for and another one brings. Waits on the monotonic clock: a wall clock that is set must
@@ -273,8 +274,8 @@ Outcome Outbound::Call(const Address& to, std::string_view method, std::string_v
             return outcome;
         }
         if (begun == Connection::Begun::closed) {
-            Forget(connection);  // it closed while it was idle: nothing was sent
-            if (outcome.reused) continue;
+            Forget(connection);  // it closed before the call: nothing was sent
+            if (outcome.reused || connection->gaveRoom()) continue;
             outcome.problem = to.text() + " closed the connection at once";
             return outcome;
         }
@@ -320,22 +321,33 @@ void Outbound::CallAsync(const Address& to, std::string method, std::string call
             if (!error) pending->Finish(outcome);
         });
     }
-    const auto parameters = std::make_shared<ScopedVariant>(std::move(in));
-    WithConnection(to, [pending, parameters, method = std::move(method), caller = std::move(caller), to](
-                           const ConnectionPtr& connection, const boost::system::error_code& error) {
-        Outcome outcome;
-        outcome.problem = to.text() + " cannot be reached: " + error.message();
-        if (!connection) return pending->Finish(outcome);
-        const auto begun = connection->Call(
-            method, caller, *parameters,
-            [pending, to](CallEnd end, wire::Message& message) {
-                Outcome ended;
-                Settle(ended, end, message, to.text());
-                pending->Finish(ended);
-            },
-            nullptr);
-        if (begun != Connection::Begun::begun) pending->Finish(outcome);
-    });
+    const auto call = std::make_shared<AsyncCall>(AsyncCall{to, std::move(method), std::move(caller), std::move(in),
+                                                            [pending](Outcome& outcome) { pending->Finish(outcome); }});
+    Begin(call, maxBeginnings);
+}
+
+// Makes the call, anew when a connection was closed under it to make room.
+void Outbound::Begin(const std::shared_ptr<AsyncCall>& call, int attempts) {
+    WithConnection(call->to,
+                   [this, call, attempts](const ConnectionPtr& connection, const boost::system::error_code& error) {
+                       Outcome outcome;
+                       outcome.problem = call->to.text() + " cannot be reached: " + error.message();
+                       if (!connection) return call->handler(outcome);
+                       const auto begun = connection->Call(
+                           call->method, call->caller, call->in,
+                           [call](CallEnd end, wire::Message& message) {
+                               Outcome ended;
+                               Settle(ended, end, message, call->to.text());
+                               call->handler(ended);
+                           },
+                           nullptr);
+                       if (begun == Connection::Begun::begun) return;
+                       Forget(connection);
+                       if (begun == Connection::Begun::closed && connection->gaveRoom() && attempts > 1) {
+                           return Begin(call, attempts - 1);
+                       }
+                       call->handler(outcome);
+                   });
 }
 
 void Outbound::Forget(const ConnectionPtr& connection) {

@@ -58,6 +58,11 @@ public:
     // A connection has closed: the next call makes a new one.
     void Forget(const ConnectionPtr& connection);
 
+    // A descriptor could not be had: closes a connection that nobody uses, if there is one.
+    void MakeRoom(const boost::system::error_code& shortage);
+    // A descriptor was taken: likewise if few are left.
+    void KeepRoom(Socket& socket);
+
     // Refuses further connections and gives up those being made.
     void Close();
 
@@ -67,11 +72,17 @@ private:
         std::vector<ConnectHandler> waiting;
     };
     class Attempt;
+    struct AsyncCall {
+        Address to;
+        std::string method;
+        std::string caller;
+        ScopedVariant in;
+        CallHandler handler;
+    };
 
     void Connected(const Address& to, const boost::system::error_code& error, Socket* socket);
     ConnectionPtr Connect(const Address& to, Deadline deadline, Outcome& outcome);
-    void KeepRoom(Socket& socket);
-    void MakeRoom(const boost::system::error_code& shortage);
+    void Begin(const std::shared_ptr<AsyncCall>& call, int attempts);
 
     WorkerPool& pool_;
     const Adopt adopt_;
