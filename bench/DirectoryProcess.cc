@@ -11,11 +11,13 @@
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
+#include <time.h>
 
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <thread>
+#include <tuple>
 
 namespace kel::bench {
 namespace {
@@ -49,10 +51,17 @@ void WriteSettings(const std::string& folder, uint16_t port) {
     if (!file.flush()) throw std::runtime_error("cannot write the settings in " + folder);
 }
 
+std::pair<Descriptor, Descriptor> Pipe() {
+    int ends[2];
+    if (::pipe2(ends, O_CLOEXEC) != 0) FailWithErrno("pipe");
+    return {Descriptor(ends[0]), Descriptor(ends[1])};
+}
+
 [[noreturn]] void Become(const std::vector<std::string>& arguments, const ChildProcess::Environment& environment,
-                         int output) {
+                         int input, int output) {
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
     ::dup2(output, STDOUT_FILENO);
+    if (input >= 0) ::dup2(input, STDIN_FILENO);
     for (const auto& [name, value] : environment) ::setenv(name.c_str(), value.c_str(), 1);
     std::vector<char*> pointers;
     for (const std::string& argument : arguments) pointers.push_back(const_cast<char*>(argument.c_str()));
@@ -65,16 +74,15 @@ void WriteSettings(const std::string& folder, uint16_t port) {
 
 ChildProcess::ChildProcess(const std::vector<std::string>& arguments, Output output, const Environment& environment)
     : program_(arguments.at(0)), pid_(-1) {
-    Descriptor input;
+    Descriptor childsInput, childsOutput;
     if (output == Output::toReadLine) {
-        int ends[2];
-        if (::pipe2(ends, O_CLOEXEC) != 0) FailWithErrno("pipe");
-        output_ = Descriptor(ends[0]);
-        input = Descriptor(ends[1]);
+        std::tie(output_, childsOutput) = Pipe();
+        std::tie(childsInput, input_) = Pipe();
     }
     pid_.number = ::fork();
     if (pid_.number < 0) FailWithErrno("fork");
-    if (pid_.number == 0) Become(arguments, environment, input.get() < 0 ? STDERR_FILENO : input.get());
+    if (pid_.number == 0)
+        Become(arguments, environment, childsInput.get(), childsOutput.get() < 0 ? STDERR_FILENO : childsOutput.get());
 }
 
 ChildProcess::~ChildProcess() {
@@ -98,11 +106,21 @@ std::string ChildProcess::ReadLine() {
         ThrowIfInterrupted();
         if (SecondsSince(start) > startSeconds) throw std::runtime_error(program_ + " says nothing");
         if (count <= 0) continue;
-        char piece[256];
+        char piece[4096];
         const ssize_t size = ::read(output_.get(), piece, sizeof piece);
         if (size <= 0) throw std::runtime_error(program_ + " has ended by itself");
         unread_.append(piece, static_cast<size_t>(size));
     }
+}
+
+void ChildProcess::WriteLine(const std::string& line) {
+    const std::string text = line + '\n';
+    if (::write(input_.get(), text.data(), text.size()) != static_cast<ssize_t>(text.size())) FailWithErrno(program_);
+}
+
+void ChildProcess::Kill() {
+    ::kill(pid_.number, SIGKILL);
+    ::waitpid(std::exchange(pid_.number, -1), nullptr, 0);
 }
 
 void ChildProcess::ThrowIfEnded() {
@@ -145,12 +163,20 @@ double DirectoryProcess::Start(const std::string& name) {
     return SecondsSince(start);
 }
 
-uint64_t DirectoryProcess::ResidentBytes() const {
+uint64_t DirectoryProcess::Status(const std::string& field) const {
     std::ifstream status("/proc/" + std::to_string(process_.back().pid()) + "/status");
     for (std::string line; std::getline(status, line);) {
-        if (line.rfind("VmRSS:", 0) == 0) return std::stoull(line.substr(6)) * 1024;
+        if (line.rfind(field, 0) == 0) return std::stoull(line.substr(field.size()));
     }
-    throw std::runtime_error("the directory's memory cannot be read");
+    throw std::runtime_error("the directory's status cannot be read");
+}
+
+double DirectoryProcess::CpuSeconds() const {
+    clockid_t clock{};
+    timespec used{};
+    if (::clock_getcpuclockid(process_.back().pid(), &clock) != 0 || ::clock_gettime(clock, &used) != 0)
+        throw std::runtime_error("the directory's processor time cannot be read");
+    return static_cast<double>(used.tv_sec) + static_cast<double>(used.tv_nsec) / 1e9;
 }
 
 }  // namespace kel::bench

@@ -18,7 +18,8 @@ class ChildProcess {
 public:
     using Environment = std::vector<std::pair<std::string, std::string>>;
 
-    // Where its standard output goes: to ReadLine, or to where this process's errors go.
+    // Where its standard output goes: to ReadLine, and its standard input then comes from WriteLine; or to where this
+    // process's errors go.
     enum class Output { toReadLine, toErrors };
 
     // Runs `arguments[0]` with `environment` added to this process's own.
@@ -32,6 +33,12 @@ public:
     // The next line of its standard output, at most 60 seconds away, without the line feed. Throws when the child ends
     // instead.
     std::string ReadLine();
+
+    // Hands it a line, to which the line feed is added.
+    void WriteLine(const std::string& line);
+
+    // Ends it by SIGKILL and waits until it is gone.
+    void Kill();
 
     // Throws when the child has ended by itself.
     void ThrowIfEnded();
@@ -47,6 +54,7 @@ private:
 
     std::string program_;
     Descriptor output_;
+    Descriptor input_;
     std::string unread_;
     Id pid_;
 };
@@ -71,10 +79,18 @@ public:
     uint16_t port() const { return port_; }
     const std::string& root() const { return root_; }
 
-    // Its resident memory, in bytes.
-    uint64_t ResidentBytes() const;
+    // Its resident memory, in bytes: now, and the most that it has ever been.
+    uint64_t ResidentBytes() const { return Status("VmRSS:") * 1024; }
+    uint64_t PeakResidentBytes() const { return Status("VmHWM:") * 1024; }
+
+    unsigned Threads() const { return static_cast<unsigned>(Status("Threads:")); }
+
+    // The processor time that it has used, threads that have ended included.
+    double CpuSeconds() const;
 
 private:
+    uint64_t Status(const std::string& field) const;
+
     std::string program_;
     std::string root_;
     uint16_t port_;

@@ -40,12 +40,12 @@ void Replace(const Replacement& replacement) {
         FailWithErrno(replacement.file);
 }
 
-std::vector<Replacement> ReplacementsFor(const std::string& root, unsigned first, unsigned count) {
+std::vector<Replacement> ReplacementsFor(const std::string& root, unsigned short port, unsigned first, unsigned count) {
     std::vector<Replacement> replacements;
     replacements.reserve(2 * count);
     for (unsigned number = first; number < first + count; ++number) {
         const int id = firstId + static_cast<int>(number);
-        const Satellite satellite = SatelliteNumber(number);
+        const Satellite satellite = SatelliteNumber(number, port);
         replacements.push_back(ReplacementOf(RegistrationFile(root), RegistrationText(id)));
         replacements.push_back(ReplacementOf(SatelliteFile(root, satellite), SatelliteText(satellite, id)));
     }
@@ -63,9 +63,9 @@ void ReadFile(int folder, const char* name, std::vector<char>& buffer) {
 
 }  // namespace
 
-Satellite SatelliteNumber(unsigned number) {
+Satellite SatelliteNumber(unsigned number, unsigned short port) {
     return {Numbered("Satellite-", 7, number), Numbered("Service-", 7, number), Numbered("Description ", 8, number),
-            static_cast<unsigned short>(20'000 + number % 10'000)};
+            port};
 }
 
 std::string RegistrationText(int lastId) {
@@ -97,8 +97,8 @@ void MakeFolders(const std::string& root) {
     Replace(ReplacementOf(RegistrationFile(root), RegistrationText(lastIdAtStart)));
 }
 
-double ReplaceFiles(const std::string& root, unsigned first, unsigned count) {
-    const std::vector<Replacement> replacements = ReplacementsFor(root, first, count);
+double ReplaceFiles(const std::string& root, unsigned short port, unsigned first, unsigned count) {
+    const std::vector<Replacement> replacements = ReplacementsFor(root, port, first, count);
     const auto start = Clock::now();
     for (const Replacement& replacement : replacements) Replace(replacement);
     return count / SecondsSince(start);

@@ -20,7 +20,7 @@ struct Satellite {
     std::string description;  // 20 characters
     unsigned short port;
 };
-Satellite SatelliteNumber(unsigned number);
+Satellite SatelliteNumber(unsigned number, unsigned short port);
 
 // The texts of the two files as the directory writes them for such a satellite.
 std::string RegistrationText(int lastId);
@@ -35,9 +35,9 @@ std::string SatelliteFile(const std::string& root, const Satellite& satellite);
 void MakeFolders(const std::string& root);
 
 // For each of the `count` satellites from number `first` on, replaces the registration file and then the satellite's
-// own, each written beside its target and renamed over it. The texts are ready before the clock starts. Returns the
-// satellites a second.
-double ReplaceFiles(const std::string& root, unsigned first, unsigned count);
+// own, each written beside its target and renamed over it. All have the same port. The texts are ready before the clock
+// starts. Returns the satellites a second.
+double ReplaceFiles(const std::string& root, unsigned short port, unsigned first, unsigned count);
 
 // Reads every satellite file below `root`, one after the other; returns how many there were.
 size_t ReadFiles(const std::string& root);

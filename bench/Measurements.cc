@@ -16,62 +16,16 @@ constexpr unsigned few = 10;
 constexpr unsigned lookUps = 1'000;  // different requests that the look-ups rotate over
 constexpr unsigned usualWidth = 8;   // connections, where only one width is measured
 
-struct Comparison {
-    std::vector<double> measured;
-    std::vector<double> baseline;
-
-    std::vector<double> Ratios() const {
-        std::vector<double> ratios;
-        std::transform(measured.begin(), measured.end(), baseline.begin(), std::back_inserter(ratios),
-                       [](double one, double other) { return one / other; });
-        return ratios;
-    }
-};
-
-double Median(std::vector<double> values) {
-    std::sort(values.begin(), values.end());
-    const size_t middle = values.size() / 2;
-    return values.size() % 2 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
-}
-
-std::string Text(double number, int decimals) {
-    char text[64];
-    std::snprintf(text, sizeof text, "%.*f", decimals, number);
-    return text;
-}
-
-// "12,345 /s"
-std::string Rate(double perSecond) {
-    std::string text = Text(perSecond, 0);
-    for (size_t place = text.size(); place > 3;) text.insert(place -= 3, 1, ',');
-    return text + " /s";
-}
-
-std::string Seconds(double seconds) { return Text(seconds, 3) + " s"; }
-
-// "0.81 (0.79..0.84)"
-std::string Spread(const std::vector<double>& ratios) {
-    const auto [least, most] = std::minmax_element(ratios.begin(), ratios.end());
-    return Text(Median(ratios), 2) + " (" + Text(*least, 2) + ".." + Text(*most, 2) + ")";
-}
-
-Row RowOfRates(std::string what, const Comparison& rates, double goal) {
-    const std::vector<double> ratios = rates.Ratios();
-    return {std::move(what), Rate(Median(rates.measured)), Rate(Median(rates.baseline)),
-            Spread(ratios),  ">= " + Text(goal, 2),        Median(ratios) >= goal};
-}
-
 std::string Connections(unsigned count) {
     return std::to_string(count) + (count == 1 ? " connection" : " connections");
 }
 
-void Announce(const std::string& what) { std::fprintf(stderr, "%s ...\n", what.c_str()); }
-
-// The registrations of `count` satellites from number `first` on, which look like `example`.
-std::vector<Exchange> Registrations(const Exchange& example, unsigned first, unsigned count) {
-    std::vector<Exchange> exchanges(count, example);
-    for (unsigned i = 0; i < count; ++i) exchanges[i].request = RegisterRequest(SatelliteNumber(first + i));
-    return exchanges;
+// Has the directory not ping these satellites. It pings every satellite in every pass, on a thread each, which would
+// compete with what is measured: with thousands that are there only to be many, that is another measurement.
+void LeaveInPeace(LoadClient& client, uint16_t port, std::span<const Satellite> satellites) {
+    std::vector<Exchange> exchanges(satellites.size(), Learn(port, BeRightBackRequest(satellites.front().name)));
+    for (size_t i = 0; i < satellites.size(); ++i) exchanges[i].request = BeRightBackRequest(satellites[i].name);
+    client.RunOnce(exchanges);
 }
 
 std::string ReadText(const std::string& file) {
@@ -80,16 +34,16 @@ std::string ReadText(const std::string& file) {
 }
 
 // The comparison stands only if the directory's files are to the byte those of the loop.
-void RequireSameFiles(const std::string& root, const std::string& other, unsigned number) {
-    const Satellite satellite = SatelliteNumber(number);
+void RequireSameFiles(const std::string& root, const std::string& other, const Satellite& satellite) {
     const std::string text = ReadText(SatelliteFile(root, satellite));
     if (text.empty() || text != ReadText(SatelliteFile(other, satellite)) ||
         ReadText(RegistrationFile(root)) != ReadText(RegistrationFile(other)))
         throw std::runtime_error("the directory's files are not those of the file loop: " + root);
 }
 
-double RunFileLoop(const std::string& root, unsigned first, unsigned count) {
-    ChildProcess loop = StartSelf({"--as-file-loop", root, std::to_string(first), std::to_string(count)});
+double RunFileLoop(const std::string& root, unsigned short port, unsigned first, unsigned count) {
+    ChildProcess loop =
+        StartSelf({"--as-file-loop", root, std::to_string(port), std::to_string(first), std::to_string(count)});
     return std::stod(loop.ReadLine());
 }
 
@@ -122,7 +76,7 @@ std::vector<std::vector<double>> Measurements::InTurn(unsigned rounds, const std
 std::vector<Row> Measurements::SatelliteId() {
     DirectoryProcess directory(program_, Folder("few"));
     directory.Start();
-    const Satellite satellite = SatelliteNumber(0);
+    const Satellite satellite = SatelliteOf(0);
     Learn(directory.port(), RegisterRequest(satellite));
     const Exchange exchange = Learn(directory.port(), SatelliteIdRequest(satellite.name));
     std::vector<Row> rows;
@@ -164,18 +118,24 @@ std::vector<Row> Measurements::Register() {
     DirectoryProcess narrow(program_, Folder("narrow")), wide(program_, Folder("wide"));
     narrow.Start();
     wide.Start();
-    RunFileLoop(loop, 0, 1);
-    const Exchange example = LearnRegister(narrow.port(), 0);
-    LearnRegister(wide.port(), 0);
+    const Satellite satellite = SatelliteOf(0);
+    RunFileLoop(loop, satellite.port, 0, 1);
+    const Exchange example = LearnRegister(narrow.port(), satellite);
+    LearnRegister(wide.port(), satellite);
     LoadClient toNarrow(narrow.port(), 1), toWide(wide.port(), usualWidth);
     const unsigned count = effort_.registrationsASide;
     const auto first = [count](unsigned round) { return 1 + round * count; };
-    const auto rates =
-        InTurn(effort_.fileRounds,
-               {[&](unsigned round) { return toWide.RunOnce(Registrations(example, first(round), count)); },
-                [&](unsigned round) { return RunFileLoop(loop, first(round), count); },
-                [&](unsigned round) { return toNarrow.RunOnce(Registrations(example, first(round), count)); }});
-    RequireSameFiles(narrow.root(), loop, first(effort_.fileRounds) - 1);
+    const auto registerAt = [&](LoadClient& client, uint16_t port, unsigned round) {
+        const std::vector<Satellite> satellites = SatellitesOf(first(round), count);
+        const double rate = client.RunOnce(Registrations(example, satellites));
+        LeaveInPeace(client, port, satellites);
+        return rate;
+    };
+    const auto rates = InTurn(effort_.fileRounds,
+                              {[&](unsigned round) { return registerAt(toWide, wide.port(), round); },
+                               [&](unsigned round) { return RunFileLoop(loop, satellite.port, first(round), count); },
+                               [&](unsigned round) { return registerAt(toNarrow, narrow.port(), round); }});
+    RequireSameFiles(narrow.root(), loop, SatelliteOf(first(effort_.fileRounds) - 1));
     return {RowOfRates("Register, " + Connections(1), {rates[2], rates[1]}, 0.7),
             RowOfRates("Register, " + Connections(usualWidth), {rates[0], rates[1]}, 0.7)};
 }
@@ -185,12 +145,12 @@ std::vector<Row> Measurements::ServiceLookUp() {
     Announce("GetServiceReg, with 100,000 satellites and with 10");
     DirectoryProcess small(program_, Folder("ten"));
     small.Start();
-    for (unsigned i = 0; i < few; ++i) Learn(small.port(), RegisterRequest(SatelliteNumber(i)));
+    for (unsigned i = 0; i < few; ++i) Learn(small.port(), RegisterRequest(SatelliteOf(i)));
     // As many request buffers on both sides, so that the client does the same work.
     std::vector<Exchange> ofMany, ofFew;
     for (unsigned i = 0; i < lookUps; ++i) {
-        const auto learn = [](DirectoryProcess& directory, unsigned number) {
-            return Learn(directory.port(), AnyServiceRequest(SatelliteNumber(number).service));
+        const auto learn = [this](DirectoryProcess& directory, unsigned number) {
+            return Learn(directory.port(), ServiceRequest("any", SatelliteOf(number).service));
         };
         ofMany.push_back(learn(full, i * (many / lookUps)));
         ofFew.push_back(learn(small, i % few));
@@ -217,7 +177,7 @@ std::vector<Row> Measurements::StartUp() {
     const auto seconds = InTurn(effort_.fileRounds, {[&](unsigned) { return RunFileReader(full.root(), many); },
                                                      [&](unsigned) {
                                                          const double untilAnswer =
-                                                             full.Start(SatelliteNumber(many - 1).name);
+                                                             full.Start(SatelliteOf(many - 1).name);
                                                          full.Stop();
                                                          return untilAnswer;
                                                      }});
@@ -227,18 +187,33 @@ std::vector<Row> Measurements::StartUp() {
              Spread(ratios), "<= 2.00", Median(ratios) <= 2}};
 }
 
+// All have one endpoint, which says that it is whoever it is asked for: the directory keeps one connection for all of
+// them, and does not take them for dead.
+Satellite Measurements::SatelliteOf(unsigned number) {
+    if (!endpoint_) endpoint_ = std::make_unique<Swarm>(0, 1);
+    return SatelliteNumber(number, endpoint_->satellites().front().port);
+}
+
+std::vector<Satellite> Measurements::SatellitesOf(unsigned first, unsigned count) {
+    std::vector<Satellite> satellites;
+    for (unsigned i = 0; i < count; ++i) satellites.push_back(SatelliteOf(first + i));
+    return satellites;
+}
+
 DirectoryProcess& Measurements::FullDirectory() {
     if (full_) return *full_;
     Announce("registering 100,000 satellites");
     full_ = std::make_unique<DirectoryProcess>(program_, Folder("full"));
     full_->Start();
     const uint64_t before = full_->ResidentBytes();
-    const Exchange example = LearnRegister(full_->port(), 0);
+    const Exchange example = LearnRegister(full_->port(), SatelliteOf(0));
     {
         LoadClient client(full_->port(), usualWidth);
-        constexpr unsigned portion = 10'000;
-        for (unsigned first = 1; first < many; first += portion) {
-            client.RunOnce(Registrations(example, first, std::min(portion, many - first)));
+        constexpr unsigned portion = 1'000;  // that a pass may come upon before they are left in peace
+        for (unsigned first = 0; first < many; first += portion) {
+            const std::vector<Satellite> satellites = SatellitesOf(first, portion);
+            client.RunOnce(Registrations(example, std::span(satellites).subspan(first == 0 ? 1 : 0)));
+            LeaveInPeace(client, full_->port(), satellites);
         }
     }
     fullBytes_ = full_->ResidentBytes() - before;

@@ -2,7 +2,9 @@
 #pragma once
 
 #include "DirectoryProcess.h"
+#include "Figures.h"
 #include "LoadClient.h"
+#include "SwarmProcess.h"
 
 #include <cstdint>
 #include <functional>
@@ -14,16 +16,6 @@
 
 namespace kel::bench {
 
-// One line of the table, in words.
-struct Row {
-    std::string what;
-    std::string measured;
-    std::string baseline;
-    std::string ratio;
-    std::string goal;
-    bool reached;
-};
-
 // How much to do. Many short rounds rather than a few long ones: what else the machine does then spoils a few of them,
 // and the median does not see those.
 struct Effort {
@@ -31,6 +23,7 @@ struct Effort {
     double secondsASide = 0.33;  // in a round of calls
     unsigned fileRounds = 7;
     unsigned registrationsASide = 1'000;  // in a round of registrations
+    unsigned passes = 5;                  // of liveness checks, after the first one
 };
 
 // The machine's speed drifts, so both sides of a comparison run in turn, round after round; each round gives one ratio,
@@ -60,17 +53,32 @@ public:
     // reads these files.
     std::vector<Row> StartUp();
 
+    // Passes of liveness checks over 1,000 and over 10,000 living satellites, beside a loop that exchanges the same
+    // bytes with the same ports.
+    std::vector<Row> Liveness();
+
+    // From the call that adds a service to the last of 1,000 listeners, beside a loop that writes them the same bytes.
+    std::vector<Row> FanOut();
+
+    // What is left of 1,000 satellites out of 10,000 two passes after they were killed.
+    std::vector<Row> Deaths();
+
 private:
     using Side = std::function<double(unsigned round)>;
     static std::vector<std::vector<double>> InTurn(unsigned rounds, const std::vector<Side>& sides);
 
     std::string Folder(const std::string& name) const { return folder_ + "/" + name; }
     Row SatelliteIdAt(unsigned connections, uint16_t port, const Exchange& exchange);
+    std::vector<Row> LivenessOf(unsigned count);
     DirectoryProcess& FullDirectory();
+
+    Satellite SatelliteOf(unsigned number);
+    std::vector<Satellite> SatellitesOf(unsigned first, unsigned count);
 
     std::string program_;
     std::string folder_;
     Effort effort_;
+    std::unique_ptr<Swarm> endpoint_;         // of all satellites that SatelliteOf gives
     std::unique_ptr<DirectoryProcess> full_;  // made by the first measurement that needs it
     uint64_t fullBytes_ = 0;                  // what its satellites added to its memory
 };

@@ -12,9 +12,8 @@ namespace kel::bench {
 namespace {
 
 constexpr uint32_t messageId = 1;
-constexpr const char* caller = "Player";
 
-std::string Encoded(std::string_view method, const tagVARIANT& in) {
+std::string Encoded(std::string_view method, const tagVARIANT& in, const std::string& caller = "Player") {
     std::string bytes;
     if (!wire::EncodeRequest(bytes, messageId, method, caller, in))
         throw std::runtime_error("a request has no encoding");
@@ -44,15 +43,17 @@ std::string SatelliteIdRequest(const std::string& satellite) {
     return Encoded("GetSatelliteId", MakeString(satellite.c_str()));
 }
 
-std::string AnyServiceRequest(const std::string& service) {
+std::string ServiceRequest(const std::string& destination, const std::string& service) {
     ScopedVariant in;
     VUtil::CreateArray(in, VT_VARIANT, 2);
-    VUtil::PutElement(in, 0, "any");
+    VUtil::PutElement(in, 0, destination.c_str());
     VUtil::PutElement(in, 1, service.c_str());
     return Encoded("GetServiceReg", in);
 }
 
-std::string RegisterRequest(const Satellite& satellite) {
+namespace {
+
+std::string RecordRequest(const char* method, const Satellite& satellite, int id) {
     ScopedVariant entry;
     VUtil::CreateArray(entry, VT_VARIANT, 2);
     VUtil::PutElement(entry, 0, satellite.service.c_str());
@@ -66,23 +67,79 @@ std::string RegisterRequest(const Satellite& satellite) {
     VUtil::PutElement(in, 1, "studio");
     VUtil::PutElement(in, 2, satellite.port);
     VUtil::PutElement(in, 3, 2);  // protocol version
-    VUtil::PutElement(in, 4, 0);  // no id yet
+    VUtil::PutElement(in, 4, id);
     VUtil::PutElement(in, 5, 1);  // services that follow
     VUtil::PutElement(in, 6, services);
-    return Encoded("Register", in);
+    return Encoded(method, in);
+}
+
+}  // namespace
+
+std::string RegisterRequest(const Satellite& satellite, int id) { return RecordRequest("Register", satellite, id); }
+
+std::string UnregisterRequest(const Satellite& satellite, int id) { return RecordRequest("UnRegister", satellite, id); }
+
+std::string BeRightBackRequest(const std::string& satellite) {
+    constexpr int seconds = 3600;
+    ScopedVariant in;
+    in.vt = VT_I4;
+    in.lVal = seconds;
+    return Encoded("SetBeRightBackTimer", in, satellite);
+}
+
+std::string ListenRequest(const std::string& listener, const std::vector<std::string>& services) {
+    ScopedVariant in;
+    VUtil::CreateArray(in, VT_VARIANT, services.size());
+    for (size_t i = 0; i < services.size(); ++i) VUtil::PutElement(in, static_cast<int>(i), services[i].c_str());
+    return Encoded("AddServiceAvailabilityListener", in, listener);
+}
+
+std::string PingRequest(const std::string& satellite, int id) {
+    ScopedVariant in;
+    VUtil::CreateArray(in, VT_VARIANT, 2);
+    VUtil::PutElement(in, 0, satellite.c_str());
+    VUtil::PutElement(in, 1, id);
+    return Encoded("kel.Ping", in, "MainRegister");
+}
+
+std::string AliveAnswer() {
+    ScopedVariant alive;
+    alive.vt = VT_I4;
+    alive.lVal = 1;
+    std::string bytes;
+    if (!wire::EncodeResponse(bytes, messageId, 0, alive)) throw std::runtime_error("an answer has no encoding");
+    return bytes;
+}
+
+std::string ServiceCameNotification(const std::string& service, const std::string& satellite) {
+    ScopedVariant in;
+    VUtil::CreateArray(in, VT_VARIANT, 3);
+    VUtil::PutElement(in, 0, service.c_str());
+    VUtil::PutElement(in, 1, satellite.c_str());
+    VUtil::PutElement(in, 2, 1);
+    std::string bytes;
+    if (!wire::EncodeNotification(bytes, "OnServiceAvailabilityChanged", "MainRegister", in))
+        throw std::runtime_error("a notification has no encoding");
+    return bytes;
+}
+
+Answer AskOn(const Descriptor& connection, const std::string& request) {
+    if (::send(connection.get(), request.data(), request.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(request.size()))
+        FailWithErrno("send");
+    std::string bytes = ReadAnswer(connection.get());
+    wire::Message message;
+    if (!wire::Decode(bytes.data(), bytes.size(), message) || message.kind != wire::MessageKind::response)
+        throw std::runtime_error("the directory's answer is no response");
+    if (message.failed) throw std::runtime_error("a call failed: " + message.errorText);
+    return {message.code, std::move(message.value), std::move(bytes)};
 }
 
 std::optional<std::string> Ask(uint16_t port, const std::string& request) {
     const Descriptor socket = ConnectToLoopback(port);
     if (socket.get() < 0) return std::nullopt;
-    if (::send(socket.get(), request.data(), request.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(request.size()))
-        FailWithErrno("send");
-    std::string answer = ReadAnswer(socket.get());
-    wire::Message message;
-    if (!wire::Decode(answer.data(), answer.size(), message) || message.kind != wire::MessageKind::response)
-        throw std::runtime_error("the directory's answer is no response");
-    if (message.failed || message.code != 0) return std::nullopt;
-    return answer;
+    Answer answer = AskOn(socket, request);
+    if (answer.result != 0) return std::nullopt;
+    return std::move(answer.bytes);
 }
 
 Exchange Learn(uint16_t port, const std::string& request) {
@@ -91,11 +148,17 @@ Exchange Learn(uint16_t port, const std::string& request) {
     return {request, *answer, answer->size()};
 }
 
-Exchange LearnRegister(uint16_t port, unsigned number) {
-    Exchange exchange = Learn(port, RegisterRequest(SatelliteNumber(number)));
+Exchange LearnRegister(uint16_t port, const Satellite& satellite) {
+    Exchange exchange = Learn(port, RegisterRequest(satellite));
     constexpr size_t idBytes = 5;  // an integer beyond 16 bits, at the very end
     exchange.answerStart.resize(exchange.answerBytes - idBytes);
     return exchange;
+}
+
+std::vector<Exchange> Registrations(const Exchange& example, std::span<const Satellite> satellites) {
+    std::vector<Exchange> exchanges(satellites.size(), example);
+    for (size_t i = 0; i < satellites.size(); ++i) exchanges[i].request = RegisterRequest(satellites[i]);
+    return exchanges;
 }
 
 }  // namespace kel::bench

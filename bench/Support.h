@@ -1,6 +1,7 @@
 // What the parts of kel_bench share: the clock, errors with errno in words, descriptors, and being interrupted.
 #pragma once
 
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -31,6 +32,14 @@ inline volatile std::sig_atomic_t interruptedBy = 0;
 inline void ThrowIfInterrupted() {
     if (interruptedBy == SIGALRM) throw std::runtime_error("stopped: it took too long");
     if (interruptedBy) throw std::runtime_error("stopped by a signal");
+}
+
+// As many descriptors as the system allows, for this process and those that it starts.
+inline void RaiseDescriptorLimit() {
+    rlimit limit{};
+    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+    limit.rlim_cur = limit.rlim_max;
+    ::setrlimit(RLIMIT_NOFILE, &limit);
 }
 
 // Owns one file descriptor; -1 is none.

@@ -4,6 +4,7 @@
 #include "FileLoop.h"
 #include "Measurements.h"
 #include "Support.h"
+#include "SwarmProcess.h"
 
 #include <sys/utsname.h>
 #include <unistd.h>
@@ -24,8 +25,9 @@ namespace fs = std::filesystem;
 constexpr const char* usage =
     "usage: kel_bench [--quick] [--only NAME] [--directory PROGRAM]\n"
     "\n"
-    "  --quick              fewer and shorter rounds: about a minute instead of about four\n"
-    "  --only NAME          one measurement: id, register, service, memory or startup\n"
+    "  --quick              fewer and shorter rounds: about two minutes instead of about six\n"
+    "  --only NAME          one measurement: id, register, service, memory, startup, liveness, fanout or\n"
+    "                       deaths\n"
     "  --directory PROGRAM  the directory to measure (default: KelDirectory beside this program)\n"
     "\n"
     "Files are written to a folder of its own below $TMPDIR (default /tmp), which should lie on the kind of disk that "
@@ -39,7 +41,8 @@ constexpr const char* legend =
     "baselines: GetSatelliteId: an epoll echo of the same request, [threads of the echo server, the better of 1 and "
     "2];\n"
     "  Register: one thread that only replaces the same two files; GetServiceReg: a directory with 10 satellites;\n"
-    "  start-up: a program that only reads these files\n";
+    "  start-up: a program that only reads these files; alive: a loop of one thread that asks the same satellites the\n"
+    "  same, one after the other; AddService: a loop that writes the same bytes to as many sockets\n";
 
 struct Measurement {
     const char* name;
@@ -49,7 +52,8 @@ struct Measurement {
 constexpr Measurement measurements[] = {
     {"id", &Measurements::SatelliteId},        {"register", &Measurements::Register},
     {"service", &Measurements::ServiceLookUp}, {"memory", &Measurements::Memory},
-    {"startup", &Measurements::StartUp},
+    {"startup", &Measurements::StartUp},       {"liveness", &Measurements::Liveness},
+    {"fanout", &Measurements::FanOut},         {"deaths", &Measurements::Deaths},
 };
 
 struct Options {
@@ -102,6 +106,7 @@ void WatchSignals(unsigned secondsAtMost) {
     struct sigaction action {};
     action.sa_handler = [](int signal) { interruptedBy = signal; };
     for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGALRM}) ::sigaction(signal, &action, nullptr);
+    ::signal(SIGPIPE, SIG_IGN);  // a child that has ended is found out by what it does not say
     ::alarm(secondsAtMost);
 }
 
@@ -121,19 +126,23 @@ void PrintTable(const std::vector<Row>& rows, const std::string& folder) {
     PrintRow("what", "measured", "baseline", "ratio", "goal", "reached");
     for (const Row& row : rows) {
         PrintRow(row.what, row.measured, row.baseline.empty() ? "-" : row.baseline, row.ratio.empty() ? "-" : row.ratio,
-                 row.goal, row.reached ? "yes" : "no");
+                 row.goal.empty() ? "-" : row.goal,
+                 row.goal.empty() ? "-"
+                 : row.reached    ? "yes"
+                                  : "no");
     }
     std::fputs(legend, stdout);
     std::fflush(stdout);  // removing the files may take a while
 }
 
 int Measure(Options options) {
-    WatchSignals(options.quick ? 180 : 360);
+    WatchSignals(options.quick ? 360 : 720);
+    RaiseDescriptorLimit();
     if (options.directory.empty()) {
         options.directory = fs::read_symlink("/proc/self/exe").replace_filename("KelDirectory").string();
     }
     const TemporaryFolder folder;
-    Measurements all(options.directory, folder.path(), options.quick ? Effort{9, 0.15, 3, 500} : Effort{});
+    Measurements all(options.directory, folder.path(), options.quick ? Effort{9, 0.15, 3, 500, 2} : Effort{});
     std::vector<Row> rows;
     int status = 0;
     try {
@@ -156,9 +165,11 @@ bool RunAsChild(const std::vector<std::string>& arguments) {
         RunEchoServer(static_cast<unsigned>(std::stoul(arguments[1])));
     } else if (count == 2 && arguments[0] == "--as-file-reader") {
         std::printf("%zu\n", ReadFiles(arguments[1]));
-    } else if (count == 4 && arguments[0] == "--as-file-loop") {
-        std::printf("%f\n", ReplaceFiles(arguments[1], static_cast<unsigned>(std::stoul(arguments[2])),
-                                         static_cast<unsigned>(std::stoul(arguments[3]))));
+    } else if (count == 5 && arguments[0] == "--as-file-loop") {
+        const auto number = [&](size_t place) { return static_cast<unsigned>(std::stoul(arguments[place])); };
+        std::printf("%f\n", ReplaceFiles(arguments[1], static_cast<unsigned short>(number(2)), number(3), number(4)));
+    } else if (count == 1 && arguments[0] == "--as-ping-loop") {
+        RunPingLoop();
     } else {
         return false;
     }
