@@ -52,7 +52,8 @@ int64_t Now() { return std::chrono::duration_cast<std::chrono::nanoseconds>(Cloc
 
 // --- MessagePack, as far as directories use it towards satellites --------------------------------------------------
 
-// The length of the value at the front of `bytes`; 0 when its end is not there yet.
+// The length of the value at the front of `bytes`; 0 when its end is not there yet. What no directory sends counts as
+// one value.
 size_t LengthOfValue(std::string_view bytes) {
     size_t place = 0;
     for (size_t missing = 1; missing > 0; --missing) {
@@ -68,8 +69,7 @@ size_t LengthOfValue(std::string_view bytes) {
         else if (type == 0xda) length += 2 + (at(1) << 8 | at(2));
         else if (type >= 0xcc && type <= 0xcf) length += size_t{1} << (type - 0xcc);
         else if (type >= 0xd0 && type <= 0xd3) length += size_t{1} << (type - 0xd0);
-        else if (type > 0x7f && type < 0xe0 && type != 0xc0 && type != 0xc2 && type != 0xc3)
-            throw std::runtime_error("the directory sent a value of an unexpected type");
+        else if (type > 0x7f && type < 0xe0 && type != 0xc0 && type != 0xc2 && type != 0xc3) return bytes.size();
         place += length;
     }
     return place <= bytes.size() ? place : 0;
@@ -205,7 +205,7 @@ private:
     }
 
     void Accept(int listener) {
-        const int connection = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+        const int connection = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
         if (connection < 0) {
             if (errno == EAGAIN || errno == ECONNABORTED) return;
             FailWithErrno("accept");
@@ -219,6 +219,7 @@ private:
         const ssize_t size = ::read(descriptor, buffer_.data(), buffer_.size());
         Socket& socket = sockets_[static_cast<size_t>(descriptor)];
         const bool commands = socket.kind == Socket::Kind::commands;
+        if (size < 0 && errno == EAGAIN) return;  // the event was that of a connection before, with the same descriptor
         if (size <= 0) {
             done_ = commands;
             return Close(descriptor);
@@ -231,6 +232,7 @@ private:
             if (commands) Obey(std::string(rest.substr(0, length)));
             else Handle(descriptor, satellite, rest.substr(0, length));
             rest.remove_prefix(length);
+            if (sockets_[static_cast<size_t>(descriptor)].kind == Socket::Kind::none) return;
         }
         sockets_[static_cast<size_t>(descriptor)].unread = rest;
     }
@@ -239,7 +241,7 @@ private:
         if (message.starts_with(noticeStart)) return CountNotice();
         const int64_t arrival = Now();
         const std::string answer = AnswerToPing(message);
-        if (answer.empty()) throw std::runtime_error("the directory sent what is neither ping nor notification");
+        if (answer.empty()) return Close(descriptor);  // no directory: somebody who tries ports
         // A sender that has gone meanwhile is found out by the next read.
         if (::send(descriptor, answer.data(), answer.size(), MSG_NOSIGNAL) > 0) CountPing(satellite, arrival);
     }
