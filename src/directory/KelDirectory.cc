@@ -28,6 +28,7 @@ bool KelDirectory::init(const std::vector<CStdStr>& /*args*/) {
         PMutexHold hold(stopSignal_);
         stopping_ = false;
     }
+    registration_.AllowChecks(true);
     if (registration_.LoadAllSatFiles() != 0) CBBLog::warn("Failed to load satellites");
 
     sink_ = new (std::nothrow) CDirectorySink(this);
@@ -98,6 +99,7 @@ void KelDirectory::close() {
         stopping_ = true;
         stopSignal_.broadcast();
     }
+    registration_.AllowChecks(false);
     if (checkThread_) checkThread_->Join();
     checkThread_.reset();
     if (!sink_) return;

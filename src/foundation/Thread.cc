@@ -1,12 +1,12 @@
 #include "foundation/Thread.h"
 
-#include "foundation/Locks.h"
 #include "foundation/StdString.h"
 
 #include <boost/make_shared.hpp>
 #include <boost/smart_ptr/bad_weak_ptr.hpp>
 #include <boost/throw_exception.hpp>
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <stdexcept>
@@ -16,7 +16,7 @@ struct PThread::ThreadData {
     ThreadData(std::unique_ptr<PThreadDelegateGeneric> work, void* its) : delegate(std::move(work)), argument(its) {}
 
     std::unique_ptr<PThreadDelegateGeneric> delegate;
-    PManualEvent started;
+    std::atomic<bool> started{false};
     void* argument;
 };
 
@@ -37,13 +37,18 @@ void PThread::Start() {
     // A reference of its own: the delegate may destroy this object as soon as it runs.
     const boost::shared_ptr<ThreadData> data = data_;
     joined_ = false;
-    if (const int error = pthread_create(&handle_, nullptr, &_PThread_delegate_helper_function, this)) {
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    if (stackSize_ > 0) pthread_attr_setstacksize(&attributes, stackSize_);
+    const int error = pthread_create(&handle_, &attributes, &_PThread_delegate_helper_function, this);
+    pthread_attr_destroy(&attributes);
+    if (error != 0) {
         joined_ = true;
         CStdStr message;
         message.Format("Failed to create thread: %d", error);
         throw std::runtime_error(message);
     }
-    data->started.waitSignalled();
+    data->started.wait(false);
 }
 
 unsigned int PThread::Join() {
@@ -58,7 +63,8 @@ void* PThread::_PThread_delegate_helper_function(void* self) {
     // The PThread is there until `started` is set, and perhaps not a moment longer.
     boost::shared_ptr<ThreadData> data = static_cast<PThread*>(self)->data_;
     if (!data) throw boost::bad_weak_ptr();
-    data->started.set();
+    data->started = true;
+    data->started.notify_one();
     const std::uintptr_t result = data->delegate->Invoke(data->argument);
     data.reset();
     return reinterpret_cast<void*>(result);

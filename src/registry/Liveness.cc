@@ -13,21 +13,22 @@
 namespace {
 
 constexpr int alive = 1;
+constexpr size_t stackSize = 256 * 1024;  // enough for a ping and a removal, and thousands may hang at a time
 
 }  // namespace
 
 struct CRegistration::CheckSatelliteData {
     CheckSatelliteData(const SatellitePtr& checked, SatelliteChannel* through,
                        const boost::shared_ptr<RunningChecks>& checks)
-        : satellite(checked), sink(through), running(checks), number(checks->Begin()) {}
-    ~CheckSatelliteData() { running->End(number); }
+        : satellite(checked), sink(through), running(checks), generation(checks->Begin()) {}
+    ~CheckSatelliteData() { running->End(generation); }
     CheckSatelliteData(const CheckSatelliteData&) = delete;
     CheckSatelliteData& operator=(const CheckSatelliteData&) = delete;
 
     const SatellitePtr satellite;
     SatelliteChannel* const sink;
     const boost::shared_ptr<RunningChecks> running;
-    const uint64_t number;
+    const unsigned generation;
 };
 
 void CRegistration::CheckSatellites(SatelliteChannel* sink) {
@@ -39,6 +40,7 @@ void CRegistration::CheckSatellites(SatelliteChannel* sink) {
         for (const auto& [name, satellite] : satellites_) satellites.push_back(satellite);
     }
     for (const SatellitePtr& satellite : satellites) {
+        if (!mayBeginChecks_) return;
         if (!satellite->checkDone.testAndReset()) continue;
         if (IsRightBack(*satellite)) {  // there is nothing to do that a thread would be needed for
             satellite->checkDone.set();
@@ -52,6 +54,7 @@ void CRegistration::StartCheck(const SatellitePtr& satellite, SatelliteChannel* 
     try {
         auto data = std::make_unique<CheckSatelliteData>(satellite, sink, runningChecks_);
         PThread thread(new PThreadDelegateMember<CRegistration>(this, &CRegistration::CheckSatellite), data.get());
+        thread.SetStackSize(stackSize);
         thread.Start();
         data.release();  // the thread's
     } catch (...) {

@@ -123,6 +123,8 @@ public:
     // to stay until WaitCheckSatellites has returned. Throws std::runtime_error when the system has no thread left: the
     // satellites after the one it was needed for are not checked this time.
     void CheckSatellites(SatelliteChannel* sink) EXCLUDES(lock_);
+    // Whether checks may begin; without, a call of CheckSatellites that is under way begins no more. They may at first.
+    void AllowChecks(bool mayBegin) { mayBeginChecks_ = mayBegin; }
     // One check, the body of its thread: pings the satellite, unless it asked not to be, and removes it when it does
     // not answer. `data` is a CheckSatelliteData, which it deletes. Returns 0.
     unsigned int CheckSatellite(void* data) EXCLUDES(lock_);
@@ -175,6 +177,7 @@ private:
 
     boost::shared_ptr<ServiceAvailability> availability_;
 
+    std::atomic<bool> mayBeginChecks_{true};
     const boost::shared_ptr<RunningChecks> runningChecks_;
     PMutex unstartedLock_;
     SatellitePtr unstarted_ GUARDED_BY(unstartedLock_);  // its check was begun without a thread

@@ -4,34 +4,37 @@
 
 #include "foundation/Locks.h"
 
+#include <array>
 #include <cstdint>
-#include <set>
 
-// Any thread.
+// Any thread; one at a time may wait. Checks are counted by whether they began before or after the latest wait.
 class RunningChecks {
 public:
-    // Numbers a check that begins.
-    uint64_t Begin() EXCLUDES(lock_) {
+    // A check begins. Returns what End takes.
+    unsigned Begin() EXCLUDES(lock_) {
         PMutexHold hold(lock_);
-        running_.insert(next_);
-        return next_++;
+        ++running_[generation_];
+        return generation_;
     }
 
-    void End(uint64_t number) EXCLUDES(lock_) {
+    void End(unsigned generation) EXCLUDES(lock_) {
         PMutexHold hold(lock_);
-        running_.erase(number);
-        lock_.broadcast();
+        if (--running_[generation] == 0 && isAwaited_) lock_.broadcast();
     }
 
     // Returns when none is running of those that began before this call.
     void Wait() EXCLUDES(lock_) {
         PMutexHold hold(lock_);
-        const uint64_t end = next_;
-        while (!running_.empty() && *running_.begin() < end) lock_.wait();
+        const unsigned before = generation_;
+        generation_ = 1 - generation_;
+        isAwaited_ = true;
+        while (running_[before] > 0) lock_.wait();
+        isAwaited_ = false;
     }
 
 private:
     PCondMutex lock_;
-    std::set<uint64_t> running_ GUARDED_BY(lock_);
-    uint64_t next_ GUARDED_BY(lock_) = 0;
+    std::array<uint64_t, 2> running_ GUARDED_BY(lock_){};
+    unsigned generation_ GUARDED_BY(lock_) = 0;
+    bool isAwaited_ GUARDED_BY(lock_) = false;
 };

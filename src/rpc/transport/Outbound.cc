@@ -203,7 +203,7 @@ void Outbound::KeepRoom(Socket& socket) {
     if (static_cast<rlim_t>(socket.native_handle()) + kept >= limit.rlim_cur) MakeRoom(asio::error::no_descriptors);
 }
 
-// Closes one connection that nobody uses, looking at a few more each time, in the order of their addresses.
+// Closes one connection that nobody uses, looking at a few more each time.
 void Outbound::MakeRoom(const boost::system::error_code& shortage) {
     std::vector<ConnectionPtr> candidates;
     bool warn;
@@ -212,11 +212,11 @@ void Outbound::MakeRoom(const boost::system::error_code& shortage) {
         const Deadline now = std::chrono::steady_clock::now();
         warn = now >= nextShortageWarning_;
         if (warn) nextShortageWarning_ = now + shortageWarningPeriod;
-        auto slot = slots_.upper_bound(lastLookedAt_);
-        for (size_t i = std::min(slots_.size(), maxLookedAt); i > 0; --i, ++slot) {
-            if (slot == slots_.end()) slot = slots_.begin();
-            if (slot->second.connection) candidates.push_back(slot->second.connection);
-            lastLookedAt_ = slot->first;
+        for (size_t i = std::min(slots_.bucket_count(), maxLookedAt); i > 0; --i) {
+            nextBucket_ = (nextBucket_ + 1) % slots_.bucket_count();
+            for (auto slot = slots_.begin(nextBucket_); slot != slots_.end(nextBucket_); ++slot) {
+                if (slot->second.connection) candidates.push_back(slot->second.connection);
+            }
         }
     }
     if (warn) {
@@ -360,7 +360,7 @@ void Outbound::Forget(const ConnectionPtr& connection) {
 }
 
 void Outbound::Close() {
-    std::map<Address, Slot> slots;
+    decltype(slots_) slots;
     {
         PMutexHold hold(lock_);
         closed_ = true;

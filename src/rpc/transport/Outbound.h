@@ -7,8 +7,8 @@
 #include "rpc/transport/WorkerPool.h"
 
 #include <functional>
-#include <map>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 namespace kel::transport {
@@ -71,6 +71,11 @@ private:
         ConnectionPtr connection;
         std::vector<ConnectHandler> waiting;
     };
+    struct HashAddress {
+        size_t operator()(const Address& address) const {
+            return std::hash<std::string>()(address.host) * 31 + std::hash<uint16_t>()(address.port);
+        }
+    };
     class Attempt;
     struct AsyncCall {
         Address to;
@@ -88,10 +93,10 @@ private:
     const Adopt adopt_;
 
     PMutex lock_;
-    std::map<Address, Slot> slots_ GUARDED_BY(lock_);
-    std::map<const Connection*, Address> addresses_ GUARDED_BY(lock_);
+    std::unordered_map<Address, Slot, HashAddress> slots_ GUARDED_BY(lock_);
+    std::unordered_map<const Connection*, Address> addresses_ GUARDED_BY(lock_);
     bool closed_ GUARDED_BY(lock_) = false;
-    Address lastLookedAt_ GUARDED_BY(lock_);  // to make room
+    size_t nextBucket_ GUARDED_BY(lock_) = 0;  // of the slots, to look at when room is needed
     Deadline nextShortageWarning_ GUARDED_BY(lock_){};
 };
 
