@@ -16,7 +16,7 @@
 namespace kel::bench {
 namespace {
 
-constexpr unsigned descriptorsForSatellite = 3;  // its port, the directory's connection, the baseline's connection
+constexpr unsigned descriptorsForSatellite = 3;  // its port, the directory's connection, the baseline's for a moment
 constexpr unsigned descriptorsToSpare = 100;
 
 std::vector<std::string> SwarmCommand(unsigned first, unsigned count) {
@@ -39,7 +39,6 @@ double CpuSeconds() {
 
 struct Target {
     uint16_t port;
-    Descriptor connection;
     std::string request;
     std::string answer;
 };
@@ -53,14 +52,14 @@ std::vector<Target> ReadTargets() {
     for (int number = 0; words >> port; ++number) {
         const int id = firstId + number;
         const std::string name = SatelliteNumber(static_cast<unsigned>(number), 0).name;
-        targets.push_back({static_cast<uint16_t>(port), Descriptor(), PingRequest(name, id), AliveAnswer()});
+        targets.push_back({static_cast<uint16_t>(port), PingRequest(name, id), AliveAnswer()});
     }
     return targets;
 }
 
 void AskTarget(Target& target) {
-    if (target.connection.get() < 0) target.connection = ConnectToLoopback(target.port);
-    const int socket = target.connection.get();
+    const Descriptor connection = ConnectToLoopback(target.port);
+    const int socket = connection.get();
     if (socket < 0) throw std::runtime_error("a satellite's port is closed");
     const std::string& request = target.request;
     if (::send(socket, request.data(), request.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(request.size()))

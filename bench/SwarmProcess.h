@@ -79,7 +79,7 @@ private:
 };
 
 // What a directory's liveness check is held against: asks each of the satellites whether it is alive, one after the
-// other, on connections that the first round makes and the others keep.
+// other, connecting for it.
 class PingLoop {
 public:
     explicit PingLoop(const std::vector<Satellite>& satellites);
