@@ -15,6 +15,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <limits>
+#include <utility>
 
 namespace {
 
@@ -275,6 +276,20 @@ CStdStr CBBLog::getLogs() {
     return lines;
 }
 
+bool CBBLog::flush(long milliseconds) {
+    const timespec deadline = DeadlineIn(milliseconds);
+    PMutexHold hold(queueLock_);
+    while (writing_ || !queue_.empty()) {
+        if (!queueLock_.waitUntil(deadline)) return false;
+    }
+    return true;
+}
+
+bool CBBLog::flushAll(long milliseconds) {
+    const boost::shared_ptr<CBBLog> logger = instance();
+    return !logger || logger->flush(milliseconds);
+}
+
 // The queue is looked at before the stop: a log that is destroyed before its thread came this far has lines, too.
 unsigned int CBBLog::loggerThread(void*) {
     queueLock_.lock();
@@ -283,10 +298,12 @@ unsigned int CBBLog::loggerThread(void*) {
         while (!queue_.empty()) {
             const CStdStr line = std::move(queue_.front());
             queue_.pop_front();
+            writing_ = true;
             queueLock_.unlock();
             logLineToFile(line);
             queueLock_.lock();
         }
+        if (std::exchange(writing_, false)) queueLock_.broadcast();
     } while (!stopping_);
     queueLock_.unlock();
     return 0;

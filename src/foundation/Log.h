@@ -77,6 +77,10 @@ public:
     // The size of the log file in bytes; -1 when it is not open.
     long long getFileSize() EXCLUDES(fileLock_);
 
+    // Waits until what is queued now is written to the log file, for at most `milliseconds`; false when it is not by
+    // then. For a process that is about to end without destroying its log.
+    bool flush(long milliseconds) EXCLUDES(queueLock_);
+
     // Opens the files and starts the thread, once. The first line does it.
     void initialize() EXCLUDES(initLock_);
 
@@ -120,6 +124,9 @@ public:
     static bool isWarnEnabled() { return isEnabled(LOGLEVEL_WARN); }
     static bool isInfoEnabled() { return isEnabled(LOGLEVEL_INFO); }
     static bool isDebugEnabled() { return isEnabled(LOGLEVEL_DEBUG); }
+
+    // flush() of the process's log; true without a log.
+    static bool flushAll(long milliseconds);
 
     // The local time as lines show it: "2009/03/31 23:59:59.999".
     static CStdStr getTimeString();
@@ -184,5 +191,6 @@ private:
 
     PCondMutex queueLock_;
     bool stopping_ GUARDED_BY(queueLock_) = false;
+    bool writing_ GUARDED_BY(queueLock_) = false;  // the log's thread has taken lines that are not in the file yet
     std::deque<CStdStr> queue_ GUARDED_BY(queueLock_);
 };

@@ -1,5 +1,6 @@
 #include "foundation/Thread.h"
 
+#include "foundation/AlternateStack.h"
 #include "foundation/StdString.h"
 
 #include <boost/make_shared.hpp>
@@ -65,6 +66,7 @@ void* PThread::_PThread_delegate_helper_function(void* self) {
     if (!data) throw boost::bad_weak_ptr();
     data->started = true;
     data->started.notify_one();
+    const AlternateStack stackForFaults;
     const std::uintptr_t result = data->delegate->Invoke(data->argument);
     data.reset();
     return reinterpret_cast<void*>(result);

@@ -25,7 +25,7 @@ void IgnoreBrokenPipes() {
 
 YarModuleBase* YarModuleBase::yarModule = nullptr;
 
-YarModuleBase::YarModuleBase(const CStdStr& name) : name_(name) {
+YarModuleBase::YarModuleBase(const CStdStr& name) : name_(name), crashHandler_(name_.c_str()) {
     if (yarModule) {
         CBBLog::error("YarModuleBase %s trying to create multiple instances", name_.c_str());
         throw std::logic_error("Can't have more than one instance of YarModuleBase per module!");

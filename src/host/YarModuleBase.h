@@ -1,8 +1,9 @@
 // YarModuleBase: what every module of the product needs before its own work starts: the rule that a process has one
-// module, its log, and the signals that stop it. The process's entry (commonMain) creates the module, owns it and is
-// the only caller of everything but abort.
+// module, what happens when it crashes, its log, and the signals that stop it. The process's entry (commonMain) creates
+// the module, owns it and is the only caller of everything but abort.
 #pragma once
 
+#include "crash/MiniDumper.h"
 #include "foundation/StdString.h"
 
 #include <boost/shared_ptr.hpp>
@@ -16,8 +17,8 @@ class CBBLog;
 class YarModuleBase {
 public:
     // Belongs before the first thread of the process: threads inherit from here that SIGINT and SIGTERM are blocked, so
-    // that run() alone receives them. Makes "<name>.log" the log of the process and of libkel, and ignores SIGPIPE.
-    // Throws std::logic_error while another module lives, and leaves that one as it is.
+    // that run() alone receives them. Sets up what a crash leaves behind. Makes "<name>.log" the log of the process and
+    // of libkel, and ignores SIGPIPE. Throws std::logic_error while another module lives, and leaves that one as it is.
     explicit YarModuleBase(const CStdStr& name);
     virtual ~YarModuleBase();
     YarModuleBase(const YarModuleBase&) = delete;
@@ -43,5 +44,6 @@ private:
 
     CStdStr name_;
     boost::shared_ptr<CBBLog> logger_;
+    MiniDumper crashHandler_;
     sigset_t signalSet_;
 };

@@ -1,0 +1,110 @@
+// What happens in a crash
+//
+// 1. The thread that faults enters Breakpad's signal handler, on its alternate stack. A second one that faults
+// meanwhile
+//    waits there for good.
+// 2. Breakpad clones a process, which stops all threads, writes the dump and ends. The threads run on then, the crashed
+//    one excepted: it is in minidumpCallback.
+// 3. The reporter is run and waited for.
+// 4. The fatal line is logged, and the process ends, with status 0 and without running a destructor.
+//
+// The crashed thread may hold any lock and the heap may be in ruins. So minidumpCallback and what it calls use what was
+// made ready before, and system calls: the dump's name and the reporter's command line are known from the start, the
+// reporter is spawned without fork(), and the line is left to a thread that stands by for it (CrashLog).
+#include "crash/MiniDumper.h"
+
+#include "crash/CrashEntries.h"
+#include "crash/CrashLog.h"
+#include "crash/ShellRun.h"
+#include "foundation/FileTools.h"
+#include "foundation/StdPath.h"
+
+#include <client/linux/handler/exception_handler.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+// What the MiniDumpers of a process have in common.
+struct MiniDumper::Shared {
+    explicit Shared(const CStdStr& module) : log(module), entries(log, &MiniDumper::crashWithoutDump) {}
+
+    kel::crash::CrashLog log;
+    kel::crash::CrashEntries entries;
+    kel::crash::ShellRun shell;
+};
+
+MiniDumper* MiniDumper::newest = nullptr;
+
+MiniDumper::MiniDumper(const char* appName) : appName_(appName) { initialize(true, true); }
+
+MiniDumper::MiniDumper(const char* appName, bool logCrash, bool startReporter, bool, bool takeFaults, bool takeOthers)
+    : appName_(appName), logCrash_(logCrash), startReporter_(startReporter) {
+    initialize(takeFaults, takeOthers);
+}
+
+MiniDumper::MiniDumper(const char* appName, const char* reporterArg1, const char* reporterArg2,
+                       const char* reporterPath)
+    : appName_(appName), reporterArg1_(reporterArg1), reporterArg2_(reporterArg2), reporterPath_(reporterPath) {
+    if (reporterPath_.empty()) reporterPath_ = "./YarCrashReporter";
+    initialize(true, true);
+}
+
+MiniDumper::~MiniDumper() {
+    handler_.reset();
+    MiniDumper** link = &newest;
+    while (*link != this) link = &(*link)->older_;
+    *link = older_;
+}
+
+void MiniDumper::initialize(bool takeFaults, bool takeOthers) {
+    if (appName_.empty()) appName_ = "Unknown";
+    if (dumpDir_.empty()) dumpDir_ = "/tmp/";
+    if (reporterPath_.empty())
+        reporterPath_ = CStdPath(CFileTools::getYarBinFolderPath()).AppendPath("YarCrashReporter");
+
+    shared_ = newest ? newest->shared_ : std::make_shared<Shared>(appName_);
+    older_ = newest;
+    newest = this;
+
+    // Breakpad puts a "/" between the folder and the name, so it is given the folder without.
+    const google_breakpad::MinidumpDescriptor folder(dumpDir_.substr(0, dumpDir_.size() - 1));
+    handler_ =
+        std::make_unique<google_breakpad::ExceptionHandler>(folder, nullptr, &_minidumpCallback, this, takeFaults, -1);
+    dumpFile_ = handler_->minidump_descriptor().path();
+    prepareCommand();
+    if (takeOthers) shared_->entries.Open();
+}
+
+void MiniDumper::SetCrashReporterPath(const CStdStr& path) {
+    reporterPath_ = path;
+    prepareCommand();
+}
+
+void MiniDumper::setAppData(const CStdStr& folder) {
+    appData_ = folder;
+    appData_.Replace("\"", " ");
+    prepareCommand();
+}
+
+void MiniDumper::prepareCommand() {
+    command_ = reporterPath_ + " \"" + dumpFile_ + "\" \"" + appName_ + "\"";
+    if (!reporterArg1_.empty()) command_ += " \"" + reporterArg1_ + "\" \"" + reporterArg2_ + "\"";
+    else if (!appData_.empty()) command_ += " -appData \"" + appData_ + "\"";
+}
+
+bool MiniDumper::_minidumpCallback(const google_breakpad::MinidumpDescriptor&, void* context, bool) {
+    static_cast<MiniDumper*>(context)->minidumpCallback();
+}
+
+// Where not even Breakpad could do anything: no memory, or no process to spare.
+void MiniDumper::crashWithoutDump() { newest->minidumpCallback(); }
+
+void MiniDumper::minidumpCallback() {
+    struct stat dump {};
+    const bool exists = stat(dumpFile_.c_str(), &dump) == 0;
+    if (startReporter_ && !reporterPath_.empty()) shared_->shell.RunAndWait(command_.c_str());
+    if (logCrash_) {
+        shared_->log.Write(LOGLEVEL_FATAL, "crash of %s. minidump generated as %s (%dkB)", appName_.c_str(),
+                           dumpFile_.c_str(), exists ? static_cast<int>(dump.st_size / 1024) : 0);
+    }
+    _exit(0);
+}
