@@ -28,6 +28,7 @@ target_include_directories(kel INTERFACE
     $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/src>
     $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/kel>)
 target_compile_features(kel INTERFACE cxx_std_17)
+kel_symbols_apart(kel)
 
 install(TARGETS kel EXPORT kelTargets LIBRARY
     DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT libkel NAMELINK_COMPONENT libkel)

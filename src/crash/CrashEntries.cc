@@ -1,8 +1,10 @@
 // How a process comes to crash in order
 //
 // Breakpad's handler knows faults only. What else ends a process is turned into one: the terminate handler says which
-// exception nobody caught, the handler of SIGABRT that abort() was called, and then both write to address zero from the
-// very thread, so that its stack in the dump leads to the throw or to the abort().
+// exception nobody caught, the handler of SIGABRT that abort() was called, and then the very thread writes to address
+// zero, so that its stack in the dump leads to the throw or to the abort(). After abort() it does so behind the
+// handler's back, where the signal met it: what the system puts on the stack for a handler, nobody can read a stack
+// across.
 //
 // SIGUSR1 is for a process that an operator wants a dump of, often because it hangs. So its handler neither logs nor
 // starts a thread, either of which would wait for locks that the interrupted thread may hold: it wakes a thread that
@@ -15,6 +17,7 @@
 #include "crash/CrashEntries.h"
 
 #include "crash/HelperThread.h"
+#include "foundation/SignalContext.h"
 #include "foundation/Thread.h"
 
 #include <cxxabi.h>
@@ -67,8 +70,11 @@ void CrashEntries::Open() {
     crashThread_ = StartHelper(new PThreadDelegateFunction(&generateCrash));
     Handle(SIGUSR1, &usr1Handler, SA_ONSTACK | SA_RESTART, &usr1Before_);
     terminateBefore_ = std::set_terminate(&terminateHandler);
-    // On the thread's own stack, not on the alternate one: the dump holds the stack on which the fault happens.
-    Handle(SIGABRT, &abortHandler, 0, nullptr);
+    struct sigaction abortAction {};
+    abortAction.sa_sigaction = &abortHandler;
+    abortAction.sa_flags = SA_SIGINFO | SA_ONSTACK;
+    sigemptyset(&abortAction.sa_mask);
+    sigaction(SIGABRT, &abortAction, nullptr);
 }
 
 CrashEntries::~CrashEntries() {
@@ -106,10 +112,10 @@ unsigned int CrashEntries::generateCrash(void*) {
     return 0;
 }
 
-void CrashEntries::abortHandler(int) {
+void CrashEntries::abortHandler(int, siginfo_t*, void* context) {
     constexpr char text[] = "abort() was called\n";
     Print(text, sizeof text - 1);
-    WriteToAddressZero();
+    kel::CallOnReturn(context, &WriteToAddressZero);
 }
 
 void CrashEntries::terminateHandler() {

@@ -37,7 +37,7 @@ public:
 private:
     static void faultHandler(int);
     static void usr1Handler(int);
-    static void abortHandler(int);
+    static void abortHandler(int, siginfo_t*, void* context);
     static void terminateHandler();
     static unsigned int generateCrash(void*);
 

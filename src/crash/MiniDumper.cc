@@ -17,11 +17,25 @@
 #include "crash/CrashLog.h"
 #include "crash/ShellRun.h"
 #include "foundation/FileTools.h"
+#include "foundation/SignalContext.h"
 #include "foundation/StdPath.h"
 
 #include <client/linux/handler/exception_handler.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+namespace {
+
+// Called by Breakpad before it writes the dump, with its own copy of what it is going to write about the crashed
+// thread. Of a thread that has used up its stack the pointer leads nowhere, and Breakpad would find no stack there.
+// False has it go on.
+bool PrepareDump(const void* crash, size_t, void*) {
+    auto* copy = static_cast<google_breakpad::ExceptionHandler::CrashContext*>(const_cast<void*>(crash));
+    kel::BringStackIntoReach(&copy->context);
+    return false;
+}
+
+}  // namespace
 
 // What the MiniDumpers of a process have in common.
 struct MiniDumper::Shared {
@@ -69,6 +83,7 @@ void MiniDumper::initialize(bool takeFaults, bool takeOthers) {
     const google_breakpad::MinidumpDescriptor folder(dumpDir_.substr(0, dumpDir_.size() - 1));
     handler_ =
         std::make_unique<google_breakpad::ExceptionHandler>(folder, nullptr, &_minidumpCallback, this, takeFaults, -1);
+    handler_->set_crash_handler(&PrepareDump);
     dumpFile_ = handler_->minidump_descriptor().path();
     prepareCommand();
     if (takeOthers) shared_->entries.Open();

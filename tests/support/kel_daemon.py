@@ -76,16 +76,20 @@ def program(name):
 class Program:
     """A process whose output goes to a file; it dies with this one. Start it from the main thread."""
 
-    def __init__(self, arguments, environment, output, limit_files=None, stdin=subprocess.DEVNULL):
-        def prepare():
+    def __init__(self, arguments, environment, output, limit_files=None, expect_crash=False, prepare=None,
+                 stdin=subprocess.DEVNULL):
+        def set_up():
             _libc.prctl(1, signal.SIGKILL)  # PR_SET_PDEATHSIG
+            if prepare:
+                prepare()
             if limit_files:
                 resource.setrlimit(resource.RLIMIT_NOFILE, (limit_files, limit_files))
         self.name = os.path.basename(arguments[0])
+        self.expect_crash = expect_crash
         self.output_path = output
         with open(output, "wb") as sink:
             self.process = subprocess.Popen(arguments, env={**os.environ, **environment}, stdin=stdin,
-                                            stdout=sink, stderr=subprocess.STDOUT, preexec_fn=prepare)
+                                            stdout=sink, stderr=subprocess.STDOUT, preexec_fn=set_up)
 
     def output(self):
         return self.output_path.read_text("utf-8", "replace")
@@ -123,7 +127,9 @@ class Program:
             self._complain(f"ended by itself with status {status}")
 
     def check_output(self):
-        """Fails when a sanitizer has found something."""
+        """Fails when a sanitizer has found something, or when it has crashed, which its exit status hides."""
+        if not self.expect_crash and re.search(r"minidump generated as|abort\(\) was called", self.output()):
+            self._complain("has crashed")
         if re.search(r"(Address|Leak|Thread|UndefinedBehavior)Sanitizer|runtime error:", self.output()):
             self._complain("has a sanitizer's finding")
 
@@ -206,10 +212,10 @@ class Daemon:
     def current(self):
         return self.runs[-1]
 
-    def spawn(self, limit_files=None):
+    def spawn(self, **more):
         """Starts it and does not wait."""
         output = self.folder / f"output-{len(self.runs)}.txt"
-        self.runs.append(Program([program("KelDirectory")], self.environment, output, limit_files))
+        self.runs.append(Program([program("KelDirectory")], self.environment, output, **more))
         return self.current
 
     def start(self, **more):
