@@ -176,8 +176,8 @@ int CrashWithArguments(const std::vector<std::string>& words) {
         dumper.SetCrashReporterPath(words[3]);
         dumper.setAppData(words[4]);
         FaultOfVictim();
-    } else if (words[1] == "silent") {
-        MiniDumper dumper(words[2].c_str(), false, false, true, true, true);
+    } else if (words[1] == "unlogged" || words[1] == "unreported") {
+        MiniDumper dumper(words[2].c_str(), words[1] != "unlogged", words[1] != "unreported", true, true, true);
         dumper.SetCrashReporterPath(words[3]);
         FaultOfVictim();
     } else if (words[1] == "destroyed") {

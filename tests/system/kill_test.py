@@ -73,6 +73,8 @@ class Worker(threading.Thread):
 
 
 class KilledAtAnyMoment(SystemTest):
+    expect_crash = False
+
     def setUp(self):
         self.random = random.Random(SEED)
         self.directory = self.daemon(level=1)
@@ -89,7 +91,7 @@ class KilledAtAnyMoment(SystemTest):
             for _ in range(ROUNDS):
                 if self.random.random() < 0.2:
                     self.kill_during_start()
-                self.directory.start()
+                self.directory.start(expect_crash=self.expect_crash)
                 self.check_registry(touched)
                 touched = self.load_and_kill()
                 self.check_files()
@@ -101,7 +103,7 @@ class KilledAtAnyMoment(SystemTest):
             print(f"failed with KEL_KILL_SEED={SEED}", file=sys.stderr)
             raise
         names = sum(len(known) for known in self.known)
-        print(f"{ROUNDS} rounds of kill -9, {self.answered} answered registrations, {names} names, "
+        print(f"{ROUNDS} rounds, {self.answered} answered registrations, {names} names, "
               f"{len(self.owner)} ids, {len(self.strays())} stray files", flush=True)
 
     def kill_during_start(self):
@@ -109,6 +111,9 @@ class KilledAtAnyMoment(SystemTest):
         time.sleep(self.random.random() * 0.1)
         self.directory.current.kill()
         self.check_files()
+
+    def end(self):
+        self.directory.current.kill()
 
     def load_and_kill(self):
         """Returns the names that were touched before the kill."""
@@ -120,7 +125,7 @@ class KilledAtAnyMoment(SystemTest):
         wait_until(lambda: sum(len(worker.touched) for worker in workers) > answers
                    or not all(worker.is_alive() for worker in workers), "some load")
         time.sleep(self.random.random() * 0.005)  # any moment of a call
-        self.directory.current.kill()
+        self.end()
         for worker in workers:
             worker.join()
         for worker in workers:

@@ -262,8 +262,8 @@ int Keep(const Arguments& arguments) {
     report.replace_extension(".txt");
 
     std::error_code error;
-    fs::copy_file(arguments.dump, kept, fs::copy_options::overwrite_existing, error);
-    if (error) {
+    const bool isKept = fs::copy_file(arguments.dump, kept, fs::copy_options::overwrite_existing, error);
+    if (!isKept) {
         fprintf(stderr, "YarCrashReporter: cannot copy %s to %s: %s\n", arguments.dump.c_str(), kept.c_str(),
                 error.message().c_str());
         fs::remove(kept, error);
@@ -275,7 +275,7 @@ int Keep(const Arguments& arguments) {
         return 1;
     }
     printf("YarCrashReporter: %s\n", report.c_str());
-    return error ? 1 : 0;
+    return isKept ? 0 : 1;
 }
 
 }  // namespace
