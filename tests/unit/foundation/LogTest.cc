@@ -270,6 +270,28 @@ TEST_F(ALog, WritesWhatIsQueuedBeforeItGoes) {
     for (int i = 0; i < 2000; ++i) ASSERT_EQ(texts[static_cast<size_t>(i)], std::to_string(i));
 }
 
+TEST_F(ALog, FlushesWhatIsQueuedUnlessItsThreadIsHeldUp) {
+    struct HeldUp : CBBLog {
+        HeldUp() : CBBLog("Recorder.log", false, kModuleLogSize) {}
+        ~HeldUp() override { stopThread(); }
+        void logLineToFile(const CStdStr& line) override {
+            go.waitSignalled();
+            CBBLog::logLineToFile(line);
+        }
+        PManualEvent go;
+    };
+    const auto log = boost::make_shared<HeldUp>();
+    EXPECT_TRUE(CBBLog::flushAll(0));  // there is no log of the process
+    CBBLog::setLogger(log);
+    EXPECT_TRUE(CBBLog::flushAll(0));
+    CBBLog::fatal("taken by the thread");
+    CBBLog::fatal("still queued");
+    EXPECT_FALSE(log->flush(20));
+    log->go.set();
+    EXPECT_TRUE(CBBLog::flushAll(30000));
+    EXPECT_EQ(textsOf(logPath()).size(), 2U);
+}
+
 TEST_F(ALog, ThatCannotOpenItsFilesSaysSoAndFallsSilent) {
     const std::string file = root_.path() + "/file";
     std::ofstream(file) << "not a folder";
