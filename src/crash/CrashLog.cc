@@ -75,6 +75,7 @@ unsigned int CrashLog::ScribeMain(void*) {
         if (stopping_) return 0;
         const LOGLEVEL level = level_;
         const CStdStr text(text_);
+        progress_ = taken;
         try {
             if (level == LOGLEVEL_FATAL) CBBLog::fatal("%s", text.c_str());
             else CBBLog::info("%s", text.c_str());

@@ -41,9 +41,9 @@ private:
     char text_[20480];                  // belongs to whoever has claimed
     LastWords lastWords_;
 
-    // What the claiming thread and the scribe share: level_ and text_ are the scribe's once `asked`, the answer is the
-    // writer's once `written`.
-    enum Progress { idle, asked, written };
+    // What the claiming thread and the scribe share: level_ and text_ are the scribe's from `asked` to `taken`, the
+    // answer is the writer's once `written`.
+    enum Progress { idle, asked, taken, written };
     std::atomic<int> progress_{idle};
     std::atomic<bool> stopping_{false};
     LOGLEVEL level_ = LOGLEVEL_FATAL;
