@@ -10,8 +10,13 @@ function(kel_symbols_apart target)
     if(NOT CMAKE_BUILD_TYPE STREQUAL "RelWithDebInfo" OR KEL_SANITIZERS)
         return()
     endif()
+    get_target_property(type ${target} TYPE)
+    set(module $<TARGET_FILE_NAME:${target}>)
+    if(type STREQUAL "SHARED_LIBRARY")
+        set(module $<TARGET_SONAME_FILE_NAME:${target}>)
+    endif()
     add_custom_command(TARGET ${target} POST_BUILD
-        COMMAND ${CMAKE_COMMAND} -DFILE=$<TARGET_FILE:${target}> -DSYMBOLS=${KEL_SYMBOLS} -DTOOLS=${BREAKPAD_TOOLS}
+        COMMAND ${CMAKE_COMMAND} -DFILE=$<TARGET_FILE:${target}> -DMODULE=${module} -DSYMBOLS=${KEL_SYMBOLS} -DTOOLS=${BREAKPAD_TOOLS}
             -DCMAKE_OBJCOPY=${CMAKE_OBJCOPY} -P ${PROJECT_SOURCE_DIR}/cmake/SplitSymbols.cmake
         VERBATIM)
 endfunction()

@@ -134,6 +134,7 @@ std::string OutputOf(const std::vector<std::string>& command) {
         dup2(nowhere, STDIN_FILENO);
         dup2(nowhere, STDERR_FILENO);
         std::vector<char*> words;
+        words.reserve(command.size() + 1);
         for (const std::string& word : command) words.push_back(const_cast<char*>(word.c_str()));
         words.push_back(nullptr);
         execvp(words[0], words.data());
