@@ -13,7 +13,7 @@ namespace wire = kel::wire;
 namespace {
 
 constexpr std::chrono::seconds pingTimeout{10};
-constexpr std::chrono::milliseconds stoodStill{50};  // later than that nobody wakes who merely waited for a processor
+constexpr std::chrono::seconds stoodStill{1};  // later than that nobody wakes who merely waited for a processor
 constexpr int maxPings = 3;
 
 }  // namespace
@@ -137,8 +137,8 @@ int KelSatellite::Impl::Ping(const char* name, const char* host, unsigned short 
     return KEL_NO_RESOURCES;
 }
 
-// When this process, or the machine, stood still meanwhile, the answer may have come and not been read: no answer then
-// says nothing about the other side, and it is asked anew.
+// When this process, or the machine, stood still for long, no answer says nothing about the other side, which may have
+// stood still as well: it is asked anew.
 Outcome KelSatellite::Impl::AskWhoItIs(Link& link, const Address& address, const tagVARIANT& in) {
     for (int pings = 1;; ++pings) {
         const Deadline deadline = std::chrono::steady_clock::now() + pingTimeout;

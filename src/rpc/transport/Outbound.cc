@@ -22,6 +22,8 @@ namespace {
 constexpr std::chrono::milliseconds retryAfter{50};
 constexpr std::chrono::minutes shortageWarningPeriod{1};
 constexpr size_t maxLookedAt = 64;
+constexpr std::chrono::milliseconds lateness{10};
+constexpr std::chrono::milliseconds timeToRead{500};
 constexpr int maxBeginnings = 5;
 constexpr rlim_t maxRoomKept = 32;  // descriptors
 
@@ -280,7 +282,12 @@ Outcome Outbound::Call(const Address& to, std::string_view method, std::string_v
             return outcome;
         }
         pool_.AboutToBlock();
-        if (std::optional<Answer> answer = awaited->Await(deadline)) {
+        std::optional<Answer> answer = awaited->Await(deadline);
+        if (!answer && std::chrono::steady_clock::now() > deadline + lateness) {
+            // This process stood still meanwhile: an answer may have come and not been read yet.
+            answer = awaited->Await(std::chrono::steady_clock::now() + timeToRead);
+        }
+        if (answer) {
             Settle(outcome, answer->end, answer->message, to.text());
         } else {
             connection->Abandon(id);
