@@ -16,7 +16,7 @@ set_target_properties(kel PROPERTIES
     VERSION ${PROJECT_VERSION}
     SOVERSION ${PROJECT_VERSION_MAJOR})
 target_link_libraries(kel
-    PRIVATE Boost::filesystem Boost::system PkgConfig::plist
+    PRIVATE Boost::filesystem Boost::system PkgConfig::plist PkgConfig::nlroute
     INTERFACE Boost::headers Threads::Threads)
 target_link_options(kel PRIVATE
     LINKER:--version-script=${PROJECT_SOURCE_DIR}/cmake/libkel.map LINKER:--as-needed)

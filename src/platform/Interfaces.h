@@ -1,14 +1,32 @@
-// The network interfaces of this machine.
+// The network interfaces of this machine. All functions may be called from any thread.
 #pragma once
 
 #include <netinet/in.h>
 
+#include <array>
+#include <cstdint>
+#include <optional>
 #include <vector>
 
 namespace kel::platform {
 
 // The IPv4 addresses (network byte order) of all interfaces in the system's order, loopback included; empty when the
-// system does not tell. From any thread.
+// system does not tell.
 std::vector<in_addr> InterfaceAddresses();
+
+// An interface's first IPv4 address and its netmask, in network byte order.
+struct InterfaceNet {
+    in_addr address{};
+    in_addr netmask{};
+};
+
+// That of the interface with this index; nothing when there is no such interface or it has no IPv4 address.
+std::optional<InterfaceNet> NetOfInterface(unsigned index);
+
+// Whether the interface is an Ethernet, by its link-layer type.
+bool IsEthernet(unsigned index);
+
+// The link-layer address of the first Ethernet interface; nothing when there is none.
+std::optional<std::array<uint8_t, 6>> FirstEthernetAddress();
 
 }  // namespace kel::platform

@@ -1,6 +1,7 @@
 #include "registry/Registration.h"
 
 #include "foundation/Log.h"
+#include "foundation/NetworkUtils.h"
 #include "foundation/Random.h"
 #include "registry/ServiceAvailability.h"
 
@@ -12,6 +13,12 @@
 namespace {
 
 constexpr int serverIdLength = 16;
+constexpr const char* loopback = "127.0.0.1";
+
+// Whether the asker at `destination` is on another machine than a satellite on the directory's own.
+bool IsElsewhere(const CStdStr& ip, const char* destination) {
+    return destination && ip == loopback && ip != destination;
+}
 
 }  // namespace
 
@@ -89,37 +96,72 @@ void CRegistration::Replace(KelSatelliteInfo& old, KelSatelliteInfo& fresh) {
 }
 
 int CRegistration::FindSatellite(const CStdStr& name, CStdStr& ip, int* satId, unsigned short* port,
-                                 const char* /*destination*/) const {
+                                 const char* destination) const {
     const SatellitePtr satellite = GetSatelliteStruct(name);
     if (!satellite) return unknownSatellite;
-    ip = satellite->ip;
+    if (!IsElsewhere(satellite->ip, destination)) {
+        ip = satellite->ip;
+    } else if (const int rc = GetBestIPForDestination(destination, ip)) {
+        return rc;
+    }
     *satId = satellite->satId;
     *port = satellite->port;
     return 0;
 }
 
+int CRegistration::GetBestIPForDestination(const char* destination, CStdStr& ip) {
+    ip = yar::networkutils::GetIPForDestination(destination).first;
+    return 0;
+}
+
+// The routes are read once for the answer, and with no lock held.
+int CRegistration::GiveBestIPs(std::vector<KelServiceInfo>& infos, size_t first, const char* destination) {
+    CStdStr best;
+    bool isKnown = false;
+    for (size_t i = first; i < infos.size(); ++i) {
+        if (!IsElsewhere(infos[i].ip, destination)) continue;
+        if (!isKnown) {
+            if (const int rc = GetBestIPForDestination(destination, best)) return rc;
+            isKnown = true;
+        }
+        infos[i].ip = best;
+    }
+    return 0;
+}
+
 int CRegistration::GetServiceInfo(const CStdStr& service, const CStdStr& satName, std::vector<KelServiceInfo>& out,
-                                  const char* /*destination*/) const {
+                                  const char* destination) const {
+    const size_t first = out.size();
+    AppendServices(service, satName, out);
+    return GiveBestIPs(out, first, destination);
+}
+
+int CRegistration::GetLastServiceInfo(const CStdStr& service, std::vector<KelServiceInfo>& out,
+                                      const char* destination) const {
+    const size_t first = out.size();
+    AppendLastService(service, out);
+    return GiveBestIPs(out, first, destination);
+}
+
+void CRegistration::AppendServices(const CStdStr& service, const CStdStr& satName,
+                                   std::vector<KelServiceInfo>& out) const {
     PReadHold hold(lock_);
     if (!satName.empty()) {
         const auto entry = satellites_.find(satName);
         if (entry != satellites_.end()) AppendServiceOf(*entry->second, service, out);
-        return 0;
+        return;
     }
     const ServiceIndex::Providers* providers = providers_.Find(service);
-    if (!providers) return 0;
+    if (!providers) return;
     for (const KelService& provided : *providers) out.push_back(Describe(*provided.indexedSatellite, provided));
-    return 0;
 }
 
-int CRegistration::GetLastServiceInfo(const CStdStr& service, std::vector<KelServiceInfo>& out,
-                                      const char* /*destination*/) const {
+void CRegistration::AppendLastService(const CStdStr& service, std::vector<KelServiceInfo>& out) const {
     PReadHold hold(lock_);
     const ServiceIndex::Providers* providers = providers_.Find(service);
-    if (!providers) return 0;
+    if (!providers) return;
     const KelService& last = *providers->rbegin();
     out.push_back(Describe(*last.indexedSatellite, last));
-    return 0;
 }
 
 void CRegistration::AppendServiceOf(const KelSatelliteInfo& satellite, const CStdStr& service,

@@ -72,12 +72,18 @@ public:
                      int kelProtocolVersion, int* satId) EXCLUDES(lock_);
 
     // Where the satellite is reached, for an asker at the address `destination` (null when it does not matter), and its
-    // id. unknownSatellite leaves the outputs untouched.
+    // id. A satellite on the directory's own machine is reached from elsewhere at the address that
+    // GetBestIPForDestination gives. unknownSatellite leaves the outputs untouched.
     int FindSatellite(const CStdStr& name, CStdStr& ip, int* satId, unsigned short* port, const char* destination) const
         EXCLUDES(lock_);
 
+    // Stores the address of this machine's interface that routes towards the address `destination`; empty when no route
+    // leads there. Returns 0.
+    static int GetBestIPForDestination(const char* destination, CStdStr& ip);
+
     // Appends one entry for each satellite that publishes `service`, in the order of the names; with a `satName` only
-    // for that satellite. `destination` is the asker's address. Returns 0, also when there is none.
+    // for that satellite. `destination` is the asker's address, as in FindSatellite. Returns 0, also when there is
+    // none.
     int GetServiceInfo(const CStdStr& service, const CStdStr& satName, std::vector<KelServiceInfo>& out,
                        const char* destination) const EXCLUDES(lock_);
 
@@ -137,6 +143,11 @@ public:
 private:
     struct CheckSatelliteData;
 
+    void AppendServices(const CStdStr& service, const CStdStr& satName, std::vector<KelServiceInfo>& out) const
+        EXCLUDES(lock_);
+    void AppendLastService(const CStdStr& service, std::vector<KelServiceInfo>& out) const EXCLUDES(lock_);
+    // Gives the entries from `first` on the addresses that the asker at `destination` can reach.
+    static int GiveBestIPs(std::vector<KelServiceInfo>& infos, size_t first, const char* destination);
     static KelServiceInfo Describe(const KelSatelliteInfo& satellite, const KelService& service);
     // Services change only under both locks, so the registry's is enough to read them: with many satellites the other
     // one is a line of distant memory to write to in every look-up.

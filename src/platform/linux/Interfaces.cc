@@ -1,24 +1,95 @@
 #include "platform/Interfaces.h"
 
 #include <ifaddrs.h>
+#include <net/if.h>
+#include <net/if_arp.h>
+#include <netpacket/packet.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <cstring>
 #include <memory>
 
 namespace kel::platform {
+namespace {
+
+using AddressList = std::unique_ptr<ifaddrs, decltype(&freeifaddrs)>;
+
+AddressList AllAddresses() {
+    ifaddrs* first = nullptr;
+    if (getifaddrs(&first) != 0) first = nullptr;
+    return AddressList(first, &freeifaddrs);
+}
+
+// Questions about one interface, by its index.
+class InterfaceQuestion {
+public:
+    explicit InterfaceQuestion(unsigned index)
+        : socket_(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)),
+          exists_(socket_ >= 0 && if_indextoname(index, request_.ifr_name)) {}
+    ~InterfaceQuestion() {
+        if (socket_ >= 0) close(socket_);
+    }
+    InterfaceQuestion(const InterfaceQuestion&) = delete;
+    InterfaceQuestion& operator=(const InterfaceQuestion&) = delete;
+
+    bool Ask(unsigned long what) { return exists_ && ioctl(socket_, what, &request_) == 0; }
+
+    in_addr address() const {
+        sockaddr_in answer{};
+        std::memcpy(&answer, &request_.ifr_addr, sizeof answer);
+        return answer.sin_addr;
+    }
+    unsigned short linkType() const { return request_.ifr_hwaddr.sa_family; }
+
+private:
+    const int socket_;
+    ifreq request_{};
+    const bool exists_;
+};
+
+}  // namespace
 
 std::vector<in_addr> InterfaceAddresses() {
     std::vector<in_addr> addresses;
-    ifaddrs* first = nullptr;
-    if (getifaddrs(&first) != 0) return addresses;
-    const std::unique_ptr<ifaddrs, decltype(&freeifaddrs)> owner(first, &freeifaddrs);
-    for (const ifaddrs* entry = first; entry; entry = entry->ifa_next) {
+    const AddressList all = AllAddresses();
+    for (const ifaddrs* entry = all.get(); entry; entry = entry->ifa_next) {
         if (!entry->ifa_addr || entry->ifa_addr->sa_family != AF_INET) continue;
         sockaddr_in address{};
         std::memcpy(&address, entry->ifa_addr, sizeof address);
         addresses.push_back(address.sin_addr);
     }
     return addresses;
+}
+
+std::optional<InterfaceNet> NetOfInterface(unsigned index) {
+    InterfaceQuestion question(index);
+    InterfaceNet net;
+    if (!question.Ask(SIOCGIFADDR)) return std::nullopt;
+    net.address = question.address();
+    if (!question.Ask(SIOCGIFNETMASK)) return std::nullopt;
+    net.netmask = question.address();
+    return net;
+}
+
+bool IsEthernet(unsigned index) {
+    InterfaceQuestion question(index);
+    return question.Ask(SIOCGIFHWADDR) && question.linkType() == ARPHRD_ETHER;
+}
+
+std::optional<std::array<uint8_t, 6>> FirstEthernetAddress() {
+    const AddressList all = AllAddresses();
+    for (const ifaddrs* entry = all.get(); entry; entry = entry->ifa_next) {
+        if (!entry->ifa_addr || entry->ifa_addr->sa_family != AF_PACKET) continue;
+        sockaddr_ll link{};
+        std::memcpy(&link, entry->ifa_addr, sizeof link);
+        std::array<uint8_t, 6> mac{};
+        if (link.sll_hatype != ARPHRD_ETHER || link.sll_halen != mac.size()) continue;
+        std::memcpy(mac.data(), link.sll_addr, mac.size());
+        return mac;
+    }
+    return std::nullopt;
 }
 
 }  // namespace kel::platform

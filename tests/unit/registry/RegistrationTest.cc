@@ -1,5 +1,6 @@
 #include "registry/Registration.h"
 
+#include "foundation/NetworkUtils.h"
 #include "support/TempRoot.h"
 
 #include <gtest/gtest.h>
@@ -120,6 +121,34 @@ TEST_F(ARegistry, ForgetsTheServicesOfWhatIsReplacedRemovedOrWithdrawn) {
     EXPECT_EQ(Providers("Tuner"), (Names{"C"}));
     registry_.AddService("A", "Schedule", "");
     EXPECT_EQ(Providers("Schedule"), (Names{"a"}));
+}
+
+TEST_F(ARegistry, GivesAnAskerElsewhereAnAddressOfThisMachineForASatelliteOnIt) {
+    int satId = 0;
+    registry_.AddSatellite("Local", "127.0.0.1", 50123, "studio", 2, &satId);
+    registry_.AddService("Local", "Schedule", "");
+    Add("Remote");
+    registry_.AddService("Remote", "Schedule", "");
+    const CStdStr best = yar::networkutils::GetIPForDestination("127.9.9.9").first;
+    ASSERT_EQ(best, "127.0.0.1");
+    const CStdStr elsewhere = yar::networkutils::GetIPForDestination("198.51.100.7").first;
+    const std::vector<std::pair<const char*, CStdStr>> expected = {
+        {nullptr, "127.0.0.1"}, {"127.0.0.1", "127.0.0.1"}, {"127.9.9.9", best}, {"198.51.100.7", elsewhere}};
+    for (const auto& [destination, address] : expected) {
+        CStdStr ip;
+        unsigned short port = 0;
+        EXPECT_EQ(registry_.FindSatellite("Local", ip, &satId, &port, destination), 0);
+        EXPECT_EQ(ip, address);
+        EXPECT_EQ(registry_.FindSatellite("Remote", ip, &satId, &port, destination), 0);
+        EXPECT_EQ(ip, "192.168.1.20");
+        std::vector<KelServiceInfo> found(1);
+        found.front().ip = "127.0.0.1";
+        EXPECT_EQ(registry_.GetServiceInfo("Schedule", "", found, destination), 0);
+        ASSERT_EQ(found.size(), 3U);
+        EXPECT_EQ(found[0].ip, "127.0.0.1") << "not an entry of this answer";
+        EXPECT_EQ(found[1].ip, address);
+        EXPECT_EQ(found[2].ip, "192.168.1.20");
+    }
 }
 
 TEST_F(ARegistry, DoesNotRemoveANewerSatelliteOfTheName) {
