@@ -46,6 +46,7 @@ void WriteSettings(const std::string& folder, uint16_t port) {
             "\"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n"
             "<plist version=\"1.0\">\n<dict>\n"
             "\t<key>kel.bindAddress</key>\n\t<string>127.0.0.1</string>\n"
+            "\t<key>kel.multicastGroup</key>\n\t<string>127.0.0.1</string>\n"  // what it announces stays here
             "\t<key>kel.directoryPort</key>\n\t<integer>"
          << port << "</integer>\n</dict>\n</plist>\n";
     if (!file.flush()) throw std::runtime_error("cannot write the settings in " + folder);

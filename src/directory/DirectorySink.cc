@@ -1,6 +1,7 @@
 #include "directory/DirectorySink.h"
 
 #include "directory/KelDirectory.h"
+#include "discovery/DiscoveryServer.h"
 #include "foundation/Log.h"
 #include "foundation/NetworkUtils.h"
 #include "rpc/RunningCall.h"
@@ -36,7 +37,28 @@ int Result(const char* method, int rc) {
 
 }  // namespace
 
-CDirectorySink::~CDirectorySink() { KelSatellite::Disconnect(); }
+CDirectorySink::CDirectorySink(KelDirectory* directory) : directory_(directory) {}
+
+CDirectorySink::~CDirectorySink() {
+    CDirectorySink::Disconnect();
+    KelSatellite::Disconnect();
+}
+
+int CDirectorySink::Connect(const char* host, const char* name, const char* discoveryId) {
+    if (const int rc = KelSatellite::Connect(host, name)) return rc;
+    const CStdStr id(discoveryId);
+    CBBLog::info("Enabling discovery id %s", id.c_str());
+    auto discovery = std::make_unique<DiscoveryServer>(this, id);
+    PMutexHold hold(discoveryLock_);
+    discovery_ = std::move(discovery);
+    return KEL_OK;
+}
+
+void CDirectorySink::Disconnect() {
+    std::unique_ptr<DiscoveryServer> ending;  // says its farewell with the lock released
+    PMutexHold hold(discoveryLock_);
+    ending = std::move(discovery_);
+}
 
 void CDirectorySink::Publish(const char* name, const char* description, Method method) {
     AddService(name, description, new KelSatelliteDelegateMemberEx<CDirectorySink>(this, method));
@@ -159,6 +181,48 @@ int CDirectorySink::RemoveServiceAvailabilityListener(int /*socket*/, const char
     return Result("RemoveServiceAvailabilityListener", directory_->RemoveServiceListener(&in, out, caller));
 }
 
-int CDirectorySink::AddKelUsers(int, const char*, const tagVARIANT&, tagVARIANT*) { return 0; }
+int CDirectorySink::AddKelUsers(int /*socket*/, const char* /*caller*/, const tagVARIANT& in, tagVARIANT* /*out*/) {
+    if (!IsAnnounced()) return 0;
+    VUtil::CheckArrayType(in, VT_VARIANT, 0, true, "AddKelUsers: invalid inParam");
+    for (int i = VUtil::GetArrayLength(in) - 1; i >= 0; --i) {
+        ScopedVariant user;
+        VUtil::GetElement(in, i, user);
+        AnnounceUser(user);
+    }
+    return 0;
+}
 
-int CDirectorySink::RemoveKelUser(int, const char*, const tagVARIANT&, tagVARIANT*) { return 0; }
+// A name, or an array of name, value and flag.
+void CDirectorySink::AnnounceUser(const tagVARIANT& user) {
+    CStdStr name;
+    CStdStr value;
+    bool flag = false;
+    if (user.vt == VT_BSTR) {
+        name = user.bstrVal;
+    } else if (user.vt == (VT_ARRAY | VT_VARIANT)) {
+        VUtil::CheckArrayType(user, VT_VARIANT, 3, true, "AddKelUsers: invalid user");
+        name = VUtil::GetStringElement(user, 0);
+        value = VUtil::GetStringElement(user, 1);
+        flag = VUtil::GetBoolElement(user, 2);
+    } else {
+        CStdStr problem;
+        problem.Format("AddKelUsers: invalid user: got %d", user.vt);
+        throw KelInvalidParameterException(problem.c_str());
+    }
+    CBBLog::info("Adding User: %s to the Discovery List", name.c_str());
+    PMutexHold hold(discoveryLock_);
+    if (discovery_) discovery_->AddUser(name, value, flag);
+}
+
+int CDirectorySink::RemoveKelUser(int /*socket*/, const char* /*caller*/, const tagVARIANT& in, tagVARIANT* /*out*/) {
+    if (!IsAnnounced()) return 0;
+    VUtil::CheckType(in, VT_BSTR, "RemoveKelUser");
+    PMutexHold hold(discoveryLock_);
+    if (discovery_) discovery_->RemoveUser(in.bstrVal);
+    return 0;
+}
+
+bool CDirectorySink::IsAnnounced() {
+    PMutexHold hold(discoveryLock_);
+    return discovery_ != nullptr;
+}

@@ -5,19 +5,28 @@
 // Threads: the published methods run on libkel's threads, several at once. The destructor waits until none runs.
 #pragma once
 
+#include "foundation/Locks.h"
 #include "registry/SatelliteChannel.h"
 #include "rpc/KelSatellite.h"
 
+#include <memory>
+
+class DiscoveryServer;
 class KelDirectory;
 
 class CDirectorySink : public KelSatellite, public SatelliteChannel {
 public:
     // `directory` outlives the sink.
-    explicit CDirectorySink(KelDirectory* directory) : directory_(directory) {}
+    explicit CDirectorySink(KelDirectory* directory);
     ~CDirectorySink() override;
 
-    // Leaves the endpoint up: calls are answered until the sink is deleted.
-    void Disconnect() override {}
+    using KelSatellite::Connect;
+    // Connects, then announces the directory on the network under `discoveryId`; null counts as empty. The result is
+    // that of connecting. Throws std::runtime_error when there is no thread for the announcer.
+    virtual int Connect(const char* host, const char* name, const char* discoveryId) EXCLUDES(discoveryLock_);
+
+    // Ends the announcements, with a farewell. Leaves the endpoint up: calls are answered until the sink is deleted.
+    void Disconnect() override EXCLUDES(discoveryLock_);
 
     // Publishes the methods below.
     void CreateServices() override;
@@ -56,13 +65,21 @@ public:
     using KelSatellite::RemoveServiceAvailabilityListener;
     int RemoveServiceAvailabilityListener(int socket, const char* caller, const tagVARIANT& in, tagVARIANT* out);
 
-    // This directory announces no users: both succeed and change nothing.
-    int AddKelUsers(int socket, const char* caller, const tagVARIANT& in, tagVARIANT* out);
-    int RemoveKelUser(int socket, const char* caller, const tagVARIANT& in, tagVARIANT* out);
+    // The users that are announced with the directory; both succeed and change nothing while it is not announced.
+    // AddKelUsers takes an array whose elements are names or arrays of name, value and flag, and adds the last first; a
+    // bad element throws, and those behind it have been added by then. RemoveKelUser takes a name.
+    int AddKelUsers(int socket, const char* caller, const tagVARIANT& in, tagVARIANT* out) EXCLUDES(discoveryLock_);
+    int RemoveKelUser(int socket, const char* caller, const tagVARIANT& in, tagVARIANT* out) EXCLUDES(discoveryLock_);
 
 private:
     using Method = int (CDirectorySink::*)(int, const char*, const tagVARIANT&, tagVARIANT*);
     void Publish(const char* name, const char* description, Method method);
 
+    bool IsAnnounced() EXCLUDES(discoveryLock_);
+    void AnnounceUser(const tagVARIANT& user) EXCLUDES(discoveryLock_);
+
     KelDirectory* const directory_;
+
+    PMutex discoveryLock_;  // a user may come while the directory closes
+    std::unique_ptr<DiscoveryServer> discovery_ GUARDED_BY(discoveryLock_);
 };

@@ -46,7 +46,7 @@ bool KelDirectory::init(const std::vector<CStdStr>& /*args*/) {
     if (serviceAvailability_->LoadList() != 0) CBBLog::warn("ServiceListeners.xml is damaged; what follows is dropped");
 
     CBBLog::info("Connecting to %s", loopback);
-    const int rc = sink_->Connect(loopback, directoryName);
+    const int rc = sink_->Connect(loopback, directoryName, registration_.GetServerId().c_str());
     if (rc == KEL_ALREADY_REGISTERED) {
         CBBLog::info("Initialization of Kel failed because this satellite is already registered.");
         return false;

@@ -201,8 +201,12 @@ class Daemon:
         settings = self.folder / "config"
         settings.mkdir()
         (settings / "com.tessaly.yar.plist").write_bytes(plistlib.dumps({"LogLevel": level}))
-        (settings / "com.tessaly.yar.config.plist").write_bytes(
-            plistlib.dumps({"kel.directoryPort": self.port, "kel.bindAddress": "127.0.0.1"}))
+        (settings / "com.tessaly.yar.config.plist").write_bytes(plistlib.dumps(self.settings))
+
+    @property
+    def settings(self):
+        """The directory's settings; the group keeps its announcements on this machine."""
+        return {"kel.directoryPort": self.port, "kel.bindAddress": "127.0.0.1", "kel.multicastGroup": "127.0.0.1"}
 
     @property
     def environment(self):

@@ -76,8 +76,10 @@ inline ScopedVariant RecordOf(const char* name, int satId, unsigned short port, 
 class DirectoryFixture : public testing::Test {
 protected:
     DirectoryFixture() {
-        CRegistry::getInstance()->WriteSettingImpl("Software\\Tessaly\\Yar\\Config", "kel.directoryPort",
-                                                   directoryPort_.number());
+        const CStdStr key("Software\\Tessaly\\Yar\\Config");
+        CRegistry::getInstance()->WriteSettingImpl(key, "kel.directoryPort", directoryPort_.number());
+        // What it announces stays on this machine.
+        CRegistry::getInstance()->WriteSettingImpl(key, "kel.multicastGroup", CStdStr("127.0.0.1"));
         Restart();
     }
 

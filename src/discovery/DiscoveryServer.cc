@@ -1,0 +1,177 @@
+#include "discovery/DiscoveryServer.h"
+
+#include "foundation/Log.h"
+#include "foundation/NetworkUtils.h"
+#include "rpc/KelSatellite.h"
+
+#include <arpa/inet.h>
+
+#include <cerrno>
+#include <cstring>
+#include <exception>
+
+using yar::networkutils::inet_ntos;
+
+DiscoveryServer::DiscoveryServer(KelSatellite* satellite, const CStdStr& serverId)
+    : DiscoveryServer(satellite, serverId, kel::discovery::MakeUdpNetwork()) {}
+
+DiscoveryServer::DiscoveryServer(KelSatellite* satellite, const CStdStr& serverId, Network network)
+    : satellite_(satellite),
+      serverId_(serverId),
+      network_(std::move(network)),
+      group_(network_->Group()),
+      nextNotifyMs_(network_->UpTimeMs()) {
+    CBBLog::debug("DiscoveryServer");
+    initSocket();
+    refreshAddressList();
+    LaunchSelectLoop();
+}
+
+DiscoveryServer::~DiscoveryServer() {
+    CBBLog::debug("~DiscoveryServer");
+    stopping_ = true;
+    network_->EndWaiting();
+    selectThread_->Join();
+    SendByeBye();
+}
+
+void DiscoveryServer::initSocket() {
+    const int error = network_->Open();
+    if (error != 0) CBBLog::warn("Discovery: the directory cannot be searched for: %s", std::strerror(error));
+}
+
+void DiscoveryServer::LaunchSelectLoop() {
+    selectThread_ =
+        std::make_unique<PThread>(new PThreadDelegateMember<DiscoveryServer>(this, &DiscoveryServer::SelectLoop));
+    selectThread_->Start();
+}
+
+// Interfaces come and go, so the list is made anew each time. To join once more where the group was joined is harmless.
+void DiscoveryServer::refreshAddressList() {
+    PMutexHold hold(addresses_);
+    addresses_.value() = network_->LocalAddresses();
+    for (const in_addr address : addresses_.value()) network_->Join(address);
+}
+
+// --- The thread ----------------------------------------------------------------------------------------------------
+
+unsigned int DiscoveryServer::SelectLoop(void* /*argument*/) {
+    bool saidFailure = false;
+    while (!stopping_) {
+        try {
+            if (!Pass()) break;
+        } catch (const std::exception& failure) {  // memory runs out, and comes back
+            if (!std::exchange(saidFailure, true)) CBBLog::error("Discovery: %s", failure.what());
+            network_->Pause(waitMs);
+        }
+    }
+    return 0;
+}
+
+// One round; false when there is no point in another.
+bool DiscoveryServer::Pass() {
+    NotifyAllIfDue();
+    if (!network_->IsOpen()) return false;
+    const int ready = network_->WaitReadable(waitMs);
+    if (ready > 0 && !stopping_) ProcessMSEARCH();
+    return ready >= 0;
+}
+
+void DiscoveryServer::NotifyAllIfDue() {
+    const uint32_t now = network_->UpTimeMs();
+    if (static_cast<int32_t>(now - nextNotifyMs_) < 0) return;
+    nextNotifyMs_ = now + notifyPeriodMs;
+    refreshAddressList();
+    limits_.AnsweredAll(now);
+    limits_.Forget(now);
+    SendNotify(CStdStr());
+}
+
+void DiscoveryServer::ProcessMSEARCH() {
+    char datagram[kel::discovery::searchBytes];
+    in_addr sender{};
+    const ssize_t length = network_->Receive(datagram, sizeof datagram, &sender);
+    if (length <= 0 || !kel::discovery::IsSearch({datagram, static_cast<size_t>(length)})) return;
+    SendNotify(inet_ntos(sender));
+}
+
+// To all, or, when the two-second rule allows it, to `target` alone.
+void DiscoveryServer::SendNotify(const CStdStr& target) {
+    if (stopping_) return;
+    if (target.empty()) {
+        const CStdStr userList = UserList();
+        for (const in_addr interface : Addresses()) SendNotifyFrom(interface, group_, userList);
+        return;
+    }
+    uint32_t toAllAt = 0;
+    if (!limits_.MayAnswer(target, network_->UpTimeMs(), &toAllAt)) {
+        TriggerNotify(toAllAt);
+        return;
+    }
+    const in_addr interface { inet_addr(network_->AddressTowards(target).c_str()) };
+    SendNotifyFrom(interface, in_addr{inet_addr(target.c_str())}, UserList());
+}
+
+void DiscoveryServer::SendNotifyFrom(in_addr interface, in_addr to, const CStdStr& userList) {
+    const std::vector<in_addr> addresses = Addresses();
+    if (stopping_ || addresses.empty()) return;
+    const CStdStr aliases = kel::discovery::BuildAliases(addresses, interface);
+    if (!network_->SelectInterface(interface)) return;
+    SendTwice(kel::discovery::BuildNotify(serverId_, aliases, satellite_->getSatellitePort(), userList), to);
+}
+
+void DiscoveryServer::SendByeBye() {
+    const CStdStr text = kel::discovery::BuildByeBye(serverId_);
+    for (const in_addr interface : Addresses()) {
+        if (network_->SelectInterface(interface)) SendTwice(text, group_);
+    }
+}
+
+// Datagrams get lost, so each is sent twice.
+void DiscoveryServer::SendTwice(const CStdStr& text, in_addr to) {
+    const int error = network_->Send(text, to);
+    network_->Pause(betweenCopiesMs);
+    network_->Send(text, to);
+    const bool isTooLong = error == EMSGSIZE;
+    if (isTooLong && !saidTooLong_) {
+        CBBLog::warn(
+            "Discovery: with its users the announcement has %zu bytes, more than fit a datagram: nobody hears it",
+            text.size());
+    }
+    saidTooLong_ = isTooLong;
+}
+
+std::vector<in_addr> DiscoveryServer::Addresses() {
+    PMutexHold hold(addresses_);
+    return addresses_.value();
+}
+
+// --- Any thread ----------------------------------------------------------------------------------------------------
+
+// When a round of the thread's comes between, its announcement carries what this one was to tell.
+void DiscoveryServer::TriggerNotify(unsigned int atMs) {
+    uint32_t next = nextNotifyMs_;
+    while (static_cast<int32_t>(atMs - next) < 0 && !nextNotifyMs_.compare_exchange_weak(next, atMs)) {
+    }
+}
+
+void DiscoveryServer::AddUser(const CStdStr& name, const CStdStr& value, bool flag) {
+    PMutexHold hold(users_);
+    users_.value()[name] = {value, flag};
+    BuildUserListString();
+    TriggerNotify(network_->UpTimeMs() + userChangeDelayMs);
+}
+
+void DiscoveryServer::RemoveUser(const CStdStr& name) {
+    PMutexHold hold(users_);
+    users_.value().erase(name);
+    BuildUserListString();
+    TriggerNotify(network_->UpTimeMs() + userChangeDelayMs);
+}
+
+void DiscoveryServer::BuildUserListString() { userListString_ = kel::discovery::BuildUserList(users_.value()); }
+
+CStdStr DiscoveryServer::UserList() {
+    PMutexHold hold(users_);
+    return userListString_;
+}

@@ -1,0 +1,88 @@
+// DiscoveryServer: makes the directory findable on the local networks. It tells everyone of the directory with a NOTIFY
+// to a multicast group, every 20 seconds and a second after its users changed, answers searches, and says BYEBYE at the
+// end. docs/discovery.md has the datagrams.
+//
+// The directory's CDirectorySink makes it once it is connected and destroys it when the directory closes.
+//
+// Threads: one of its own sends everything but the BYEBYE, and alone touches the network while it runs. AddUser,
+// RemoveUser and TriggerNotify may be called from any thread. Locks are held for moments, one at a time.
+//
+// What goes wrong on the network is ordinary, and left to the next announcement: a machine without a network stays
+// quiet, an interface that appears is used from the next announcement on. The two-second rule (ReplyLimits) and the
+// pause between the two copies of every datagram bound what anybody can make it send.
+#pragma once
+
+#include "discovery/DiscoveryMessage.h"
+#include "discovery/DiscoveryNetwork.h"
+#include "discovery/ReplyLimits.h"
+#include "foundation/Locks.h"
+#include "foundation/StdString.h"
+#include "foundation/Thread.h"
+
+#include <netinet/in.h>
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <vector>
+
+class KelSatellite;
+
+class DiscoveryServer {
+public:
+    using UserDetails = kel::discovery::UserDetails;
+    using Network = std::unique_ptr<kel::discovery::DiscoveryNetwork>;
+
+    static constexpr uint32_t notifyPeriodMs = 20000;
+    static constexpr uint32_t userChangeDelayMs = 1000;
+    static constexpr int waitMs = 1000;
+    static constexpr unsigned betweenCopiesMs = 10;
+
+    // Starts to announce `serverId` and the port that `satellite`, which outlives this object, has at the time. Throws
+    // std::runtime_error when there is no thread to be had.
+    DiscoveryServer(KelSatellite* satellite, const CStdStr& serverId);
+    DiscoveryServer(KelSatellite* satellite, const CStdStr& serverId, Network network);
+
+    // Ends the thread, then says BYEBYE on every network: nothing of this directory follows it.
+    virtual ~DiscoveryServer();
+    DiscoveryServer(const DiscoveryServer&) = delete;
+    DiscoveryServer& operator=(const DiscoveryServer&) = delete;
+
+    // Announces a user, or what changed of the one that has the name.
+    void AddUser(const CStdStr& name, const CStdStr& value, bool flag) EXCLUDES(users_);
+    // Announces it no more.
+    void RemoveUser(const CStdStr& name) EXCLUDES(users_);
+
+    // Has the next NOTIFY to all leave at `atMs` of up-time, give or take a second, if it would leave later.
+    void TriggerNotify(unsigned int atMs);
+
+private:
+    void initSocket();
+    void refreshAddressList() EXCLUDES(addresses_);
+    void LaunchSelectLoop();
+    unsigned int SelectLoop(void*);
+    bool Pass();
+    void NotifyAllIfDue();
+    void ProcessMSEARCH();
+    void SendNotify(const CStdStr& target);
+    void SendNotifyFrom(in_addr interface, in_addr to, const CStdStr& userList) EXCLUDES(addresses_);
+    void SendByeBye() EXCLUDES(addresses_);
+    void SendTwice(const CStdStr& text, in_addr to);
+    void BuildUserListString() REQUIRES(users_);
+    std::vector<in_addr> Addresses() EXCLUDES(addresses_);
+    CStdStr UserList() EXCLUDES(users_);
+
+    KelSatellite* const satellite_;
+    const CStdStr serverId_;
+    const Network network_;
+    const in_addr group_;
+    PLocker<std::vector<in_addr>> addresses_;
+    std::atomic<bool> stopping_{false};
+    std::atomic<uint32_t> nextNotifyMs_;  // when the next NOTIFY to all is due
+    kel::discovery::ReplyLimits limits_;  // the thread's
+    bool saidTooLong_ = false;            // the thread's
+    PLocker<std::map<CStdStr, UserDetails>> users_;
+    CStdStr userListString_ GUARDED_BY(users_);
+    std::unique_ptr<PThread> selectThread_;
+};

@@ -1,0 +1,50 @@
+// ReplyLimits: the two-second rule. Anybody can send searches, in any number and under any sender's address, so what a
+// search may cause is limited here:
+//
+//   - a searcher is answered once in two seconds;
+//   - one that asks again in between is answered, when its two seconds have passed, by an announcement to all;
+//   - announcements to all for that reason are two seconds apart too, however many searchers wait for one: each of them
+//     hears the next.
+//
+// Memory is bounded: while `capacity` searchers are remembered, a further one waits for an announcement to all.
+//
+// Times are milliseconds of up-time, 32 bits, wrapping; Forget has to be called more often than once in 24 days.
+// For one thread.
+#pragma once
+
+#include "foundation/StdString.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <optional>
+
+namespace kel::discovery {
+
+class ReplyLimits {
+public:
+    static constexpr uint32_t periodMs = 2000;
+    static constexpr size_t capacity = 4096;
+
+    // Whether the searcher may be answered at `now`; if so, this is noted as its answer. If not, `*toAllAt` is when an
+    // announcement to all is due in its place.
+    bool MayAnswer(const CStdStr& searcher, uint32_t now, uint32_t* toAllAt);
+
+    // An announcement to all went out at `now`. It answers whoever waits for one.
+    void AnsweredAll(uint32_t now);
+
+    // Forgets what has no effect any more.
+    void Forget(uint32_t now);
+
+    size_t size() const { return lastReplyMs_.size(); }
+
+private:
+    uint32_t DueToAll(uint32_t earliest);
+
+    std::map<CStdStr, uint32_t> lastReplyMs_;
+    std::optional<uint32_t> lastToAllMs_;  // the last announcement to all that a search brought about
+    bool somebodyWaits_ = false;
+    uint32_t lastForgottenMs_ = 0;
+};
+
+}  // namespace kel::discovery

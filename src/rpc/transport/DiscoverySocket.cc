@@ -1,0 +1,98 @@
+#include "rpc/transport/DiscoverySocket.h"
+
+#include "foundation/NetworkUtils.h"
+#include "foundation/Registry.h"
+#include "rpc/wire/Announcement.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+namespace kel::transport {
+namespace {
+
+void SwitchOn(int socket, int option) {
+    const int on = 1;
+    setsockopt(socket, SOL_SOCKET, option, &on, sizeof on);
+}
+
+sockaddr_in DiscoveryPortAt(in_addr address) {
+    sockaddr_in at{};
+    at.sin_family = AF_INET;
+    at.sin_addr = address;
+    at.sin_port = htons(wire::discoveryPort);
+    return at;
+}
+
+bool IsLoopback(in_addr address) { return ntohl(address.s_addr) >> 24 == IN_LOOPBACKNET; }
+
+}  // namespace
+
+in_addr DiscoveryGroup() {
+    CStdStr text;
+    CRegistry::getInstance()->ReadSettingImpl("Software\\Tessaly\\Yar\\Config", "kel.multicastGroup", text);
+    in_addr group{text.empty() ? INADDR_NONE : inet_addr(text.c_str())};
+    if (group.s_addr == INADDR_NONE) group.s_addr = inet_addr(wire::defaultDiscoveryGroup);
+    return group;
+}
+
+std::vector<in_addr> NetworkAddresses() {
+    std::vector<in_addr> addresses;
+    yar::networkutils::GetLocalIPAddressList(addresses);
+    addresses.erase(std::remove_if(addresses.begin(), addresses.end(), IsLoopback), addresses.end());
+    return addresses;
+}
+
+DiscoverySocket::~DiscoverySocket() {
+    if (socket_ >= 0) close(socket_);
+}
+
+int DiscoverySocket::Open() {
+    socket_ = ::socket(AF_INET, SOCK_DGRAM, IPPROTO_UDP);
+    if (socket_ < 0) return errno;
+    fcntl(socket_, F_SETFD, FD_CLOEXEC);
+    SwitchOn(socket_, SO_REUSEADDR);
+    SwitchOn(socket_, SO_REUSEPORT);
+    yar::networkutils::ReportArrivals(socket_);
+    const sockaddr_in everywhere = DiscoveryPortAt(in_addr{INADDR_ANY});
+    return bind(socket_, reinterpret_cast<const sockaddr*>(&everywhere), sizeof everywhere) == 0 ? 0 : errno;
+}
+
+void DiscoverySocket::Join(in_addr group, in_addr interface) {
+    ip_mreq membership{};
+    membership.imr_multiaddr = group;
+    membership.imr_interface = interface;
+    setsockopt(socket_, IPPROTO_IP, IP_ADD_MEMBERSHIP, &membership, sizeof membership);
+}
+
+bool DiscoverySocket::SelectInterface(in_addr address) {
+    return setsockopt(socket_, IPPROTO_IP, IP_MULTICAST_IF, &address, sizeof address) == 0;
+}
+
+int DiscoverySocket::Send(std::string_view text, in_addr to) {
+    const sockaddr_in at = DiscoveryPortAt(to);
+    const ssize_t sent =
+        sendto(socket_, text.data(), text.size(), MSG_DONTWAIT, reinterpret_cast<const sockaddr*>(&at), sizeof at);
+    return sent < 0 ? errno : 0;
+}
+
+// A signal, or a debugger that stops and continues the process, cuts a wait short and is no failure.
+int DiscoverySocket::WaitReadable(int milliseconds) {
+    pollfd wanted{socket_, POLLIN, 0};
+    const int ready = poll(&wanted, 1, milliseconds);
+    return ready < 0 && errno == EINTR ? 0 : ready;
+}
+
+ssize_t DiscoverySocket::Receive(char* buffer, size_t size, in_addr* sender, in_addr* at) {
+    return yar::networkutils::ReceiveDatagram(socket_, buffer, size, sender, at);
+}
+
+void DiscoverySocket::Interrupt() { shutdown(socket_, SHUT_RD); }
+
+}  // namespace kel::transport

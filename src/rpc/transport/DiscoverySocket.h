@@ -1,0 +1,53 @@
+// The UDP socket of discovery. Directories and searchers of a machine share its port: a datagram to the group reaches
+// all of them, one to the machine's own address reaches one.
+#pragma once
+
+#include <netinet/in.h>
+#include <sys/types.h>
+
+#include <cstddef>
+#include <string_view>
+#include <vector>
+
+namespace kel::transport {
+
+// The multicast group: the setting "kel.multicastGroup", or the default when that is empty or no address.
+in_addr DiscoveryGroup();
+
+// The IPv4 addresses of this machine's interfaces in the system's order, without those of loopback interfaces.
+std::vector<in_addr> NetworkAddresses();
+
+// One socket, closed with the object. Interrupt may be called from any thread, everything else from one at a time.
+class DiscoverySocket {
+public:
+    DiscoverySocket() = default;
+    ~DiscoverySocket();
+    DiscoverySocket(const DiscoverySocket&) = delete;
+    DiscoverySocket& operator=(const DiscoverySocket&) = delete;
+
+    // Opens the socket and binds it to the discovery port. Returns 0 or an error number; a socket that could not be
+    // bound is open all the same, and sends.
+    int Open();
+    bool IsOpen() const { return socket_ >= 0; }
+
+    // Joins the group on the interface with that address; harmless when it was joined already, or cannot be.
+    void Join(in_addr group, in_addr interface);
+    // Has datagrams to the group leave by the interface with that address. False when there is none.
+    bool SelectInterface(in_addr address);
+    // Sends one datagram to the discovery port at `to`. Returns 0 or an error number.
+    int Send(std::string_view text, in_addr to);
+
+    // Waits until there is something to receive: positive then, 0 after `milliseconds`, negative on failure. Returns at
+    // once after Interrupt.
+    int WaitReadable(int milliseconds);
+    // Receives one datagram, cut to `size` bytes, if there is one. Returns its length or -1; `at` becomes this
+    // machine's address on the network it came by, 0.0.0.0 when that is not known.
+    ssize_t Receive(char* buffer, size_t size, in_addr* sender, in_addr* at);
+    // Ends waiting and receiving for good; sending goes on.
+    void Interrupt();
+
+private:
+    int socket_ = -1;
+};
+
+}  // namespace kel::transport
