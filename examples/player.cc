@@ -1,7 +1,8 @@
 // The smallest satellite that calls: it asks the directory who serves "Schedule", calls that satellite, and does so
 // again every three seconds.
 //
-//     player [DIRECTORY]     DIRECTORY is host[:port]; 127.0.0.1 when left out
+//     player [DIRECTORY]     DIRECTORY is host[:port], or "auto" to have it found on the network;
+//                          127.0.0.1 when left out
 #include "rpc/KelSatellite.h"
 #include "rpc/VUtil.h"
 
@@ -36,7 +37,7 @@ static void ScheduleSomewhere(KelSatellite& player, const char* title) {
 
 int main(int argc, char** argv) {
     if (argc > 2 || (argc == 2 && argv[1][0] == '-')) {
-        std::puts("usage: player [DIRECTORY]   (host[:port] of the directory, 127.0.0.1 when left out)");
+        std::puts("usage: player [DIRECTORY]   (host[:port] of the directory, or auto; 127.0.0.1 when left out)");
         return std::strcmp(argv[1], "--help") == 0 ? 0 : 2;
     }
     std::setvbuf(stdout, nullptr, _IOLBF, 0);

@@ -134,6 +134,39 @@ XML = {
     "empty": "",
 }
 
+SERVER = "Server: Yar Kel Directory\r\n"
+
+
+def notify(aliases="192.168.1.20, 10.0.0.5", port="5001", users="[alice,x,1], [bob,y,0]"):
+    return (f"NOTIFY 1.0\r\n{SERVER}Max-Version: 2.1\r\nVersion: 2.1\r\nServerID: 7f3a\r\n"
+            f"Aliases: {aliases}\r\nPort: {port}\r\nUsers: {users}\r\n\r\n")
+
+
+DISCOVERY = {
+    "search": f"SEARCH 1.0\r\n{SERVER}\r\n",
+    "search_blanks": "SEARCH 1.0\r\nServer: \t Yar Kel Directory  \r\n\r\n",
+    "search_backwards": f"{SERVER}SEARCH 1.0\r\n",
+    "search_not_ended": "SEARCH 1.0\r\nServer: Yar Kel Directory",
+    "search_beyond": "SEARCH 1.0\r\nX: " + "x" * 40 + f"\r\n{SERVER}\r\n",
+    "search_nul": f"SEARCH 1.0\r\n\0{SERVER}",
+    "notify": notify(),
+    "notify_no_users": notify(users=""),
+    "notify_escapes": notify(users="[a\\,b\\\\,],[\\,,1], [,,0]"),
+    "notify_users_cut": notify(users="[alice,x,1], [bob,y"),
+    "notify_users_cut_escape": notify(users="[alice\\"),
+    "notify_users_line": notify(users="[al\r\nPort: 1\r\n,x,1]"),
+    "notify_flag_2": notify(users="[alice,x,2]"),
+    "notify_addresses": notify(aliases=", ".join(f"10.0.{i}.1" for i in range(40))),
+    "notify_bad_addresses": notify(aliases="127.0.0.1, 0.0.0.0, 255.255.255.255, 239.1.1.1, 1.2.3, ::1,, 10.0.0.1"),
+    "notify_port_over": notify(port="65536"),
+    "notify_port_text": notify(port="5001x"),
+    "notify_cut": notify()[:-4],
+    "notify_twice": notify() * 2,
+    "byebye": f"BYEBYE 1.0\r\n{SERVER}Max-Version: 2.1\r\nVersion: 2.1\r\nServerID: 7f3a\r\n\r\n",
+    "byebye_no_id": f"BYEBYE 1.0\r\n{SERVER}\r\n",
+    "empty": "",
+}
+
 
 def write(folder, inputs):
     (CORPUS / folder).mkdir(parents=True, exist_ok=True)
@@ -143,3 +176,4 @@ def write(folder, inputs):
 
 write("wire", WIRE)
 write("xml_tags", XML)
+write("discovery", DISCOVERY)

@@ -16,6 +16,18 @@ namespace {
 constexpr size_t maxDirectories = 64;
 constexpr size_t maxDatagram = 65536;
 
+bool HasAddress(const KelFoundDirectory& directory, const CStdStr& address) {
+    return std::find(directory.addresses.begin(), directory.addresses.end(), address) != directory.addresses.end();
+}
+
+// Whether the two are announcements of one directory. The id is not enough: directories that were first started in the
+// same second have drawn the same one.
+bool AreOfOne(const KelFoundDirectory& a, const KelFoundDirectory& b) {
+    return a.serverId == b.serverId && a.port == b.port &&
+           std::any_of(a.addresses.begin(), a.addresses.end(),
+                       [&](const CStdStr& address) { return HasAddress(b, address); });
+}
+
 bool IsSame(const KelDirectoryUser& a, const KelDirectoryUser& b) {
     return a.name == b.name && a.value == b.value && a.flag == b.flag;
 }
@@ -43,7 +55,8 @@ public:
 private:
     std::vector<in_addr> JoinAll();
     bool ReceiveAll();
-    bool Take(Announcement& heard);
+    bool Take(KelFoundDirectory& heard);
+    bool TakeFarewell(const KelFoundDirectory& heard);
 
     const in_addr group_;
     kel::transport::DiscoverySocket socket_;
@@ -98,27 +111,31 @@ bool KelDirectoryFinder::Impl::ReceiveAll() {
         if (!kel::wire::ReadAnnouncement({buffer_.data(), static_cast<size_t>(length)}, heard)) continue;
         heard.directory.heardFrom = inet_ntos(from);
         if (on.s_addr != INADDR_ANY) heard.directory.heardOn = inet_ntos(on);
-        isNew = Take(heard) || isNew;
+        isNew = (heard.isFarewell ? TakeFarewell(heard.directory) : Take(heard.directory)) || isNew;
     }
     return isNew;
 }
 
-bool KelDirectoryFinder::Impl::Take(Announcement& heard) {
-    const auto known = std::find_if(directories_.begin(), directories_.end(), [&](const KelFoundDirectory& candidate) {
-        return candidate.serverId == heard.directory.serverId;
-    });
-    if (heard.isFarewell) {
-        if (known == directories_.end()) return false;
-        directories_.erase(known);
-        return true;
-    }
+bool KelDirectoryFinder::Impl::Take(KelFoundDirectory& heard) {
+    const auto known = std::find_if(directories_.begin(), directories_.end(),
+                                    [&](const KelFoundDirectory& candidate) { return AreOfOne(candidate, heard); });
     if (known == directories_.end()) {
         if (directories_.size() >= maxDirectories) return false;
-        directories_.push_back(std::move(heard.directory));
+        directories_.push_back(std::move(heard));
         return true;
     }
-    const bool isNew = !IsSame(*known, heard.directory);
-    *known = std::move(heard.directory);
+    const bool isNew = !IsSame(*known, heard);
+    *known = std::move(heard);
+    return isNew;
+}
+
+// Only who speaks from a directory's own address can say farewell for it.
+bool KelDirectoryFinder::Impl::TakeFarewell(const KelFoundDirectory& heard) {
+    const auto leaving = std::remove_if(directories_.begin(), directories_.end(), [&](const KelFoundDirectory& one) {
+        return one.serverId == heard.serverId && HasAddress(one, heard.heardFrom);
+    });
+    const bool isNew = leaving != directories_.end();
+    directories_.erase(leaving, directories_.end());
     return isNew;
 }
 

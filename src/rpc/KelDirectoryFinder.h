@@ -32,7 +32,7 @@ struct KelDirectoryUser {
 
 // A directory as it announced itself last.
 struct KelFoundDirectory {
-    CStdStr serverId;                // tells directories from one another, however they are heard
+    CStdStr serverId;                // identifies its registry; not always different for two directories
     std::vector<CStdStr> addresses;  // dotted; the one on the network that the announcement was sent to comes first
     unsigned short port = 0;         // of all of them, host order
     std::vector<KelDirectoryUser> users;

@@ -73,13 +73,15 @@ public:
 
     // Opens the listening port (the directory port for "MainRegister", a free one for every other name), has
     // CreateServices publish the methods and registers at the directory on `host`, a name or an IPv4 address with an
-    // optional ":port" (default: the setting "kel.directoryPort", else 5001). Returns 0; KEL_ALREADY_REGISTERED when a
+    // optional ":port" (default: the setting "kel.directoryPort", else 5001). The host "auto" is the directory of this
+    // machine if one answers, else the first that KelDirectoryFinder finds and that answers, which takes seconds: at
+    // most 6 when none is heard, 25 when those that are heard do not answer. Returns 0; KEL_ALREADY_REGISTERED when a
     // living satellite holds the name or a living directory the directory port; KEL_UNREACHABLE when no directory
     // answers; KEL_PORT_IN_USE; any other answer of the directory as it is. After a failure the object may try again.
     virtual int Connect(const char* host, const char* name);
 
-    // Attaches to the directory on `host` as a caller only: no listening port, no registration; `user` is the caller's
-    // name that methods see. Returns 0 or KEL_UNREACHABLE.
+    // Attaches to the directory on `host`, which may be "auto", as a caller only: no listening port, no registration;
+    // `user` is the caller's name that methods see. Returns 0 or KEL_UNREACHABLE.
     virtual int ConnectUser(const char* host, const char* user);
 
     // Leaves the directory and closes the endpoint, as the destructor does. Connect may follow. Not to be called from

@@ -1,6 +1,7 @@
 #include "rpc/SatelliteImpl.h"
 
 #include "foundation/Registry.h"
+#include "rpc/FindDirectory.h"
 #include "rpc/LibraryLog.h"
 #include "rpc/RunningCall.h"
 #include "rpc/VUtil.h"
@@ -24,6 +25,7 @@ constexpr int defaultDirectoryPort = 5001;
 constexpr int nameIsTaken = 0x40010;  // the directory's answer to "Register"
 
 constexpr std::chrono::seconds standingPeriod{10};
+constexpr std::chrono::seconds foundTimeout{2};  // of an address that may be out of reach, while others wait
 constexpr long registrationGraceMs = 2000;
 
 constexpr const char* availabilityMethod = "OnServiceAvailabilityChanged";
@@ -80,10 +82,24 @@ unsigned short KelSatellite::Impl::port() {
 
 int KelSatellite::Impl::Connect(const char* host, const char* name) {
     if (!name || !*name) throw KelInvalidParameterException("Connect: a satellite needs a name");
-    const Address directory = ParseDirectory(host);
+    const std::optional<Address> directory = DirectoryOn(host, name);
+    return directory ? ConnectAs(*directory) : KEL_UNREACHABLE;
+}
+
+// Where the directory on `host` listens, if it can be told. This satellite is `name`, and not connected, from here on.
+std::optional<Address> KelSatellite::Impl::DirectoryOn(const char* host, const CStdStr& name) {
+    std::optional<Address> directory;
+    if (!kel::IsAuto(host)) directory = ParseDirectory(host);
     Disconnect();
     name_ = name;
-    return ConnectAs(directory);
+    if (directory) return directory;
+
+    const auto asking = std::make_shared<Link>(*this, Address(), name_);
+    asking->endpoint.Start();
+    directory = kel::FindDirectory(
+        DirectoryPort(), [&](const Address& address) { return IsDirectoryAt(*asking, address, foundTimeout); });
+    asking->endpoint.Close();
+    return directory;
 }
 
 int KelSatellite::Impl::ConnectAs(const Address& directory) {
@@ -119,12 +135,11 @@ int KelSatellite::Impl::ConnectAs(const Address& directory) {
 }
 
 int KelSatellite::Impl::ConnectUser(const char* host, const char* user) {
-    const Address directory = ParseDirectory(host);
-    Disconnect();
-    name_ = user;
-    const auto made = std::make_shared<Link>(*this, directory, name_);
+    const std::optional<Address> directory = DirectoryOn(host, user);
+    if (!directory) return KEL_UNREACHABLE;
+    const auto made = std::make_shared<Link>(*this, *directory, name_);
     made->endpoint.Start();
-    if (!IsDirectoryAt(*made, directory)) {
+    if (!IsDirectoryAt(*made, *directory, shortTimeout)) {
         made->endpoint.Close();
         return KEL_UNREACHABLE;
     }
@@ -139,7 +154,8 @@ int KelSatellite::Impl::Open(Link& link, bool isDirectory) {
     const Address at{bindAddress, isDirectory ? link.addresses.directory().port : uint16_t{0}};
     const boost::system::error_code error = link.endpoint.Listen(at);
     if (!error) return KEL_OK;
-    if (isDirectory && error == boost::asio::error::address_in_use && IsDirectoryAt(link, link.addresses.directory())) {
+    if (isDirectory && error == boost::asio::error::address_in_use &&
+        IsDirectoryAt(link, link.addresses.directory(), shortTimeout)) {
         return KEL_ALREADY_REGISTERED;
     }
     CBBLog::error(LibraryLogger(), "libkel: %s cannot listen on %s: %s", name_.c_str(), at.text().c_str(),
@@ -148,10 +164,10 @@ int KelSatellite::Impl::Open(Link& link, bool isDirectory) {
 }
 
 // Whether the endpoint at `address` publishes what a directory publishes.
-bool KelSatellite::Impl::IsDirectoryAt(Link& link, const Address& address) {
+bool KelSatellite::Impl::IsDirectoryAt(Link& link, const Address& address, std::chrono::milliseconds timeout) {
     const ScopedVariant nothing;
     const Outcome outcome = link.endpoint.outbound().Call(address, "kel.Describe", link.self, nothing,
-                                                          std::chrono::steady_clock::now() + shortTimeout);
+                                                          std::chrono::steady_clock::now() + timeout);
     if (outcome.end != Outcome::End::answered) return false;
     try {
         const int count = VUtil::GetArrayLengthEmpty(outcome.message.value);

@@ -8,6 +8,7 @@
 #include "rpc/transport/OneWayQueues.h"
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -66,7 +67,8 @@ private:
     LinkPtr link();
     int ConnectAs(const kel::transport::Address& directory);
     int Open(Link& link, bool isDirectory);
-    bool IsDirectoryAt(Link& link, const kel::transport::Address& address);
+    std::optional<kel::transport::Address> DirectoryOn(const char* host, const CStdStr& name);
+    bool IsDirectoryAt(Link& link, const kel::transport::Address& address, std::chrono::milliseconds timeout);
     void Drop(const LinkPtr& link);
 
     kel::transport::Outcome CallDirectory(Link& link, const char* method, const tagVARIANT& in,

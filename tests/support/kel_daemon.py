@@ -3,6 +3,7 @@
 A test derives from SystemTest and asks self.daemon() for one. What it leaves running is stopped when the test ends,
 which fails unless it exits with status 0; a failed test prints what its programs said.
 """
+import contextlib
 import ctypes
 import os
 import pathlib
@@ -190,11 +191,13 @@ class SatelliteProcess(Program):
 class Daemon:
     """A directory with its own root and port, to be started any number of times."""
 
-    def __init__(self, folder, level=4):
+    def __init__(self, folder, level=4, host=None):
+        """`host` is where it runs, a netns.Host, and is open to the networks there; by default, this machine alone."""
         self.folder = pathlib.Path(folder)
         self.root = self.folder / "root"
         self.root.mkdir()
         self.port = free_port()
+        self.host = host
         self.runs = []        # of the directory itself, the latest last
         self.companions = []  # programs that use it
         self._endpoint = None
@@ -205,7 +208,9 @@ class Daemon:
 
     @property
     def settings(self):
-        """The directory's settings; the group keeps its announcements on this machine."""
+        """The directory's settings; on this machine the group keeps its announcements here."""
+        if self.host:
+            return {"kel.directoryPort": self.port}
         return {"kel.directoryPort": self.port, "kel.bindAddress": "127.0.0.1", "kel.multicastGroup": "127.0.0.1"}
 
     @property
@@ -219,8 +224,13 @@ class Daemon:
     def spawn(self, **more):
         """Starts it and does not wait."""
         output = self.folder / f"output-{len(self.runs)}.txt"
-        self.runs.append(Program([program("KelDirectory")], self.environment, output, **more))
+        self.runs.append(Program(self._command(self.host, "KelDirectory"), self.environment, output, **more))
         return self.current
+
+    @staticmethod
+    def _command(host, *arguments):
+        command = [program(arguments[0]), *arguments[1:]]
+        return host.command(command) if host else command
 
     def start(self, **more):
         """Starts it and returns when it has entered itself under its own name."""
@@ -228,10 +238,11 @@ class Daemon:
         wait_until(self._is_up, "the directory to answer")
         return self
 
-    def companion(self, name):
-        """Starts an example program on this directory."""
+    def companion(self, name, *arguments, host=None):
+        """Starts an example program on this directory, or another with the arguments given."""
         output = self.folder / f"{name}-{len(self.companions)}.txt"
-        self.companions.append(Program([program(name), f"127.0.0.1:{self.port}"], self.environment, output))
+        command = self._command(host or self.host, name, *(arguments or [f"127.0.0.1:{self.port}"]))
+        self.companions.append(Program(command, self.environment, output))
         return self.companions[-1]
 
     def start_satellites(self, *described):
@@ -263,7 +274,12 @@ class Daemon:
             return False
 
     def client(self, caller=""):
-        return Client(self.port, caller)
+        with self.host or contextlib.nullcontext():
+            return Client(self.port, caller)
+
+    def client_at(self, address, caller=""):
+        """A client on the host that the caller has entered."""
+        return Client(self.port, caller, address)
 
     def stop(self, number=None):
         status = self.current.stop(number)
@@ -342,8 +358,8 @@ class SystemTest(unittest.TestCase):
                 run.process.wait()
             shutil.rmtree(daemon.folder)
 
-    def daemon(self, level=4):
-        daemon = Daemon(tempfile.mkdtemp(prefix="kel-test-"), level)
+    def daemon(self, level=4, host=None):
+        daemon = Daemon(tempfile.mkdtemp(prefix="kel-test-"), level, host)
         self._daemons.append(daemon)
         self.addCleanup(daemon.close)
         return daemon

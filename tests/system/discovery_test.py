@@ -1,0 +1,304 @@
+"""Directories that announce themselves, and who finds them, on hosts and networks made for each test."""
+import pathlib
+import re
+import select
+import socket
+import struct
+import sys
+import unittest
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
+from kel_client import DEADLINE, KelError, ui2
+from kel_daemon import SystemTest, program
+from netns import Lab, require_namespaces
+
+GROUP, PORT = "239.255.255.251", 1901
+SEARCH = b"SEARCH 1.0\r\nServer: Yar Kel Directory\r\n\r\n"
+IP_PKTINFO = 8
+SO_TIMESTAMPNS = 35
+
+
+class Listener:
+    """A plain UDP socket of `host` that has joined the group at its address `at`, and shares the port."""
+
+    def __init__(self, host, at):
+        with host:
+            self.socket = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        for level, option in [(socket.SOL_SOCKET, socket.SO_REUSEADDR), (socket.SOL_SOCKET, socket.SO_REUSEPORT),
+                              (socket.SOL_SOCKET, SO_TIMESTAMPNS), (socket.IPPROTO_IP, IP_PKTINFO)]:
+            self.socket.setsockopt(level, option, 1)
+        self.socket.bind(("", PORT))
+        self.socket.setsockopt(socket.IPPROTO_IP, socket.IP_ADD_MEMBERSHIP,
+                               socket.inet_aton(GROUP) + socket.inet_aton(at))
+        self.socket.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_IF, socket.inet_aton(at))
+        self.socket.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_LOOP, 0)
+        self.socket.settimeout(DEADLINE)
+
+    def send(self, data, to=GROUP):
+        self.socket.sendto(data, (to, PORT))
+
+    def receive(self):
+        """(text, sent to, sender, time in seconds)"""
+        data, extras, _, sender = self.socket.recvmsg(65536, 256)
+        extras = {(level, kind): value for level, kind, value in extras}
+        _, _, to = struct.unpack("I4s4s", extras[socket.IPPROTO_IP, IP_PKTINFO])
+        seconds, nanoseconds = struct.unpack("qq", extras[socket.SOL_SOCKET, SO_TIMESTAMPNS])
+        return data.decode(), socket.inet_ntoa(to), sender, seconds + nanoseconds / 1e9
+
+    def pair(self):
+        """A datagram and its copy, as (text, sent to, address of the sender)."""
+        text, to, sender, time = self.receive()
+        copy, copy_to, copy_sender, copy_time = self.receive()
+        assert (text, to, sender) == (copy, copy_to, copy_sender), (text, to, sender, copy, copy_to, copy_sender)
+        assert copy_time - time > 0.0095, copy_time - time
+        assert sender[1] == PORT, sender
+        return text, to, sender[0]
+
+    def nothing_waits(self):
+        return not select.select([self.socket], [], [], 0)[0]
+
+
+class OnNetworks(SystemTest):
+    def setUp(self):
+        self.lab = Lab()
+        self.addCleanup(self.lab.close)
+
+    def listener(self, host, at):
+        listener = Listener(host, at)
+        self.addCleanup(listener.socket.close)
+        return listener
+
+    def server_id(self, directory):
+        return re.search("<serverId>(.*)</serverId>", directory.registration.read_text())[1]
+
+    def notify(self, directory, aliases, users=""):
+        return (f"NOTIFY 1.0\r\nServer: Yar Kel Directory\r\nMax-Version: 2.1\r\nVersion: 2.1\r\n"
+                f"ServerID: {self.server_id(directory)}\r\nAliases: {aliases}\r\nPort: {directory.port}\r\n"
+                f"Users: {users}\r\n\r\n")
+
+
+class ADirectoryBetweenTwoNetworks(OnNetworks):
+    """The directory's host is 10.77.1.1 on one and 10.77.2.1 on the other; there is one more host on each."""
+
+    def setUp(self):
+        super().setUp()
+        self.home, self.left, self.right = (self.lab.host(name) for name in ["home", "left", "right"])
+        self.lab.network("10.77.1", self.home, self.left)
+        self.lab.network("10.77.2", self.home, self.right)
+        self.on_left = self.listener(self.left, "10.77.1.2")
+        self.on_right = self.listener(self.right, "10.77.2.2")
+        self.directory = self.daemon(host=self.home).start()
+
+    def test_announces_itself_on_each_to_the_byte_and_says_farewell(self):
+        expected = [(self.on_left, "10.77.1.1", "10.77.1.1, 10.77.2.1"), (self.on_right, "10.77.2.1", "10.77.2.1, 10.77.1.1")]
+        for listener, address, aliases in expected:
+            self.assertEqual(listener.pair(), (self.notify(self.directory, aliases), GROUP, address))
+        farewell = ("BYEBYE 1.0\r\nServer: Yar Kel Directory\r\nMax-Version: 2.1\r\nVersion: 2.1\r\n"
+                    f"ServerID: {self.server_id(self.directory)}\r\n\r\n")
+        self.directory.stop()
+        for listener, address, _ in expected:
+            heard = listener.pair()
+            while heard[0].startswith("NOTIFY"):  # the test took 20 seconds
+                heard = listener.pair()
+            self.assertEqual(heard, (farewell, GROUP, address))
+            self.assertTrue(listener.nothing_waits())
+
+    def test_answers_a_searcher_at_once_and_its_second_search_by_telling_all(self):
+        self.on_left.pair()
+        self.on_right.pair()
+        for foreign in [b"", b"SEARCH 1.0\r\n", SEARCH.replace(b"Yar", b"Yet"), SEARCH.replace(b"Server", b"server"),
+                        SEARCH.replace(b"1.0\r\n", b"1.0\r\n" + b"X" * 40 + b"\r\n"), SEARCH.replace(b"\r", b""),
+                        b"\0" + SEARCH, b"\xff" * 60000]:
+            self.on_left.send(foreign)
+        with self.left:
+            elsewhere = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)  # at a port of its own
+        with elsewhere:
+            for _ in range(5):
+                elsewhere.sendto(SEARCH, ("10.77.1.1", PORT))
+        aliases = "10.77.1.1, 10.77.2.1"
+        self.assertEqual(self.on_left.pair(), (self.notify(self.directory, aliases), "10.77.1.2", "10.77.1.1"))
+        self.assertEqual(self.on_left.pair(), (self.notify(self.directory, aliases), GROUP, "10.77.1.1"))
+        self.assertEqual(self.on_right.pair()[1:], (GROUP, "10.77.2.1"))
+        self.on_right.send(SEARCH.replace(b" Yar Kel Directory", b"\t  Yar Kel Directory  "))
+        self.assertEqual(self.on_right.pair()[1:], ("10.77.2.2", "10.77.2.1"))
+        self.assertTrue(self.on_left.nothing_waits())
+
+    def test_announces_the_users_that_satellites_hand_it(self):
+        self.on_left.pair()
+        with self.directory.client() as client:
+            self.assertEqual(client.call("AddKelUsers", ["bob", ["a,b\\c", "x", True], ["al", "1,2", False, 7]]), (0, None))
+            users = "[a\\,b\\\\c,x,1], [al,1\\,2,0], [bob,,0]"
+            self.assertEqual(self.on_left.pair()[0], self.notify(self.directory, "10.77.1.1, 10.77.2.1", users))
+            for bad, problem in [(["never", 5, "late"], "AddKelUsers: invalid user: got 3"), ("bob", "AddKelUsers: invalid inParam"),
+                                 ([["a", "b"]], "AddKelUsers: invalid user")]:
+                with self.assertRaises(KelError) as refused:
+                    client.call("AddKelUsers", bad)
+                self.assertEqual(refused.exception.code, 1)
+                self.assertTrue(refused.exception.text.startswith(problem), refused.exception.text)
+            with self.assertRaises(KelError):
+                client.call("RemoveKelUser", 5)
+            for gone in ["bob", "a,b\\c", "nobody"]:
+                self.assertEqual(client.call("RemoveKelUser", gone), (0, None))
+        self.assertEqual(self.on_left.pair()[0],
+                         self.notify(self.directory, "10.77.1.1, 10.77.2.1", "[al,1\\,2,0], [late,,0]"))
+
+    def test_hands_each_asker_the_address_that_it_can_reach(self):
+        with self.directory.client() as client:
+            client.register("Local", 4711, [("Schedule", "")])
+        satellites = {}
+        for host, own, reached in [(self.left, "10.77.1.2", "10.77.1.1"), (self.right, "10.77.2.2", "10.77.2.1")]:
+            with host, self.directory.client_at(reached) as client:
+                satellites[own] = client.register("At" + own, 4712, [("Schedule", "")])
+                self.assertEqual(client.call("GetSatelliteHost", "Local"), (0, [reached, 4711]))
+                self.assertEqual(client.call("GetSatelliteHost", "MainRegister"), (0, [reached, self.directory.port]))
+                self.assertEqual(client.call("GetSatelliteHost", "At" + own), (0, [own, 4712]))
+                found = client.call("GetServiceReg", ["all", "Schedule"])[1]
+                self.assertEqual({entry[2]: entry[3] for entry in found},
+                                 {"Local": reached, **{"At" + address: address for address in satellites}})
+                self.assertEqual(client.call("GetServiceReg", ["Local", "Schedule"])[1][0][3:5], [reached, ui2(4711)])
+        for address in ["127.0.0.1", "10.77.1.1", "10.77.2.1"]:  # from the directory's own machine, by whatever way
+            with self.home, self.directory.client_at(address) as client:
+                expected = "127.0.0.1" if address == "127.0.0.1" else address
+                self.assertEqual(client.call("GetSatelliteHost", "Local"), (0, [expected, 4711]))
+
+    def test_is_found_by_satellites_that_were_told_no_address(self):
+        recorder = self.directory.companion("recorder", "auto")
+        recorder.wait_for("registered")
+        for host in [self.left, self.right, self.home]:
+            self.directory.companion("player", "auto", host=host).wait_for("is its recording")
+        with self.directory.client() as client:
+            self.assertEqual(client.call("GetSatelliteHost", "Recorder")[1][0], "127.0.0.1")
+            self.assertEqual(recorder.stop(), 0)
+            self.directory.companion("recorder", "auto", host=self.left).wait_for("registered")
+            self.assertEqual(client.call("GetSatelliteHost", "Recorder")[1][0], "10.77.1.2")
+        self.directory.companion("player", "auto").wait_for("is its recording")
+        self.directory.stop()
+        lost = self.directory.companion("player", "auto", host=self.left)
+        self.assertEqual(lost.wait(), 1)
+        self.assertIn("cannot be reached", lost.output())
+
+    def test_is_found_by_several_on_one_machine_also_beside_it_and_lost_when_it_leaves(self):
+        with self.directory.client() as client:
+            client.call("AddKelUsers", [["al", "x", True]])
+        server = self.server_id(self.directory)
+        watchers = {host: [self.directory.companion("network_probe", "find", host=host) for _ in range(2)]
+                    for host in [self.home, self.left, self.right]}
+        lines = {self.left: f"{server} at 10.77.1.1 10.77.2.1 port {self.directory.port} from 10.77.1.1 on 10.77.1.2 users al=x/1.",
+                 self.right: f"{server} at 10.77.2.1 10.77.1.1 port {self.directory.port} from 10.77.2.1 on 10.77.2.2 users al=x/1.",
+                 self.home: f"port {self.directory.port} from 10.77."}
+        for host, programs in watchers.items():
+            for program in programs:
+                program.wait_for(lines[host])
+        self.directory.stop()
+        for program in sum(watchers.values(), []):
+            program.wait_for("found 0\n")
+            program.kill()
+
+
+class AHostWithoutANetwork(OnNetworks):
+    def test_runs_a_silent_directory_that_speaks_up_when_a_network_appears(self):
+        home, other = self.lab.host("home"), self.lab.host("other")
+        directory = self.daemon(host=home).start()
+        with home:
+            asking = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        with asking:
+            asking.sendto(SEARCH, ("127.0.0.1", PORT))
+        # A change of users brings the next announcement forward, and with it the look for interfaces.
+        with directory.client() as client:
+            client.call("AddKelUsers", ["al"])
+        watcher = directory.companion("network_probe", "find", host=other)
+        watcher.wait_for("no network to search")
+        player = directory.companion("player", "auto", host=other)
+        self.assertEqual(player.wait(), 1)
+        local = directory.companion("player", "auto")  # finds the one beside it all the same
+        local.wait_for("nobody serves")
+        self.assertEqual(home.udp_sent(), 1, "the search above is all that was sent")
+
+        self.lab.network("10.77.3", home, other)
+        watcher.wait_for(f"at 10.77.3.1 port {directory.port} from 10.77.3.1 on 10.77.3.2 users al=/0.")
+        watcher.kill()
+        directory.stop()
+
+
+class ANetworkWithSeveralDirectories(OnNetworks):
+    def test_has_all_of_them_found_also_two_on_one_host(self):
+        hosts = [self.lab.host(f"h{number}") for number in range(3)]
+        self.lab.network("10.77.4", *hosts)
+        directories = [self.daemon(host=host).start() for host in [hosts[0], hosts[0], hosts[1]]]
+        watcher = directories[0].companion("network_probe", "find", host=hosts[2])
+        for directory in directories:
+            watcher.wait_for(f"port {directory.port} from")
+        watcher.wait_for("found 3\n")
+        directories[2].stop()
+        watcher.wait_for("found 2\n")
+        watcher.kill()
+
+
+class TheChoiceOfAnAddress(OnNetworks):
+    def chosen(self, host, *destinations):
+        """The local address that the directory would take to each destination."""
+        lines = host.run(self.probe, "routes", *destinations).splitlines()
+        return {words[0]: None if words[1] == "none" else words[1] for words in map(str.split, lines)}
+
+    def setUp(self):
+        super().setUp()
+        self.probe = program("network_probe")
+
+    def check_as_the_kernel(self, host, *destinations):
+        self.assertEqual(self.chosen(host, *destinations),
+                         {destination: host.kernels_choice(destination) for destination in destinations})
+
+    def test_is_the_kernels_on_machines_with_one_and_two_networks(self):
+        one, two, router = (self.lab.host(name) for name in ["one", "two", "router"])
+        self.lab.network("10.78.1", router, two, one)
+        self.lab.network("192.168.50", router, two, first=20)
+        for host in [one, two]:
+            self.check_as_the_kernel(host, "10.78.1.1", "127.0.0.1", "127.3.2.1", "8.8.8.8", "172.16.0.1")
+        one.ip("route", "add", "default", "via", "10.78.1.1")
+        two.ip("route", "add", "default", "via", "192.168.50.20")
+        two.ip("route", "add", "172.16.0.0/12", "via", "10.78.1.1")
+        for host in [one, two]:
+            self.check_as_the_kernel(host, "10.78.1.1", "10.78.1.200", "127.0.0.1", "8.8.8.8", "172.16.0.1", "172.17.9.9",
+                                     "192.168.50.77", "192.168.51.1", "1.1.1.1")
+
+    def test_takes_the_lower_priority_of_two_default_routes_as_the_kernel_does(self):
+        host, router = self.lab.host("host"), self.lab.host("router")
+        self.lab.network("10.78.1", host, router)
+        self.lab.network("10.78.2", host, router)
+        for network, metric in [(1, 200), (2, 100)]:
+            host.ip("route", "add", "default", "via", f"10.78.{network}.2", "metric", metric)
+        self.assertEqual(self.chosen(host, "8.8.8.8"), {"8.8.8.8": "10.78.2.1"})
+        self.check_as_the_kernel(host, "8.8.8.8", "10.78.1.9")
+        host.ip("link", "set", "eth1", "down")
+        self.assertEqual(self.chosen(host, "8.8.8.8"), {"8.8.8.8": "10.78.1.1"})
+
+    def test_differs_from_the_kernels_where_the_rule_says_so(self):
+        host, router = self.lab.host("host"), self.lab.host("router")
+        self.lab.network("10.78.1", host, router)
+        self.lab.network("10.78.2", host, router)
+        host.ip("route", "add", "default", "via", "10.78.1.2")
+        host.ip("address", "add", "10.78.9.1/24", "dev", "eth1")
+        host.ip("route", "add", "8.0.0.0/8", "via", "10.78.2.2")
+        host.ip("route", "add", "164.16.0.0/16", "via", "10.78.2.2", "hoplimit", 64)
+        host.ip("route", "add", "203.0.113.7/32", "via", "10.78.2.2")
+        chosen = self.chosen(host, "9.9.9.9", "164.16.0.1", "203.0.113.7", "10.78.9.5", "10.78.3.5")
+        kernels = {destination: host.kernels_choice(destination) for destination in chosen}
+        self.assertEqual(chosen, {
+            "9.9.9.9": "10.78.2.1",      # 9 has the one-bit of 8
+            "164.16.0.1": "10.78.1.1",   # the hop count of the default route is lower
+            "203.0.113.7": "10.78.2.1",  # routes to one host do not count; 203 has the one-bit of 8
+            "10.78.9.5": "10.78.2.1",    # the interface's first address stands for it
+            "10.78.3.5": "10.78.2.1",    # 3 has the one-bits of 2, which is above 1
+        })
+        self.assertEqual(kernels, {"9.9.9.9": "10.78.1.1", "164.16.0.1": "10.78.2.1", "203.0.113.7": "10.78.2.1",
+                                   "10.78.9.5": "10.78.9.1", "10.78.3.5": "10.78.1.1"})
+
+    def test_is_none_where_no_route_matches(self):
+        host = self.lab.host("host")
+        self.lab.network("10.78.1", host)
+        self.assertEqual(self.chosen(host, "8.8.8.8", "192.168.1.1", "10.78.2.1"), dict.fromkeys(["8.8.8.8", "192.168.1.1", "10.78.2.1"]))
+
+
+if __name__ == "__main__":
+    require_namespaces()
+    unittest.main()
