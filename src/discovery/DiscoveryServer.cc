@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstring>
 #include <exception>
+#include <utility>
 
 using yar::networkutils::inet_ntos;
 
@@ -108,8 +109,8 @@ void DiscoveryServer::SendNotify(const CStdStr& target) {
         TriggerNotify(toAllAt);
         return;
     }
-    const in_addr interface { inet_addr(network_->AddressTowards(target).c_str()) };
-    SendNotifyFrom(interface, in_addr{inet_addr(target.c_str())}, UserList());
+    const in_addr own{inet_addr(network_->AddressTowards(target).c_str())};
+    SendNotifyFrom(own, in_addr{inet_addr(target.c_str())}, UserList());
 }
 
 void DiscoveryServer::SendNotifyFrom(in_addr interface, in_addr to, const CStdStr& userList) {
@@ -158,20 +159,22 @@ void DiscoveryServer::TriggerNotify(unsigned int atMs) {
 void DiscoveryServer::AddUser(const CStdStr& name, const CStdStr& value, bool flag) {
     PMutexHold hold(users_);
     users_.value()[name] = {value, flag};
-    BuildUserListString();
+    userListIsOld_ = true;
     TriggerNotify(network_->UpTimeMs() + userChangeDelayMs);
 }
 
 void DiscoveryServer::RemoveUser(const CStdStr& name) {
     PMutexHold hold(users_);
     users_.value().erase(name);
-    BuildUserListString();
+    userListIsOld_ = true;
     TriggerNotify(network_->UpTimeMs() + userChangeDelayMs);
 }
 
-void DiscoveryServer::BuildUserListString() { userListString_ = kel::discovery::BuildUserList(users_.value()); }
-
+// Built once for any number of changes: a call may add many users, and the list grows with them.
 CStdStr DiscoveryServer::UserList() {
     PMutexHold hold(users_);
+    if (std::exchange(userListIsOld_, false)) BuildUserListString();
     return userListString_;
 }
+
+void DiscoveryServer::BuildUserListString() { userListString_ = kel::discovery::BuildUserList(users_.value()); }

@@ -84,5 +84,6 @@ private:
     bool saidTooLong_ = false;            // the thread's
     PLocker<std::map<CStdStr, UserDetails>> users_;
     CStdStr userListString_ GUARDED_BY(users_);
+    bool userListIsOld_ GUARDED_BY(users_) = false;  // users have changed since it was built
     std::unique_ptr<PThread> selectThread_;
 };

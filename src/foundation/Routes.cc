@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstring>
 #include <limits>
+#include <map>
 #include <tuple>
 
 namespace yar::networkutils {
@@ -28,10 +29,13 @@ bool IsBefore(const Route& a, const Route& b) {
 }  // namespace
 
 std::vector<Route> UsableRoutes(const std::vector<kel::platform::RouteEntry>& table, const NetOfInterface& netOf) {
+    std::map<unsigned, std::optional<kel::platform::InterfaceNet>> nets;  // a table has many routes to few interfaces
     std::vector<Route> routes;
     for (const kel::platform::RouteEntry& entry : table) {
         if (!entry.isUp || entry.isHost) continue;
-        const std::optional<kel::platform::InterfaceNet> net = netOf(entry.interface);
+        const auto [known, isNew] = nets.try_emplace(entry.interface);
+        std::optional<kel::platform::InterfaceNet>& net = known->second;
+        if (isNew) net = netOf(entry.interface);
         if (!net) continue;
         Route route;
         route.destination = entry.destination;

@@ -195,6 +195,42 @@ class ADirectoryBetweenTwoNetworks(OnNetworks):
             program.kill()
 
 
+class AFloodOfSearches(OnNetworks):
+    ADDRESSES = 1000
+    SECONDS, RATE = 5, 20000
+
+    def test_from_a_thousand_addresses_is_answered_by_the_two_second_rule_while_calls_go_on(self):
+        home, flooding = self.lab.host("home"), self.lab.host("flooding")
+        self.lab.network("10.79.0", home, flooding)
+        flooding.ip("route", "add", "local", "10.79.4.0/22", "dev", "lo")  # all of these addresses are its own
+        home.ip("route", "add", "10.79.4.0/22", "via", "10.79.0.2")
+        listener = self.listener(flooding, "10.79.0.2")
+        directory = self.daemon(level=1, host=home).start()
+        listener.pair()
+        memory = self.memory(directory)
+        sent = home.udp_sent()
+
+        flood = directory.companion("network_probe", "flood", "10.79.0.1", self.RATE, self.SECONDS, "10.79.4.0",
+                                    self.ADDRESSES, host=flooding)
+        caller = directory.companion("network_probe", "calls", f"127.0.0.1:{directory.port}", 1)
+        heard = []
+        while flood.running() or not listener.nothing_waits():
+            if select.select([listener.socket], [], [], 0.1)[0]:
+                heard.append(listener.receive()[1::2])
+        self.assertEqual((flood.wait(), caller.wait()), (0, 0))
+        last = {}
+        for to, time in heard[::2]:  # the copies follow
+            self.assertGreater(time - last.get(to, 0), 1.5, to)
+            last[to] = time
+        self.assertGreater(len(last), 50, "searchers are answered meanwhile")
+        # Everything that left was heard: nothing went anywhere else.
+        self.assertLessEqual(home.udp_sent() - sent, len(heard) + 2)
+        self.assertLess(self.memory(directory) - memory, 4 << 20)
+
+    def memory(self, directory):
+        return int(re.search(r"VmRSS:\s+(\d+)", pathlib.Path(f"/proc/{directory.current.process.pid}/status").read_text())[1]) << 10
+
+
 class AHostWithoutANetwork(OnNetworks):
     def test_runs_a_silent_directory_that_speaks_up_when_a_network_appears(self):
         home, other = self.lab.host("home"), self.lab.host("other")

@@ -25,9 +25,10 @@ AddressList AllAddresses() {
 // Questions about one interface, by its index.
 class InterfaceQuestion {
 public:
-    explicit InterfaceQuestion(unsigned index)
-        : socket_(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)),
-          exists_(socket_ >= 0 && if_indextoname(index, request_.ifr_name)) {}
+    explicit InterfaceQuestion(unsigned index) : socket_(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+        request_.ifr_ifindex = static_cast<int>(index);
+        exists_ = ioctl(socket_, SIOCGIFNAME, &request_) == 0;  // from here on the request has the name
+    }
     ~InterfaceQuestion() {
         if (socket_ >= 0) close(socket_);
     }
@@ -46,7 +47,7 @@ public:
 private:
     const int socket_;
     ifreq request_{};
-    const bool exists_;
+    bool exists_ = false;
 };
 
 }  // namespace

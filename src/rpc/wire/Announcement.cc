@@ -115,6 +115,7 @@ CStdStr BuildSearch() {
 
 bool ReadAnnouncement(std::string_view datagram, Announcement& out) {
     out = Announcement();
+    if (datagram.find('\0') != std::string_view::npos) return false;
     if (TakeStart(datagram, "BYEBYE 1.0\r\n")) out.isFarewell = true;
     else if (!TakeStart(datagram, "NOTIFY 1.0\r\n")) return false;
 

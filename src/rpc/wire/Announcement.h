@@ -28,7 +28,8 @@ struct Announcement {
 };
 
 // Reads a NOTIFY or a BYEBYE of a directory. False for everything else: another protocol or version, another kind of
-// server, a datagram that was cut or lacks the id, the port or an address under which a host can be reached.
+// server, a datagram that was cut, has a NUL in it or lacks the id, the port or an address under which a host can be
+// reached.
 bool ReadAnnouncement(std::string_view datagram, Announcement& out);
 
 }  // namespace kel::wire

@@ -71,6 +71,7 @@ TEST(AnAnnouncement, ThatIsCutForeignOrWithoutAnAddressIsNone) {
     for (size_t length = 0; length < whole.size(); ++length) {
         EXPECT_FALSE(ReadAnnouncement(std::string_view(whole).substr(0, length), heard)) << length;
     }
+    EXPECT_FALSE(ReadAnnouncement(Notify(std::string("10.0.0.1\0", 9), "5001"), heard));
     for (const char* port : {"0", "65536", "-1", "5001x", "", "99999999999999999999"}) {
         EXPECT_FALSE(ReadAnnouncement(Notify("10.0.0.1", port), heard)) << port;
     }
