@@ -2,8 +2,10 @@
 // address. Connect("auto", name) uses one; use your own to list directories or to follow them as they come and go.
 //
 //     KelDirectoryFinder finder;
-//     if (!finder.Search()) std::puts(finder.GetProblem().c_str());
-//     for (int second = 0; second < 3; ++second) finder.Wait(1000);
+//     for (int i = 0; i < 4; ++i) {
+//         if (!finder.Search()) std::puts(finder.GetProblem().c_str());
+//         finder.Wait(1000);  // back at once when there is news
+//     }
 //     for (const KelFoundDirectory& found : finder.GetDirectories()) ...
 //
 // A directory answers a search within moments, tells everyone of itself every 20 seconds and when its users change, and
