@@ -241,7 +241,8 @@ class Daemon:
     def companion(self, name, *arguments, host=None):
         """Starts an example program on this directory, or another with the arguments given."""
         output = self.folder / f"{name}-{len(self.companions)}.txt"
-        command = self._command(host or self.host, name, *(map(str, arguments) if arguments else [f"127.0.0.1:{self.port}"]))
+        words = map(str, arguments or [f"127.0.0.1:{self.port}"])
+        command = self._command(host or self.host, name, *words)
         self.companions.append(Program(command, self.environment, output))
         return self.companions[-1]
 

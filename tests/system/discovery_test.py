@@ -94,7 +94,8 @@ class ADirectoryBetweenTwoNetworks(OnNetworks):
         self.directory.current.wait_for("Initialization complete")
 
     def test_announces_itself_on_each_to_the_byte_and_says_farewell(self):
-        expected = [(self.on_left, "10.77.1.1", "10.77.1.1, 10.77.2.1"), (self.on_right, "10.77.2.1", "10.77.2.1, 10.77.1.1")]
+        expected = [(self.on_left, "10.77.1.1", "10.77.1.1, 10.77.2.1"),
+                    (self.on_right, "10.77.2.1", "10.77.2.1, 10.77.1.1")]
         for listener, address, aliases in expected:
             self.assertEqual(listener.pair(), (self.notify(self.directory, aliases), GROUP, address))
         farewell = ("BYEBYE 1.0\r\nServer: Yar Kel Directory\r\nMax-Version: 2.1\r\nVersion: 2.1\r\n"
@@ -130,10 +131,12 @@ class ADirectoryBetweenTwoNetworks(OnNetworks):
     def test_announces_the_users_that_satellites_hand_it(self):
         self.on_left.pair()
         with self.directory.client() as client:
-            self.assertEqual(client.call("AddKelUsers", ["bob", ["a,b\\c", "x", True], ["al", "1,2", False, 7]]), (0, None))
+            added = client.call("AddKelUsers", ["bob", ["a,b\\c", "x", True], ["al", "1,2", False, 7]])
+            self.assertEqual(added, (0, None))
             users = "[a\\,b\\\\c,x,1], [al,1\\,2,0], [bob,,0]"
             self.assertEqual(self.on_left.pair()[0], self.notify(self.directory, "10.77.1.1, 10.77.2.1", users))
-            for bad, problem in [(["never", 5, "late"], "AddKelUsers: invalid user: got 3"), ("bob", "AddKelUsers: invalid inParam"),
+            for bad, problem in [(["never", 5, "late"], "AddKelUsers: invalid user: got 3"),
+                                 ("bob", "AddKelUsers: invalid inParam"),
                                  ([["a", "b"]], "AddKelUsers: invalid user")]:
                 with self.assertRaises(KelError) as refused:
                     client.call("AddKelUsers", bad)
@@ -187,9 +190,10 @@ class ADirectoryBetweenTwoNetworks(OnNetworks):
         server = self.server_id(self.directory)
         watchers = {host: [self.directory.companion("network_probe", "find", host=host) for _ in range(2)]
                     for host in [self.home, self.left, self.right]}
-        lines = {self.left: f"{server} at 10.77.1.1 10.77.2.1 port {self.directory.port} from 10.77.1.1 on 10.77.1.2 users al=x/1.",
-                 self.right: f"{server} at 10.77.2.1 10.77.1.1 port {self.directory.port} from 10.77.2.1 on 10.77.2.2 users al=x/1.",
-                 self.home: f"port {self.directory.port} from 10.77."}
+        port = f"port {self.directory.port}"
+        lines = {self.left: f"{server} at 10.77.1.1 10.77.2.1 {port} from 10.77.1.1 on 10.77.1.2 users al=x/1.",
+                 self.right: f"{server} at 10.77.2.1 10.77.1.1 {port} from 10.77.2.1 on 10.77.2.2 users al=x/1.",
+                 self.home: f"{port} from 10.77."}
         for host, programs in watchers.items():
             for program in programs:
                 program.wait_for(lines[host])
@@ -230,10 +234,15 @@ class AFloodOfSearches(OnNetworks):
             self.assertGreater(time - last.get(to, 0), 1.5, to)
             last[to] = time
         self.assertGreater(len(last), 50, "searchers are answered meanwhile")
-        self.assertLess(self.memory(directory) - memory, 4 << 20)
+        if not self.is_sanitized(directory):  # a sanitizer keeps freed memory
+            self.assertLess(self.memory(directory) - memory, 4 << 20)
+
+    def is_sanitized(self, directory):
+        return "san.so" in pathlib.Path(f"/proc/{directory.current.process.pid}/maps").read_text()
 
     def memory(self, directory):
-        return int(re.search(r"VmRSS:\s+(\d+)", pathlib.Path(f"/proc/{directory.current.process.pid}/status").read_text())[1]) << 10
+        status = pathlib.Path(f"/proc/{directory.current.process.pid}/status").read_text()
+        return int(re.search(r"VmRSS:\s+(\d+)", status)[1]) << 10
 
 
 class AHostWithoutANetwork(OnNetworks):
@@ -287,7 +296,8 @@ class ANetworkWithSeveralDirectories(OnNetworks):
         players = [directory.companion("player", "auto", host=asking)]
 
         def lie():
-            for number, aliases, port in [(0, "10.77.5.99", 9), (1, "10.77.5.2", 7777), (2, "10.77.5.2", 9), (3, "127.0.0.1", 1)]:
+            for number, aliases, port in [(0, "10.77.5.99", 9), (1, "10.77.5.2", 7777), (2, "10.77.5.2", 9),
+                                            (3, "127.0.0.1", 1)]:
                 lies.send(f"NOTIFY 1.0\r\nServer: Yar Kel Directory\r\nServerID: lie{number}\r\nAliases: {aliases}\r\n"
                           f"Port: {port}\r\nUsers: \r\n\r\n".encode())
 
@@ -333,8 +343,8 @@ class TheChoiceOfAnAddress(OnNetworks):
         two.ip("route", "add", "default", "via", "192.168.50.20")
         two.ip("route", "add", "172.16.0.0/12", "via", "10.78.1.1")
         for host in [one, two]:
-            self.check_as_the_kernel(host, "10.78.1.1", "10.78.1.200", "127.0.0.1", "8.8.8.8", "172.16.0.1", "172.17.9.9",
-                                     "192.168.50.77", "192.168.51.1", "1.1.1.1")
+            self.check_as_the_kernel(host, "10.78.1.1", "10.78.1.200", "127.0.0.1", "8.8.8.8", "172.16.0.1",
+                                     "172.17.9.9", "192.168.50.77", "192.168.51.1", "1.1.1.1")
 
     def test_takes_the_lower_priority_of_two_default_routes_as_the_kernel_does(self):
         host, router = self.lab.host("host"), self.lab.host("router")
@@ -371,7 +381,8 @@ class TheChoiceOfAnAddress(OnNetworks):
     def test_is_none_where_no_route_matches(self):
         host = self.lab.host("host")
         self.lab.network("10.78.1", host)
-        self.assertEqual(self.chosen(host, "8.8.8.8", "192.168.1.1", "10.78.2.1"), dict.fromkeys(["8.8.8.8", "192.168.1.1", "10.78.2.1"]))
+        unreached = ["8.8.8.8", "192.168.1.1", "10.78.2.1"]
+        self.assertEqual(self.chosen(host, *unreached), dict.fromkeys(unreached))
 
 
 if __name__ == "__main__":
