@@ -150,12 +150,17 @@ class ADirectoryBetweenTwoNetworks(OnNetworks):
                          self.notify(self.directory, "10.77.1.1, 10.77.2.1", "[al,1\\,2,0], [late,,0]"))
 
     def test_hands_each_asker_the_address_that_it_can_reach(self):
+        def register(client, name, port):
+            client.caller = name
+            client.register(name, port, [("Schedule", "")])
+            client.call("SetBeRightBackTimer", 3600)  # nobody listens there
         with self.directory.client() as client:
-            client.register("Local", 4711, [("Schedule", "")])
-        satellites = {}
+            register(client, "Local", 4711)
+        satellites = []
         for host, own, reached in [(self.left, "10.77.1.2", "10.77.1.1"), (self.right, "10.77.2.2", "10.77.2.1")]:
             with host, self.directory.client_at(reached) as client:
-                satellites[own] = client.register("At" + own, 4712, [("Schedule", "")])
+                register(client, "At" + own, 4712)
+                satellites.append(own)
                 self.assertEqual(client.call("GetSatelliteHost", "Local"), (0, [reached, 4711]))
                 self.assertEqual(client.call("GetSatelliteHost", "MainRegister"), (0, [reached, self.directory.port]))
                 self.assertEqual(client.call("GetSatelliteHost", "At" + own), (0, [own, 4712]))
