@@ -117,8 +117,7 @@ TEST_F(AnAnnouncer, UsesAnInterfaceThatAppearsFromTheNextAnnouncementOn) {
 }
 
 TEST_F(AnAnnouncer, SaysFarewellOnEachNetworkAndNothingAfterIt) {
-    Start({"10.0.0.1", "10.1.0.1"});
-    // The network goes with the server: what it was told last is looked at from inside the last call.
+    // The network goes with the server, and hands over what it was told when it does.
     struct Record : FakeNetwork {
         explicit Record(std::vector<Sent>& all) : all_(all) {}
         ~Record() override { all_ = TakeSent(); }
