@@ -152,8 +152,11 @@ class ADirectoryBetweenTwoNetworks(OnNetworks):
     def test_hands_each_asker_the_address_that_it_can_reach(self):
         def register(client, name, port):
             client.caller = name
-            client.register(name, port, [("Schedule", "")])
-            client.call("SetBeRightBackTimer", 3600)  # nobody listens there
+
+            def is_kept():  # nobody listens there: it must not be found dead before it has said so
+                client.register(name, port, [("Schedule", "")])
+                return client.call("SetBeRightBackTimer", 3600)[0] == 0 and client.id_of(name)
+            wait_until(is_kept, f"{name} to be kept")
         with self.directory.client() as client:
             register(client, "Local", 4711)
         satellites = []
