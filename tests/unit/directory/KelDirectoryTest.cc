@@ -16,6 +16,21 @@ TEST_F(ADirectory, IsTheOnlyModuleOfItsProcess) {
     Restart();
 }
 
+TEST_F(ADirectory, AnswersRequestsWithoutAnyParameter) {
+    Init();
+    ScopedVariant out;
+    const CStdStr caller("Player");
+    const char* ip = "127.0.0.1";
+    for (const int code :
+         {directory_->SatRegister(nullptr, &out, ip, caller), directory_->SatUnRegister(nullptr, &out, ip, caller),
+          directory_->SatRemove(nullptr, ip, caller), directory_->SatGetService(nullptr, &out, ip, caller),
+          directory_->SatGetId(nullptr, &out, ip, caller), directory_->SatSetBeRightBack(nullptr, &out, ip, caller),
+          directory_->AddServiceListener(nullptr, &out, caller),
+          directory_->RemoveServiceListener(nullptr, &out, caller)}) {
+        EXPECT_EQ(code, KelDirectory::noSuchSatellite);
+    }
+}
+
 TEST_F(ADirectory, StopsBySignalsThatCameBeforeItRan) {
     directory_->abort();
     Init();
