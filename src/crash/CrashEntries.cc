@@ -78,16 +78,16 @@ void CrashEntries::Open() {
 }
 
 CrashEntries::~CrashEntries() {
+    if (crashThread_) {  // first: it may be about to crash
+        stopping_ = true;
+        sem_post(&wakeCrashThread_);
+        crashThread_->Join();
+    }
     if (isOpen_) {
         sigaction(SIGUSR1, &usr1Before_, nullptr);
         std::set_terminate(terminateBefore_);
     }
     for (size_t i = 0; i < faultsBefore_.size(); ++i) sigaction(faultSignals[i], &faultsBefore_[i], nullptr);
-    if (crashThread_) {
-        stopping_ = true;
-        sem_post(&wakeCrashThread_);
-        crashThread_->Join();
-    }
     current = nullptr;
     sem_destroy(&wakeCrashThread_);
 }
@@ -108,6 +108,7 @@ unsigned int CrashEntries::generateCrash(void*) {
     }
     if (entries.stopping_) return 0;
     entries.log_.Write(LOGLEVEL_INFO, "USR1 signal received, generating crash");
+    if (entries.stopping_) return 0;
     WriteToAddressZero();
     return 0;
 }

@@ -8,7 +8,6 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
-#include <exception>
 
 namespace kel::crash {
 
@@ -47,16 +46,24 @@ CrashLog::~CrashLog() {
     sem_destroy(&wake_);
 }
 
+// A fatal line is never given up: when this thread faulted while it wrote one, or another has not come to an end with
+// its own, it goes past the log at once.
 void CrashLog::Write(LOGLEVEL level, const char* fmt, ...) {
-    const bool isMine = WaitUntil([this] { return !claimed_.exchange(true); });
-    if (!isMine) return;
+    const pthread_t self = pthread_self();
+    const bool isWriter = pthread_equal(writer_, self);
+    const bool isMine = !isWriter && WaitUntil([&] {
+        pthread_t nobody{};
+        return writer_.compare_exchange_strong(nobody, self);
+    });
+    if (!isMine && level != LOGLEVEL_FATAL) return;
     va_list arguments;
     va_start(arguments, fmt);
     vsnprintf(text_, sizeof text_, fmt, arguments);
     va_end(arguments);
     lastWords_.Begin();
-    if (!HaveItWritten(level) && level == LOGLEVEL_FATAL) lastWords_.Write(text_);
-    claimed_ = false;
+    const bool isWritten = isMine && HaveItWritten(level);
+    if (!isWritten && level == LOGLEVEL_FATAL) lastWords_.Write(text_);
+    if (isMine) writer_ = pthread_t{};
 }
 
 bool CrashLog::HaveItWritten(LOGLEVEL level) {
@@ -73,14 +80,14 @@ unsigned int CrashLog::ScribeMain(void*) {
         while (sem_wait(&wake_) != 0 && errno == EINTR) {
         }
         if (stopping_) return 0;
-        const LOGLEVEL level = level_;
-        const CStdStr text(text_);
-        progress_ = taken;
         try {
+            const LOGLEVEL level = level_;
+            const CStdStr text(text_);
+            progress_ = taken;
             if (level == LOGLEVEL_FATAL) CBBLog::fatal("%s", text.c_str());
             else CBBLog::info("%s", text.c_str());
             succeeded_ = CBBLog::flushAll(patienceOfScribe);
-        } catch (const std::exception&) {  // no thread for the log
+        } catch (...) {  // no memory, or no thread for the log
             succeeded_ = false;
         }
         progress_ = written;

@@ -12,6 +12,7 @@
 #include "foundation/Log.h"
 #include "foundation/StdString.h"
 
+#include <pthread.h>
 #include <semaphore.h>
 
 #include <atomic>
@@ -37,8 +38,8 @@ private:
     unsigned int ScribeMain(void*);
     bool HaveItWritten(LOGLEVEL level);
 
-    std::atomic<bool> claimed_{false};  // a thread writes; the others wait for it
-    char text_[20480];                  // belongs to whoever has claimed
+    std::atomic<pthread_t> writer_{};  // the others wait for it
+    char text_[20480];                 // the writer's
     LastWords lastWords_;
 
     // What the claiming thread and the scribe share: level_ and text_ are the scribe's from `asked` to `taken`, the

@@ -33,9 +33,9 @@ off_t SizeOf(const char* path) {
 
 LastWords::LastWords(const CStdStr& module)
     : shortName_(module.substr(0, module.find('.'))), secondsEastOfGreenwich_(OffsetOfLocalTime()) {
-    const CStdPath folder = CFileTools::GetLogsDirectory();
-    files_[0].path = CStdPath(folder).AppendPath(module + ".log");
-    files_[1].path = CStdPath(folder).AppendPath("errors.log");
+    folder_ = CFileTools::GetLogsDirectory();
+    files_[0].path = CStdPath(folder_).AppendPath(module + ".log");
+    files_[1].path = CStdPath(folder_).AppendPath("errors.log");
 }
 
 void LastWords::Begin() {
@@ -44,6 +44,7 @@ void LastWords::Begin() {
 
 void LastWords::Write(const char* text) {
     const size_t length = FormatLine(text);
+    mkdir(folder_.c_str(), 0777);  // without a line so far, it is not there yet
     for (const File& file : files_) {
         const int fd = open(file.path.c_str(), O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC, 0666);
         if (fd < 0) continue;

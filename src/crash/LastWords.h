@@ -32,6 +32,7 @@ private:
     bool IsIn(int fd, off_t from, const char* text);
     size_t FormatLine(const char* text);
 
+    CStdStr folder_;
     std::array<File, 2> files_;
     CStdStr shortName_;
     long secondsEastOfGreenwich_;

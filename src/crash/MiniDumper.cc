@@ -21,8 +21,11 @@
 #include "foundation/StdPath.h"
 
 #include <client/linux/handler/exception_handler.h>
+#include <pthread.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include <atomic>
 
 namespace {
 
@@ -111,9 +114,24 @@ bool MiniDumper::_minidumpCallback(const google_breakpad::MinidumpDescriptor&, v
 }
 
 // Where not even Breakpad could do anything: no memory, or no process to spare.
-void MiniDumper::crashWithoutDump() { newest->minidumpCallback(); }
+void MiniDumper::crashWithoutDump() {
+    if (MiniDumper* const dumper = newest) dumper->minidumpCallback();
+    _exit(0);  // the last one has just gone
+}
+
+// Several threads may come here at once, since not everything is serialised below Breakpad: the first goes on, to the
+// end of the process. It does not wait for itself when it faults once more.
+void MiniDumper::AloneFromHere() {
+    static std::atomic<pthread_t> first{};
+    pthread_t nobody{};
+    const pthread_t self = pthread_self();
+    if (first.compare_exchange_strong(nobody, self)) return;
+    if (pthread_equal(nobody, self)) _exit(0);
+    for (;;) pause();
+}
 
 void MiniDumper::minidumpCallback() {
+    AloneFromHere();
     struct stat dump {};
     const bool exists = stat(dumpFile_.c_str(), &dump) == 0;
     if (startReporter_ && !reporterPath_.empty()) shared_->shell.RunAndWait(command_.c_str());

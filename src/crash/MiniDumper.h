@@ -50,6 +50,7 @@ private:
     void prepareCommand();
     static bool _minidumpCallback(const google_breakpad::MinidumpDescriptor& descriptor, void* context, bool succeeded);
     static void crashWithoutDump();
+    static void AloneFromHere();
     [[noreturn]] void minidumpCallback();
 
     static MiniDumper* newest;

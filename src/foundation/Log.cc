@@ -263,6 +263,7 @@ void CBBLog::logLineToFile(const CStdStr& line) {
 void CBBLog::addQueue(const CStdStr& line) {
     PMutexHold hold(queueLock_);
     queue_.push_back(line);
+    ++queued_;
     // Under the lock, so that lines do not mix.
     printf("%s", line.c_str());
     fflush(stdout);
@@ -279,8 +280,9 @@ CStdStr CBBLog::getLogs() {
 bool CBBLog::flush(long milliseconds) {
     const timespec deadline = DeadlineIn(milliseconds);
     PMutexHold hold(queueLock_);
-    while (writing_ || !queue_.empty()) {
-        if (!queueLock_.waitUntil(deadline)) return false;
+    const uint64_t last = queued_;
+    while (written_ < last) {
+        if (!queueLock_.waitUntil(deadline)) return written_ >= last;
     }
     return true;
 }
@@ -298,12 +300,12 @@ unsigned int CBBLog::loggerThread(void*) {
         while (!queue_.empty()) {
             const CStdStr line = std::move(queue_.front());
             queue_.pop_front();
-            writing_ = true;
             queueLock_.unlock();
             logLineToFile(line);
             queueLock_.lock();
+            ++written_;
+            queueLock_.broadcast();
         }
-        if (std::exchange(writing_, false)) queueLock_.broadcast();
     } while (!stopping_);
     queueLock_.unlock();
     return 0;

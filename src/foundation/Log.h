@@ -191,6 +191,7 @@ private:
 
     PCondMutex queueLock_;
     bool stopping_ GUARDED_BY(queueLock_) = false;
-    bool writing_ GUARDED_BY(queueLock_) = false;  // the log's thread has taken lines that are not in the file yet
+    uint64_t queued_ GUARDED_BY(queueLock_) = 0;   // lines, since the beginning
+    uint64_t written_ GUARDED_BY(queueLock_) = 0;  // likewise: those of them that are in the file
     std::deque<CStdStr> queue_ GUARDED_BY(queueLock_);
 };

@@ -228,11 +228,16 @@ bool Write(const fs::path& path, const std::string& text) {
 
 // --- What is kept
 
-// The folder, made when it is missing: open to the programs of every user, each to its own files, as "/tmp" is.
+// The folder, made when it is missing, with those above it: open to the programs of every user, each to its own files,
+// as "/tmp" is. The data folder gets the mode that all of the product's programs give it.
 fs::path ReportsFolder(const fs::path& dataFolder) {
     fs::path folder = dataFolder / "CrashReports";
+    const mode_t before = umask(022);
     std::error_code ignored;
-    if (fs::create_directories(folder, ignored)) chmod(folder.c_str(), 01777);
+    fs::create_directories(dataFolder.parent_path(), ignored);
+    if (fs::create_directory(dataFolder, ignored)) chmod(dataFolder.c_str(), 0777);
+    if (fs::create_directory(folder, ignored)) chmod(folder.c_str(), 01777);
+    umask(before);
     return folder;
 }
 
