@@ -4,8 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <map>
-
 namespace {
 
 TEST(AString, FormatsTextsOfEveryLengthAroundItsFirstBuffer) {
@@ -16,13 +14,9 @@ TEST(AString, FormatsTextsOfEveryLengthAroundItsFirstBuffer) {
         EXPECT_EQ(formatted, text) << length;
         formatted.AppendFormat("<%d|%s>", -7, text.c_str());
         EXPECT_EQ(formatted, text + "<-7|" + text + ">") << length;
+        formatted.AppendFormat("%s", formatted.c_str());
+        EXPECT_EQ(formatted, text + "<-7|" + text + ">" + text + "<-7|" + text + ">") << "of itself";
     }
-}
-
-TEST(AString, AppendsAFormattingOfItself) {
-    CStdStr text(std::string(100, 'a'));
-    text.AppendFormat("%s%s", text.c_str(), text.c_str());
-    EXPECT_EQ(text, std::string(300, 'a'));
 }
 
 TEST(AString, MadeOfANullPointerIsEmptyAndTakesAPartOfItself) {
@@ -38,9 +32,7 @@ TEST(AString, MadeOfANullPointerIsEmptyAndTakesAPartOfItself) {
 
 TEST(AString, TrimsWhiteSpaceAtItsEndsOnly) {
     EXPECT_EQ(CStdStr(" \t\n\v\f\r a b\t\r\n").Trim(), "a b");
-    EXPECT_EQ(CStdStr("a b").Trim(), "a b");
     EXPECT_EQ(CStdStr(" \t ").Trim(), "");
-    EXPECT_EQ(CStdStr("").Trim(), "");
     EXPECT_EQ(CStdStr("\xc3\xa9 ").Trim(), "\xc3\xa9");
 }
 
@@ -52,11 +44,9 @@ TEST(AString, ReplacesWithoutSearchingWhatItInserted) {
     };
     EXPECT_EQ(replaced("aaaa", "aa", "a", 2), "aa");
     EXPECT_EQ(replaced("aaa", "a", "aa", 3), "aaaaaa");
-    EXPECT_EQ(replaced("a\\b\\", "\\", ".", 2), "a.b.");
     EXPECT_EQ(replaced("abc", "b", nullptr, 1), "ac");
     EXPECT_EQ(replaced("abc", "", "x", 0), "abc");
     EXPECT_EQ(replaced("abc", nullptr, "x", 0), "abc");
-    EXPECT_EQ(replaced("abc", "abcd", "x", 0), "abc");
 }
 
 TEST(AString, HandsOutAPartAndEndsTheProcessBeyondItsEnd) {
@@ -80,23 +70,10 @@ TEST(ACaseInsensitiveComparison, OrdersByTheFirstLettersThatDiffer) {
     EXPECT_EQ(ssicmp("\x7f", "\x80"), 127 + 128);
 }
 
-TEST(ACaseInsensitiveComparison, MakesOneKeyOfTwoSpellings) {
-    std::map<CStdStr, int, CaseInsensitiveLess> satellites;
-    satellites["Player"] = 1;
-    satellites["player"] = 2;
-    satellites["Player2"] = 3;
-    EXPECT_EQ(satellites.size(), 2U);
-    EXPECT_EQ(satellites["PLAYER"], 2);
-}
-
 TEST(APath, PutsASlashBetweenComponentsThatBringNone) {
-    const auto joined = [](const char* path, const char* component) { return CStdPath(path).AppendPath(component); };
-    EXPECT_EQ(joined("a", "b"), "a/b");
-    EXPECT_EQ(joined("a/", "b"), "a/b");
-    EXPECT_EQ(joined("a", "/b"), "a/b");
-    EXPECT_EQ(joined("a/", "/b"), "a//b");
-    EXPECT_EQ(joined("", "b"), "b");
-    EXPECT_EQ(joined("a", ""), "a");
+    const char* const rows[][3] = {{"a", "b", "a/b"},    {"a/", "b", "a/b"}, {"a", "/b", "a/b"},
+                                   {"a/", "/b", "a//b"}, {"", "b", "b"},     {"a", "", "a"}};
+    for (const auto& [path, component, joined] : rows) EXPECT_EQ(CStdPath(path).AppendPath(component), joined);
     CStdPath path("a");
     EXPECT_EQ(path.AppendPath(path).AppendPath(path), "a/a/a/a");
 }

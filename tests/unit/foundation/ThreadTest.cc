@@ -78,14 +78,8 @@ TEST(AThread, DestroyedUnjoinedRunsToTheEndAndFreesItsDelegate) {
     go.set();
     EXPECT_TRUE(done.waitSignalled(kDeadline));
     EXPECT_EQ(alive, 0);
-}
-
-TEST(AThread, NeverStartedFreesItsDelegate) {
-    std::atomic<int> alive{0};
-    PManualEvent go;
-    PManualEvent done;
     PThread(new Work(alive, go, done)).Join();
-    EXPECT_EQ(alive, 0);
+    EXPECT_EQ(alive, 0) << "one that was never started";
 }
 
 TEST(AThread, ThatTheSystemRefusesThrowsTheErrorNumber) {
@@ -123,15 +117,6 @@ TEST(AThread, HasAStackForFaultsOfItsOwn) {
     EXPECT_NE(theirs.ss_sp, ours.ss_sp);
 }
 
-TEST(ADelegate, ClonesIntoOneThatDoesTheSame) {
-    Counter counter{1};
-    unsigned int amount = 2;
-    const PThreadDelegateMember<Counter> add(&counter, &Counter::add);
-    EXPECT_EQ(std::unique_ptr<PThreadDelegateGeneric>(add.clone())->Invoke(&amount), 3U);
-    const PThreadDelegateFunction function(returnAtOnce);
-    EXPECT_EQ(std::unique_ptr<PThreadDelegateGeneric>(function.clone())->Invoke(nullptr), 3U);
-}
-
 struct Waiter {
     unsigned int wait(void*) { return event.waitSignalled(kDeadline) ? 1 : 0; }
     unsigned int take(void*) {
@@ -154,18 +139,15 @@ unsigned int sumOfThreads(Waiter& waiter, unsigned int (Waiter::*method)(void*),
     return sum;
 }
 
-TEST(AManualEvent, WakesAllWhoWaitAndStaysSet) {
+TEST(AManualEvent, WakesAllWhoWaitAndIsTakenByOneOfThoseWhoTestAndResetIt) {
     Waiter waiter;
     EXPECT_EQ(sumOfThreads(waiter, &Waiter::wait, waiter.event), 8U);
     waiter.event.waitSignalled();
+    EXPECT_EQ(sumOfThreads(waiter, &Waiter::take, waiter.go), 1U);
+    EXPECT_FALSE(waiter.event.waitSignalled(1));
+    waiter.event.set();
     waiter.event.reset();
     EXPECT_FALSE(waiter.event.waitSignalled(1));
-}
-
-TEST(AManualEvent, IsTakenByOneOfThoseWhoTestAndResetIt) {
-    Waiter waiter;
-    waiter.event.set();
-    EXPECT_EQ(sumOfThreads(waiter, &Waiter::take, waiter.go), 1U);
 }
 
 }  // namespace
