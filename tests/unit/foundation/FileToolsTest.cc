@@ -1,6 +1,5 @@
 #include "foundation/FileTools.h"
 
-#include "foundation/Registry.h"
 #include "support/TempRoot.h"
 
 #include <gtest/gtest.h>
@@ -12,14 +11,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <stdexcept>
-#include <thread>
 
 namespace fs = std::filesystem;
 
@@ -45,10 +42,7 @@ protected:
     CStdStr path_ = folder_ + "/Player.xml";
 };
 
-class TheFolders : public testing::Test {
-protected:
-    TempRoot root_;
-};
+using TheFolders = AFile;
 
 std::string FailureOf(const std::function<void()>& call) {
     try {
@@ -82,28 +76,6 @@ TEST_F(AFile, KeepsItsModeAndIsMadeWithTheOneGiven) {
     EXPECT_TRUE(Write("d"));
     EXPECT_EQ(0640u, Mode());
     umask(umaskBefore);
-}
-
-TEST_F(AFile, IsNeverSeenInParts) {
-    const CStdStr texts[] = {CStdStr(std::string(100000, 'a')), CStdStr(std::string(30000, 'b'))};
-    ASSERT_TRUE(Write(texts[0]));
-    std::atomic<bool> done{false};
-    std::atomic<int> torn{0};
-    std::thread reader([&] {
-        while (!done) {
-            const CStdStr seen = Text();
-            torn += seen != texts[0] && seen != texts[1];
-        }
-    });
-    std::thread other([&] {
-        for (int i = 0; i < 200; ++i) Write(texts[1]);
-    });
-    for (int i = 0; i < 200; ++i) EXPECT_TRUE(Write(texts[0]));
-    other.join();
-    done = true;
-    reader.join();
-    EXPECT_EQ(0, torn);
-    EXPECT_EQ(1, FileCount());
 }
 
 TEST_F(AFile, IsAsItWasWhenTheDiskIsFull) {
@@ -216,33 +188,23 @@ TEST_F(TheFolders, OfTheDataAreMadeOnceAndOpenToAll) {
     EXPECT_EQ(0750u, ModeOf(root_.dataFolder()));
 }
 
-TEST_F(TheFolders, OfTheDataFailInTheirOwnWords) {
+TEST_F(TheFolders, OfTheDataFailInTheirOwnWordsOrForABufferThatIsTooSmall) {
     fs::remove_all(root_.root() + "/Library");
     EXPECT_EQ("Failed to create /Library/Tessaly folder", FailureOf([] { CFileTools::GetYarDataFolder(); }));
-    char buffer[300] = "before";
-    EXPECT_FALSE(GetAppDataPath(buffer, sizeof buffer));
-    EXPECT_STREQ("", buffer);
+    const std::string path = root_.dataFolder();
+    std::string buffer(path.size() + 1, '?');
+    EXPECT_FALSE(GetAppDataPath(buffer.data(), buffer.size()));
+    EXPECT_STREQ("", buffer.c_str());
 
     fs::create_directory(root_.root() + "/Library");
     const std::string failure = FailureOf([] { CFileTools::GetYarDataSubFolder("a/b"); });
     const std::string beginning = "Failed to create Yar data subfolder: " + root_.dataFolder() + "/a/b\n\t";
     EXPECT_EQ(beginning, failure.substr(0, beginning.size()));
     EXPECT_GT(failure.size(), beginning.size());
-}
-
-TEST_F(TheFolders, FitTheCallersBufferOrLeaveItEmpty) {
-    const std::string expected = root_.dataFolder();
-    std::string buffer(expected.size() + 1, '?');
     EXPECT_TRUE(GetAppDataPath(buffer.data(), buffer.size()));
-    EXPECT_STREQ(expected.c_str(), buffer.c_str());
-    EXPECT_FALSE(GetAppDataPath(buffer.data(), expected.size()));
+    EXPECT_STREQ(path.c_str(), buffer.c_str());
+    EXPECT_FALSE(GetAppDataPath(buffer.data(), path.size())) << "the end does not fit";
     EXPECT_STREQ("", buffer.c_str());
-}
-
-TEST_F(TheFolders, OfTheExecutablesFollowTheInstallDirSetting) {
-    EXPECT_EQ("/Applications/Yar.app/Contents/MacOS", CFileTools::getYarBinFolderPath());
-    CRegistry::getInstance()->WriteSettingImpl("Software\\Tessaly\\Yar", "InstallDir", CStdStr("/opt/yar"));
-    EXPECT_EQ("/opt/yar/Contents/MacOS", CFileTools::getYarBinFolderPath());
 }
 
 TEST_F(AFile, OrFolderThatIsDeletedOrCopiedTakesNoOtherWithIt) {

@@ -27,10 +27,7 @@ constexpr char kIdentifier[] = "com.tessaly.yar";
 // The settings of a user who has none yet.
 class TheSettings : public testing::Test {
 protected:
-    std::string ListPath(const std::string& identifier = kIdentifier) const {
-        return root_.config() + "/" + identifier + ".plist";
-    }
-
+    std::string ListPath() const { return root_.config() + "/" + kIdentifier + ".plist"; }
     void PutList(const std::string& text) { std::ofstream(ListPath()) << text; }
 
     std::string List() const {
@@ -53,8 +50,6 @@ protected:
     TempRoot root_;
     boost::shared_ptr<CRegistry> settings_ = CRegistry::getInstance();
 };
-
-using ABrokenList = TheSettings;
 
 }  // namespace
 
@@ -88,10 +83,7 @@ TEST_F(TheSettings, GiveBackEveryNumberAndText) {
 }
 
 TEST_F(TheSettings, AreStoredInUnicodeAndReadAsMacRoman) {
-    ASSERT_TRUE(settings_->WriteSettingImpl(kKey,
-                                            "Gr\x9a\xa7"
-                                            "e",
-                                            CStdStr("K\x8ase")));
+    ASSERT_TRUE(settings_->WriteSettingImpl(kKey, "Gr\x9a\xa7\x65", CStdStr("K\x8ase")));
     EXPECT_NE(std::string::npos, List().find("<key>Größe</key>\n\t<string>Käse</string>")) << List();
     ASSERT_TRUE(StorePreference(kIdentifier, "Foreign", std::string("\xe6\x97\xa5")));
     EXPECT_EQ("", ReadText(kKey, "Foreign")) << "no Mac Roman text for it";
@@ -117,32 +109,26 @@ TEST_F(TheSettings, LookABooleanUpUnderItsLiteralKey) {
     EXPECT_FALSE(flag);
 }
 
-TEST_F(TheSettings, AreReadInBulkWithoutBooleansAndOtherTypes) {
-    PutList(
-        "<plist version=\"1.0\"><dict><key>n</key><integer>-7</integer><key>t</key><string>text</string>"
-        "<key>b</key><true/><key>d</key><date>2001-01-01T00:00:00Z</date><key>r</key><real>2.5</real>"
-        "<key>a</key><array><integer>1</integer></array></dict></plist>");
+TEST_F(TheSettings, AreReadInBulkWithoutBooleansAndOtherTypesAndSayWhenThereAreNone) {
     std::map<CStdStr, CStdStr> values = {{"n", "old"}, {"b", "kept"}};
-    testing::internal::CaptureStdout();
-    settings_->ReadAllSettingsImpl(kKey, values);
-    EXPECT_EQ("", testing::internal::GetCapturedStdout());
-    const std::map<CStdStr, CStdStr> expected = {{"b", "kept"}, {"n", "-7"}, {"r", "2"}, {"t", "text"}};
-    EXPECT_EQ(expected, values);
-}
-
-TEST_F(TheSettings, SayWhenThereIsNothingToReadInBulk) {
-    std::map<CStdStr, CStdStr> values;
     const auto printed = [&] {
         testing::internal::CaptureStdout();
         settings_->ReadAllSettingsImpl(kKey, values);
         return testing::internal::GetCapturedStdout();
     };
     EXPECT_EQ("no keys for com.tessaly.yar\n", printed());
-    PutList("<plist version=\"1.0\"><dict/></plist>");
-    EXPECT_EQ("", printed());
     PutList("not a list");
     EXPECT_EQ("synchronization failed for com.tessaly.yar\n", printed());
-    EXPECT_TRUE(values.empty());
+    PutList("<plist version=\"1.0\"><dict/></plist>");
+    EXPECT_EQ("", printed());
+    EXPECT_EQ(2U, values.size());
+    PutList(
+        "<plist version=\"1.0\"><dict><key>n</key><integer>-7</integer><key>t</key><string>text</string>"
+        "<key>b</key><true/><key>d</key><date>2001-01-01T00:00:00Z</date><key>r</key><real>2.5</real>"
+        "<key>a</key><array><integer>1</integer></array></dict></plist>");
+    EXPECT_EQ("", printed());
+    const std::map<CStdStr, CStdStr> expected = {{"b", "kept"}, {"n", "-7"}, {"r", "2"}, {"t", "text"}};
+    EXPECT_EQ(expected, values);
 }
 
 TEST_F(TheSettings, AreMadeForTheUserOnlyAndKeepTheOtherValuesAndTheModeOfTheList) {
@@ -172,7 +158,7 @@ TEST_F(TheSettings, NeverLeaveTheirFolder) {
     EXPECT_TRUE(std::filesystem::is_empty(root_.config()));
 }
 
-TEST_F(ABrokenList, FailsAndIsKept) {
+TEST_F(TheSettings, FailInABrokenListAndKeepIt) {
     ASSERT_TRUE(settings_->WriteSettingImpl(kKey, "LogLevel", 4));
     const std::string whole = List();
     for (const std::string& broken : {std::string(), std::string("garbage"), whole.substr(0, whole.size() / 2),
@@ -186,16 +172,15 @@ TEST_F(ABrokenList, FailsAndIsKept) {
 }
 
 TEST_F(TheSettings, LoseNothingWhenTwoProcessesWrite) {
-    const auto writeAll = [this](const std::string& name) {
-        for (int i = 0; i < 200; ++i) {
-            if (!settings_->WriteSettingImpl(kKey, name + std::to_string(i), i)) return 1;
-        }
-        return 0;
+    const auto writeAll = [this](const std::string& name, int count) {
+        int failures = 0;
+        for (int i = 0; i < count; ++i) failures += !settings_->WriteSettingImpl(kKey, name + std::to_string(i), i);
+        return failures;
     };
-    const pid_t child = fork();
-    if (child == 0) _exit(writeAll("child"));
-    EXPECT_EQ(0, writeAll("parent"));
     int status = -1;
+    const pid_t child = fork();
+    if (child == 0) _exit(writeAll("child", 200));
+    EXPECT_EQ(0, writeAll("parent", 200));
     ASSERT_EQ(child, waitpid(child, &status, 0));
     ASSERT_EQ(0, status);
     std::map<CStdStr, CStdStr> values;
@@ -206,9 +191,9 @@ TEST_F(TheSettings, LoseNothingWhenTwoProcessesWrite) {
         EXPECT_EQ(std::to_string(i), values["parent" + std::to_string(i)]);
     }
     const pid_t later = fork();
-    if (later == 0) _exit(settings_->WriteSettingImpl(kKey, "parent0", 7) ? 0 : 1);
+    if (later == 0) _exit(writeAll("later", 1));
     ASSERT_EQ(later, waitpid(later, &status, 0));
-    EXPECT_EQ(7, ReadInt("parent0")) << "what another process wrote is seen";
+    EXPECT_EQ(0, ReadInt("later0")) << "what another process wrote is seen";
 }
 
 TEST_F(TheSettings, AreAlwaysWholeToAReaderAndLoseNothingToAnotherThread) {
