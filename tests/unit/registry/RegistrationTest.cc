@@ -53,11 +53,9 @@ TEST_F(ARegistry, GivesAnAskerElsewhereAnAddressOfThisMachineForASatelliteOnIt) 
     int satId = 0;
     Add("Local", "127.0.0.1");
     Add("Remote", "192.168.1.20");
-    const CStdStr best = yar::networkutils::GetIPForDestination("127.9.9.9").first;
-    ASSERT_EQ(best, "127.0.0.1");
     const CStdStr elsewhere = yar::networkutils::GetIPForDestination("198.51.100.7").first;
     const std::vector<std::pair<const char*, CStdStr>> expected = {
-        {nullptr, "127.0.0.1"}, {"127.0.0.1", "127.0.0.1"}, {"127.9.9.9", best}, {"198.51.100.7", elsewhere}};
+        {nullptr, "127.0.0.1"}, {"127.0.0.1", "127.0.0.1"}, {"127.9.9.9", "127.0.0.1"}, {"198.51.100.7", elsewhere}};
     for (const auto& [destination, address] : expected) {
         CStdStr ip;
         unsigned short port = 0;

@@ -3,9 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstdint>
 #include <cstdlib>
 #include <functional>
-#include <limits>
 #include <string>
 #include <utility>
 
@@ -25,6 +25,40 @@ ScopedVariant MakeList(const Values&... values) {
     return list;
 }
 
+std::string Xml(const tagVARIANT& v, int depth = 0) {
+    CStdStr out;
+    VUtil::VariantToXML(&v, depth, out);
+    return out;
+}
+
+std::string Friendly(const tagVARIANT& v) {
+    CStdStr out;
+    VUtil::VariantToFriendlyString(&v, out);
+    return out;
+}
+
+ScopedVariant MakeDate(double days) {
+    ScopedVariant value = MakeDouble(days);
+    value.vt = VT_DATE;
+    return value;
+}
+
+// All bits of the value set.
+ScopedVariant MakeOnes(int type) {
+    ScopedVariant value;
+    value.vt = static_cast<VARTYPE>(type);
+    value.llVal = -1;
+    return value;
+}
+
+// 7, "a<b & \"c\"", empty, and an array of two UI4.
+ScopedVariant MakeMixedList() {
+    ScopedVariant numbers = MakeArray(VT_UI4, 2);
+    uint32_t most = 0xffffffff;
+    VUtil::PutElement(numbers, 0, static_cast<void*>(&most));
+    return MakeList(7, "a<b & \"c\"", ScopedVariant(), numbers);
+}
+
 // The message of the exception that `action` throws.
 std::string Refusal(const std::function<void()>& action) {
     try {
@@ -36,96 +70,74 @@ std::string Refusal(const std::function<void()>& action) {
     return "(nothing thrown)";
 }
 
+#define EXPECT_REFUSAL(action, message) EXPECT_EQ(Refusal([&] { action; }), message)
+
 const std::string unreadable = "SafeArrayGetElement failed in VUtil::GetElement";
 
 }  // namespace
 
-TEST(ALength, IsThatOfAZeroBasedArrayOnly) {
+TEST(ALength, IsThatOfAZeroBasedArrayOnlyAndNeverAnImpossibleOne) {
     ScopedVariant array = MakeArray(VT_I4, 3);
     VUtil::RedimArray(array, 5);
     EXPECT_EQ(VUtil::GetArrayLength(array), 5);
     EXPECT_EQ(VUtil::GetArrayLength(MakeArray(VT_I4, 0)), 0);
     EXPECT_EQ(VUtil::GetArrayLengthEmpty(ScopedVariant()), 0);
-    EXPECT_EQ(Refusal([] { VUtil::GetArrayLength(ScopedVariant()); }),
-              "Variant passed to VUtil::GetArrayLength is not an array");
-    EXPECT_EQ(Refusal([] { VUtil::GetArrayLengthEmpty(MakeInt(1)); }),
-              "Variant passed to VUtil::GetArrayLengthEmpty is not an array");
+    EXPECT_REFUSAL(VUtil::GetArrayLength(ScopedVariant()), "Variant passed to VUtil::GetArrayLength is not an array");
+    EXPECT_REFUSAL(VUtil::GetArrayLengthEmpty(MakeInt(1)),
+                   "Variant passed to VUtil::GetArrayLengthEmpty is not an array");
     const SAFEARRAYBOUND fromOne{2, 1};
     ASSERT_EQ(SafeArrayRedim(array.parray, &fromOne), 0);
-    EXPECT_EQ(Refusal([&] { VUtil::GetArrayLength(array); }), "Array is not zero indexed! (VUtil::GetArrayLength)");
+    EXPECT_REFUSAL(VUtil::GetArrayLength(array), "Array is not zero indexed! (VUtil::GetArrayLength)");
     ScopedVariant nothing;
     nothing.vt = VT_ARRAY | VT_I4;
-    EXPECT_EQ(Refusal([&] { VUtil::GetArrayLength(nothing); }), "SafeArrayGetLBound failed in VUtil::GetArrayLength");
-}
+    EXPECT_REFUSAL(VUtil::GetArrayLength(nothing), "SafeArrayGetLBound failed in VUtil::GetArrayLength");
+    EXPECT_REFUSAL(Xml(nothing), "SafeArrayGetLBound failed in VUtil::GetArrayLength");
 
-TEST(AnArray, OfAnImpossibleSizeIsRefused) {
     ScopedVariant v;
     for (unsigned long count : {0x100000001UL, ~0UL, 0xffffffffUL}) {
-        EXPECT_EQ(Refusal([&] { VUtil::CreateArray(v, VT_VARIANT, count); }), "Could not create safe array");
+        EXPECT_REFUSAL(VUtil::CreateArray(v, VT_VARIANT, count), "Could not create safe array");
     }
     VUtil::CreateArray(v, VT_UI1, 1);
-    EXPECT_EQ(Refusal([&] { VUtil::RedimArray(v, 0x100000001UL); }), "Could not redimension safe array");
+    EXPECT_REFUSAL(VUtil::RedimArray(v, 0x100000001UL), "Could not redimension safe array");
     EXPECT_EQ(VUtil::GetArrayLength(v), 1);
-    ScopedVariant number = MakeInt(1);
-    EXPECT_EQ(Refusal([&] { VUtil::RedimArray(number, 1); }), "Could not redimension safe array");
 }
 
 TEST(ACheck, SaysWhatItGotAndWhatItWanted) {
-    EXPECT_EQ(Refusal([] { VUtil::CheckType(MakeInt(1), VT_BSTR); }), "checkType failed, got 3, expected 8");
-    EXPECT_EQ(Refusal([] { VUtil::CheckType(MakeInt(1), VT_BSTR, "RemoveKelUser"); }),
-              "RemoveKelUser: checkType failed, got 3, expected 8");
+    EXPECT_REFUSAL(VUtil::CheckType(MakeInt(1), VT_BSTR, "RemoveKelUser"),
+                   "RemoveKelUser: checkType failed, got 3, expected 8");
     VUtil::CheckArrayType(MakeArray(VT_BSTR, 3), VT_BSTR, 2, true, "Register");
-    EXPECT_EQ(Refusal([] { VUtil::CheckArrayType(MakeArray(VT_BSTR, 1), VT_BSTR, 2, true, "Register"); }),
-              "Register: checkArrayType failed, got length 1, expect 2+");
-    EXPECT_EQ(Refusal([] { VUtil::CheckArrayType(MakeArray(VT_BSTR, 3), VT_BSTR, 2); }),
-              "checkArrayType failed, got length 3, expect 2");
-    EXPECT_EQ(Refusal([] { VUtil::CheckArrayType(MakeArray(VT_I4, 2), VT_VARIANT, 2, "Register"); }),
-              "Register: checkArrayType failed, got 8195, expected 8204");
+    EXPECT_REFUSAL(VUtil::CheckArrayType(MakeArray(VT_BSTR, 1), VT_BSTR, 2, true, "Register"),
+                   "Register: checkArrayType failed, got length 1, expect 2+");
+    EXPECT_REFUSAL(VUtil::CheckArrayType(MakeArray(VT_BSTR, 3), VT_BSTR, 2),
+                   "checkArrayType failed, got length 3, expect 2");
+    EXPECT_REFUSAL(VUtil::CheckArrayType(MakeArray(VT_I4, 2), VT_VARIANT, 2, "Register"),
+                   "Register: checkArrayType failed, got 8195, expected 8204");
     const std::string longContext(300, 'c');
-    EXPECT_EQ(Refusal([&] { VUtil::CheckType(MakeInt(1), VT_BSTR, longContext.c_str()); }), std::string(255, 'c'));
+    EXPECT_REFUSAL(VUtil::CheckType(MakeInt(1), VT_BSTR, longContext.c_str()), std::string(255, 'c'));
 }
 
 TEST(AnElement, ComesBackFromTypedArraysAndFromVariants) {
-    const auto inBoth = [](VARTYPE type, const std::function<void(tagVARIANT&)>& check) {
+    const auto comesBack = [](VARTYPE type, auto value, auto get, auto expected) {
         for (VARTYPE elementType : {type, VARTYPE{VT_VARIANT}}) {
             ScopedVariant array = MakeArray(elementType, 2);
-            check(array);
+            VUtil::PutElement(array, 1, value);
+            EXPECT_EQ(get(array, 1), expected) << type;
         }
     };
-    inBoth(VT_I4, [](tagVARIANT& v) {
-        VUtil::PutElement(v, 1, 0);
-        VUtil::PutElement(v, 0, -7L);
-        EXPECT_EQ(VUtil::GetLongElement(v, 0), -7);
-        EXPECT_EQ(VUtil::GetIntElement(v, 1), 0);
-    });
-    inBoth(VT_I2, [](tagVARIANT& v) {
-        VUtil::PutElement(v, 1, short{-2});
-        EXPECT_EQ(VUtil::GetShortElement(v, 1), -2);
-    });
-    inBoth(VT_UI2, [](tagVARIANT& v) {
-        VUtil::PutElement(v, 1, static_cast<unsigned short>(65535));
-        EXPECT_EQ(VUtil::GetUnsignedShortElement(v, 1), 65535);
-    });
-    inBoth(VT_R8, [](tagVARIANT& v) {
-        VUtil::PutElement(v, 1, 0.5);
-        EXPECT_EQ(VUtil::GetDoubleElement(v, 1), 0.5);
-        EXPECT_EQ(VUtil::GetFloatElement(v, 1), 0.5f);
-    });
-    inBoth(VT_R4, [](tagVARIANT& v) {
-        VUtil::PutElement(v, 1, 0.25f);
-        EXPECT_EQ(VUtil::GetFloatElement(v, 1), 0.25f);
-    });
-    inBoth(VT_DATE, [](tagVARIANT& v) {
-        VUtil::PutDateElement(v, 1, 1246363200);
-        EXPECT_EQ(VUtil::GetDateElement(v, 1), 1246363200);
-    });
-    inBoth(VT_BSTR, [](tagVARIANT& v) {
-        VUtil::PutElement(v, 0, CStdStr("first"));
-        VUtil::PutElement(v, 0, "second");
-        VUtil::PutElement(v, 1, nullptr);
-        EXPECT_EQ(VUtil::GetStringElement(v, 0), "second");
-        EXPECT_EQ(VUtil::GetStringElementEmpty(v, 1), "");
-    });
+    comesBack(VT_I4, -7L, VUtil::GetLongElement, -7);
+    comesBack(VT_I4, 0, VUtil::GetIntElement, 0);
+    comesBack(VT_I2, short{-2}, VUtil::GetShortElement, -2);
+    comesBack(VT_UI2, static_cast<unsigned short>(65535), VUtil::GetUnsignedShortElement, 65535);
+    comesBack(VT_R8, 0.5, VUtil::GetDoubleElement, 0.5);
+    comesBack(VT_R8, 0.5, VUtil::GetFloatElement, 0.5f);
+    comesBack(VT_R4, 0.25f, VUtil::GetFloatElement, 0.25f);
+    comesBack(VT_BSTR, CStdStr("text"), VUtil::GetStringElement, "text");
+    comesBack(VT_BSTR, nullptr, VUtil::GetStringElementEmpty, "");
+    for (VARTYPE elementType : {VT_DATE, VT_VARIANT}) {
+        ScopedVariant array = MakeArray(elementType, 2);
+        VUtil::PutDateElement(array, 1, 1246363200);
+        EXPECT_EQ(VUtil::GetDateElement(array, 1), 1246363200);
+    }
 }
 
 TEST(ATrueElement, IsOneInAnArrayOfBooleansAndMinusOneInAVariant) {
@@ -157,7 +169,7 @@ TEST(ALongOfTheCaller, TakesFourBytesInTheVariant) {
     long number = 0;
     VUtil::GetElement(signedOnes, 0, number);
     EXPECT_EQ(number, -1);
-    EXPECT_EQ(VUtil::GetLongElement(signedOnes, 1), 0);
+    EXPECT_EQ(VUtil::GetLongElement(signedOnes, 1), 0) << "the neighbour";
     ScopedVariant unsignedOnes = MakeArray(VT_UI4, 1);
     uint32_t value = 0xfffffffe;
     VUtil::PutElement(unsignedOnes, 0, static_cast<void*>(&value));
@@ -169,62 +181,49 @@ TEST(ALongOfTheCaller, TakesFourBytesInTheVariant) {
 TEST(AnElement, OfTheWrongTypeOrPlaceIsRefused) {
     ScopedVariant list = MakeList("text", 7);
     ScopedVariant numbers = MakeArray(VT_I4, 1);
-    EXPECT_EQ(Refusal([&] { VUtil::GetLongElement(list, 0); }), "Element is not a long");
-    EXPECT_EQ(Refusal([&] { VUtil::GetStringElement(list, 1); }), "Element is not a string");
-    EXPECT_EQ(Refusal([&] { VUtil::GetFloatElement(list, 1); }), "Element is not a float or a double");
-    EXPECT_EQ(Refusal([&] { VUtil::GetFloatElement(numbers, 0); }), "Not an array of variant, float or double");
-    EXPECT_EQ(Refusal([] { VUtil::GetDateElement(MakeInt(1), 0); }), "Not an array of variant or date");
-    for (int index : {-1, 2, std::numeric_limits<int>::max()}) {
-        EXPECT_EQ(Refusal([&] { VUtil::GetIntElement(list, index); }), unreadable);
-        EXPECT_EQ(Refusal([&] { VUtil::GetStringElementEmpty(list, index); }), unreadable);
-        EXPECT_EQ(Refusal([&] { VUtil::PutElement(list, index, "x"); }), "SafeArrayPutElement failed");
-        EXPECT_EQ(Refusal([&] { VUtil::PutElement(numbers, index, 1); }), "SafeArrayPutElement failed");
+    EXPECT_REFUSAL(VUtil::GetLongElement(list, 0), "Element is not a long");
+    EXPECT_REFUSAL(VUtil::GetFloatElement(list, 1), "Element is not a float or a double");
+    EXPECT_REFUSAL(VUtil::GetFloatElement(numbers, 0), "Not an array of variant, float or double");
+    EXPECT_REFUSAL(VUtil::GetDateElement(MakeInt(1), 0), "Not an array of variant or date");
+    for (int index : {-1, 2, INT32_MAX}) {
+        EXPECT_REFUSAL(VUtil::GetIntElement(list, index), unreadable);
+        EXPECT_REFUSAL(VUtil::PutElement(list, index, "x"), "SafeArrayPutElement failed");
+        EXPECT_REFUSAL(VUtil::PutElement(numbers, index, 1), "SafeArrayPutElement failed");
     }
-    EXPECT_EQ(Refusal([&] { VUtil::GetDateElement(list, 2); }), "SafeArrayGetElement failed in VUtil::GetDateElement");
-    EXPECT_EQ(Refusal([&] { VUtil::PutElement(numbers, 0, "x"); }),
-              "PutElement failed: not an array of BSTR nor VARIANT");
-    ScopedVariant texts = MakeArray(VT_BSTR, 1);
-    EXPECT_EQ(Refusal([&] { VUtil::PutElement(texts, 0, list); }), "SafeArrayPutElement failed");
+    EXPECT_REFUSAL(VUtil::GetDateElement(list, 2), "SafeArrayGetElement failed in VUtil::GetDateElement");
+    EXPECT_REFUSAL(VUtil::PutElement(numbers, 0, "x"), "PutElement failed: not an array of BSTR nor VARIANT");
     numbers.vt = VT_ARRAY | VT_I8;  // a type code that lies about the array
     long long wide = 0;
-    EXPECT_EQ(Refusal([&] { VUtil::GetElement(numbers, 0, wide); }), unreadable);
-    EXPECT_EQ(Refusal([&] { VUtil::PutElement(numbers, 0, wide); }), "SafeArrayPutElement failed");
+    EXPECT_REFUSAL(VUtil::GetElement(numbers, 0, wide), unreadable);
+    EXPECT_REFUSAL(VUtil::PutElement(numbers, 0, wide), "SafeArrayPutElement failed");
 }
 
-TEST(AnEmptyElement, IsAValueOnlyForThoseWhoAcceptIt) {
-    ScopedVariant list = MakeArray(VT_VARIANT, 1);
+TEST(AnEmptyElement, IsAValueOnlyForThoseWhoAcceptItAndAsABooleanConvertsUpToUI4) {
+    ScopedVariant list = MakeList(ScopedVariant(), 256, 0.0, "False", "yes", static_cast<unsigned char>(2), 1LL);
     EXPECT_EQ(VUtil::GetLongElementEmpty(list, 0), 0);
     EXPECT_EQ(VUtil::GetStringElement(list, 0), "");
-    EXPECT_FALSE(VUtil::GetBoolElementEmpty(list, 0));
-    EXPECT_EQ(Refusal([&] { VUtil::GetLongElement(list, 0); }), "Element is not a long");
-    EXPECT_EQ(Refusal([&] { VUtil::GetBoolElement(list, 0); }), "Element is not a bool");
+    EXPECT_REFUSAL(VUtil::GetLongElement(list, 0), "Element is not a long");
+    EXPECT_REFUSAL(VUtil::GetBoolElement(list, 0), "Element is not a bool");
+    const bool expected[] = {false, true, false, false, true, true};
+    for (int i = 0; i < 6; ++i) EXPECT_EQ(VUtil::GetBoolElementEmpty(list, i), expected[i]) << i;
+    EXPECT_REFUSAL(VUtil::GetBoolElementEmpty(list, 6), "Element is not a bool");
 }
 
-TEST(ABooleanThatMayBeEmpty, IsConvertedFromTheTypesUpToUI4) {
-    ScopedVariant list = MakeList(256, 0.0, "False", "yes", static_cast<unsigned char>(2), 1LL);
-    const bool expected[] = {true, false, false, true, true};
-    for (int i = 0; i < 5; ++i) EXPECT_EQ(VUtil::GetBoolElementEmpty(list, i), expected[i]) << i;
-    EXPECT_EQ(Refusal([&] { VUtil::GetBoolElementEmpty(list, 5); }), "Element is not a bool");
-}
-
-TEST(AVariantElement, MayReplaceTheListItCameFrom) {
+TEST(AVariantElement, MayReplaceItsListAndIsTakenOverOnlyWhenItFits) {
     ScopedVariant list = MakeList(MakeList("inner"));
     VUtil::GetElement(list, 0, list);
     EXPECT_EQ(VUtil::GetStringElement(list, 0), "inner");
-    EXPECT_EQ(Refusal([&] { VUtil::GetElement(list, 5, list); }), unreadable);
+    EXPECT_REFUSAL(VUtil::GetElement(list, 5, list), unreadable);
     EXPECT_EQ(list.vt, VT_EMPTY);
-}
-
-TEST(AVariantElement, IsTakenOverFromAnOwnerThatGivesItUpOnlyWhenItFits) {
-    ScopedVariant list = MakeArray(VT_VARIANT, 1);
+    list = MakeArray(VT_VARIANT, 1);
     ScopedVariant inner = MakeList("inner");
-    EXPECT_EQ(Refusal([&] { VUtil::PutElement(list, 1, std::move(inner)); }), "SafeArrayPutElement failed");
+    EXPECT_REFUSAL(VUtil::PutElement(list, 1, std::move(inner)), "SafeArrayPutElement failed");
     VUtil::PutElement(list, 0, inner);
     ASSERT_EQ(VUtil::GetArrayLength(inner), 1);
     VUtil::PutElement(list, 0, std::move(inner));
     EXPECT_EQ(inner.vt, VT_EMPTY);
-    VUtil::GetElement(list, 0, inner);
-    EXPECT_EQ(VUtil::GetStringElement(inner, 0), "inner");
+    VUtil::GetElement(list, 0, list);
+    EXPECT_EQ(VUtil::GetStringElement(list, 0), "inner");
 }
 
 TEST(AReturnCode, IsElementZeroOrAPlainNumber) {
@@ -234,23 +233,20 @@ TEST(AReturnCode, IsElementZeroOrAPlainNumber) {
     ScopedVariant texts = MakeList("x");
     EXPECT_EQ(VUtil::GetSingleRetcode(failed), 0x40010);
     VUtil::CheckSingleRetcode(plain, "Register");
-    EXPECT_EQ(Refusal([&] { VUtil::CheckSingleRetcode(failed, "Register"); }),
-              "Register: Kel error detected in VUtil::CheckSingleRetcode : hr = 262160 - 0x40010");
-    EXPECT_EQ(Refusal([&] { VUtil::CheckSingleRetcode(text); }),
-              "Kel error detected in VUtil::CheckSingleRetcode : hr = -1 - 0xffffffff");
-    EXPECT_EQ(Refusal([&] { VUtil::GetSingleRetcode(text); }), "VUtil::GetSingleRetcode wrong type");
-    EXPECT_EQ(Refusal([&] { VUtil::GetSingleRetcode(texts); }),
-              "safeArrayGetElement failed in VUtil::GetSingleRetcode : 'Element is not a long'");
+    EXPECT_REFUSAL(VUtil::CheckSingleRetcode(failed, "Register"),
+                   "Register: Kel error detected in VUtil::CheckSingleRetcode : hr = 262160 - 0x40010");
+    EXPECT_REFUSAL(VUtil::CheckSingleRetcode(text),
+                   "Kel error detected in VUtil::CheckSingleRetcode : hr = -1 - 0xffffffff");
+    EXPECT_REFUSAL(VUtil::GetSingleRetcode(texts),
+                   "safeArrayGetElement failed in VUtil::GetSingleRetcode : 'Element is not a long'");
     CStdStr s;
     VUtil::GetSingleOutParamString(texts, s);
     EXPECT_EQ(s, "x");
-    EXPECT_EQ(Refusal([&] { VUtil::GetSingleOutParamString(failed, s); }),
-              "outParam is not a BSTR in VUtil::GetSingleOutParamString");
-    EXPECT_EQ(Refusal([&] { VUtil::GetSingleOutParamString(text, s); }),
-              "SafeArrayGetElement failed in VUtil::GetSingleOutParamString");
+    EXPECT_REFUSAL(VUtil::GetSingleOutParamString(failed, s),
+                   "outParam is not a BSTR in VUtil::GetSingleOutParamString");
 }
 
-TEST(APairList, SkipsEmptySlotsAndStopsAtTheFirstMatch) {
+TEST(APairList, SkipsEmptySlotsAndStopsAtTheFirstMatchAndRefusesWhatIsNone) {
     ScopedVariant list = MakeArray(VT_VARIANT, 5);
     VUtil::PutPair(list, 1, "Name", "first");
     VUtil::PutPair(list, 2, "NAME", "second");
@@ -267,26 +263,19 @@ TEST(APairList, SkipsEmptySlotsAndStopsAtTheFirstMatch) {
     EXPECT_EQ(value, "first");
     EXPECT_TRUE(VUtil::FindPairNoCase(list, "port", number));
     EXPECT_EQ(number, 5001);
-    EXPECT_EQ(Refusal([&] { VUtil::FindPair(list, "Port", value); }), "Element is not a string");
+    EXPECT_REFUSAL(VUtil::FindPair(list, "Port", value), "Element is not a string");
     VUtil::GetPair(list, 2, key, value);
     EXPECT_EQ(key + "=" + value, "NAME=second");
     EXPECT_TRUE(VUtil::FindPairNoCase(list, "LIST", list));
     EXPECT_EQ(VUtil::GetArrayLength(list), 5);
-}
-
-TEST(APairList, RefusesWhatIsNone) {
-    ScopedVariant list = MakeList(7);
-    ScopedVariant number = MakeInt(7);
-    CStdStr key, value;
-    EXPECT_EQ(Refusal([&] { VUtil::FindPair(list, "x", value); }), "Not an array of variant or string");
-    EXPECT_EQ(Refusal([&] { VUtil::FindPairNoCase(number, "x", value); }),
-              "Variant passed to VUtil::FindPair is not an array");
-    EXPECT_EQ(Refusal([&] { VUtil::GetPair(number, 0, key, value); }),
-              "Variant passed to VUtil::GetPair is not an array");
-    EXPECT_EQ(Refusal([&] { VUtil::GetPair(list, 1, key, value); }), "SafeArrayGetElement failed in VUtil::GetPair");
-    EXPECT_EQ(Refusal([&] { VUtil::PutPair(list, 1, "x", "y"); }), "PutPair failed");
-    EXPECT_EQ(Refusal([&] { VUtil::PutPair(number, 0, "x", 1); }),
-              "PutPair: the given variant is not an array of variants");
+    const ScopedVariant none = MakeList(7);
+    ScopedVariant plain = MakeInt(7);
+    EXPECT_REFUSAL(VUtil::FindPair(none, "x", value), "Not an array of variant or string");
+    EXPECT_REFUSAL(VUtil::FindPairNoCase(plain, "x", value), "Variant passed to VUtil::FindPair is not an array");
+    EXPECT_REFUSAL(VUtil::GetPair(plain, 0, key, value), "Variant passed to VUtil::GetPair is not an array");
+    EXPECT_REFUSAL(VUtil::GetPair(list, 5, key, value), "SafeArrayGetElement failed in VUtil::GetPair");
+    EXPECT_REFUSAL(VUtil::PutPair(list, 5, "x", "y"), "PutPair failed");
+    EXPECT_REFUSAL(VUtil::PutPair(plain, 0, "x", 1), "PutPair: the given variant is not an array of variants");
 }
 
 TEST(Bytes, TravelWholeOrInPart) {
@@ -295,10 +284,9 @@ TEST(Bytes, TravelWholeOrInPart) {
     VUtil::PutBinaryIntoVariant(&binary, bytes, sizeof bytes);
     unsigned char part[2] = {};
     VUtil::GetBinaryElement(binary, part, 1, 2);
-    EXPECT_EQ(part[0], 2);
-    EXPECT_EQ(part[1], 0);
-    EXPECT_EQ(Refusal([&] { VUtil::GetBinaryElement(binary, part, 3, 2); }), unreadable);
-    EXPECT_EQ(Refusal([&] { VUtil::GetBinaryElement(binary, part, 1, ~0UL); }), unreadable);
+    EXPECT_EQ(part[0] * 256 + part[1], 512);
+    EXPECT_REFUSAL(VUtil::GetBinaryElement(binary, part, 3, 2), unreadable);
+    EXPECT_REFUSAL(VUtil::GetBinaryElement(binary, part, 1, ~0UL), unreadable);
     ScopedVariant list = MakeList(binary, "text");
     unsigned char* copy = nullptr;
     unsigned long length = 0;
@@ -306,15 +294,10 @@ TEST(Bytes, TravelWholeOrInPart) {
     ASSERT_EQ(length, 4u);
     EXPECT_EQ(copy[3], 4);
     std::free(copy);
-    EXPECT_EQ(VUtil::GetByteArray(list, 0, &copy), 4u);
-    std::free(copy);
-    EXPECT_EQ(Refusal([&] { VUtil::GetByteArray(list, 1, &copy); }), "Element is not an unsigned char array");
-    EXPECT_EQ(Refusal([&] { VUtil::GetBinaryElement(list, 1, copy, length); }),
-              "Element is not an array of unsigned char: 8");
-    EXPECT_EQ(Refusal([&] { VUtil::PutBinaryIntoVariant(&binary, bytes, 0x100000001UL); }),
-              "PutBinaryIntoVariant: could not create safe array");
-    EXPECT_EQ(binary.vt, VT_ARRAY | VT_UI1);
-    EXPECT_EQ(binary.parray, nullptr);
+    EXPECT_REFUSAL(VUtil::PutBinaryIntoVariant(&binary, bytes, 0x100000001UL),
+                   "PutBinaryIntoVariant: could not create safe array");
+    EXPECT_REFUSAL(VUtil::GetByteArray(list, 1, &copy), "Element is not an unsigned char array");
+    EXPECT_REFUSAL(VUtil::GetBinaryElement(list, 1, copy, length), "Element is not an array of unsigned char: 8");
 }
 
 TEST(ADate, CountsDaysSince1899) {
@@ -328,4 +311,96 @@ TEST(ADate, CountsDaysSince1899) {
     EXPECT_EQ(VUtil::DateToTime(std::nan("")), VUtil::DateToTime(0));
     EXPECT_GT(VUtil::DateToTime(1e300), 0);
     EXPECT_LT(VUtil::DateToTime(-1e300), 0);
+}
+
+TEST(TheXmlForm, OfScalarsIsALineEach) {
+    EXPECT_EQ(Xml(MakeInt(7), 2), "      <var vt=\"VT_I4\">7</var>\n");
+    const struct {
+        ScopedVariant value;
+        std::string text;
+    } rows[] = {{ScopedVariant(), "EMPTY\" />"},
+                {MakeOnes(VT_NULL), "NULL\" />"},
+                {MakeOnes(VT_I1), "I1\">-1</var>"},
+                {MakeOnes(VT_UI1), "UI1\">255</var>"},
+                {MakeOnes(VT_I2), "I2\">-1</var>"},
+                {MakeOnes(VT_UI2), "UI2\">65535</var>"},
+                {MakeOnes(VT_UI4), "UI4\">4294967295</var>"},
+                {MakeOnes(VT_I8), "I8\">-1</var>"},
+                {MakeOnes(VT_UI8), "UI8\">18446744073709551615</var>"},
+                {MakeDouble(-1.5), "R8\">-1.500000</var>"},
+                {MakeBool(true), "BOOL\">TRUE</var>"},
+                {MakeString("it's <&lt;>"), "BSTR\">it&apos;s &lt;&amp;lt;&gt;</var>"},
+                {MakeDate(25569.5), "DATE\">1970-01-01 12:00:00</var>"},
+                {MakeDate(0), "DATE\">1899-12-30 00:00:00</var>"},
+                {MakeDate(2958465), "DATE\">9999-12-31 00:00:00</var>"},
+                {MakeDate(2958466), "DATE\"></var>"},  // a year that does not fit
+                {MakeDate(1e300), "DATE\"></var>"}};
+    for (const auto& [value, text] : rows) EXPECT_EQ(Xml(value), "<var vt=\"VT_" + text + "\n");
+    EXPECT_EQ(Xml(MakeDouble(1e300)).size(), sizeof "<var vt=\"VT_R8\">.000000</var>\n" - 1 + 301);
+    for (int type : {6, 12, 22, 0x200b, 0x2007, 0xffff & ~VT_ARRAY}) {
+        ScopedVariant unknown;
+        unknown.vt = static_cast<VARTYPE>(type);
+        EXPECT_EQ(Xml(unknown), "<var vt=\"" + std::to_string(type) + " (unknown)\" />\n");
+    }
+}
+
+TEST(TheXmlForm, OfArraysListsElementsOneLevelDeeper) {
+    EXPECT_EQ(Xml(MakeMixedList(), 1),
+              "   <var vt=\"VT_ARRAY|VT_VARIANT\" count=\"4\">\n"
+              "      <var vt=\"VT_I4\">7</var>\n"
+              "      <var vt=\"VT_BSTR\">a&lt;b &amp; &quot;c&quot;</var>\n"
+              "      <var vt=\"VT_EMPTY\" />\n"
+              "      <var vt=\"VT_ARRAY|VT_UI4\" count=\"2\">\n"
+              "         <var vt=\"VT_UI4\">4294967295</var>\n"
+              "         <var vt=\"VT_UI4\">0</var>\n"
+              "      </var>\n"
+              "   </var>\n");
+    EXPECT_EQ(Xml(MakeArray(VT_BSTR, 1)),
+              "<var vt=\"VT_ARRAY|VT_BSTR\" count=\"1\">\n   <var vt=\"VT_BSTR\"></var>\n</var>\n");
+    EXPECT_EQ(Xml(MakeArray(VT_R8, 0)), "<var vt=\"VT_ARRAY|VT_R8\" count=\"0\" />\n");
+    EXPECT_EQ(Xml(MakeArray(VT_UI1, 1000)), "<var vt=\"VT_ARRAY|VT_UI1\" count=\"1000\" />\n");
+}
+
+TEST(TheFriendlyForm, QuotesTextsAndCountsNumbers) {
+    EXPECT_EQ(Friendly(MakeMixedList()), "[\n   7\n   \"a<b & \"c\"\"\n   (empty)\n   [2 UI4 elements]\n]");
+    EXPECT_EQ(Friendly(MakeBool(false)), "false");
+    EXPECT_EQ(Friendly(MakeDate(25569)), "(date)1970-01-01 00:00:00");
+    EXPECT_EQ(Friendly(MakeArray(VT_BOOL, 1)), "(unknown vt 8203)");
+}
+
+TEST(APairList, BecomesAMapInWhichTheFirstKeyCounts) {
+    ScopedVariant list = MakeArray(VT_VARIANT, 4);
+    VUtil::PutPair(list, 1, "Name", "first");
+    VUtil::PutPair(list, 2, "NAME", "second");
+    VUtil::PutPair(list, 3, "none", ScopedVariant());
+    EXPECT_EQ(VUtil::toStringMap(list).size(), 3u);
+    EXPECT_EQ(VUtil::toStringMap(list, true).at("name"), "first");
+    EXPECT_REFUSAL(VUtil::toStringAMap(list), "the value in the pair is neither a string nor an int");
+    VUtil::PutPair(list, 3, "Port", 5001);
+    EXPECT_EQ(VUtil::toStringAMap(list).at("Port"), "5001");
+    EXPECT_REFUSAL(VUtil::toStringMap(list), "Element is not a string");
+    EXPECT_REFUSAL(VUtil::toStringAMap(MakeInt(1)), "Variant passed to VUtil::toStringAMap is not an array");
+}
+
+TEST(TwoValues, AreEqualWhenTypeAndEveryElementAre) {
+    ScopedVariant other = MakeMixedList();
+    EXPECT_TRUE(VUtil::Equals(MakeMixedList(), other));
+    VUtil::PutElement(other, 1, "a<b & \"C\"");
+    EXPECT_FALSE(VUtil::Equals(MakeMixedList(), other));
+    EXPECT_FALSE(VUtil::Equals(MakeArray(VT_I4, 1), MakeArray(VT_I4, 2)));
+    EXPECT_FALSE(VUtil::Equals(MakeInt(1), MakeBool(true)));
+    EXPECT_TRUE(VUtil::Equals(MakeBool(true), MakeOnes(VT_BOOL)));
+    EXPECT_REFUSAL(VUtil::Equals(MakeOnes(9), MakeOnes(9)), "VUtil::Equals: cannot compare values for type 9");
+    ScopedVariant strange;
+    strange.vt = VT_ARRAY | 9;
+    EXPECT_REFUSAL(VUtil::Equals(strange, strange), "VUtil::Equals: cannot compare values for array type 8201");
+}
+
+TEST(AFieldOfACommaSeparatedLine, IsQuotedWhenItMustBe) {
+    ScopedVariant list = MakeMixedList();
+    EXPECT_EQ(VUtil::GetCSVElement(list, 0), "7");
+    EXPECT_EQ(VUtil::GetCSVElement(list, 1), "\"a<b & \"\"c\"\"\"");
+    EXPECT_EQ(VUtil::GetCSVElement(list, 2), "");
+    EXPECT_REFUSAL(VUtil::GetCSVElement(list, 3), "Element is not a string");
+    EXPECT_REFUSAL(VUtil::GetCSVElement(list, 1L << 32), "SafeArrayGetElement failed in VUtil::GetElement");
 }
