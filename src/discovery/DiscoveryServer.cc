@@ -6,12 +6,20 @@
 
 #include <arpa/inet.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <exception>
 #include <utility>
 
 using yar::networkutils::inet_ntos;
+
+namespace {
+
+// Taken in before the thread looks again at what is due.
+constexpr int searchesPerPass = 100;
+
+}  // namespace
 
 DiscoveryServer::DiscoveryServer(KelSatellite* satellite, const CStdStr& serverId)
     : DiscoveryServer(satellite, serverId, kel::discovery::MakeUdpNetwork()) {}
@@ -33,7 +41,11 @@ DiscoveryServer::~DiscoveryServer() {
     stopping_ = true;
     network_->EndWaiting();
     selectThread_->Join();
-    SendByeBye();
+    try {
+        SendByeBye();
+    } catch (const std::exception& failure) {  // no memory: the directory closes without its farewell
+        CBBLog::error("Discovery: %s", failure.what());
+    }
 }
 
 void DiscoveryServer::initSocket() {
@@ -71,11 +83,32 @@ unsigned int DiscoveryServer::SelectLoop(void* /*argument*/) {
 
 // One round; false when there is no point in another.
 bool DiscoveryServer::Pass() {
+    SendSecondCopies();
     NotifyAllIfDue();
     if (!network_->IsOpen()) return false;
-    const int ready = network_->WaitReadable(waitMs);
-    if (ready > 0 && !stopping_) ProcessMSEARCH();
+    const int ready = network_->WaitReadable(WaitMs());
+    if (ready > 0) {
+        for (int i = 0; i < searchesPerPass && !stopping_ && ProcessMSEARCH(); ++i) {
+        }
+    }
     return ready >= 0;
+}
+
+// What an answer owes is sent here, for to wait for it would leave the searches that arrive meanwhile to be lost. How
+// many there can be is bounded by the answers that ReplyLimits allows at once.
+void DiscoveryServer::SendSecondCopies() {
+    while (!stopping_ && !secondCopies_.empty()) {
+        const SecondCopy& next = secondCopies_.front();
+        if (static_cast<int32_t>(network_->UpTimeMs() - next.dueMs) < 0) break;
+        network_->Send(next.text, next.to);
+        secondCopies_.pop_front();
+    }
+}
+
+int DiscoveryServer::WaitMs() {
+    if (secondCopies_.empty()) return waitMs;
+    const auto left = static_cast<int32_t>(secondCopies_.front().dueMs - network_->UpTimeMs());
+    return std::clamp(left, 0, waitMs);
 }
 
 void DiscoveryServer::NotifyAllIfDue() {
@@ -88,12 +121,14 @@ void DiscoveryServer::NotifyAllIfDue() {
     SendNotify(CStdStr());
 }
 
-void DiscoveryServer::ProcessMSEARCH() {
+// False when nothing was there to be received.
+bool DiscoveryServer::ProcessMSEARCH() {
     char datagram[kel::discovery::searchBytes];
     in_addr sender{};
     const ssize_t length = network_->Receive(datagram, sizeof datagram, &sender);
-    if (length <= 0 || !kel::discovery::IsSearch({datagram, static_cast<size_t>(length)})) return;
-    SendNotify(inet_ntos(sender));
+    if (length < 0) return false;
+    if (kel::discovery::IsSearch({datagram, static_cast<size_t>(length)})) SendNotify(inet_ntos(sender));
+    return true;
 }
 
 // To all, or, when the two-second rule allows it, to `target` alone.
@@ -118,7 +153,13 @@ void DiscoveryServer::SendNotifyFrom(in_addr interface, in_addr to, const CStdSt
     if (stopping_ || addresses.empty()) return;
     const CStdStr aliases = kel::discovery::BuildAliases(addresses, interface);
     if (!network_->SelectInterface(interface)) return;
-    SendTwice(kel::discovery::BuildNotify(serverId_, aliases, satellite_->getSatellitePort(), userList), to);
+    CStdStr text = kel::discovery::BuildNotify(serverId_, aliases, satellite_->getSatellitePort(), userList);
+    if (to.s_addr == group_.s_addr) {
+        SendTwice(text, to);
+        return;
+    }
+    SendFirstCopy(text, to);
+    secondCopies_.push_back({std::move(text), to, network_->UpTimeMs() + betweenCopiesMs});
 }
 
 void DiscoveryServer::SendByeBye() {
@@ -130,10 +171,13 @@ void DiscoveryServer::SendByeBye() {
 
 // Datagrams get lost, so each is sent twice.
 void DiscoveryServer::SendTwice(const CStdStr& text, in_addr to) {
-    const int error = network_->Send(text, to);
+    SendFirstCopy(text, to);
     network_->Pause(betweenCopiesMs);
     network_->Send(text, to);
-    const bool isTooLong = error == EMSGSIZE;
+}
+
+void DiscoveryServer::SendFirstCopy(const CStdStr& text, in_addr to) {
+    const bool isTooLong = network_->Send(text, to) == EMSGSIZE;
     if (isTooLong && !saidTooLong_) {
         CBBLog::warn(
             "Discovery: with its users the announcement has %zu bytes, more than fit a datagram: nobody hears it",
@@ -173,7 +217,8 @@ void DiscoveryServer::RemoveUser(const CStdStr& name) {
 // Built once for any number of changes: a call may add many users, and the list grows with them.
 CStdStr DiscoveryServer::UserList() {
     PMutexHold hold(users_);
-    if (std::exchange(userListIsOld_, false)) BuildUserListString();
+    if (userListIsOld_) BuildUserListString();
+    userListIsOld_ = false;
     return userListString_;
 }
 

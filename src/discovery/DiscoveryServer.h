@@ -8,8 +8,8 @@
 // RemoveUser and TriggerNotify may be called from any thread. Locks are held for moments, one at a time.
 //
 // What goes wrong on the network is ordinary, and left to the next announcement: a machine without a network stays
-// quiet, an interface that appears is used from the next announcement on. The two-second rule (ReplyLimits) and the
-// pause between the two copies of every datagram bound what anybody can make it send.
+// quiet, an interface that appears is used from the next announcement on. ReplyLimits bounds what anybody can make it
+// send. Searches are taken in as fast as they come: nothing that a search causes is waited for.
 #pragma once
 
 #include "discovery/DiscoveryMessage.h"
@@ -23,6 +23,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <deque>
 #include <map>
 #include <memory>
 #include <vector>
@@ -58,17 +59,26 @@ public:
     void TriggerNotify(unsigned int atMs);
 
 private:
+    struct SecondCopy {
+        CStdStr text;
+        in_addr to;
+        uint32_t dueMs;
+    };
+
     void initSocket();
     void refreshAddressList() EXCLUDES(addresses_);
     void LaunchSelectLoop();
     unsigned int SelectLoop(void*);
     bool Pass();
     void NotifyAllIfDue();
-    void ProcessMSEARCH();
+    void SendSecondCopies();
+    int WaitMs();
+    bool ProcessMSEARCH();
     void SendNotify(const CStdStr& target);
     void SendNotifyFrom(in_addr interface, in_addr to, const CStdStr& userList) EXCLUDES(addresses_);
     void SendByeBye() EXCLUDES(addresses_);
     void SendTwice(const CStdStr& text, in_addr to);
+    void SendFirstCopy(const CStdStr& text, in_addr to);
     void BuildUserListString() REQUIRES(users_);
     std::vector<in_addr> Addresses() EXCLUDES(addresses_);
     CStdStr UserList() EXCLUDES(users_);
@@ -79,9 +89,10 @@ private:
     const in_addr group_;
     PLocker<std::vector<in_addr>> addresses_;
     std::atomic<bool> stopping_{false};
-    std::atomic<uint32_t> nextNotifyMs_;  // when the next NOTIFY to all is due
-    kel::discovery::ReplyLimits limits_;  // the thread's
-    bool saidTooLong_ = false;            // the thread's
+    std::atomic<uint32_t> nextNotifyMs_;   // when the next NOTIFY to all is due
+    kel::discovery::ReplyLimits limits_;   // the thread's
+    bool saidTooLong_ = false;             // the thread's
+    std::deque<SecondCopy> secondCopies_;  // the thread's, in the order in which they are due
     PLocker<std::map<CStdStr, UserDetails>> users_;
     CStdStr userListString_ GUARDED_BY(users_);
     bool userListIsOld_ GUARDED_BY(users_) = false;  // users have changed since it was built

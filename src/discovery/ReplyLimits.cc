@@ -5,9 +5,6 @@
 namespace kel::discovery {
 namespace {
 
-// While the table is full, looking through it for what can go must not be what every further search costs.
-constexpr uint32_t forgetPeriodMs = 500;
-
 bool IsOver(uint32_t time, uint32_t now) {
     const auto age = static_cast<int32_t>(now - time);
     return age < 0 || age >= static_cast<int32_t>(ReplyLimits::periodMs);
@@ -17,20 +14,23 @@ bool IsOver(uint32_t time, uint32_t now) {
 
 bool ReplyLimits::MayAnswer(const CStdStr& searcher, uint32_t now, uint32_t* toAllAt) {
     const auto known = lastReplyMs_.find(searcher);
-    if (known != lastReplyMs_.end()) {
-        if (now - known->second < periodMs) {
-            *toAllAt = DueToAll(known->second + periodMs);
-            return false;
-        }
-        known->second = now;
-        return true;
+    if (known != lastReplyMs_.end() && now - known->second < periodMs) {
+        *toAllAt = DueToAll(known->second + periodMs);
+        return false;
     }
-    if (lastReplyMs_.size() >= capacity && now - lastForgottenMs_ >= forgetPeriodMs) Forget(now);
-    if (lastReplyMs_.size() >= capacity) {
+    if (!TakeAnswer(now)) {
         *toAllAt = DueToAll(now + periodMs);
         return false;
     }
-    lastReplyMs_.emplace(searcher, now);
+    lastReplyMs_[searcher] = now;
+    return true;
+}
+
+// Every answer takes up its share of the time; how far ahead of the clock that may run is what can be given at once.
+bool ReplyLimits::TakeAnswer(uint32_t now) {
+    if (!answersUsedUntilMs_ || static_cast<int32_t>(*answersUsedUntilMs_ - now) < 0) answersUsedUntilMs_ = now;
+    if (*answersUsedUntilMs_ - now > (answersAtOnce - 1) * answerCostMs) return false;
+    *answersUsedUntilMs_ += answerCostMs;
     return true;
 }
 
@@ -47,11 +47,11 @@ void ReplyLimits::AnsweredAll(uint32_t now) {
 }
 
 void ReplyLimits::Forget(uint32_t now) {
-    lastForgottenMs_ = now;
     for (auto entry = lastReplyMs_.begin(); entry != lastReplyMs_.end();) {
         entry = IsOver(entry->second, now) ? lastReplyMs_.erase(entry) : std::next(entry);
     }
     if (lastToAllMs_ && IsOver(*lastToAllMs_, now)) lastToAllMs_.reset();
+    if (answersUsedUntilMs_ && static_cast<int32_t>(*answersUsedUntilMs_ - now) < 0) answersUsedUntilMs_.reset();
 }
 
 }  // namespace kel::discovery

@@ -4,9 +4,12 @@
 //   - a searcher is answered once in two seconds;
 //   - one that asks again in between is answered, when its two seconds have passed, by an announcement to all;
 //   - announcements to all for that reason are two seconds apart too, however many searchers wait for one: each of them
-//     hears the next.
+//     hears the next;
+//   - all searchers together get 100 answers a second, `answersAtOnce` of them at once; whoever comes when these are
+//   used
+//     up waits for an announcement to all as well.
 //
-// Memory is bounded: while `capacity` searchers are remembered, a further one waits for an announcement to all.
+// So memory is bounded too, for only who is answered is remembered, until Forget.
 //
 // Times are milliseconds of up-time, 32 bits, wrapping; Forget has to be called more often than once in 24 days.
 // For one thread.
@@ -24,7 +27,8 @@ namespace kel::discovery {
 class ReplyLimits {
 public:
     static constexpr uint32_t periodMs = 2000;
-    static constexpr size_t capacity = 4096;
+    static constexpr uint32_t answerCostMs = 10;
+    static constexpr uint32_t answersAtOnce = 50;
 
     // Whether the searcher may be answered at `now`; if so, this is noted as its answer. If not, `*toAllAt` is when an
     // announcement to all is due in its place.
@@ -40,11 +44,12 @@ public:
 
 private:
     uint32_t DueToAll(uint32_t earliest);
+    bool TakeAnswer(uint32_t now);
 
     std::map<CStdStr, uint32_t> lastReplyMs_;
-    std::optional<uint32_t> lastToAllMs_;  // the last announcement to all that a search brought about
+    std::optional<uint32_t> answersUsedUntilMs_;  // the answers given take up the time until then
+    std::optional<uint32_t> lastToAllMs_;         // the last announcement to all that a search brought about
     bool somebodyWaits_ = false;
-    uint32_t lastForgottenMs_ = 0;
 };
 
 }  // namespace kel::discovery
