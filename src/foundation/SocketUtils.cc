@@ -9,7 +9,9 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstring>
 #include <memory>
 #include <optional>
@@ -43,7 +45,7 @@ bool SetNonBlocking(int socket, int on) { return ioctl(socket, FIONBIO, &on) == 
 
 bool WaitWritable(int socket, int seconds) {
     pollfd wanted{socket, POLLOUT, 0};
-    return poll(&wanted, 1, seconds * 1000) > 0;
+    return poll(&wanted, 1, std::min(seconds, INT_MAX / 1000) * 1000) > 0;
 }
 
 // Connects the non-blocking socket; blocking again afterwards unless that went at once.
