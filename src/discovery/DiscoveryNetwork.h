@@ -29,7 +29,7 @@ public:
     virtual CStdStr AddressTowards(const CStdStr& destination) = 0;
 
     // As those of transport::DiscoverySocket.
-    virtual void Join(in_addr interface) = 0;
+    virtual void Join(const std::vector<in_addr>& interfaces) = 0;
     virtual bool SelectInterface(in_addr address) = 0;
     virtual int Send(const CStdStr& text, in_addr to) = 0;
     virtual int WaitReadable(int milliseconds) = 0;

@@ -63,7 +63,7 @@ void DiscoveryServer::LaunchSelectLoop() {
 void DiscoveryServer::refreshAddressList() {
     PMutexHold hold(addresses_);
     addresses_.value() = network_->LocalAddresses();
-    for (const in_addr address : addresses_.value()) network_->Join(address);
+    network_->Join(addresses_.value());
 }
 
 // --- The thread ----------------------------------------------------------------------------------------------------
@@ -159,7 +159,8 @@ void DiscoveryServer::SendNotifyFrom(in_addr interface, in_addr to, const CStdSt
         return;
     }
     SendFirstCopy(text, to);
-    secondCopies_.push_back({std::move(text), to, network_->UpTimeMs() + betweenCopiesMs});
+    // One more, for the clock cuts off what is less than a millisecond.
+    secondCopies_.push_back({std::move(text), to, network_->UpTimeMs() + betweenCopiesMs + 1});
 }
 
 void DiscoveryServer::SendByeBye() {

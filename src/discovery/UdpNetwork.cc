@@ -19,7 +19,7 @@ public:
         return yar::networkutils::GetIPForDestination(destination).first;
     }
 
-    void Join(in_addr interface) override { socket_.Join(group_, interface); }
+    void Join(const std::vector<in_addr>& interfaces) override { socket_.Join(group_, interfaces); }
     bool SelectInterface(in_addr address) override { return socket_.SelectInterface(address); }
     int Send(const CStdStr& text, in_addr to) override { return socket_.Send(text, to); }
     int WaitReadable(int milliseconds) override { return socket_.WaitReadable(milliseconds); }

@@ -36,6 +36,7 @@ CStdStr MacText(const std::array<uint8_t, 6>& mac, const char* between) {
 }  // namespace
 
 void GetLocalIPAddressList(std::vector<in_addr>& out) { out = kel::platform::InterfaceAddresses(); }
+unsigned GetInterfaceWith(in_addr address) { return kel::platform::InterfaceWith(address); }
 
 // Every request passes through here with its caller's address, so the text is put together without inet_ntop's printf.
 CStdStr inet_ntos(in_addr address) {

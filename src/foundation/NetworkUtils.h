@@ -92,6 +92,9 @@ int ConnectTimeout(const char* host, unsigned short port, int timeoutMs);
 // nothing is sent. A living host acknowledges by itself, however long its programs take.
 void GiveUpOnDeadPeers(int socket, unsigned seconds);
 
+// The index of the interface that has the IPv4 address; 0 when there is none.
+unsigned GetInterfaceWith(in_addr address);
+
 // Has ReceiveDatagram learn where the datagrams of the IPv4 socket `socket` arrive. False when the system refuses.
 bool ReportArrivals(int socket);
 

@@ -14,6 +14,9 @@ namespace kel::platform {
 // system does not tell.
 std::vector<in_addr> InterfaceAddresses();
 
+// The index of the interface that has the address; 0 when there is none.
+unsigned InterfaceWith(in_addr address);
+
 // An interface's first IPv4 address and its netmask, in network byte order.
 struct InterfaceNet {
     in_addr address{};

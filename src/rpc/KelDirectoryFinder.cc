@@ -68,7 +68,7 @@ private:
 
 std::vector<in_addr> KelDirectoryFinder::Impl::JoinAll() {
     std::vector<in_addr> networks = kel::transport::NetworkAddresses();
-    for (const in_addr network : networks) socket_.Join(group_, network);
+    socket_.Join(group_, networks);
     return networks;
 }
 

@@ -279,6 +279,27 @@ class AHostWithoutANetwork(OnNetworks):
         directory.stop()
 
 
+class AHostWhoseInterfacesComeAndGo(OnNetworks):
+    def test_hears_searches_on_the_new_ones_when_the_system_allows_no_more_memberships(self):
+        home, other = self.lab.host("home"), self.lab.host("other")
+        home.run("sysctl", "-w", "net.ipv4.igmp_max_memberships=1")
+        directory = self.daemon(host=home).start()
+        directory.current.wait_for("Initialization complete")
+        # The last two have the same address: an interface that comes back is another one.
+        for prefix, interface in [("10.77.1", "eth0"), ("10.77.2", "eth1"), ("10.77.2", "eth2")]:
+            self.lab.network(prefix, home, other)
+            listener = self.listener(other, f"{prefix}.2")
+            with directory.client() as client:  # brings the next announcement forward
+                client.call("AddKelUsers", ["al"])
+            self.assertEqual(listener.pair()[1], GROUP)
+            listener.send(SEARCH)
+            self.assertEqual(listener.pair()[1:], (f"{prefix}.2", f"{prefix}.1"), interface)
+            listener.socket.close()
+            for host in [home, other]:
+                if interface in host.ip("-br", "link"):
+                    host.ip("link", "delete", interface)
+
+
 class ANetworkWithSeveralDirectories(OnNetworks):
     def test_has_all_of_them_found_also_two_on_one_host(self):
         hosts = [self.lab.host(f"h{number}") for number in range(3)]

@@ -10,6 +10,7 @@
 
 #include <cstring>
 #include <memory>
+#include <string>
 
 namespace kel::platform {
 namespace {
@@ -20,6 +21,20 @@ AddressList AllAddresses() {
     ifaddrs* first = nullptr;
     if (getifaddrs(&first) != 0) first = nullptr;
     return AddressList(first, &freeifaddrs);
+}
+
+bool IsIpv4(const ifaddrs& entry) { return entry.ifa_addr && entry.ifa_addr->sa_family == AF_INET; }
+
+in_addr AddressOf(const ifaddrs& entry) {
+    sockaddr_in address{};
+    std::memcpy(&address, entry.ifa_addr, sizeof address);
+    return address.sin_addr;
+}
+
+// An address with a label is listed under that, which is the interface's name, a colon and more.
+std::string InterfaceName(const ifaddrs& entry) {
+    const std::string name = entry.ifa_name;
+    return name.substr(0, name.find(':'));
 }
 
 // Questions about one interface, by its index.
@@ -56,12 +71,18 @@ std::vector<in_addr> InterfaceAddresses() {
     std::vector<in_addr> addresses;
     const AddressList all = AllAddresses();
     for (const ifaddrs* entry = all.get(); entry; entry = entry->ifa_next) {
-        if (!entry->ifa_addr || entry->ifa_addr->sa_family != AF_INET) continue;
-        sockaddr_in address{};
-        std::memcpy(&address, entry->ifa_addr, sizeof address);
-        addresses.push_back(address.sin_addr);
+        if (IsIpv4(*entry)) addresses.push_back(AddressOf(*entry));
     }
     return addresses;
+}
+
+unsigned InterfaceWith(in_addr address) {
+    const AddressList all = AllAddresses();
+    for (const ifaddrs* entry = all.get(); entry; entry = entry->ifa_next) {
+        if (IsIpv4(*entry) && AddressOf(*entry).s_addr == address.s_addr)
+            return if_nametoindex(InterfaceName(*entry).c_str());
+    }
+    return 0;
 }
 
 std::optional<InterfaceNet> NetOfInterface(unsigned index) {

@@ -64,11 +64,41 @@ int DiscoverySocket::Open() {
     return bind(socket_, reinterpret_cast<const sockaddr*>(&everywhere), sizeof everywhere) == 0 ? 0 : errno;
 }
 
-void DiscoverySocket::Join(in_addr group, in_addr interface) {
-    ip_mreq membership{};
-    membership.imr_multiaddr = group;
-    membership.imr_interface = interface;
-    setsockopt(socket_, IPPROTO_IP, IP_ADD_MEMBERSHIP, &membership, sizeof membership);
+void DiscoverySocket::Join(in_addr group, const std::vector<in_addr>& interfaces) {
+    if (!JoinEach(group, interfaces) && LeaveVanished()) JoinEach(group, interfaces);
+}
+
+// False when the system allows no more memberships.
+bool DiscoverySocket::JoinEach(in_addr group, const std::vector<in_addr>& interfaces) {
+    bool isRoom = true;
+    for (const in_addr address : interfaces) {
+        ip_mreq membership{};
+        membership.imr_multiaddr = group;
+        membership.imr_interface = address;
+        if (setsockopt(socket_, IPPROTO_IP, IP_ADD_MEMBERSHIP, &membership, sizeof membership) == 0) {
+            memberships_.push_back({group, address, yar::networkutils::GetInterfaceWith(address)});
+        } else if (errno == ENOBUFS) {
+            isRoom = false;
+        }
+    }
+    return isRoom;
+}
+
+// By the interface's index: one that went and came back, with the address it had, is another to the system.
+bool DiscoverySocket::LeaveVanished() {
+    const auto leave = [this](const Membership& one) {
+        if (yar::networkutils::GetInterfaceWith(one.address) == one.interface) return false;
+        group_req request{};
+        request.gr_interface = one.interface;
+        const sockaddr_in group = DiscoveryPortAt(one.group);
+        std::memcpy(&request.gr_group, &group, sizeof group);
+        setsockopt(socket_, IPPROTO_IP, MCAST_LEAVE_GROUP, &request, sizeof request);
+        return true;
+    };
+    const auto left = std::remove_if(memberships_.begin(), memberships_.end(), leave);
+    const bool isAny = left != memberships_.end();
+    memberships_.erase(left, memberships_.end());
+    return isAny;
 }
 
 bool DiscoverySocket::SelectInterface(in_addr address) {

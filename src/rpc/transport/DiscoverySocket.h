@@ -30,8 +30,10 @@ public:
     int Open();
     bool IsOpen() const { return socket_ >= 0; }
 
-    // Joins the group on the interface with that address; harmless when it was joined already, or cannot be.
-    void Join(in_addr group, in_addr interface);
+    // Joins the group on each interface with one of these addresses; harmless where it was joined already, or cannot
+    // be. What was joined stays so, until the system allows no more (igmp_max_memberships): then those of interfaces
+    // that have gone, or have lost the address, make room.
+    void Join(in_addr group, const std::vector<in_addr>& interfaces);
     // Has datagrams to the group leave by the interface with that address. False when there is none.
     bool SelectInterface(in_addr address);
     // Sends one datagram to the discovery port at `to`. Returns 0 or an error number.
@@ -47,7 +49,17 @@ public:
     void Interrupt();
 
 private:
+    struct Membership {
+        in_addr group;
+        in_addr address;
+        unsigned interface;
+    };
+
+    bool JoinEach(in_addr group, const std::vector<in_addr>& interfaces);
+    bool LeaveVanished();
+
     int socket_ = -1;
+    std::vector<Membership> memberships_;
 };
 
 }  // namespace kel::transport

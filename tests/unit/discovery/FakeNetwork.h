@@ -98,9 +98,9 @@ public:
         PMutexHold hold(lock_);
         return route_;
     }
-    void Join(in_addr interface) override {
+    void Join(const std::vector<in_addr>& interfaces) override {
         PMutexHold hold(lock_);
-        joined_.insert(Text(interface));
+        for (const in_addr interface : interfaces) joined_.insert(Text(interface));
     }
     bool SelectInterface(in_addr address) override {
         PMutexHold hold(lock_);
