@@ -407,6 +407,18 @@ class TheChoiceOfAnAddress(OnNetworks):
         self.assertEqual(kernels, {"9.9.9.9": "10.78.1.1", "164.16.0.1": "10.78.2.1", "203.0.113.7": "10.78.2.1",
                                    "10.78.9.5": "10.78.9.1", "10.78.3.5": "10.78.1.1"})
 
+    def test_knows_every_route_to_a_network_and_the_hop_that_is_alive(self):
+        host, router = self.lab.host("host"), self.lab.host("router")
+        self.lab.network("10.78.1", host, router)
+        self.lab.network("10.78.2", host, router)
+        host.ip("route", "add", "192.0.2.0/24", "via", "10.78.1.2", "hoplimit", 64)
+        host.ip("route", "append", "192.0.2.0/24", "via", "10.78.2.2")
+        host.ip("route", "add", "198.51.100.0/24", "nexthop", "via", "10.78.1.2", "nexthop", "via", "10.78.2.2")
+        self.assertEqual(self.chosen(host, "192.0.2.9", "198.51.100.5"),
+                         {"192.0.2.9": "10.78.2.1", "198.51.100.5": "10.78.1.1"})
+        host.ip("link", "set", "eth0", "down")
+        self.assertEqual(self.chosen(host, "198.51.100.5"), {"198.51.100.5": "10.78.2.1"})
+
     def test_is_none_where_no_route_matches(self):
         host = self.lab.host("host")
         self.lab.network("10.78.1", host)
