@@ -56,7 +56,7 @@ void CRegistration::StartCheck(const SatellitePtr& satellite, SatelliteChannel* 
         PThread thread(new PThreadDelegateMember<CRegistration>(this, &CRegistration::CheckSatellite), data.get());
         thread.SetStackSize(stackSize);
         thread.Start();
-        data.release();  // the thread's
+        static_cast<void>(data.release());  // the thread's
     } catch (...) {
         PMutexHold hold(unstartedLock_);
         unstarted_ = satellite;

@@ -281,8 +281,12 @@ class AProcessOnASickSystem(CrashTest):
 
 class ADirectoryThatCrashes(CrashTest):
     def start(self):
+        """Returns when the start is over and the main thread waits for signals, which is system call 128."""
         self.directory.start(expect_crash=True)
-        return self.directory.current
+        run = self.directory.current
+        state = pathlib.Path(f"/proc/{run.process.pid}/syscall")
+        wait_until(lambda: state.read_text().split()[0] == "128", "the main thread to wait")
+        return run
 
     def test_leaves_a_dump_whichever_of_its_threads_faults(self):
         seen = set()
