@@ -161,6 +161,10 @@ class SatelliteProcess(Program):
         self.process.stdin.flush()
         self.commands += 1
 
+    def has_answers(self):
+        """Whether every command so far was answered."""
+        return len(self._results()) == self.commands
+
     def _lines(self, kind):
         return [line[len(kind) + 1:] for line in self.output().splitlines(keepends=True)
                 if line.startswith(kind + " ") and line.endswith("\n")]

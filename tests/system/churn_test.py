@@ -28,6 +28,8 @@ class ManySatellites(SystemTest):
             for name in started:
                 alive[name].tell_and_go_on("listen", "OwnSat0")
                 alive[name].tell_and_go_on("listen", "Own" + name)
+            for name in started:  # a question that is on its way when its satellite is killed may be answered later
+                wait_until(alive[name].has_answers, f"{name} to listen")
 
         def state():
             listed = directory.listeners()
