@@ -67,7 +67,7 @@ void CrashLog::Write(LOGLEVEL level, const char* fmt, ...) {
 }
 
 bool CrashLog::HaveItWritten(LOGLEVEL level) {
-    if (!scribe_ || isScribeLost_) return false;
+    if (!scribe_ || isScribeLost_ || pthread_equal(scribeItself_, pthread_self())) return false;
     level_ = level;
     progress_ = asked;
     sem_post(&wake_);
@@ -76,6 +76,7 @@ bool CrashLog::HaveItWritten(LOGLEVEL level) {
 }
 
 unsigned int CrashLog::ScribeMain(void*) {
+    scribeItself_ = pthread_self();
     while (true) {
         while (sem_wait(&wake_) != 0 && errno == EINTR) {
         }

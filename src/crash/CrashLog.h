@@ -52,6 +52,7 @@ private:
     bool isScribeLost_ = false;  // the claiming thread's: the scribe did not come back once, and is not asked again
     sem_t wake_;
     std::unique_ptr<PThread> scribe_;
+    std::atomic<pthread_t> scribeItself_{};
 };
 
 }  // namespace kel::crash

@@ -49,7 +49,7 @@ struct MiniDumper::Shared {
     kel::crash::ShellRun shell;
 };
 
-MiniDumper* MiniDumper::newest = nullptr;
+std::atomic<MiniDumper*> MiniDumper::newest{nullptr};
 
 MiniDumper::MiniDumper(const char* appName) : appName_(appName) { initialize(true, true); }
 
@@ -67,9 +67,13 @@ MiniDumper::MiniDumper(const char* appName, const char* reporterArg1, const char
 
 MiniDumper::~MiniDumper() {
     handler_.reset();
-    MiniDumper** link = &newest;
-    while (*link != this) link = &(*link)->older_;
-    *link = older_;
+    if (newest == this) {
+        newest = older_;
+        return;
+    }
+    MiniDumper* younger = newest;
+    while (younger->older_ != this) younger = younger->older_;
+    younger->older_ = older_;
 }
 
 void MiniDumper::initialize(bool takeFaults, bool takeOthers) {
@@ -78,8 +82,8 @@ void MiniDumper::initialize(bool takeFaults, bool takeOthers) {
     if (reporterPath_.empty())
         reporterPath_ = CStdPath(CFileTools::getYarBinFolderPath()).AppendPath("YarCrashReporter");
 
-    shared_ = newest ? newest->shared_ : std::make_shared<Shared>(appName_);
     older_ = newest;
+    shared_ = older_ ? older_->shared_ : std::make_shared<Shared>(appName_);
     newest = this;
 
     // Breakpad puts a "/" between the folder and the name, so it is given the folder without.
@@ -104,9 +108,12 @@ void MiniDumper::setAppData(const CStdStr& folder) {
 }
 
 void MiniDumper::prepareCommand() {
-    command_ = reporterPath_ + " \"" + dumpFile_ + "\" \"" + appName_ + "\"";
-    if (!reporterArg1_.empty()) command_ += " \"" + reporterArg1_ + "\" \"" + reporterArg2_ + "\"";
-    else if (!appData_.empty()) command_ += " -appData \"" + appData_ + "\"";
+    CStdStr command = reporterPath_ + " \"" + dumpFile_ + "\" \"" + appName_ + "\"";
+    if (!reporterArg1_.empty()) command += " \"" + reporterArg1_ + "\" \"" + reporterArg2_ + "\"";
+    else if (!appData_.empty()) command += " -appData \"" + appData_ + "\"";
+    if (reporterPath_.empty()) command.clear();
+    commands_.push_back(std::make_unique<const CStdStr>(std::move(command)));
+    command_ = commands_.back().get();
 }
 
 bool MiniDumper::_minidumpCallback(const google_breakpad::MinidumpDescriptor&, void* context, bool) {
@@ -132,9 +139,11 @@ void MiniDumper::AloneFromHere() {
 
 void MiniDumper::minidumpCallback() {
     AloneFromHere();
+    const CStdStr* const command = command_;  // first: what was made ready before it is seen with it
+    if (!command) _exit(0);
     struct stat dump {};
     const bool exists = stat(dumpFile_.c_str(), &dump) == 0;
-    if (startReporter_ && !reporterPath_.empty()) shared_->shell.RunAndWait(command_.c_str());
+    if (startReporter_ && !command->empty()) shared_->shell.RunAndWait(command->c_str());
     if (logCrash_) {
         shared_->log.Write(LOGLEVEL_FATAL, "crash of %s. minidump generated as %s (%dkB)", appName_.c_str(),
                            dumpFile_.c_str(), exists ? static_cast<int>(dump.st_size / 1024) : 0);

@@ -9,7 +9,9 @@
 #include "foundation/AlternateStack.h"
 #include "foundation/StdString.h"
 
+#include <atomic>
 #include <memory>
+#include <vector>
 
 namespace google_breakpad {
 class ExceptionHandler;
@@ -53,7 +55,7 @@ private:
     static void AloneFromHere();
     [[noreturn]] void minidumpCallback();
 
-    static MiniDumper* newest;
+    static std::atomic<MiniDumper*> newest;
 
     CStdStr appName_;
     const bool logCrash_ = true;
@@ -64,7 +66,11 @@ private:
     CStdStr dumpDir_;  // ends with "/"
     CStdStr dumpFile_;
     CStdStr appData_;
-    CStdStr command_;  // all of the reporter's command line, since a crash is no time to put it together
+    // The reporter's command line is put together ahead, since a crash is no time for that. Each one is kept, since a
+    // thread may crash while a setter replaces it; empty without a reporter. Null until everything that a crash needs
+    // is there.
+    std::atomic<const CStdStr*> command_{nullptr};
+    std::vector<std::unique_ptr<const CStdStr>> commands_;
 
     AlternateStack stackForFaults_;
     std::shared_ptr<Shared> shared_;
