@@ -15,6 +15,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <limits>
+#include <new>
 #include <utility>
 
 namespace {
@@ -73,8 +74,7 @@ CBBLog::~CBBLog() {
         }
     }
     stopThread();
-    if (logFd_ >= 0) close(logFd_);
-    if (errorsFd_ >= 0) close(errorsFd_);
+    closeFiles();
 }
 
 void CBBLog::stopThread() {
@@ -149,10 +149,24 @@ void CBBLog::initialize() {
     mkdir(directory.c_str(), 0777);
     openFiles();
 
-    initialized_ = true;
     std::unique_ptr<PThread> thread(new PThread(new PThreadDelegateMember<CBBLog>(this, &CBBLog::loggerThread)));
-    thread->Start();
+    try {
+        thread->Start();
+    } catch (...) {  // the next line tries again
+        closeFiles();
+        throw;
+    }
     thread_.swap(thread);
+    initialized_ = true;
+}
+
+void CBBLog::closeFiles() {
+    PMutexHold hold(fileLock_);
+    for (int* fd : {&logFd_, &errorsFd_}) {
+        if (*fd >= 0) close(*fd);
+        *fd = -1;
+    }
+    fileEnabled_ = errorsEnabled_ = false;
 }
 
 void CBBLog::openFiles() {
@@ -168,6 +182,7 @@ void CBBLog::openFiles() {
     if (errorsEnabled_) fchmod(errorsFd_, 0666);
     // The message names the module's log, as it always has.
     else printf("Error: could not open error log file '%s': %d\n", logPath_.c_str(), errno);
+    fflush(stdout);
 }
 
 // Several processes append to the same file, and each finds out by itself that it is full. The first to lock it renames
@@ -185,8 +200,11 @@ void CBBLog::rotateIfNeeded(int& fd, const CStdStr& path) const {
         const bool stillNamed = stat(path.c_str(), &named) == 0 && isSameFile(opened, named);
         if (stillNamed) rename(path.c_str(), (path + ".back").c_str());
     }
-    close(fd);  // gives the lock back
-    openFile(fd, path, false);
+    int fresh = -1;
+    openFile(fresh, path, false);
+    if (fresh < 0) return;  // the line goes where the last one went, and the next one tries again
+    close(fd);              // gives the lock back
+    fd = fresh;
 }
 
 long long CBBLog::getFileSize() {
@@ -221,21 +239,24 @@ bool CBBLog::isWritten(LOGLEVEL level) {
     return fileEnabled_ || errorsEnabled_;
 }
 
-void CBBLog::_AddLog(const char* fmt, va_list arguments, LOGLEVEL level) {
+// Without memory for it a line is lost: who logs that there is none must not fail over it.
+void CBBLog::_AddLog(const char* fmt, va_list arguments, LOGLEVEL level) try {
     if (!isWritten(level)) return;
     CStdStr line = buildLineHeader(level);
     char text[kLineBuffer];
     const int length = vsnprintf(text, sizeof text, fmt, arguments);
     if (length > 0) line.append(text, std::min(static_cast<size_t>(length), sizeof text - 1));
     finishLine(line, level);
+} catch (const std::bad_alloc&) {
 }
 
-void CBBLog::_AddLog(boost::format text, LOGLEVEL level) {
+void CBBLog::_AddLog(boost::format text, LOGLEVEL level) try {
     if (!isWritten(level)) return;
     CStdStr line = buildLineHeader(level);
     text.exceptions(boost::io::no_error_bits);  // a missing argument shows as nothing
     line.append(text.str());
     finishLine(line, level);
+} catch (const std::bad_alloc&) {
 }
 
 void CBBLog::finishLine(CStdStr& line, LOGLEVEL level) {
@@ -301,7 +322,10 @@ unsigned int CBBLog::loggerThread(void*) {
             const CStdStr line = std::move(queue_.front());
             queue_.pop_front();
             queueLock_.unlock();
-            logLineToFile(line);
+            try {
+                logLineToFile(line);
+            } catch (const std::bad_alloc&) {  // lost, as in _AddLog
+            }
             queueLock_.lock();
             ++written_;
             queueLock_.broadcast();
@@ -327,9 +351,10 @@ void CBBLog::AddLog(LOGLEVEL level, const char* fmt, ...) {
     va_end(arguments);
 }
 
-void CBBLog::AddRawLog(const char* text) {
+void CBBLog::AddRawLog(const char* text) try {
     if (!initialized_) initialize();
     if (fileEnabled_) addQueue(text);
+} catch (const std::bad_alloc&) {
 }
 
 void CBBLog::debugList(const char* fmt, va_list arguments) {

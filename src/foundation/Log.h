@@ -2,6 +2,7 @@
 // echoed on standard output; fatal lines also go, at once, to "errors.log", which all processes of the product share.
 //
 //     boost::shared_ptr<CBBLog> logger(new CBBLog("Recorder.log", false, 512 * 1024));
+//     logger->initialize();
 //     CBBLog::setLogger(logger);
 //     CBBLog::warn("no answer from %s", host);
 //     if (CBBLog::isDebugEnabled()) CBBLog::debug("in: %s", costlyText().c_str());
@@ -11,7 +12,9 @@
 // appended, over an older one, when it has reached its largest size, also when several processes append to it.
 //
 // Callers never wait for the disk, fatal lines aside: a thread of the log's own writes its queue to the file. No
-// failure of the log reaches its callers, except that of starting this thread (std::runtime_error).
+// failure of the log reaches its callers, except that of starting this thread (std::runtime_error): by initialize or,
+// without it, by the first line, which may be the one that says that threads or descriptors have run out. So initialize
+// at the start.
 //
 // Threads: every member may be called from any thread; destroying the log belongs to its last owner. What is still
 // queued then is written first.
@@ -153,6 +156,7 @@ private:
     bool isWritten(LOGLEVEL level);
     void finishLine(CStdStr& line, LOGLEVEL level);
     void openFiles() REQUIRES(initLock_);
+    void closeFiles() REQUIRES(initLock_);
     void readLogLevel();
     void publishLevel() REQUIRES(s_instanceLock);
     CStdStr buildLineHeader(LOGLEVEL level) const;

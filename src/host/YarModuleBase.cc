@@ -50,6 +50,7 @@ void YarModuleBase::SetUp() {
     sigaddset(&signalSet_, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &signalSet_, nullptr);
 
+    logger_->initialize();  // now that its thread blocks them as well, and while there is everything that it needs
     if (CBBLog::isDebugEnabled()) CBBLog::debug("YarModuleBase %s", name_.c_str());
 }
 

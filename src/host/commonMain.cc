@@ -2,7 +2,9 @@
 
 #include "host/YarModuleBase.h"
 
+#include <fcntl.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <memory>
 
@@ -16,9 +18,19 @@ void RaiseDescriptorLimit() {
     setrlimit(RLIMIT_NOFILE, &limit);
 }
 
+// Takes the places of the standard descriptors that whoever started the process left closed. Otherwise the log's own
+// files would take them, and what is meant for standard output would go there.
+void TakeStandardDescriptors() {
+    int fd = 0;
+    do fd = open("/dev/null", O_RDWR);
+    while (fd >= 0 && fd <= STDERR_FILENO);
+    if (fd >= 0) close(fd);
+}
+
 }  // namespace
 
 int commonMain(const std::vector<CStdStr>& args) {
+    TakeStandardDescriptors();
     RaiseDescriptorLimit();
     const std::unique_ptr<YarModuleBase> module(createYarModuleInstance());
     if (module->init(args)) {

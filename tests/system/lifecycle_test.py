@@ -127,6 +127,7 @@ class WithoutRightsToItsFolders(SystemTest):
         directory.root.write_text("a file where the root should be")
         directory.start()
         self.works_from_memory(directory)
+        directory.current.wait_for("Error: could not open error log file")
         directory.stop()
         log = directory.root / "Library/Logs/Tessaly/KelDirectory.log"
         self.assertEqual(directory.current.output(), f"Error: could not open log file '{log}': 20\n"

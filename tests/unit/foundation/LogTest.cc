@@ -160,13 +160,17 @@ TEST_F(ALog, SharesTheErrorLogWithOthersAndBacksItUpOnce) {
     EXPECT_EQ(textsOf(inLogs("errors.log.back")), backup);
 }
 
-TEST_F(ALog, MakesItsFilesAnewWhenTheyAreDeleted) {
+TEST_F(ALog, MakesItsFilesAnewWhenTheyAreDeletedAndItCan) {
     auto log = makeLog();
     log->AddLog(LOGLEVEL_FATAL, "before");
     ASSERT_TRUE(log->flush(30000));
     ASSERT_EQ(textsOf(logPath()), Texts{"Recorder - before"});
     ASSERT_TRUE(fs::remove(logPath()));
     ASSERT_TRUE(fs::remove(inLogs("errors.log")));
+    fs::rename(root_.logsFolder(), root_.path() + "/moved");
+    log->AddLog(LOGLEVEL_FATAL, "nowhere");
+    ASSERT_TRUE(log->flush(30000));
+    fs::rename(root_.path() + "/moved", root_.logsFolder());
     log->AddLog(LOGLEVEL_FATAL, "after");
     log.reset();
     EXPECT_EQ(textsOf(logPath()), Texts{"Recorder - after"});
