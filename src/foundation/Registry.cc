@@ -35,9 +35,24 @@ std::optional<CStdStr> Convert(const CStdStr& text, const char* from, const char
     return output;
 }
 
-std::optional<CStdStr> ToPlatform(const CStdStr& text) { return Convert(text, "MACINTOSH", "UTF-8"); }
+// Two characters of Mac Roman that the C library takes for others: theirs in UTF-8, and what they are.
+constexpr const char* kMistaken[][2] = {{"\u0394", "\u2206"}, {"\ue01e", "\uf8ff"}};
 
-CStdStr FromPlatform(const std::string& text) { return Convert(text, "UTF-8", "MACINTOSH").value_or(CStdStr()); }
+std::optional<CStdStr> ToPlatform(const CStdStr& text) {
+    std::optional<CStdStr> converted = Convert(text, "MACINTOSH", "UTF-8");
+    if (!converted) return converted;
+    for (const auto& [theirs, right] : kMistaken) converted->Replace(theirs, right);
+    return converted;
+}
+
+CStdStr FromPlatform(const std::string& text) {
+    CStdStr expected = text;
+    for (const auto& [theirs, right] : kMistaken) {
+        if (expected.find(theirs) != CStdStr::npos) return {};
+        expected.Replace(right, theirs);
+    }
+    return Convert(expected, "UTF-8", "MACINTOSH").value_or(CStdStr());
+}
 
 CStdStr ToText(const PreferenceValue& value) {
     const auto* text = std::get_if<std::string>(&value);
@@ -123,10 +138,12 @@ void CRegistryImpl::ReadAllSettingsImpl(const CStdStr& key, std::map<CStdStr, CS
     const std::optional<Preferences> preferences = Synchronise(identifier);
     if (!preferences) {
         std::printf("synchronization failed for %s\n", identifier.c_str());
+        std::fflush(stdout);
         return;
     }
     if (!preferences->exists) {
         std::printf("no keys for %s\n", identifier.c_str());
+        std::fflush(stdout);
         return;
     }
     for (const auto& [name, value] : preferences->values) {
