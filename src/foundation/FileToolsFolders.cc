@@ -144,6 +144,7 @@ bool CFileTools::DeleteFile(const CStdStr& path) {
 
 bool CFileTools::CopyFile(const CStdStr& from, const CStdStr& to) {
     boost::system::error_code error;
+    if (fs::equivalent(fs::path(from), fs::path(to), error)) return false;  // it would be emptied before it is read
     fs::copy_file(fs::path(from), fs::path(to), fs::copy_options::overwrite_existing, error);
     return !error;
 }

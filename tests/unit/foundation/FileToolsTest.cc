@@ -211,6 +211,7 @@ TEST_F(AFile, OrFolderThatIsDeletedOrCopiedTakesNoOtherWithIt) {
     ASSERT_TRUE(Write("text"));
     EXPECT_TRUE(CFileTools::DeleteFile(CStdStr(path_ + std::string("\0.xml", 5))));
     EXPECT_TRUE(CFileTools(path_).exists());
+    EXPECT_FALSE(CFileTools::CopyFile(path_, folder_ + "/../files/Player.xml"));
     EXPECT_FALSE(CFileTools::CopyDirectory(folder_, folder_ + "/again"));
     EXPECT_TRUE(CFileTools::CopyDirectory(folder_, root_.path() + "/copy"));
     EXPECT_TRUE(CFileTools::DeleteFile(path_));
