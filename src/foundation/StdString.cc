@@ -39,14 +39,19 @@ void CStdStr::AppendFormatV(const char* format, va_list arguments) {
     va_list again;
     va_copy(again, arguments);
     const int length = vsnprintf(first, sizeof first, format, arguments);
-    if (length >= 0 && static_cast<size_t>(length) < sizeof first) {
-        append(first, static_cast<size_t>(length));
-    } else if (length >= 0) {
-        const size_t size = static_cast<size_t>(length) + 1;
-        const std::unique_ptr<char[]> whole(new (std::nothrow) char[size]);
-        if (whole && vsnprintf(whole.get(), size, format, again) == length) append(whole.get(), size - 1);
-    }
     // A negative length is a character that cannot be converted, which no larger buffer cures.
+    if (length >= 0) {
+        const size_t size = static_cast<size_t>(length);
+        try {
+            if (size < sizeof first) {
+                append(first, size);
+            } else {
+                const auto whole = std::make_unique_for_overwrite<char[]>(size + 1);
+                if (vsnprintf(whole.get(), size + 1, format, again) == length) append(whole.get(), size);
+            }
+        } catch (const std::bad_alloc&) {  // append has changed nothing then
+        }
+    }
     va_end(again);
 }
 

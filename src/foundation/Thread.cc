@@ -17,7 +17,7 @@ struct PThread::ThreadData {
     ThreadData(std::unique_ptr<PThreadDelegateGeneric> work, void* its) : delegate(std::move(work)), argument(its) {}
 
     std::unique_ptr<PThreadDelegateGeneric> delegate;
-    std::atomic<bool> started{false};
+    std::atomic<bool> started{false};  // waited for without a lock: a round of checks starts thousands
     void* argument;
 };
 

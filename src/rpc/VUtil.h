@@ -132,6 +132,7 @@ public:
     // --- Bytes ---
 
     // Clears `v` and stores a copy of the bytes as VT_ARRAY|VT_UI1; with no memory for it, `v` has that type, no array.
+    // Throws, changing nothing, while the array that is there is being accessed.
     static void PutBinaryIntoVariant(tagVARIANT* v, const unsigned char* data, unsigned long length);
     // Copies `length` bytes from `offset` of `v`, a VT_ARRAY|VT_UI1 or VT_ARRAY|VT_I1.
     static void GetBinaryElement(const tagVARIANT& v, unsigned char* buffer, unsigned long offset,
@@ -147,7 +148,8 @@ public:
     static double TimeToDate(long t);
     static long DateToTime(double d);
 
-    // --- Text forms; each appends to `out`. Depth 1 indents by three blanks ---
+    // --- Text forms; each appends to `out`, also when it throws at an array that cannot be read: what stands before
+    // that array. Depth 1 indents by three blanks ---
 
     // One XML element a line and value, nested for arrays. Arrays of bytes and of floating-point numbers show their
     // length only. A null `v` adds nothing.

@@ -26,10 +26,14 @@ void VUtil::PutBinaryIntoVariant(tagVARIANT* v, const unsigned char* data, unsig
         std::memcpy(bytes, data, length);
         SafeArrayUnaccessData(array);
     }
-    VariantClear(v);  // only now: `data` may lie inside
-    v->vt = VT_ARRAY | VT_UI1;
-    v->parray = array;
-    if (!array) throw KelInvalidParameterException("PutBinaryIntoVariant: could not create safe array");
+    const bool isCleared = VariantClear(v) == S_OK;  // only now: `data` may lie inside
+    if (isCleared) {
+        v->vt = VT_ARRAY | VT_UI1;
+        v->parray = array;
+        if (array) return;
+    }
+    SafeArrayDestroy(array);
+    throw KelInvalidParameterException("PutBinaryIntoVariant: could not create safe array");
 }
 
 void VUtil::GetBinaryElement(const tagVARIANT& v, unsigned char* buffer, unsigned long offset, unsigned long length) {
