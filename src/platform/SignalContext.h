@@ -5,7 +5,8 @@
 namespace kel::platform {
 
 // Has the thread call `function` where it was interrupted, when the handler returns. `function` must not return: the
-// registers are not saved for it. A debugger sees it called from the interrupted instruction.
+// registers are not saved for it. Nor must it need an aligned stack: it gets that of the moment. A debugger sees it
+// called from the interrupted instruction.
 void CallOnReturn(void* context, void (*function)());
 
 // Moves the stack pointer up to the next address that can be read, when it points below the stack, as that of a thread

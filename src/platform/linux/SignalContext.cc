@@ -12,7 +12,6 @@ namespace kel::platform {
 
 namespace {
 
-constexpr greg_t redZone = 128;  // what a function may use below the stack pointer, by the x86-64 calling convention
 constexpr greg_t pageSize = 4096;
 constexpr int pagesAtMost = 1024;  // the kernel keeps up to 256 free below a stack, and a frame may be larger
 
@@ -31,10 +30,12 @@ bool IsReadable(greg_t address) {
 
 }  // namespace
 
+// As a call instruction does it, so that the interrupted function's frame is found from the call by the rules for that
+// function. What it may have left below the stack pointer it does not need any more.
 void CallOnReturn(void* context, void (*function)()) {
     greg_t& stack = Register(context, REG_RSP);
     greg_t& instruction = Register(context, REG_RIP);
-    stack = (stack - redZone) / 16 * 16 - static_cast<greg_t>(sizeof instruction);
+    stack -= static_cast<greg_t>(sizeof instruction);
     *reinterpret_cast<greg_t*>(stack) = instruction;
     instruction = reinterpret_cast<greg_t>(function);
 }
