@@ -73,6 +73,7 @@ unsigned int KelDirectory::CheckSatellitesThreadProc(void* /*nothing*/) {
 
 void KelDirectory::StartChecks() {
     try {
+        registration_.SaveIfFailed();
         serviceAvailability_->SaveIfFailed();
         registration_.CheckSatellites(sink_);
         if (std::exchange(checksFail_, false)) CBBLog::warn("All satellites are checked again");

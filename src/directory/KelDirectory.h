@@ -56,7 +56,8 @@ public:
     // with another id keeps it (nameTaken); a dead one is replaced.
     int SatRegister(const tagVARIANT* in, tagVARIANT* out, const char* callerIp, const CStdStr& caller)
         EXCLUDES(pendingLock_);
-    // Withdraws the services that the record lists. `out` becomes the number of services left.
+    // Withdraws the services that the record lists. `out` becomes the number of services left after the
+    // last of them; 0 when it lists none.
     int SatUnRegister(const tagVARIANT* in, tagVARIANT* out, const char* callerIp, const CStdStr& caller);
     // Removes the satellite that the record names by name and id.
     int SatRemove(const tagVARIANT* in, const char* callerIp, const CStdStr& caller);
@@ -82,7 +83,6 @@ private:
 
     int AdmitSatellite(const Record& record, const CStdStr& address, int* satId);
     int RemoveDeadHolder(const CStdStr& name, const CStdStr& host, unsigned short port, int satId);
-    int RemoveAndTell(const CStdStr& name, int satId);
     bool AddToPending(const CStdStr& name) EXCLUDES(pendingLock_);
 
     void StartChecks();

@@ -6,6 +6,7 @@
 #include "foundation/Log.h"
 #include "rpc/VUtil.h"
 
+#include <algorithm>
 #include <set>
 
 namespace {
@@ -56,7 +57,8 @@ void LogFound(const std::vector<KelServiceInfo>& found, const CStdStr& service, 
     }
 }
 
-// Reads the service names of a request, each once, and has `act` take them. Returns the request's result.
+// Reads the service names of a request, each once and where it stands last, and has `act` take them. Returns the
+// request's result.
 template <typename Act>
 int WithServices(const tagVARIANT* in, tagVARIANT* out, const char* request, Act act) {
     VariantClear(out);
@@ -64,11 +66,11 @@ int WithServices(const tagVARIANT* in, tagVARIANT* out, const char* request, Act
     try {
         std::vector<CStdStr> services;
         std::set<CStdStr> known;
-        const int count = VUtil::GetArrayLength(*in);
-        for (int i = 0; i < count; ++i) {
+        for (int i = VUtil::GetArrayLength(*in) - 1; i >= 0; --i) {
             const CStdStr service = VUtil::GetStringElement(*in, i);
             if (known.insert(service).second) services.push_back(service);
         }
+        std::reverse(services.begin(), services.end());
         act(services);
         return 0;
     } catch (const KelException& failure) {
@@ -191,12 +193,7 @@ int KelDirectory::RemoveDeadHolder(const CStdStr& name, const CStdStr& host, uns
     if (CBBLog::isDebugEnabled()) {
         CBBLog::debug("Satname %s dead on host %s:%d (satId %d)", name.c_str(), host.c_str(), port, satId);
     }
-    return RemoveAndTell(name, satId);
-}
-
-int KelDirectory::RemoveAndTell(const CStdStr& name, int satId) {
-    registration_.forceNotifyServicesUnregistered(name, satId);
-    return registration_.RemoveSatellite(name, satId);
+    return registration_.RemoveAndTell(name, satId);
 }
 
 int KelDirectory::SatUnRegister(const tagVARIANT* in, tagVARIANT* out, const char* callerIp,
@@ -240,7 +237,7 @@ int KelDirectory::SatRemove(const tagVARIANT* in, const char* callerIp, const CS
         CBBLog::warn("SatRemove: invalid SatId %d (local: %d)", record.satId, knownId);
         return noSuchSatellite;
     }
-    return RemoveAndTell(record.name, knownId);
+    return registration_.RemoveAndTell(record.name, knownId);
 }
 
 int KelDirectory::SatGetService(const tagVARIANT* in, tagVARIANT* out, const char* callerIp, const CStdStr& caller) {
@@ -317,7 +314,9 @@ int KelDirectory::SatSetBeRightBack(const tagVARIANT* in, tagVARIANT* out, const
 int KelDirectory::AddServiceListener(const tagVARIANT* in, tagVARIANT* out, const CStdStr& caller) {
     return WithServices(in, out, "AddServiceListener", [&](const std::vector<CStdStr>& services) {
         if (!serviceAvailability_ || !serviceAvailability_->Add(services, caller)) return;
-        for (const CStdStr& service : services) serviceAvailability_->Notify(service, caller);
+        for (const CStdStr& service : services) {
+            if (!serviceAvailability_->Notify(service, caller)) return;
+        }
     });
 }
 

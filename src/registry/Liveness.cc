@@ -79,8 +79,7 @@ unsigned int CRegistration::CheckSatellite(void* data) {
     } const done{check->satellite->checkDone};
     try {
         if (!EndRightBack(*check->satellite) || Answers(satellite, *check->sink)) return 0;
-        forceNotifyServicesUnregistered(satellite.satName, satellite.satId);
-        RemoveSatellite(satellite.satName, satellite.satId);
+        RemoveAndTell(satellite.satName, satellite.satId);
     } catch (const std::exception& failure) {
         CBBLog::error("Satellite %s could not be checked: %s", satellite.satName.c_str(), failure.what());
     }
@@ -121,6 +120,21 @@ void CRegistration::WaitCheckSatellites() {
     runningChecks_->Wait();
 }
 
+int CRegistration::RemoveAndTell(const CStdStr& name, int satId) {
+    const SatellitePtr gone = GetSatelliteStruct(name);
+    forceNotifyServicesUnregistered(name, satId);
+    const int rc = RemoveSatellite(name, satId);
+    if (!availability_ || !gone || gone->satId != satId) return rc;
+    // A registration that still found the record may have announced services in it after they were told to be gone.
+    for (const CStdStr& service : ServicesOf(*gone)) {
+        const ServiceAvailability::Turn turn(availability_.get(), service);
+        if (!Publishes(name, service) && MarkAsGone(*gone, service)) {
+            availability_->Notify(service, gone->satName, 0);
+        }
+    }
+    return rc;
+}
+
 int CRegistration::forceNotifyServicesUnregistered(const CStdStr& name, int satId) {
     if (!availability_) return 0;
     const SatellitePtr satellite = GetSatelliteStruct(name);
@@ -134,16 +148,18 @@ int CRegistration::forceNotifyServicesUnregistered(const CStdStr& name, int satI
         }
         return 0;
     }
-    std::vector<CStdStr> services;
-    {
-        PReadHold hold(satellite->lock);
-        for (const auto& [key, service] : satellite->services) services.push_back(service.name);
-    }
-    for (const CStdStr& service : services) {
+    for (const CStdStr& service : ServicesOf(*satellite)) {
         const ServiceAvailability::Turn turn(availability_.get(), service);
-        if (MarkAsGone(*satellite, service)) availability_->Notify(service, name, 0);
+        if (MarkAsGone(*satellite, service)) availability_->Notify(service, satellite->satName, 0);
     }
     return 0;
+}
+
+std::vector<CStdStr> CRegistration::ServicesOf(const KelSatelliteInfo& satellite) {
+    std::vector<CStdStr> services;
+    PReadHold hold(satellite.lock);
+    for (const auto& [key, service] : satellite.services) services.push_back(service.name);
+    return services;
 }
 
 // True for the first who says so of a published service: listeners hear it once, also when a check and a new

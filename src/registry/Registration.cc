@@ -196,42 +196,48 @@ int CRegistration::GetProviders(const CStdStr& service, std::list<CStdStr>& sate
 
 int CRegistration::AddService(const CStdStr& satName, const CStdStr& service, const CStdStr& description) {
     const ServiceAvailability::Turn turn(availability_.get(), service);
+    SatellitePtr satellite;
     {
         PWriteHold hold(lock_);
         const auto entry = satellites_.find(satName);
         if (entry == satellites_.end()) return noSuchSatellite;
-        KelSatelliteInfo& satellite = *entry->second;
+        satellite = entry->second;
 
-        PWriteHold holdSatellite(satellite.lock);
-        const auto [at, isNew] = satellite.services.try_emplace(service);
-        at->second.name = service;
-        at->second.description = description;
-        at->second.isToldGone = false;
-        if (isNew) providers_.Add(at->second, satellite);
+        PWriteHold holdSatellite(satellite->lock);
+        KelService& published = satellite->services[service];
+        published.name = service;
+        published.description = description;
+        published.isToldGone = false;
+        if (!published.indexHook.is_linked()) providers_.Add(published, *satellite);
     }
-    if (availability_) availability_->Notify(service, satName, 1);
+    if (availability_) availability_->Notify(service, satellite->satName, 1);
     return 0;
 }
 
 int CRegistration::RemoveService(const CStdStr& satName, const CStdStr& service, int* remaining) {
     const ServiceAvailability::Turn turn(availability_.get(), service);
+    SatellitePtr satellite;
+    CStdStr publishedAs;
     bool isNews = false;
     {
         PWriteHold hold(lock_);
         const auto entry = satellites_.find(satName);
         if (entry == satellites_.end()) return noSuchSatellite;
-        KelSatelliteInfo& satellite = *entry->second;
+        satellite = entry->second;
 
-        PWriteHold holdSatellite(satellite.lock);
-        const auto published = satellite.services.find(service);
-        if (published != satellite.services.end()) {
+        PWriteHold holdSatellite(satellite->lock);
+        const auto published = satellite->services.find(service);
+        if (published != satellite->services.end()) {
+            publishedAs = published->second.name;
             isNews = !published->second.isToldGone;
             providers_.Remove(published->second);
-            satellite.services.erase(published);
+            satellite->services.erase(published);
         }
-        *remaining = static_cast<int>(satellite.services.size());
+        *remaining = static_cast<int>(satellite->services.size());
     }
-    if (isNews && availability_) availability_->Notify(service, satName, 0);
+    if (!isNews || !availability_) return 0;
+    availability_->Notify(publishedAs, satellite->satName, 0);
+    if (publishedAs != service) availability_->Notify(service, satellite->satName, 0);
     return 0;
 }
 
@@ -241,20 +247,30 @@ int CRegistration::RemoveSatellite(const CStdStr& name, int satId) {
     // registers anew has no record, and so has not subscribed again, before the old subscriptions are gone.
     NameTurns::Hold turn(turns_, name);
     if (DeleteFileInTurn(name, satId) == satIdMismatch) return 0;
-    EraseSatellite(name, satId);
-    if (availability_) availability_->Remove(name);
+    const SatellitePtr gone = EraseSatellite(name, satId);
+    if (!availability_) return 0;
+    availability_->Remove(name);
+    if (gone && gone->satName != name) availability_->Remove(gone->satName);  // it may have used either spelling
     return 0;
 }
 
-void CRegistration::EraseSatellite(const CStdStr& name, int satId) {
-    SatellitePtr gone;  // freed after the lock is released
+CRegistration::SatellitePtr CRegistration::EraseSatellite(const CStdStr& name, int satId) {
     PWriteHold hold(lock_);
     const auto entry = satellites_.find(name);
-    if (entry == satellites_.end() || entry->second->satId != satId) return;
-    gone = entry->second;
+    if (entry == satellites_.end() || entry->second->satId != satId) return nullptr;
+    const SatellitePtr gone = entry->second;
     satellites_.erase(entry);
     PWriteHold holdGone(gone->lock);
     for (auto& [service, published] : gone->services) providers_.Remove(published);
+    return gone;
+}
+
+bool CRegistration::Publishes(const CStdStr& name, const CStdStr& service) const {
+    PReadHold hold(lock_);
+    const auto entry = satellites_.find(name);
+    if (entry == satellites_.end()) return false;
+    PReadHold holdSatellite(entry->second->lock);
+    return entry->second->services.count(service) > 0;
 }
 
 int CRegistration::SetBeRightBackTimer(const CStdStr& name, int seconds) {

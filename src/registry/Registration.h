@@ -31,6 +31,7 @@
 #include <list>
 #include <map>
 #include <optional>
+#include <set>
 #include <vector>
 
 class ServiceAvailability;
@@ -104,15 +105,20 @@ public:
     int RemoveService(const CStdStr& satName, const CStdStr& service, int* remaining) EXCLUDES(lock_);
 
     // Removes the satellite, its file and what it listens for when it has this id; a newer one of the name stays.
-    // Listeners of its services are not told: forceNotifyServicesUnregistered comes before. Returns 0 always.
+    // Listeners of its services are not told. Returns 0 always.
     int RemoveSatellite(const CStdStr& name, int satId) EXCLUDES(lock_);
+    // Tells listeners that its services are gone, then removes it.
+    int RemoveAndTell(const CStdStr& name, int satId) EXCLUDES(lock_);
 
     // The satellite is not to be pinged for so many seconds from now. Returns 0 or noSuchSatellite.
     int SetBeRightBackTimer(const CStdStr& name, int seconds) EXCLUDES(lock_);
 
     // Writes the registration file, then the file of the satellite if there is one. Returns 0; what cannot be written
-    // is logged. When it returns, the registration file names an id at least as high as any handed out before the call.
+    // is logged, and written when SaveIfFailed can. Otherwise the registration file names an id at least as high as any
+    // handed out before the call when it returns.
     int SerializeSatellite(const CStdStr& name) EXCLUDES(lock_);
+    // Again for everything that the latest attempt failed for.
+    void SaveIfFailed() EXCLUDES(lock_, unstoredLock_);
 
     // Takes over what the files say and deletes those that cannot be read back. Returns 0; noRegistrationFile when that
     // file is missing, empty or without a last id, and then no other file is looked at; -1 when the folders are
@@ -136,8 +142,7 @@ public:
     unsigned int CheckSatellite(void* data) EXCLUDES(lock_);
     // Returns when all checks that were started have ended.
     void WaitCheckSatellites();
-    // Tells the listeners of each service of the satellite, if it has this id, that it is gone. Whoever removes the
-    // satellite calls this first. Returns 0.
+    // Tells the listeners of each service of the satellite, if it has this id, that it is gone. Returns 0.
     int forceNotifyServicesUnregistered(const CStdStr& name, int satId) EXCLUDES(lock_);
 
 private:
@@ -159,7 +164,8 @@ private:
     enum class Insertion { always, ifNewer, ifNotOlder };  // by the satId of the one that is there
     SatellitePtr Insert(const SatellitePtr& fresh, Insertion rule) REQUIRES(lock_);
     void Replace(KelSatelliteInfo& old, KelSatelliteInfo& fresh) REQUIRES(lock_);
-    void EraseSatellite(const CStdStr& name, int satId) EXCLUDES(lock_);
+    SatellitePtr EraseSatellite(const CStdStr& name, int satId) EXCLUDES(lock_);  // returns the record, or null
+    bool Publishes(const CStdStr& name, const CStdStr& service) const EXCLUDES(lock_);
 
     // Liveness.cc
     void StartCheck(const SatellitePtr& satellite, SatelliteChannel* sink);
@@ -168,11 +174,15 @@ private:
     bool EndRightBack(KelSatelliteInfo& satellite) const;
     static bool Answers(const KelSatelliteInfo& satellite, SatelliteChannel& sink);
     static bool MarkAsGone(KelSatelliteInfo& satellite, const CStdStr& service);
+    static std::vector<CStdStr> ServicesOf(const KelSatelliteInfo& satellite);
 
     // SatelliteFiles.cc
     static void CreateFolders();
     CStdStr RegistrationText() const EXCLUDES(lock_);
+    bool WriteRegistrationFile(const CStdStr& folder) EXCLUDES(lock_);
     bool WriteSatelliteFile(const CStdStr& folder, const CStdStr& name) EXCLUDES(lock_);
+    void Store(const CStdStr& folder, const CStdStr& name) EXCLUDES(lock_);
+    void NoteUnstored(const CStdStr& name) EXCLUDES(unstoredLock_);
     int DeleteFileInTurn(const CStdStr& name, int satId) EXCLUDES(lock_);
     void DeleteFormerFiles(const CStdStr& name, std::optional<int> satId, bool isStoredOrGone) EXCLUDES(lock_);
     bool LoadRegistrationFile(const CStdStr& path) EXCLUDES(lock_);
@@ -198,4 +208,6 @@ private:
     // Whether the latest write of a file of the kind failed, which is said once.
     std::atomic<bool> registrationFails_{false};
     std::atomic<bool> satelliteFails_{false};
+    PMutex unstoredLock_;
+    std::set<CStdStr, CaseInsensitiveLess> unstored_ GUARDED_BY(unstoredLock_);  // their files are not what they should
 };

@@ -204,17 +204,56 @@ void CRegistration::CreateFolders() {
 // --- Writing ---
 
 int CRegistration::SerializeSatellite(const CStdStr& name) {
+    bool isTried = false;
     try {
         const CStdStr folder = SatellitesFolder();
         // Without the counter no satellite: an id in a file that the counter does not cover would be given out again.
-        const bool isCounted = registrationFile_.Run(
-            [&] { return WriteFile(RegistrationPath(folder), RegistrationText(), registrationFails_); });
-        const bool isStored = isCounted && WriteSatelliteFile(folder, name);
-        DeleteFormerFiles(name, std::nullopt, isStored);
+        if (WriteRegistrationFile(folder)) {
+            Store(folder, name);
+            isTried = true;
+        } else {
+            DeleteFormerFiles(name, std::nullopt, false);
+        }
     } catch (const std::exception&) {
         CBBLog::error("CRegistration::SerializeSatellite data directory not found");
     }
+    if (!isTried) NoteUnstored(name);
     return 0;
+}
+
+void CRegistration::SaveIfFailed() {
+    std::set<CStdStr, CaseInsensitiveLess> names;
+    {
+        PMutexHold hold(unstoredLock_);
+        names.swap(unstored_);
+    }
+    if (names.empty() && !registrationFails_) return;
+    std::erase_if(names, [this](const CStdStr& name) { return !GetSatelliteStruct(name); });
+    try {
+        const CStdStr folder = SatellitesFolder();
+        if (WriteRegistrationFile(folder)) {
+            for (const CStdStr& name : names) Store(folder, name);
+            return;
+        }
+    } catch (const std::exception&) {  // no data folder, which was said when it was first missed
+    }
+    PMutexHold hold(unstoredLock_);
+    unstored_.merge(names);
+}
+
+void CRegistration::NoteUnstored(const CStdStr& name) {
+    PMutexHold hold(unstoredLock_);
+    unstored_.insert(name);
+}
+
+bool CRegistration::WriteRegistrationFile(const CStdStr& folder) {
+    return registrationFile_.Run(
+        [&] { return WriteFile(RegistrationPath(folder), RegistrationText(), registrationFails_); });
+}
+
+// Brings the satellite's record to disk.
+void CRegistration::Store(const CStdStr& folder, const CStdStr& name) {
+    DeleteFormerFiles(name, std::nullopt, WriteSatelliteFile(folder, name));
 }
 
 CStdStr CRegistration::RegistrationText() const {
@@ -235,7 +274,9 @@ bool CRegistration::WriteSatelliteFile(const CStdStr& folder, const CStdStr& nam
         CBBLog::error("Satellite %.1024s cannot have a file: %s", satellite->satName.c_str(), fault);
         return false;
     }
-    return WriteFile(SatellitePath(folder, satellite->satName), SatelliteText(*satellite), satelliteFails_);
+    if (WriteFile(SatellitePath(folder, satellite->satName), SatelliteText(*satellite), satelliteFails_)) return true;
+    NoteUnstored(name);
+    return false;
 }
 
 // --- Deleting ---

@@ -25,7 +25,7 @@ struct KelService {
     bool isToldGone = false;  // listeners heard that it is gone, since its satellite is about to be removed
 };
 
-// One registered satellite. The members before the locks never change once the record is in the registry: a satellite
+// One registered satellite. The first group of members never changes once the record is in the registry: a satellite
 // that registers anew gets a new record.
 struct KelSatelliteInfo {
     int32_t satId = 0;

@@ -118,14 +118,16 @@ void ServiceAvailability::Notify(const CStdStr& service, const CStdStr& satellit
     }
 }
 
-void ServiceAvailability::Notify(const CStdStr& service, const CStdStr& listener) {
+bool ServiceAvailability::Notify(const CStdStr& service, const CStdStr& listener) {
     CStdStr last;
-    while (TellNext(service, listener, last)) {
-        if (sink_->AwaitListener(listener)) continue;
-        CBBLog::warn("%.1024s does not take in who publishes %.1024s; it was told up to %.1024s", listener.c_str(),
-                     service.c_str(), last.c_str());
-        return;
-    }
+    do {
+        if (!sink_->AwaitListener(listener)) {
+            CBBLog::warn("%.1024s does not take in who publishes %.1024s; it was told up to \"%.1024s\"",
+                         listener.c_str(), service.c_str(), last.c_str());
+            return false;
+        }
+    } while (TellNext(service, listener, last));
+    return true;
 }
 
 // Tells of the next providers behind `last` in their order, which becomes the last of them; false when that were all.
@@ -159,6 +161,11 @@ void ServiceAvailability::SaveIfFailed() {
     if (fileFails_) SaveList();
 }
 
+bool ServiceAvailability::IsEmpty() {
+    PMutexHold hold(listeners_);
+    return listeners_.value().empty();
+}
+
 CStdStr ServiceAvailability::Text() {
     CStdStr text("<?xml version='1.0'?>\n");
     text.append("<").append(rootTag).append(">\n");
@@ -181,10 +188,11 @@ int ServiceAvailability::LoadList() {
         const CFileTools file(ListPath());
         if (!file.exists()) return 0;
         const CStdStr text = file.toString();
+        if (text.empty() && file.getFileSize() > 0) CBBLog::error("Could not read %s", ListPath().c_str());
         std::vector<CStdStr> entries;
         if (getXMLTagValue(text, entryTag, entries) != 0) return brokenFile;
         const int result = AddAll(entries);
-        if (!entries.empty() && Text() != text) SaveList();
+        if (!IsEmpty() && Text() != text) SaveList();
         return result;
     } catch (const std::exception&) {
         CBBLog::error("CRegistration::LoadList data directory not found");

@@ -43,8 +43,8 @@ public:
     ServiceAvailability(const ServiceAvailability&) = delete;
     ServiceAvailability& operator=(const ServiceAvailability&) = delete;
 
-    // Adds what the file lists, up to the first broken entry, and writes the file again if it then says something else.
-    // Returns 0, also when there is no file, or brokenFile.
+    // Adds what the file lists, up to the first broken entry, and writes the file again if there was something to add
+    // and it then says something else. Returns 0, also when there is no file, or brokenFile.
     int LoadList();
     // Replaces the file. A failure is logged.
     void SaveList();
@@ -66,9 +66,9 @@ public:
     // available, 0 not. The caller has the service's turn.
     void Notify(const CStdStr& service, const CStdStr& satellite, int status);
     // Tells one listener of all satellites that publish `service`. Takes the service's turn, again and again where
-    // there are many: in between it waits until the listener has heard what it was told, and gives up when that does
-    // not.
-    void Notify(const CStdStr& service, const CStdStr& listener);
+    // there are many: before each it waits until the listener has heard most of what it was told. False when it gives
+    // up, since the listener does not.
+    bool Notify(const CStdStr& service, const CStdStr& listener);
 
     // Has the turn of a service for the length of a block; nothing when there is no list.
     class Turn {
@@ -102,6 +102,7 @@ private:
     int AddAll(const std::vector<CStdStr>& entries);
     bool TellNext(const CStdStr& service, const CStdStr& listener, CStdStr& last);
     void Append(const CStdStr& service, const CStdStr& satellite);
+    bool IsEmpty();
     CStdStr Text();
 
     SatelliteChannel* const sink_;

@@ -152,6 +152,24 @@ TEST_F(SatelliteFiles, StoredUnderAnotherNameGoWithTheirSatelliteOnceItHasAFileO
     EXPECT_EQ(IdAfterRestart("Bar"), 2);
 }
 
+TEST_F(SatelliteFiles, ThatCouldNotBeWrittenAreWrittenLater) {
+    Registry registry;
+    fs::create_directory(registrationPath_);
+    Register(registry, "Foo");
+    Register(registry, "Bar");
+    registry.SaveIfFailed();
+    EXPECT_EQ(Files(), Set{}) << "without the counter no satellite";
+    fs::remove(registrationPath_);
+    fs::create_directory(PathOf("Foo"));
+    registry.RemoveSatellite("Bar", 2);
+    registry.SaveIfFailed();
+    EXPECT_EQ(LastIdOnDisk(), 2);
+    fs::remove(PathOf("Foo"));
+    registry.SaveIfFailed();
+    EXPECT_EQ(Files(), Set{"Foo.xml"});
+    EXPECT_EQ(IdAfterRestart("Foo"), 1);
+}
+
 TEST_F(SatelliteFiles, NeedANameThatAFileCanHave) {
     Registry registry;
     const std::string longest(251, 'n');
