@@ -53,6 +53,7 @@ class TheExamples(SystemTest):
     def test_a_recorder_and_a_player_go_on_after_the_directory_was_killed_and_started_again(self):
         recorder, player = self.directory.companion("recorder"), self.directory.companion("player")
         player.wait_for("is its recording 1")
+        recorder.wait_for("registered")  # the player may have found it before it had its answer
         self.directory.current.kill()
         self.directory.start()
         self.c = self.client(self.directory)
