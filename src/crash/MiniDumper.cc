@@ -1,8 +1,7 @@
 // What happens in a crash
 //
 // 1. The thread that faults enters Breakpad's signal handler, on its alternate stack. A second one that faults
-// meanwhile
-//    waits there for good.
+//    meanwhile waits there for good.
 // 2. Breakpad clones a process, which stops all threads, writes the dump and ends. The threads run on then, the crashed
 //    one excepted: it is in minidumpCallback.
 // 3. The reporter is run and waited for.

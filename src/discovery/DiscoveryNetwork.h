@@ -13,7 +13,7 @@
 
 namespace kel::discovery {
 
-// EndWaiting may be called from any thread, everything else from one at a time.
+// EndWaiting and UpTimeMs may be called from any thread, everything else from one at a time.
 class DiscoveryNetwork {
 public:
     virtual ~DiscoveryNetwork() = default;

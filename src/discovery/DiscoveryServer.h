@@ -4,7 +4,7 @@
 //
 // The directory's CDirectorySink makes it once it is connected and destroys it when the directory closes.
 //
-// Threads: one of its own sends everything but the BYEBYE, and alone touches the network while it runs. AddUser,
+// Threads: one of its own sends everything but the BYEBYE, and alone sends and receives while it runs. AddUser,
 // RemoveUser and TriggerNotify may be called from any thread. Locks are held for moments, one at a time.
 //
 // What goes wrong on the network is ordinary, and left to the next announcement: a machine without a network stays

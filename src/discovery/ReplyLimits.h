@@ -6,8 +6,7 @@
 //   - announcements to all for that reason are two seconds apart too, however many searchers wait for one: each of them
 //     hears the next;
 //   - all searchers together get 100 answers a second, `answersAtOnce` of them at once; whoever comes when these are
-//   used
-//     up waits for an announcement to all as well.
+//     used up waits for an announcement to all as well.
 //
 // So memory is bounded too, for only who is answered is remembered, until Forget.
 //
