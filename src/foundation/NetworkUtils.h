@@ -92,7 +92,7 @@ int ConnectTimeout(const char* host, unsigned short port, int timeoutMs);
 // nothing is sent. A living host acknowledges by itself, however long its programs take.
 void GiveUpOnDeadPeers(int socket, unsigned seconds);
 
-// The index of the interface that has the IPv4 address; 0 when there is none.
+// The index of the interface that has the IPv4 address; 0 when there is none, or when the system does not tell.
 unsigned GetInterfaceWith(in_addr address);
 
 // Has ReceiveDatagram learn where the datagrams of the IPv4 socket `socket` arrive. False when the system refuses.

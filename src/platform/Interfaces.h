@@ -14,10 +14,11 @@ namespace kel::platform {
 // system does not tell.
 std::vector<in_addr> InterfaceAddresses();
 
-// The index of the interface that has the address; 0 when there is none.
+// The index of the interface that has the address; 0 when there is none, or when the system does not tell.
 unsigned InterfaceWith(in_addr address);
 
-// An interface's first IPv4 address and its netmask, in network byte order.
+// An interface's first IPv4 address and its netmask, in network byte order. Those without a label come before those
+// with one.
 struct InterfaceNet {
     in_addr address{};
     in_addr netmask{};

@@ -376,6 +376,10 @@ class TheChoiceOfAnAddress(OnNetworks):
         for host in [one, two]:
             self.check_as_the_kernel(host, "10.78.1.1", "10.78.1.200", "127.0.0.1", "8.8.8.8", "172.16.0.1",
                                      "172.17.9.9", "192.168.50.77", "192.168.51.1", "1.1.1.1")
+        two.ip("address", "delete", "10.78.1.2/24", "dev", "eth0")
+        two.ip("address", "add", "10.78.1.7/24", "label", "eth0:vip", "dev", "eth0")  # its only address has a label
+        self.check_as_the_kernel(two, "10.78.1.1", "8.8.8.8")
+        self.assertEqual(two.run(self.probe, "routes", "10.78.1.1"), "10.78.1.1 10.78.1.7 255.255.255.0\n")
 
     def test_takes_the_lower_priority_of_two_default_routes_as_the_kernel_does(self):
         host, router = self.lab.host("host"), self.lab.host("router")

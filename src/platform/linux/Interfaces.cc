@@ -25,16 +25,40 @@ AddressList AllAddresses() {
 
 bool IsIpv4(const ifaddrs& entry) { return entry.ifa_addr && entry.ifa_addr->sa_family == AF_INET; }
 
-in_addr AddressOf(const ifaddrs& entry) {
+in_addr In(const sockaddr* from) {
     sockaddr_in address{};
-    std::memcpy(&address, entry.ifa_addr, sizeof address);
+    std::memcpy(&address, from, sizeof address);
     return address.sin_addr;
 }
+
+in_addr AddressOf(const ifaddrs& entry) { return In(entry.ifa_addr); }
 
 // An address with a label is listed under that, which is the interface's name, a colon and more.
 std::string InterfaceName(const ifaddrs& entry) {
     const std::string name = entry.ifa_name;
     return name.substr(0, name.find(':'));
+}
+
+// The list has the indexes of interfaces with link-layer addresses. Of others, tunnels for instance, it has the names
+// only, and to ask takes a descriptor. 0 when there is none to be had.
+unsigned IndexOf(const AddressList& all, const std::string& interface) {
+    for (const ifaddrs* entry = all.get(); entry; entry = entry->ifa_next) {
+        if (!entry->ifa_addr || entry->ifa_addr->sa_family != AF_PACKET || entry->ifa_name != interface) continue;
+        sockaddr_ll link{};
+        std::memcpy(&link, entry->ifa_addr, sizeof link);
+        return static_cast<unsigned>(link.sll_ifindex);
+    }
+    return if_nametoindex(interface.c_str());
+}
+
+// The first address of the interface in the list, with a label or without.
+std::optional<InterfaceNet> FirstNet(const std::string& interface) {
+    const AddressList all = AllAddresses();
+    for (const ifaddrs* entry = all.get(); entry; entry = entry->ifa_next) {
+        if (!IsIpv4(*entry) || !entry->ifa_netmask || InterfaceName(*entry) != interface) continue;
+        return InterfaceNet{AddressOf(*entry), In(entry->ifa_netmask)};
+    }
+    return std::nullopt;
 }
 
 // Questions about one interface, by its index.
@@ -57,6 +81,7 @@ public:
         std::memcpy(&answer, &request_.ifr_addr, sizeof answer);
         return answer.sin_addr;
     }
+    std::string name() const { return exists_ ? request_.ifr_name : ""; }
     unsigned short linkType() const { return request_.ifr_hwaddr.sa_family; }
 
 private:
@@ -79,8 +104,7 @@ std::vector<in_addr> InterfaceAddresses() {
 unsigned InterfaceWith(in_addr address) {
     const AddressList all = AllAddresses();
     for (const ifaddrs* entry = all.get(); entry; entry = entry->ifa_next) {
-        if (IsIpv4(*entry) && AddressOf(*entry).s_addr == address.s_addr)
-            return if_nametoindex(InterfaceName(*entry).c_str());
+        if (IsIpv4(*entry) && AddressOf(*entry).s_addr == address.s_addr) return IndexOf(all, InterfaceName(*entry));
     }
     return 0;
 }
@@ -88,7 +112,8 @@ unsigned InterfaceWith(in_addr address) {
 std::optional<InterfaceNet> NetOfInterface(unsigned index) {
     InterfaceQuestion question(index);
     InterfaceNet net;
-    if (!question.Ask(SIOCGIFADDR)) return std::nullopt;
+    // The question is for addresses without a label, and fails where each has one.
+    if (!question.Ask(SIOCGIFADDR)) return FirstNet(question.name());
     net.address = question.address();
     if (!question.Ask(SIOCGIFNETMASK)) return std::nullopt;
     net.netmask = question.address();

@@ -68,15 +68,16 @@ void DiscoverySocket::Join(in_addr group, const std::vector<in_addr>& interfaces
     if (!JoinEach(group, interfaces) && LeaveVanished()) JoinEach(group, interfaces);
 }
 
-// False when the system allows no more memberships.
+// False when the system allows no more memberships. Where the system does not tell the interface's index the next call
+// may: a membership without it could not be told from one whose interface has gone.
 bool DiscoverySocket::JoinEach(in_addr group, const std::vector<in_addr>& interfaces) {
     bool isRoom = true;
     for (const in_addr address : interfaces) {
-        ip_mreq membership{};
-        membership.imr_multiaddr = group;
-        membership.imr_interface = address;
+        const unsigned interface = yar::networkutils::GetInterfaceWith(address);
+        if (interface == 0) continue;
+        const ip_mreqn membership{group, address, static_cast<int>(interface)};
         if (setsockopt(socket_, IPPROTO_IP, IP_ADD_MEMBERSHIP, &membership, sizeof membership) == 0) {
-            memberships_.push_back({group, address, yar::networkutils::GetInterfaceWith(address)});
+            memberships_.push_back({group, address, interface});
         } else if (errno == ENOBUFS) {
             isRoom = false;
         }
