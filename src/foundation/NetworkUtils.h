@@ -79,13 +79,13 @@ int SetSendTimeoutMs(int socket, int ms);
 int SetRecvTimeout(int socket, int seconds);
 int SetSendTimeout(int socket, int seconds);
 
-// The same in milliseconds; -1 on failure.
+// The same in milliseconds, INT_MAX for more; -1 on failure.
 int GetRecvTimeoutMs(int socket);
 int GetSendTimeoutMs(int socket);
 
-// Connects a TCP socket to host:port. Waits for up to timeoutMs / 1000 + 1 seconds, the resolver's time not counted.
-// Returns the socket or -1. A connection that was established at once comes back non-blocking, every other blocking. A
-// refused connection may come back as a socket whose first use fails.
+// Connects a TCP socket to host:port. Waits for up to timeoutMs / 1000 + 1 seconds, not at all when that is negative;
+// the resolver's time is not counted. Returns the socket or -1. A connection that was established at once comes back
+// non-blocking, every other blocking. A refused connection may come back as a socket whose first use fails.
 int ConnectTimeout(const char* host, unsigned short port, int timeoutMs);
 
 // Has the system end the TCP connection `socket` once its peer has not acknowledged anything for `seconds`, also while

@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <cstdint>
 #include <cstring>
 #include <memory>
 #include <optional>
@@ -27,7 +28,7 @@ std::optional<sockaddr_in> PeerOf(int socket) {
     return peer;
 }
 
-int SetTimeout(int socket, int option, int ms) {
+int SetTimeout(int socket, int option, int64_t ms) {
     timeval timeout{};
     timeout.tv_sec = ms / 1000;
     timeout.tv_usec = static_cast<suseconds_t>(ms % 1000) * 1000;
@@ -38,12 +39,13 @@ int GetTimeout(int socket, int option) {
     timeval timeout{};
     socklen_t length = sizeof timeout;
     if (getsockopt(socket, SOL_SOCKET, option, &timeout, &length) != 0) return -1;
-    return static_cast<int>(timeout.tv_sec * 1000 + timeout.tv_usec / 1000);
+    return static_cast<int>(std::min<int64_t>(timeout.tv_sec * 1000 + timeout.tv_usec / 1000, INT_MAX));
 }
 
 bool SetNonBlocking(int socket, int on) { return ioctl(socket, FIONBIO, &on) == 0; }
 
 bool WaitWritable(int socket, int seconds) {
+    if (seconds < 0) return false;  // to poll() it would be for ever
     pollfd wanted{socket, POLLOUT, 0};
     return poll(&wanted, 1, std::min(seconds, INT_MAX / 1000) * 1000) > 0;
 }
@@ -86,8 +88,8 @@ int SetKeepAlive(int socket) {
 
 int SetRecvTimeoutMs(int socket, int ms) { return SetTimeout(socket, SO_RCVTIMEO, ms); }
 int SetSendTimeoutMs(int socket, int ms) { return SetTimeout(socket, SO_SNDTIMEO, ms); }
-int SetRecvTimeout(int socket, int seconds) { return SetRecvTimeoutMs(socket, seconds * 1000); }
-int SetSendTimeout(int socket, int seconds) { return SetSendTimeoutMs(socket, seconds * 1000); }
+int SetRecvTimeout(int socket, int seconds) { return SetTimeout(socket, SO_RCVTIMEO, seconds * int64_t{1000}); }
+int SetSendTimeout(int socket, int seconds) { return SetTimeout(socket, SO_SNDTIMEO, seconds * int64_t{1000}); }
 int GetRecvTimeoutMs(int socket) { return GetTimeout(socket, SO_RCVTIMEO); }
 int GetSendTimeoutMs(int socket) { return GetTimeout(socket, SO_SNDTIMEO); }
 

@@ -9,6 +9,7 @@
 
 #include <array>
 #include <cerrno>
+#include <climits>
 #include <cstring>
 #include <numeric>
 
@@ -62,6 +63,8 @@ TEST(ATcpSocket, ConnectsAndKnowsItsEnds) {
     EXPECT_EQ(SetSendTimeout(client, 3), 0);
     EXPECT_EQ(GetRecvTimeoutMs(client), 1500);
     EXPECT_EQ(GetSendTimeoutMs(client), 3000);
+    EXPECT_EQ(SetRecvTimeout(client, 2147484), 0);
+    EXPECT_EQ(GetRecvTimeoutMs(client), INT_MAX);
     EXPECT_EQ(SetRecvTimeout(client, 0), 0);
     EXPECT_EQ(GetRecvTimeoutMs(client), 0);
     int on = 0;
@@ -99,7 +102,7 @@ TEST(AConnectionAttempt, GivesUpOnAPeerThatDoesNotAnswer) {
     ASSERT_EQ(listen(listener, 0), 0);
     const Socket first(ConnectTimeout("127.0.0.1", GetSocketPort(listener), 100));
     const Socket second(ConnectTimeout("127.0.0.1", GetSocketPort(listener), 100));
-    EXPECT_EQ(ConnectTimeout("127.0.0.1", GetSocketPort(listener), 100), -1);
+    for (const int ms : {100, -5000}) EXPECT_EQ(ConnectTimeout("127.0.0.1", GetSocketPort(listener), ms), -1);
 }
 
 TEST(AName, IsResolvedToItsAddress) {
