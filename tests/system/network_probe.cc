@@ -53,12 +53,7 @@ using Clock = std::chrono::steady_clock;
 class Search {
 public:
     Search(sockaddr_in& to, in_addr from) : text_(kel::wire::BuildSearch()), data_{text_.data(), text_.size()} {
-        message_.msg_name = &to;
-        message_.msg_namelen = sizeof to;
-        message_.msg_iov = &data_;
-        message_.msg_iovlen = 1;
-        message_.msg_control = control_;
-        message_.msg_controllen = sizeof control_;
+        message_ = {&to, sizeof to, &data_, 1, control_, sizeof control_, 0};
         cmsghdr* const part = CMSG_FIRSTHDR(&message_);
         part->cmsg_level = IPPROTO_IP;
         part->cmsg_type = IP_PKTINFO;

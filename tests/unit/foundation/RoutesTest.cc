@@ -47,15 +47,6 @@ protected:
     std::vector<RouteEntry> table_;
 };
 
-TEST_F(ARoutingTable, PrefersTheLocalNetworkToTheDefaultRouteOfTheSameHopCount) {
-    Add("0.0.0.0", 1);
-    Add("192.168.1.0", 2);
-    Add("172.16.0.0", 3);
-    EXPECT_EQ(Interface("192.168.1.77"), 2);
-    EXPECT_EQ(Interface("172.16.9.9"), 3);
-    EXPECT_EQ(Interface("10.0.0.5"), 1);
-}
-
 TEST_F(ARoutingTable, TakesTheLowestHopCountHoweverGreatTheNetmask) {
     Add("192.168.1.0", 2, 64);
     Add("0.0.0.0", 1, 3);
@@ -72,10 +63,12 @@ TEST_F(ARoutingTable, TakesOfSeveralMatchesTheGreatestNetmaskReadFromItsLastOcte
     Add("10.1.0.0", 2);
     Add("10.1.1.0", 3);
     Add("9.0.0.0", 4);
+    Add("0.0.0.0", 5);
     EXPECT_EQ(Interface("10.1.1.9"), 3);
     EXPECT_EQ(Interface("10.1.0.9"), 2);
     EXPECT_EQ(Interface("10.0.0.9"), 1);
     EXPECT_EQ(Interface("9.0.0.9"), 4);
+    EXPECT_EQ(Interface("192.168.1.77"), 5) << "the default route has the least netmask, and matches everything";
     EXPECT_EQ(Interface("11.9.8.9"), 2) << "11.9 has all one-bits of 10.1";
     EXPECT_EQ(Interface("11.8.8.8"), 1) << "11 has all one-bits of 10, which is a greater netmask than 9";
 }
