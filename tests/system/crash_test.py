@@ -1,5 +1,6 @@
 """Processes that crash, each in another way: what they leave is read back with the programs of Breakpad."""
 import ctypes
+import fcntl
 import os
 import pathlib
 import plistlib
@@ -21,6 +22,7 @@ LIBC = next(line.split()[-1] for line in open("/proc/self/maps") if line.rstrip(
 _libc = ctypes.CDLL(None, use_errno=True)
 SYS_TGKILL = 234
 CLONE_NEWNS, MS_REC, MS_PRIVATE, MS_BIND, MS_RDONLY = 0x20000, 0x4000, 1 << 18, 4096, 1
+F_GETPIPE_SZ = 1032
 CRASH_LINE = "crash of "
 SANITIZERS = os.environ.get("KEL_SANITIZERS")
 
@@ -354,6 +356,13 @@ class TheReporter(CrashTest):
         self.assertRegex(report.read_text(), r"(?m)^ 0  crash_victim!.*FaultOfVictim.*$")
         self.assertNotIn("rip =", report.read_text())
 
+    def report(self, dump, data, status=0, **options):
+        options = {"stdout": subprocess.DEVNULL, "stderr": subprocess.DEVNULL, **options}
+        words = [program("YarCrashReporter"), dump, "P", "a", "b", "-appData", data]
+        done = subprocess.run(words, timeout=60, **options)
+        self.assertEqual(done.returncode, status)
+        return done
+
     def test_reports_a_dump_that_is_not_there_or_makes_no_sense(self):
         data = self.directory.folder / "some data"
         for name, contents in (("none", None), ("empty", b""), ("cut", b"MDMP\x93\xa7\0\0\xff\xff\xff\xff\xff\xff\xff\x7f"),
@@ -362,13 +371,69 @@ class TheReporter(CrashTest):
                 dump = self.directory.folder / (name + ".dmp")
                 if contents is not None:
                     dump.write_bytes(contents)
-                status = subprocess.run([program("YarCrashReporter"), dump, "P", "a", "b", "-appData", data],
-                                        stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, timeout=60).returncode
-                self.assertEqual(status, 0 if contents is not None else 1)
+                self.report(dump, data, 0 if contents is not None else 1)
                 report = (data / "CrashReports" / (name + ".txt")).read_text()
                 self.assertIn("program:  P\n", report)
                 self.assertIn("argument: a\nargument: b\n", report)
         self.assertEqual(subprocess.run([program("YarCrashReporter")], stderr=subprocess.DEVNULL).returncode, 2)
+
+    def test_is_neither_held_up_nor_ended_by_its_output(self):
+        (reading, full), (gone, unread) = os.pipe(), os.pipe()
+        for end in (reading, full, unread):
+            self.addCleanup(os.close, end)
+        os.write(full, bytes(fcntl.fcntl(full, F_GETPIPE_SZ)))
+        os.close(gone)
+        for output in (full, unread):
+            data = self.directory.folder / f"data-{output}"
+            self.report("/no/such.dmp", data, 1, stdout=output, stderr=output)  # it has something to say on both
+            self.assertIn("program:  P\n", (data / "CrashReports/such.txt").read_text())
+
+    def test_keeps_the_dump_just_taken_and_a_kept_one_that_it_is_run_on(self):
+        reports = self.directory.folder / "data/CrashReports"
+        reports.mkdir(parents=True)
+        names = [f"c89a0bfd-2847-49c5-c89b2d90-{number:08x}" for number in range(12)]
+        for number, name in enumerate(names[:11] + ["notes"]):
+            for path in (reports / (name + ".txt"), reports / (name + ".dmp")):
+                path.touch()
+                os.utime(path, (4e9 + number,) * 2)  # the clock has been set back since
+        new = self.directory.folder / (names[11] + ".dmp")
+        new.write_text("dump")
+        for dump in (new, reports / new.name):
+            self.report(dump, reports.parent)
+            self.assertEqual({path.name for path in reports.iterdir()},
+                             {name + suffix for name in names[2:] + ["notes"] for suffix in (".txt", ".dmp")})
+            self.assertEqual((reports / new.name).read_text(), "dump")
+            (reports / new.name).with_suffix(".txt").unlink()
+
+    def test_touches_nothing_that_others_put_in_its_way(self):
+        precious, reports = self.directory.folder / "precious", self.directory.folder / "data/CrashReports"
+        for folder in (precious, reports):
+            folder.mkdir(parents=True)
+        (precious / "file").touch()
+        dump = self.directory.folder / "x.dmp"
+        dump.write_bytes(b"dump" * 10000)
+        files = reports / "x.dmp", reports / "x.txt"
+        for put in (lambda path: path.symlink_to(precious / "file"), os.mkfifo, lambda path: path.write_text("old")):
+            for path in files:
+                path.unlink(missing_ok=True)
+                put(path)
+            self.report(dump, reports.parent)
+            self.assertEqual(files[0].read_bytes(), dump.read_bytes())
+            self.assertEqual([path.lstat().st_mode for path in files], [0o100600] * 2)
+        self.report(dump, reports.parent, 1, preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (16384,) * 2))
+        self.assertEqual(list(reports.iterdir()), [files[1]], "no part of a dump")
+        dump.unlink()
+        os.mkfifo(dump)
+        self.report(dump, reports.parent, 1)
+        shutil.rmtree(reports)
+        reports.symlink_to(precious)
+        self.report(dump, reports.parent, 1)
+        if os.geteuid() == 0:
+            reports.unlink()
+            os.chown(precious.rename(reports), 12345, -1)
+            said = self.report(dump, reports.parent, 1, stderr=subprocess.PIPE).stderr.decode()
+            self.assertEqual(said, f"YarCrashReporter: cannot use {reports}: it belongs to user 12345\n")
+        self.assertEqual([(path.name, path.stat().st_size) for path in reports.iterdir()], [("file", 0)])
 
 
 if __name__ == "__main__":

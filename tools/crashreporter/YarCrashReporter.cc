@@ -7,6 +7,7 @@
 // FOLDER is the data folder; without it, it is "/Library/Tessaly" below the prefix YAR_ROOT. The stack comes from
 // minidump_stackwalk, where that stands beside this program or on the PATH, with function names where there are symbols
 // (in "symbols" beside this program, or in "../share/kel/symbols").
+#include <dirent.h>
 #include <fcntl.h>
 #include <google_breakpad/common/minidump_format.h>
 #include <poll.h>
@@ -16,19 +17,22 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
+#include <cerrno>
 #include <chrono>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
+#include <map>
 #include <optional>
 #include <sstream>
 #include <string>
 #include <string_view>
 #include <system_error>
+#include <utility>
 #include <vector>
 
 namespace fs = std::filesystem;
@@ -64,10 +68,7 @@ std::optional<Arguments> ReadArguments(const std::vector<std::string>& words) {
 // A dump in memory. What lies beyond its end, or is not there, reads as nothing.
 class Dump {
 public:
-    explicit Dump(const fs::path& path) {
-        std::ifstream file(path, std::ios::binary);
-        bytes_.assign(std::istreambuf_iterator<char>(file), {});
-    }
+    explicit Dump(std::string bytes) : bytes_(std::move(bytes)) {}
 
     template <typename T>
     std::optional<T> At(size_t offset) const {
@@ -113,7 +114,7 @@ private:
         return std::nullopt;
     }
 
-    std::vector<char> bytes_;
+    const std::string bytes_;
 };
 
 // --- The stack
@@ -201,8 +202,8 @@ std::string SignalText(const MDRawExceptionStream& exception) {
     return text;
 }
 
-std::string ReportText(const Arguments& arguments, const fs::path& kept) {
-    const Dump dump(kept);
+// `problem` is why the dump could not be kept; empty when it was.
+std::string ReportText(const Arguments& arguments, const Dump& dump, const fs::path& kept, const std::string& problem) {
     const auto exception = dump.Exception();
     const std::string buildId = dump.BuildId();
     std::ostringstream report;
@@ -211,87 +212,193 @@ std::string ReportText(const Arguments& arguments, const fs::path& kept) {
            << "time:     " << Now() << "\n";
     if (exception) report << "signal:   " << SignalText(*exception) << "\nthread:   " << exception->thread_id << "\n";
     else report << "signal:   unknown, the dump does not tell (no room on the disk?)\n";
-    report << "dump:     " << kept.string() << "\n          written as " << arguments.dump.string() << "\n";
+    report << "dump:     " << (problem.empty() ? kept.string() : "could not be copied: " + problem)
+           << "\n          written as " << arguments.dump.string() << "\n";
     for (const std::string& word : arguments.further) report << "argument: " << word << "\n";
-    const std::string stack = CrashedStack(kept);
+    const std::string stack = exception ? CrashedStack(arguments.dump) : "";
     report << (stack.empty() ? "\nNo stack: minidump_stackwalk is not there, or cannot read the dump.\n"
                              : "\nThe crashed thread:\n" + stack);
     return report.str();
 }
 
-bool Write(const fs::path& path, const std::string& text) {
-    std::ofstream file(path, std::ios::binary);
-    file << text;
-    file.close();
-    return static_cast<bool>(file);
-}
-
 // --- What is kept
 
-// The folder, made when it is missing, with those above it: open to the programs of every user, each to its own files,
-// as "/tmp" is. The data folder gets the mode that all of the product's programs give it.
-fs::path ReportsFolder(const fs::path& dataFolder) {
-    fs::path folder = dataFolder / "CrashReports";
-    const mode_t before = umask(022);
-    std::error_code ignored;
-    fs::create_directories(dataFolder.parent_path(), ignored);
-    if (fs::create_directory(dataFolder, ignored)) chmod(dataFolder.c_str(), 0777);
-    if (fs::create_directory(folder, ignored)) chmod(folder.c_str(), 01777);
-    umask(before);
-    return folder;
+std::string Problem() { return std::strerror(errno); }
+
+// Reads a file. Returns what went wrong; empty when nothing did. A pipe is not read, for it would be waited for.
+std::string Read(const fs::path& path, std::string* bytes, struct stat* status) {
+    const int file = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (file < 0) return Problem();
+    std::string problem;
+    if (fstat(file, status) != 0) problem = Problem();
+    else if (!S_ISREG(status->st_mode)) problem = "it is no file";
+    char part[65536];
+    while (problem.empty()) {
+        const ssize_t count = read(file, part, sizeof part);
+        if (count == 0) break;
+        if (count < 0) problem = Problem();
+        else bytes->append(part, static_cast<size_t>(count));
+    }
+    close(file);
+    return problem;
 }
 
-// Removes all but the latest reports, each with its dump, also from the folder that the dump was written to: there they
-// would gather for ever.
-void RemoveOldest(const fs::path& folder, const fs::path& dumpFolder) {
-    std::vector<std::pair<fs::file_time_type, fs::path>> reports;
-    std::error_code error;
-    for (fs::directory_iterator entry(folder, error), end; !error && entry != end; entry.increment(error)) {
-        std::error_code gone;  // by another reporter
-        const auto time = entry->last_write_time(gone);
-        if (!gone && entry->path().extension() == ".txt") reports.emplace_back(time, entry->path());
+// Whether a text is the name that Breakpad gives a dump, without its suffix.
+bool IsDumpName(std::string_view text) {
+    constexpr std::string_view form = "xxxxxxxx-xxxx-xxxx-xxxxxxxx-xxxxxxxx";
+    return std::equal(text.begin(), text.end(), form.begin(), form.end(), [](char given, char wanted) {
+        return wanted == 'x' ? std::isxdigit(static_cast<unsigned char>(given)) != 0 : given == wanted;
+    });
+}
+
+// The folder of the reports. The data folder is everybody's, so what has the folder's name there need not be ours, and
+// what lies in it may be links and pipes. Hence the folder is looked at once, everything goes through its descriptor,
+// and each file that is written is a new one.
+class ReportsFolder {
+public:
+    // Makes the folder when it is missing, with those above it: open to the programs of every user, each to its own
+    // files, as "/tmp" is. The data folder gets the mode that all of the product's programs give it.
+    explicit ReportsFolder(const fs::path& dataFolder) : path_(dataFolder / "CrashReports") {
+        std::error_code ignored;
+        umask(022);
+        fs::create_directories(dataFolder.parent_path(), ignored);
+        umask(0);
+        mkdir(dataFolder.c_str(), 0777);
+        mkdir(path_.c_str(), 01777);
+        umask(077);
+        Open();
     }
-    std::sort(reports.rbegin(), reports.rend());
-    for (size_t i = dumpsKept; i < reports.size(); ++i) {
-        fs::path file = reports[i].second;
-        fs::remove(file, error);
-        file.replace_extension(".dmp");
-        fs::remove(file, error);
-        fs::remove(dumpFolder / file.filename(), error);
+    ~ReportsFolder() {
+        if (folder_) closedir(folder_);
     }
+    ReportsFolder(const ReportsFolder&) = delete;
+    ReportsFolder& operator=(const ReportsFolder&) = delete;
+
+    const fs::path& path() const { return path_; }
+    // Why the folder cannot be used; empty when it can.
+    const std::string& problem() const { return problem_; }
+
+    bool Has(const std::string& name, const struct stat& file) const {
+        struct stat own {};
+        return fstatat(dirfd(folder_), name.c_str(), &own, AT_SYMLINK_NOFOLLOW) == 0 && own.st_dev == file.st_dev &&
+               own.st_ino == file.st_ino;
+    }
+
+    // Returns what went wrong; empty when nothing did.
+    std::string Write(const std::string& name, std::string_view text) const {
+        unlinkat(dirfd(folder_), name.c_str(), 0);
+        const int file = openat(dirfd(folder_), name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+        if (file < 0) return Problem();
+        std::string problem;
+        while (problem.empty() && !text.empty()) {
+            const ssize_t count = write(file, text.data(), text.size());
+            if (count < 0) problem = Problem();
+            else text.remove_prefix(static_cast<size_t>(count));
+        }
+        if (close(file) != 0 && problem.empty()) problem = Problem();
+        return problem;
+    }
+
+    // Removes all but the latest dumps with their reports, also from the folder that the dumps were written to: there
+    // they would gather for ever. `newest` stays whatever the clock says.
+    void RemoveOldest(const fs::path& newest, const fs::path& dumpFolder) const {
+        std::vector<std::pair<Time, std::string>> others;
+        for (const auto& [name, time] : Dumps()) {
+            if (name != newest.stem()) others.emplace_back(time, name);
+        }
+        std::sort(others.rbegin(), others.rend());
+        std::error_code ignored;
+        for (size_t i = dumpsKept - 1; i < others.size(); ++i) {
+            const std::string& name = others[i].second;
+            Remove(name + ".txt");
+            Remove(name + ".dmp");
+            fs::remove(dumpFolder / (name + ".dmp"), ignored);
+        }
+    }
+
+    void Remove(const std::string& name) const { unlinkat(dirfd(folder_), name.c_str(), 0); }
+
+private:
+    using Time = std::pair<time_t, long>;  // seconds and nanoseconds; anybody may have given a file any
+
+    void Open() {
+        const int folder = open(path_.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+        folder_ = folder < 0 ? nullptr : fdopendir(folder);
+        struct stat status {};
+        if (!folder_ || fstat(folder, &status) != 0) problem_ = "it cannot be opened as a folder: " + Problem();
+        else if (status.st_uid != 0 && status.st_uid != geteuid())
+            problem_ = "it belongs to user " + std::to_string(status.st_uid);
+    }
+
+    // The names of the dumps and reports in the folder, without suffix, and when each was written.
+    std::map<std::string, Time> Dumps() const {
+        std::map<std::string, Time> dumps;
+        rewinddir(folder_);
+        while (const dirent* entry = readdir(folder_)) {
+            const fs::path file = entry->d_name;
+            struct stat status {};
+            if (!IsDumpName(file.stem().native()) || (file.extension() != ".txt" && file.extension() != ".dmp"))
+                continue;
+            if (fstatat(dirfd(folder_), entry->d_name, &status, AT_SYMLINK_NOFOLLOW) != 0) continue;
+            Time& time = dumps[file.stem()];
+            time = std::max(time, Time(status.st_mtim.tv_sec, status.st_mtim.tv_nsec));
+        }
+        return dumps;
+    }
+
+    const fs::path path_;
+    DIR* folder_ = nullptr;
+    std::string problem_;
+};
+
+// Prints, unless nobody reads and it would block.
+void Say(int output, const std::string& text) {
+    pollfd writable{output, POLLOUT, 0};
+    if (poll(&writable, 1, 0) != 1 || !(writable.revents & POLLOUT)) return;
+    const std::string line = "YarCrashReporter: " + text + "\n";
+    const ssize_t written = write(output, line.data(), std::min<size_t>(line.size(), PIPE_BUF));
+    static_cast<void>(written);
 }
 
 int Keep(const Arguments& arguments) {
-    const fs::path folder = ReportsFolder(arguments.dataFolder);
-    const fs::path kept = folder / arguments.dump.filename();
+    const ReportsFolder folder(arguments.dataFolder);
+    if (!folder.problem().empty()) {
+        Say(STDERR_FILENO, "cannot use " + folder.path().string() + ": " + folder.problem());
+        return 1;
+    }
+    const fs::path kept = folder.path() / arguments.dump.filename();
     fs::path report = kept;
     report.replace_extension(".txt");
 
-    std::error_code error;
-    const bool isKept = fs::copy_file(arguments.dump, kept, fs::copy_options::overwrite_existing, error);
-    if (!isKept) {
-        fprintf(stderr, "YarCrashReporter: cannot copy %s to %s: %s\n", arguments.dump.c_str(), kept.c_str(),
-                error.message().c_str());
-        fs::remove(kept, error);
+    std::string bytes;
+    struct stat dump {};
+    std::string problem = Read(arguments.dump, &bytes, &dump);
+    if (problem.empty() && !folder.Has(kept.filename(), dump)) {  // a report can be asked for once more
+        problem = folder.Write(kept.filename(), bytes);
+        if (!problem.empty()) folder.Remove(kept.filename());
     }
-    const bool isWritten = Write(report, ReportText(arguments, kept));
-    RemoveOldest(folder, arguments.dump.parent_path());
-    if (!isWritten) {
-        fprintf(stderr, "YarCrashReporter: cannot write %s\n", report.c_str());
+    if (!problem.empty())
+        Say(STDERR_FILENO, "cannot copy " + arguments.dump.string() + " to " + kept.string() + ": " + problem);
+    const std::string failure =
+        folder.Write(report.filename(), ReportText(arguments, Dump(std::move(bytes)), kept, problem));
+    folder.RemoveOldest(report, arguments.dump.parent_path());
+    if (!failure.empty()) {
+        Say(STDERR_FILENO, "cannot write " + report.string() + ": " + failure);
         return 1;
     }
-    printf("YarCrashReporter: %s\n", report.c_str());
-    return isKept ? 0 : 1;
+    Say(STDOUT_FILENO, report.string());
+    return problem.empty() ? 0 : 1;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
+    // Whoever read its output may be gone, and files may have a greatest size: neither is an end.
+    for (const int number : {SIGPIPE, SIGXFSZ}) signal(number, SIG_IGN);
     const auto arguments = ReadArguments(std::vector<std::string>(argv + 1, argv + argc));
     if (!arguments) {
-        fprintf(stderr, "usage: YarCrashReporter DUMP PROGRAM [ARGUMENT ARGUMENT] [-appData FOLDER]\n");
+        Say(STDERR_FILENO, "usage: YarCrashReporter DUMP PROGRAM [ARGUMENT ARGUMENT] [-appData FOLDER]");
         return 2;
     }
-    umask(077);
     return Keep(*arguments);
 }
