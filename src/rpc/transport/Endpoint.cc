@@ -16,10 +16,10 @@ constexpr int maxPortsTried = 100;
 Endpoint::Endpoint(CallReceiver& receiver)
     : receiver_(receiver),
       listener_(
-          pool_.io(), [this](Socket socket) { OnAccepted(std::move(socket)); },
+          pool_, [this](Socket socket) { OnAccepted(std::move(socket)); },
           [this](const auto& shortage) { outbound_.MakeRoom(shortage); }),
       loopback_(
-          pool_.io(), [this](Socket socket) { OnAccepted(std::move(socket)); },
+          pool_, [this](Socket socket) { OnAccepted(std::move(socket)); },
           [this](const auto& shortage) { outbound_.MakeRoom(shortage); }),
       outbound_(pool_, [this](Socket socket, const std::string& peer) { return Adopt(std::move(socket), peer); }),
       timer_(pool_.io().get_executor()) {}
@@ -102,7 +102,7 @@ void Endpoint::OnCall(const ConnectionPtr& connection, wire::Message& call) {
 void Endpoint::Repeat(std::chrono::milliseconds period, std::function<void()> task) {
     period_ = period;
     task_ = std::move(task);
-    ArmTimer();
+    pool_.Do(armTimer_);
 }
 
 void Endpoint::ArmTimer() {
@@ -111,8 +111,11 @@ void Endpoint::ArmTimer() {
     timer_.expires_after(period_);
     timer_.async_wait([this](const boost::system::error_code& cancelled) {
         if (cancelled) return;
+        const struct Again {  // whether the task throws or not
+            ~Again() { endpoint.pool_.Do(endpoint.armTimer_); }
+            Endpoint& endpoint;
+        } again{*this};
         RunCounted([this] { task_(); });
-        ArmTimer();
     });
 }
 
@@ -136,12 +139,8 @@ void Endpoint::Quiesce() {
 
 // Whether a peer still has an answer to read.
 bool Endpoint::HasBacklog() {
-    std::unordered_set<ConnectionPtr> connections;
-    {
-        PMutexHold hold(lock_);
-        connections = connections_;
-    }
-    return std::any_of(connections.begin(), connections.end(),
+    PMutexHold hold(lock_);
+    return std::any_of(connections_.begin(), connections_.end(),
                        [](const auto& connection) { return connection->HasBacklog(); });
 }
 

@@ -39,7 +39,7 @@ public:
     Outbound& outbound() { return outbound_; }
     bool OnWorker() const { return pool_.OnWorker(); }
 
-    // Runs `task` on a worker thread, as a method is run, `period` after this call and after each of its ends.
+    // Runs `task` on a worker thread, as a method is run, `period` after this call and after each of its ends. Once.
     void Repeat(std::chrono::milliseconds period, std::function<void()> task);
 
     // Stops accepting connections and running calls, and waits until those that run have ended and, for a few seconds,
@@ -70,6 +70,7 @@ private:
 
     std::function<void()> task_;  // set once, before the timer runs
     std::chrono::milliseconds period_{0};
+    WorkerPool::Chore armTimer_{[this] { ArmTimer(); }};
     PMutex timerLock_;
     Timer timer_ GUARDED_BY(timerLock_);
 

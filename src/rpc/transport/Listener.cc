@@ -1,6 +1,9 @@
 #include "rpc/transport/Listener.h"
 
 #include "rpc/LibraryLog.h"
+#include "rpc/transport/Quietly.h"
+
+#include <utility>
 
 namespace kel::transport {
 
@@ -10,14 +13,16 @@ using asio::ip::tcp;
 namespace {
 
 constexpr auto retryAfter = std::chrono::milliseconds(200);
+constexpr int maxAtOnce = 16;
 
 }  // namespace
 
-Listener::Listener(asio::io_context& io, std::function<void(Socket)> accepted, Pausing pausing)
-    : accepted_(std::move(accepted)),
+Listener::Listener(WorkerPool& pool, std::function<void(Socket)> accepted, Pausing pausing)
+    : pool_(pool),
+      accepted_(std::move(accepted)),
       pausing_(std::move(pausing)),
-      acceptor_(io.get_executor()),
-      retry_(io.get_executor()) {}
+      acceptor_(pool.io().get_executor()),
+      retry_(pool.io().get_executor()) {}
 
 boost::system::error_code Listener::Open(const Address& at) {
     PMutexHold hold(lock_);
@@ -28,6 +33,9 @@ boost::system::error_code Listener::Open(const Address& at) {
     if (error) return error;
     CloseOnExec(acceptor_.native_handle());
     acceptor_.set_option(asio::socket_base::reuse_address(true), error);
+    // The two let nothing keep a thread inside accept.
+    if (!error) acceptor_.set_option(asio::socket_base::enable_connection_aborted(true), error);
+    if (!error) acceptor_.non_blocking(true, error);
     if (!error) acceptor_.bind(tcp::endpoint(address, at.port), error);
     if (!error) acceptor_.listen(asio::socket_base::max_listen_connections, error);
     if (!error) port_ = acceptor_.local_endpoint(error).port();
@@ -38,38 +46,64 @@ boost::system::error_code Listener::Open(const Address& at) {
     return error;
 }
 
-void Listener::Start() { AcceptOne(); }
+void Listener::Start() { pool_.Do(wait_); }
 
-void Listener::AcceptOne() {
+// Waits for connections to accept, not for a connection accepted: where there is no memory to make a socket of that,
+// the handler would never be called.
+void Listener::Wait() {
     PMutexHold hold(lock_);
     if (!acceptor_.is_open()) return;
-    acceptor_.async_accept(
-        [this](const boost::system::error_code& error, Socket socket) { OnAccepted(error, std::move(socket)); });
+    acceptor_.async_wait(Acceptor::wait_read, [this](const boost::system::error_code& error) {
+        if (error != asio::error::operation_aborted) OnReady();
+    });
 }
 
-void Listener::OnAccepted(const boost::system::error_code& error, Socket socket) {
-    if (error == asio::error::operation_aborted) return;
-    if (IsShortage(error)) return Pause(error);
-    if (!error) {
-        if (paused_) CBBLog::warn(LibraryLogger(), "libkel: accepting connections on port %u again", unsigned{port_});
-        paused_ = false;
+void Listener::OnReady() {
+    boost::system::error_code error = asio::error::no_memory;
+    Quietly([&] { error = AcceptWaiting(); });
+    if (IsShortage(error)) {
+        Pause(error);
+    } else {
+        pool_.Do(wait_);
+    }
+}
+
+// Accepts what waits, unless that is so much that others should have the thread in between.
+boost::system::error_code Listener::AcceptWaiting() {
+    for (int i = 0; i < maxAtOnce; ++i) {
+        boost::system::error_code error;
+        Socket socket = AcceptOne(error);
+        if (error) return error;
+        if (std::exchange(paused_, false)) {
+            CBBLog::warn(LibraryLogger(), "libkel: accepting connections on port %u again", unsigned{port_});
+        }
         accepted_(std::move(socket));
     }
-    AcceptOne();
+    return {};
+}
+
+Socket Listener::AcceptOne(boost::system::error_code& error) {
+    PMutexHold hold(lock_);
+    return acceptor_.accept(error);
 }
 
 void Listener::Pause(const boost::system::error_code& error) {
-    if (!paused_) {
-        CBBLog::warn(LibraryLogger(), "libkel: accepting connections on port %u pauses: %s", unsigned{port_},
-                     error.message().c_str());
+    if (!std::exchange(paused_, true)) {
+        Quietly([&] {
+            CBBLog::warn(LibraryLogger(), "libkel: accepting connections on port %u pauses: %s", unsigned{port_},
+                         error.message().c_str());
+        });
     }
-    paused_ = true;
-    pausing_(error);
+    Quietly([&] { pausing_(error); });
+    pool_.Do(waitForRoom_);
+}
+
+void Listener::WaitForRoom() {
     PMutexHold hold(lock_);
     if (!acceptor_.is_open()) return;
     retry_.expires_after(retryAfter);
     retry_.async_wait([this](const boost::system::error_code& cancelled) {
-        if (!cancelled) AcceptOne();
+        if (!cancelled) OnReady();
     });
 }
 

@@ -3,18 +3,20 @@
 
 #include "foundation/Locks.h"
 #include "rpc/transport/Sockets.h"
+#include "rpc/transport/WorkerPool.h"
 
 #include <functional>
 
 namespace kel::transport {
 
 // Accepts connections and gives each to `accepted` on a worker thread. When the system has no descriptor or memory for
-// one more, accepting pauses, says so once, and goes on by itself. Close may come from any thread.
+// one more, accepting pauses, says so once, and goes on by itself. Close may come from any thread. The pool must have
+// stopped before the object goes.
 class Listener {
 public:
     // `pausing` is called each time that accepting fails for that reason.
     using Pausing = std::function<void(const boost::system::error_code& shortage)>;
-    Listener(boost::asio::io_context& io, std::function<void(Socket)> accepted, Pausing pausing);
+    Listener(WorkerPool& pool, std::function<void(Socket)> accepted, Pausing pausing);
 
     // Binds and listens; port 0 takes a free one. Nothing is accepted before Start.
     boost::system::error_code Open(const Address& at);
@@ -25,14 +27,20 @@ public:
     uint16_t port() const { return port_; }
 
 private:
-    void AcceptOne();
-    void OnAccepted(const boost::system::error_code& error, Socket socket);
+    void Wait();
+    void WaitForRoom();
+    void OnReady();
+    boost::system::error_code AcceptWaiting();
+    Socket AcceptOne(boost::system::error_code& error);
     void Pause(const boost::system::error_code& error);
 
+    WorkerPool& pool_;
     std::function<void(Socket)> accepted_;
     Pausing pausing_;
     std::atomic<uint16_t> port_{0};
-    bool paused_ = false;  // touched only by the accept operation's handlers, one at a time
+    WorkerPool::Chore wait_{[this] { Wait(); }};
+    WorkerPool::Chore waitForRoom_{[this] { WaitForRoom(); }};
+    bool paused_ = false;  // touched only by the handlers of the two waits, of which one is under way at a time
 
     PMutex lock_;
     Acceptor acceptor_ GUARDED_BY(lock_);

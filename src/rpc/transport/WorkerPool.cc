@@ -17,9 +17,13 @@
 // A worker's state is one word: two bits say where it is, the rest counts the methods that it has entered, so that the
 // monitor can tell one long method from two short ones. Whoever changes `inMethod` to `givenUp` (by compare-and-swap)
 // takes the worker off the count; the worker, leaving, sees that in what its exchange returns.
+//
+// No lack of memory ends a thread or loses one: what the threads need to be kept in is taken beforehand, a thread that
+// cannot be started is tried again at the next look, and the monitor repeats the chores that failed.
 #include "rpc/transport/WorkerPool.h"
 
 #include "rpc/LibraryLog.h"
+#include "rpc/transport/Quietly.h"
 
 #include <algorithm>
 #include <chrono>
@@ -27,6 +31,7 @@
 #include <iterator>
 #include <stdexcept>
 #include <thread>
+#include <utility>
 
 namespace kel::transport {
 
@@ -58,7 +63,7 @@ thread_local const WorkerPool* currentPool = nullptr;
 thread_local void* currentWorker = nullptr;
 }  // namespace
 
-WorkerPool::WorkerPool() : work_(boost::asio::make_work_guard(io_)) {}
+WorkerPool::WorkerPool() : work_(boost::asio::make_work_guard(io_)) { parked_.reserve(maxParked); }
 
 WorkerPool::~WorkerPool() { Stop(); }
 
@@ -100,9 +105,9 @@ unsigned int WorkerPool::WorkerMain(void* argument) {
         try {
             if (io_.run_one() == 0) break;
         } catch (const std::exception& error) {
-            CBBLog::error(LibraryLogger(), "libkel: an exception ended a handler: %s", error.what());
+            Quietly([&] { CBBLog::error(LibraryLogger(), "libkel: an exception ended a handler: %s", error.what()); });
         } catch (...) {
-            CBBLog::error(LibraryLogger(), "libkel: an exception of an unknown type ended a handler");
+            Quietly([] { CBBLog::error(LibraryLogger(), "libkel: an exception of an unknown type ended a handler"); });
         }
         if (worker.surplus && !Park(worker)) break;
     }
@@ -129,20 +134,23 @@ bool WorkerPool::Park(Worker& worker) {
 }
 
 bool WorkerPool::StartWorker() {
-    auto worker = std::make_unique<Worker>();
-    worker->thread =
-        std::make_unique<PThread>(new PThreadDelegateMember<WorkerPool>(this, &WorkerPool::WorkerMain), worker.get());
     try {
+        workers_.reserve(workers_.size() + 1);
+        auto worker = std::make_unique<Worker>();
+        worker->thread = std::make_unique<PThread>(new PThreadDelegateMember<WorkerPool>(this, &WorkerPool::WorkerMain),
+                                                   worker.get());
         worker->thread->Start();
-    } catch (const std::runtime_error& error) {
-        if (!complained_)
-            CBBLog::error(LibraryLogger(), "libkel: %s; calls wait for a running one to end", error.what());
-        complained_ = true;
+        ++active_;
+        workers_.push_back(std::move(worker));
+        return true;
+    } catch (const std::exception& error) {
+        if (!std::exchange(complained_, true)) {
+            Quietly([&] {
+                CBBLog::error(LibraryLogger(), "libkel: %s; calls wait for a running one to end", error.what());
+            });
+        }
         return false;
     }
-    ++active_;
-    workers_.push_back(std::move(worker));
-    return true;
 }
 
 void WorkerPool::PromoteOne() {
@@ -156,7 +164,9 @@ void WorkerPool::PromoteOne() {
         if (StartWorker()) complained_ = false;
     } else if (!complained_) {
         complained_ = true;
-        CBBLog::warn(LibraryLogger(), "libkel: all %zu threads are inside methods; calls wait", maxThreads);
+        Quietly([] {
+            CBBLog::warn(LibraryLogger(), "libkel: all %zu threads are inside methods; calls wait", maxThreads);
+        });
     }
 }
 
@@ -202,10 +212,35 @@ unsigned int WorkerPool::MonitorMain(void*) {
             idleTicks = 0;
         }
         std::this_thread::sleep_for(tick);
-        idleTicks = Inspect() ? 0 : idleTicks + 1;
-        JoinEnded();
+        const bool hadChores = DoChores();
+        idleTicks = Inspect() || hadChores ? 0 : idleTicks + 1;
+        Quietly([this] { JoinEnded(); });
     }
     return 0;
+}
+
+void WorkerPool::Do(Chore& chore) {
+    if (Quietly(chore.work_)) return;
+    PMutexHold hold(monitorLock_);
+    chore.next_ = std::exchange(chores_, &chore);
+    monitorAsleep_ = false;
+    monitorLock_.signal();
+}
+
+// Whether there were any.
+bool WorkerPool::DoChores() {
+    Chore* due = nullptr;
+    {
+        PMutexHold hold(monitorLock_);
+        due = std::exchange(chores_, nullptr);
+    }
+    const bool any = due != nullptr;
+    while (due) {
+        Chore& chore = *due;
+        due = chore.next_;  // which changes when it fails again
+        Do(chore);
+    }
+    return any;
 }
 
 // Joins the threads that ended because enough others were parked.
@@ -214,11 +249,11 @@ void WorkerPool::JoinEnded() {
     {
         PMutexHold hold(lock_);
         if (ended_ == 0) return;
-        ended_ = 0;
         const auto first =
             std::partition(workers_.begin(), workers_.end(), [](const auto& worker) { return !worker->ended; });
         ended.assign(std::make_move_iterator(first), std::make_move_iterator(workers_.end()));
         workers_.erase(first, workers_.end());
+        ended_ = 0;
     }
     for (const auto& worker : ended) worker->thread->Join();
 }
@@ -254,7 +289,7 @@ void WorkerPool::WakeMonitor() {
 void WorkerPool::SleepUntilWork() {
     PMutexHold hold(monitorLock_);
     monitorAsleep_ = true;
-    if (Inspect()) monitorAsleep_ = false;  // a method that began before it could see that the monitor sleeps
+    if (chores_ || Inspect()) monitorAsleep_ = false;  // that came before it could be seen that the monitor sleeps
     while (monitorAsleep_ && !stopping_) monitorLock_.wait();
 }
 

@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <vector>
 
@@ -31,6 +32,23 @@ public:
     void Stop();
     // Whether the calling thread is one of this pool's.
     bool OnWorker() const;
+
+    // What must be done though there may be no memory for it now, such as the next wait for a connection. Belongs to
+    // whoever has it done, and must outlive the threads.
+    class Chore {
+    public:
+        explicit Chore(std::function<void()> work) : work_(std::move(work)) {}
+        Chore(const Chore&) = delete;
+        Chore& operator=(const Chore&) = delete;
+
+    private:
+        friend WorkerPool;
+        const std::function<void()> work_;
+        Chore* next_ = nullptr;  // of those that are due
+    };
+    // Does it at once; if an exception ends it, the monitor's thread does it again until none does. Not for a chore
+    // that is due already. Throws nothing and takes no memory.
+    void Do(Chore& chore);
 
 private:
     struct Worker;
@@ -63,6 +81,7 @@ private:
     bool Inspect();
     void JoinEnded();
     void WakeMonitor();
+    bool DoChores();
     void SleepUntilWork();
     void PromoteOne() REQUIRES(lock_);
     bool StartWorker() REQUIRES(lock_);
@@ -79,6 +98,7 @@ private:
     bool complained_ GUARDED_BY(lock_) = false;
 
     PCondMutex monitorLock_;
+    Chore* chores_ GUARDED_BY(monitorLock_) = nullptr;  // that are due
     std::atomic<bool> monitorAsleep_{false};
     std::unique_ptr<PThread> monitor_;
 };
