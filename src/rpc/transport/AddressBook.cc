@@ -3,6 +3,7 @@
 #include "foundation/StdString.h"
 #include "rpc/KelSatellite.h"
 #include "rpc/VUtil.h"
+#include "rpc/transport/Quietly.h"
 
 namespace kel::transport {
 
@@ -30,9 +31,13 @@ AddressBook::Entry AddressBook::Ask(const std::string& satellite, Deadline deadl
 }
 
 void AddressBook::AskAsync(const std::string& satellite, Handler handler) {
-    outbound_.CallAsync(
-        directory_, askMethod, self_, MakeString(satellite.c_str()), callTimeout,
-        [this, satellite, handler = std::move(handler)](Outcome& outcome) { handler(Learn(satellite, outcome)); });
+    outbound_.CallAsync(directory_, askMethod, self_, MakeString(satellite.c_str()), callTimeout,
+                        [this, satellite, handler = std::move(handler)](Outcome& outcome) {
+                            Entry entry;
+                            if (!Quietly([&] { entry = Learn(satellite, outcome); }))
+                                entry = {std::nullopt, KEL_UNREACHABLE, "no memory"};
+                            handler(std::move(entry));
+                        });
 }
 
 AddressBook::Entry AddressBook::Learn(const std::string& satellite, Outcome& outcome) {
@@ -53,7 +58,7 @@ AddressBook::Entry AddressBook::Learn(const std::string& satellite, Outcome& out
         PMutexHold hold(lock_);
         if (known_.size() >= maxKnown)
             known_.clear();  // satellites come and go; those that are left are asked for again
-        known_[satellite] = address;
+        known_.insert_or_assign(satellite, address);
         entry.address = std::move(address);
     } catch (const KelException& error) {
         entry.code = KEL_UNREACHABLE;

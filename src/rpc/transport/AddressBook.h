@@ -32,7 +32,7 @@ public:
     std::optional<Address> Remembered(const std::string& satellite);
     // Asks, waits and remembers.
     Entry Ask(const std::string& satellite, Deadline deadline);
-    // Asks without waiting.
+    // Asks without waiting. The handler is called exactly once, unless this throws.
     void AskAsync(const std::string& satellite, Handler handler);
     // A call to `address` failed.
     void Forget(const std::string& satellite, const Address& address);

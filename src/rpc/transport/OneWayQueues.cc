@@ -1,6 +1,7 @@
 #include "rpc/transport/OneWayQueues.h"
 
 #include "rpc/LibraryLog.h"
+#include "rpc/transport/Quietly.h"
 
 #include <utility>
 
@@ -11,9 +12,9 @@ OneWayQueues::OneWayQueues(Outbound& outbound, AddressBook& addresses) : outboun
 OneWayQueues::QueuePtr OneWayQueues::FindQueue(const std::string& satellite) {
     PMutexHold hold(lock_);
     if (queues_.size() >= retireAt_) RetireIdle();
-    QueuePtr& queue = queues_[satellite];
-    if (!queue) queue = std::make_shared<Queue>(satellite);
-    return queue;
+    const auto found = queues_.find(satellite);
+    if (found != queues_.end()) return found->second;
+    return queues_.emplace(satellite, std::make_shared<Queue>(satellite)).first->second;
 }
 
 // Satellites come and go: queues that nothing waits in go too, once there are many.
@@ -38,10 +39,16 @@ void OneWayQueues::Post(const std::string& satellite, std::string bytes) {
         if (!Append(*queue, bytes, becomesRunner)) continue;
         if (becomesRunner) {
             queue->retried = false;
-            Run(queue);
+            Proceed(queue, [&] { Run(queue); });
         }
         return;
     }
+}
+
+// A step of the runner. An exception must not leave the queue without one for ever.
+template <typename Step>
+void OneWayQueues::Proceed(const QueuePtr& queue, Step&& step) {
+    if (!Quietly(step)) Drop(*queue, "no memory");
 }
 
 bool OneWayQueues::AwaitRoom(const std::string& satellite, std::chrono::milliseconds timeout) {
@@ -68,8 +75,10 @@ bool OneWayQueues::Append(Queue& queue, std::string& bytes, bool& becomesRunner)
         becomesRunner = !std::exchange(queue.running, true);
     }
     if (dropping) {
-        CBBLog::warn(LibraryLogger(), "libkel: %zu one-way calls wait for %s; the oldest are dropped", maxOneWayWaiting,
-                     queue.satellite.c_str());
+        Quietly([&] {
+            CBBLog::warn(LibraryLogger(), "libkel: %zu one-way calls wait for %s; the oldest are dropped",
+                         maxOneWayWaiting, queue.satellite.c_str());
+        });
     }
     return true;
 }
@@ -77,9 +86,11 @@ bool OneWayQueues::Append(Queue& queue, std::string& bytes, bool& becomesRunner)
 void OneWayQueues::Run(const QueuePtr& queue) {
     if (const auto address = addresses_.Remembered(queue->satellite)) return RunAt(queue, *address);
     addresses_.AskAsync(queue->satellite, [this, queue](const AddressBook::Entry& entry) {
-        if (entry.address) return RunAt(queue, *entry.address);
-        queue->retried = true;  // the directory has just been asked
-        Failed(queue, entry.problem);
+        Proceed(queue, [&] {
+            if (entry.address) return RunAt(queue, *entry.address);
+            queue->retried = true;  // the directory has just been asked
+            Failed(queue, entry.problem);
+        });
     });
 }
 
@@ -87,8 +98,10 @@ void OneWayQueues::RunAt(const QueuePtr& queue, const Address& address) {
     queue->address = address;
     outbound_.WithConnection(address,
                              [this, queue](const ConnectionPtr& connection, const boost::system::error_code& error) {
-                                 if (connection) return SendAll(queue, connection);
-                                 Failed(queue, queue->address.text() + ": " + error.message());
+                                 Proceed(queue, [&] {
+                                     if (connection) return SendAll(queue, connection);
+                                     Failed(queue, queue->address.text() + ": " + error.message());
+                                 });
                              });
 }
 
@@ -101,8 +114,9 @@ void OneWayQueues::SendAll(const QueuePtr& queue, const ConnectionPtr& connectio
                 break;
             case Connection::Sent::queued:
                 // The rest waits here, where it can be counted, until the peer has read this one.
-                if (connection->WhenDrained([this, queue, connection] { SendAll(queue, connection); },
-                                            [this, queue] { Failed(queue, "the connection closed"); })) {
+                if (connection->WhenDrained(
+                        [this, queue, connection] { Proceed(queue, [&] { SendAll(queue, connection); }); },
+                        [this, queue] { Proceed(queue, [&] { Failed(queue, "the connection closed"); }); })) {
                     return;
                 }
                 return Failed(queue, "the connection closed");
@@ -129,8 +143,10 @@ bool OneWayQueues::TakeNext(Queue& queue, std::string& bytes) {
         dropped = std::exchange(queue.dropped, 0);
     }
     if (dropped > 0) {
-        CBBLog::warn(LibraryLogger(), "libkel: %s takes one-way calls again; %zu were dropped", queue.satellite.c_str(),
-                     dropped);
+        Quietly([&] {
+            CBBLog::warn(LibraryLogger(), "libkel: %s takes one-way calls again; %zu were dropped",
+                         queue.satellite.c_str(), dropped);
+        });
     }
     return false;
 }
@@ -143,19 +159,26 @@ void OneWayQueues::PutBack(Queue& queue, std::string bytes) {
 void OneWayQueues::Failed(const QueuePtr& queue, const std::string& problem) {
     addresses_.Forget(queue->satellite, queue->address);
     if (!std::exchange(queue->retried, true)) return Run(queue);
-    const bool isNews = !std::exchange(queue->failing, true);
+    Drop(*queue, problem.c_str());
+}
+
+// Drops what waits; the caller is no longer the runner.
+void OneWayQueues::Drop(Queue& queue, const char* problem) {
+    const bool isNews = !std::exchange(queue.failing, true);
     size_t dropped = 0;
     {
-        PMutexHold hold(queue->lock);
-        dropped = queue->waiting.size() + std::exchange(queue->dropped, 0);
-        queue->waiting.clear();
-        queue->roomMade.notify_all();
-        queue->running = false;
+        PMutexHold hold(queue.lock);
+        dropped = queue.waiting.size() + std::exchange(queue.dropped, 0);
+        queue.waiting.clear();
+        queue.roomMade.notify_all();
+        queue.running = false;
     }
     if (!isNews) return;
-    CBBLog::warn(LibraryLogger(),
-                 "libkel: %zu one-way calls to %s are dropped, and so are others until it can be reached: %s", dropped,
-                 queue->satellite.c_str(), problem.c_str());
+    Quietly([&] {
+        CBBLog::warn(LibraryLogger(),
+                     "libkel: %zu one-way calls to %s are dropped, and so are others until it can be reached: %s",
+                     dropped, queue.satellite.c_str(), problem);
+    });
 }
 
 }  // namespace kel::transport

@@ -20,7 +20,8 @@ constexpr size_t maxIdleQueues = 16384;  // of satellites to which nothing is un
 // Each satellite has a queue, and at most one thread or operation at a time, the runner, takes from it: it finds the
 // address, waits for the connection and sends until the queue is empty. A satellite that hangs holds up its own queue
 // only: what the system does not take waits here. A failure is answered by asking the directory for the address once
-// more; if that fails too, what waits is dropped with a warning. Post may be called from any thread.
+// more; if that fails too, or if there is no memory to go on, what waits is dropped with a warning. Post may be called
+// from any thread.
 class OneWayQueues {
 public:
     OneWayQueues(Outbound& outbound, AddressBook& addresses);
@@ -53,12 +54,15 @@ private:
     QueuePtr FindQueue(const std::string& satellite);
     void RetireIdle() REQUIRES(lock_);
     bool Append(Queue& queue, std::string& bytes, bool& becomesRunner);
+    template <typename Step>
+    void Proceed(const QueuePtr& queue, Step&& step);
     void Run(const QueuePtr& queue);
     void RunAt(const QueuePtr& queue, const Address& address);
     void SendAll(const QueuePtr& queue, const ConnectionPtr& connection);
     bool TakeNext(Queue& queue, std::string& bytes);
     void PutBack(Queue& queue, std::string bytes);
     void Failed(const QueuePtr& queue, const std::string& problem);
+    void Drop(Queue& queue, const char* problem);
 
     Outbound& outbound_;
     AddressBook& addresses_;

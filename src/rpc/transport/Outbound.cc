@@ -1,6 +1,7 @@
 #include "rpc/transport/Outbound.h"
 
 #include "rpc/LibraryLog.h"
+#include "rpc/transport/Quietly.h"
 
 #include <boost/asio/ip/basic_resolver.hpp>
 
@@ -9,6 +10,7 @@
 #include <algorithm>
 #include <condition_variable>
 #include <mutex>
+#include <new>
 #include <optional>
 #include <utility>
 
@@ -58,20 +60,20 @@ struct Answer {
 };
 
 void Settle(Outcome& outcome, CallEnd end, wire::Message& message, const std::string& peer) {
+    outcome.message = std::move(message);
     switch (end) {
         case CallEnd::answered:
             outcome.end = Outcome::End::answered;
             break;
         case CallEnd::failed:
             outcome.end = Outcome::End::failed;
-            outcome.problem = message.errorText;
+            outcome.problem = outcome.message.errorText;
             break;
         case CallEnd::lost:
             outcome.end = Outcome::End::lost;
             outcome.problem = peer + " closed the connection before it answered";
             break;
     }
-    outcome.message = std::move(message);
 }
 
 }  // namespace
@@ -88,6 +90,19 @@ public:
           retry_(outbound.pool_.io().get_executor()) {}
 
     void Start() {
+        OrFail([this] { Begin(); });
+    }
+
+private:
+    using Resolver = asio::ip::basic_resolver<tcp, Executor>;
+
+    // An exception, for which there is no reason but a shortage, ends the attempt.
+    template <typename Work>
+    void OrFail(Work&& work) {
+        if (!Quietly(work)) Finish(asio::error::no_memory);
+    }
+
+    void Begin() {
         PMutexHold hold(lock_);
         shortageEnd_ = std::chrono::steady_clock::now() + shortageTimeout;
         timer_.expires_after(connectTimeout);
@@ -101,17 +116,20 @@ public:
             tcp::v4(), to_.host, std::to_string(to_.port),
             [self = shared_from_this()](const boost::system::error_code& error, const auto& results) {
                 if (error || results.empty()) return self->Finish(error ? error : asio::error::host_not_found);
-                PMutexHold again(self->lock_);
-                if (!self->finished_) self->ConnectTo(results.begin()->endpoint());
+                self->OrFail([&] { self->ConnectUnlessFinished(results.begin()->endpoint()); });
             });
     }
 
-private:
-    using Resolver = asio::ip::basic_resolver<tcp, Executor>;
+    void ConnectUnlessFinished(const tcp::endpoint& endpoint) {
+        PMutexHold hold(lock_);
+        if (!finished_) ConnectTo(endpoint);
+    }
 
     void ConnectTo(const tcp::endpoint& endpoint) REQUIRES(lock_) {
         socket_.async_connect(endpoint, [self = shared_from_this(), endpoint](const boost::system::error_code& error) {
-            if (!IsShortage(error) || !self->TryAgain(endpoint, error)) self->Finish(error);
+            self->OrFail([&] {
+                if (!IsShortage(error) || !self->TryAgain(endpoint, error)) self->Finish(error);
+            });
         });
     }
 
@@ -124,8 +142,7 @@ private:
         socket_.close(ignored);
         retry_.expires_after(retryAfter);
         retry_.async_wait([self = shared_from_this(), endpoint](const boost::system::error_code& cancelled) {
-            PMutexHold again(self->lock_);
-            if (!cancelled && !self->finished_) self->ConnectTo(endpoint);
+            if (!cancelled) self->OrFail([&] { self->ConnectUnlessFinished(endpoint); });
         });
         return true;
     }
@@ -173,27 +190,47 @@ void Outbound::WithConnection(const Address& to, ConnectHandler handler) {
             }
         }
     }
-    if (first) std::make_shared<Attempt>(*this, to)->Start();
+    if (first) {
+        std::shared_ptr<Attempt> attempt;
+        if (Quietly([&] { attempt = std::make_shared<Attempt>(*this, to); })) {
+            attempt->Start();
+        } else {
+            Connected(to, asio::error::no_memory, nullptr);
+        }
+    }
     if (handler) handler(connection, connection ? boost::system::error_code() : asio::error::operation_aborted);
 }
 
-void Outbound::Connected(const Address& to, const boost::system::error_code& error, Socket* socket) {
-    if (socket) KeepRoom(*socket);
-    const ConnectionPtr connection = socket ? adopt_(std::move(*socket), to.text()) : nullptr;
+// Throws nothing: whoever waits for the connection hears of it.
+void Outbound::Connected(const Address& to, boost::system::error_code error, Socket* socket) {
+    ConnectionPtr connection;
+    if (socket && !Quietly([&] {
+            KeepRoom(*socket);
+            connection = adopt_(std::move(*socket), to.text());
+        })) {
+        error = asio::error::no_memory;
+    }
+    ConnectionPtr refused;
     std::vector<ConnectHandler> waiting;
     {
         PMutexHold hold(lock_);
         const auto slot = slots_.find(to);
         if (slot != slots_.end()) {
             waiting.swap(slot->second.waiting);
-            slot->second.connection = connection;
-            if (connection) addresses_[connection.get()] = to;
+            try {
+                if (connection) addresses_.emplace(connection.get(), to);
+            } catch (const std::bad_alloc&) {
+                refused.swap(connection);
+                error = asio::error::no_memory;
+            }
+            if (connection) slot->second.connection = connection;
             else slots_.erase(slot);
         }
     }
+    if (refused) refused->Close("no memory");
     if (connection) connection->Start();
-    const boost::system::error_code failure = connection ? error : error ? error : asio::error::operation_aborted;
-    for (const ConnectHandler& handler : waiting) handler(connection, failure);
+    if (!connection && !error) error = asio::error::operation_aborted;
+    for (const ConnectHandler& handler : waiting) handler(connection, error);
 }
 
 // Files need descriptors too: before the last are taken, a new connection takes the place of an old one.
@@ -301,7 +338,15 @@ Outcome Outbound::Call(const Address& to, std::string_view method, std::string_v
 void Outbound::CallAsync(const Address& to, std::string method, std::string caller, ScopedVariant in,
                          std::chrono::milliseconds timeout, CallHandler handler) {
     struct Pending {
-        Pending(WorkerPool& pool, CallHandler done) : handler(std::move(done)), timer(pool.io().get_executor()) {}
+        Pending(WorkerPool& pool, Address peer, CallHandler done)
+            : to(std::move(peer)), handler(std::move(done)), timer(pool.io().get_executor()) {}
+
+        void Expire() {
+            Outcome outcome;
+            outcome.end = Outcome::End::noAnswer;
+            Quietly([&] { outcome.problem = to.text() + " did not answer in time"; });
+            Finish(outcome);
+        }
 
         void Finish(Outcome& outcome) {
             {
@@ -312,49 +357,61 @@ void Outbound::CallAsync(const Address& to, std::string method, std::string call
             handler(outcome);
         }
 
+        const Address to;
         const CallHandler handler;
         PMutex lock;
         bool finished GUARDED_BY(lock) = false;
         Timer timer GUARDED_BY(lock);
     };
-    const auto pending = std::make_shared<Pending>(pool_, std::move(handler));
+    const auto pending = std::make_shared<Pending>(pool_, to, std::move(handler));
+    const auto call = std::make_shared<AsyncCall>(AsyncCall{to, std::move(method), std::move(caller), std::move(in),
+                                                            [pending](Outcome& outcome) { pending->Finish(outcome); }});
     {
         PMutexHold hold(pending->lock);
         pending->timer.expires_after(timeout);
-        pending->timer.async_wait([pending, to](const boost::system::error_code& error) {
-            Outcome outcome;
-            outcome.end = Outcome::End::noAnswer;
-            outcome.problem = to.text() + " did not answer in time";
-            if (!error) pending->Finish(outcome);
+        pending->timer.async_wait([pending](const boost::system::error_code& error) {
+            if (!error) pending->Expire();
         });
     }
-    const auto call = std::make_shared<AsyncCall>(AsyncCall{to, std::move(method), std::move(caller), std::move(in),
-                                                            [pending](Outcome& outcome) { pending->Finish(outcome); }});
     Begin(call, maxBeginnings);
 }
 
-// Makes the call, anew when a connection was closed under it to make room.
+// Makes the call, anew when a connection was closed under it to make room. Throws nothing.
 void Outbound::Begin(const std::shared_ptr<AsyncCall>& call, int attempts) {
-    WithConnection(call->to,
-                   [this, call, attempts](const ConnectionPtr& connection, const boost::system::error_code& error) {
-                       Outcome outcome;
-                       outcome.problem = call->to.text() + " cannot be reached: " + error.message();
-                       if (!connection) return call->handler(outcome);
-                       const auto begun = connection->Call(
-                           call->method, call->caller, call->in,
-                           [call](CallEnd end, wire::Message& message) {
-                               Outcome ended;
-                               Settle(ended, end, message, call->to.text());
-                               call->handler(ended);
-                           },
-                           nullptr);
-                       if (begun == Connection::Begun::begun) return;
-                       Forget(connection);
-                       if (begun == Connection::Begun::closed && connection->gaveRoom() && attempts > 1) {
-                           return Begin(call, attempts - 1);
-                       }
-                       call->handler(outcome);
-                   });
+    const bool begun = Quietly([&] {
+        WithConnection(call->to,
+                       [this, call, attempts](const ConnectionPtr& connection, const boost::system::error_code& error) {
+                           CallOn(connection, error, call, attempts);
+                       });
+    });
+    if (begun) return;
+    Outcome outcome;
+    outcome.problem = "no memory";
+    call->handler(outcome);
+}
+
+void Outbound::CallOn(const ConnectionPtr& connection, const boost::system::error_code& error,
+                      const std::shared_ptr<AsyncCall>& call, int attempts) {
+    std::optional<Connection::Begun> begun;
+    Outcome outcome;
+    Quietly([&] {
+        outcome.problem = call->to.text() + " cannot be reached: " + error.message();
+        if (!connection) return;
+        begun = connection->Call(
+            call->method, call->caller, call->in,
+            [call](CallEnd end, wire::Message& message) {
+                Outcome ended;
+                Quietly([&] { Settle(ended, end, message, call->to.text()); });
+                call->handler(ended);
+            },
+            nullptr);
+    });
+    if (begun == Connection::Begun::begun) return;
+    if (begun == Connection::Begun::closed) {
+        Forget(connection);
+        if (connection->gaveRoom() && attempts > 1) return Begin(call, attempts - 1);
+    }
+    call->handler(outcome);
 }
 
 void Outbound::Forget(const ConnectionPtr& connection) {

@@ -33,8 +33,9 @@ struct Outcome {
     bool shortage = false;  // unreachable because this process has no descriptor or memory for a connection
 };
 
-// Any thread. Handlers run on worker threads with no lock held, or in the calling thread when nothing has to be waited
-// for. The pool must have stopped before the object goes.
+// Any thread. Handlers throw nothing; they run on worker threads with no lock held, or in the calling thread when
+// nothing has to be waited for. A member that throws, as without memory, does not call the handler that it was given.
+// The pool must have stopped before the object goes.
 class Outbound {
 public:
     using ConnectHandler = std::function<void(const ConnectionPtr& connection, const boost::system::error_code& error)>;
@@ -85,9 +86,11 @@ private:
         CallHandler handler;
     };
 
-    void Connected(const Address& to, const boost::system::error_code& error, Socket* socket);
+    void Connected(const Address& to, boost::system::error_code error, Socket* socket);
     ConnectionPtr Connect(const Address& to, Deadline deadline, Outcome& outcome);
     void Begin(const std::shared_ptr<AsyncCall>& call, int attempts);
+    void CallOn(const ConnectionPtr& connection, const boost::system::error_code& error,
+                const std::shared_ptr<AsyncCall>& call, int attempts);
 
     WorkerPool& pool_;
     const Adopt adopt_;
