@@ -16,10 +16,15 @@
 //
 // Closing shuts the socket down and cancels what is under way, but leaves the descriptor open: the destructor closes
 // it.
+//
+// Without memory. A thread that an exception throws out of the library's part takes the reading turn with it, or leaves
+// half a message sent, and nobody would ever pick that up. So an exception there ends the connection (OrFail), and
+// closing takes no memory. The other side sees a connection that broke, which it has to live with anyway.
 #include "rpc/transport/Connection.h"
 
 #include "foundation/NetworkUtils.h"
 #include "rpc/LibraryLog.h"
+#include "rpc/transport/Quietly.h"
 #include "rpc/wire/Codec.h"
 
 #include <boost/asio/buffer.hpp>
@@ -30,6 +35,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <exception>
+#include <new>
 
 namespace kel::transport {
 
@@ -40,6 +47,18 @@ namespace {
 
 constexpr size_t smallInput = 4096;
 constexpr size_t largeInput = 256 * 1024;  // a buffer that grew beyond this is given back once it is empty
+
+// Counts a call for as long as it lives.
+class Counted {
+public:
+    explicit Counted(std::atomic<int>& count) : count_(count) { count_.fetch_add(1); }
+    ~Counted() { count_.fetch_sub(1); }
+    Counted(const Counted&) = delete;
+    Counted& operator=(const Counted&) = delete;
+
+private:
+    std::atomic<int>& count_;
+};
 
 }  // namespace
 
@@ -63,7 +82,22 @@ Connection::Connection(Socket socket, ConnectionOwner& owner, std::string peer)
     socket_.non_blocking(true, ignored);
 }
 
-void Connection::Start() { StartRead(); }
+void Connection::Start() {
+    OrFail([this] { StartRead(); });
+}
+
+template <typename Work>
+void Connection::OrFail(Work&& work) {
+    try {
+        work();
+    } catch (const std::bad_alloc&) {
+        Fail("no memory");
+    } catch (const std::exception& error) {
+        Fail(error.what());
+    } catch (...) {
+        Fail("an exception of an unknown type");
+    }
+}
 
 // --- Reading -------------------------------------------------------------------------------------------------------
 
@@ -100,11 +134,11 @@ void Connection::MakeRoom() {
 
 void Connection::OnRead(const boost::system::error_code& error, size_t size) {
     if (error) {
-        Close(error == asio::error::eof ? "the peer hung up" : error.message().c_str());
+        OrFail([&] { Close(error == asio::error::eof ? "the peer hung up" : error.message().c_str()); });
         return;
     }
     end_ += size;
-    ProcessInput();
+    OrFail([this] { ProcessInput(); });
 }
 
 Connection::Frame Connection::LookForMessage() {
@@ -140,28 +174,30 @@ void Connection::ProcessInput() {
             CompleteCall(message);
             continue;
         }
-        const bool isRequest = message.kind == wire::MessageKind::request;
-        if (isRequest) outstanding_.fetch_add(1);
-        if (!isRequest && !QueueNotification(message, length)) {  // another thread runs it in its order
-            if (PauseIfFull()) return;
-            continue;
+        if (message.kind == wire::MessageKind::request) return RunRequest(message);
+        if (QueueNotification(message, length)) {
+            if (!PauseIfFull()) PassReadingTurn();
+            return RunNotifications();
         }
-        if (!PauseIfFull()) PassReadingTurn();
-        if (isRequest) {
-            owner_.OnCall(shared_from_this(), message);
-            outstanding_.fetch_sub(1);
-            Resume();
-        } else {
-            RunNotifications();
-        }
-        return;
+        if (PauseIfFull()) return;  // another thread runs it in its order
     }
+}
+
+void Connection::RunRequest(wire::Message& request) {
+    {
+        const Counted outstanding(outstanding_);
+        if (!PauseIfFull()) PassReadingTurn();
+        owner_.OnCall(shared_from_this(), request);
+    }
+    Resume();
 }
 
 void Connection::PassReadingTurn() {
     if (LookForMessage() == Frame::incomplete) return StartRead();
     PMutexHold hold(lock_);
-    if (!closed_) asio::post(socket_.get_executor(), [self = shared_from_this()] { self->ProcessInput(); });
+    if (closed_) return;
+    asio::post(socket_.get_executor(),
+               [self = shared_from_this()] { self->OrFail([&self] { self->ProcessInput(); }); });
 }
 
 // Puts the reading turn aside when enough calls are under way; true when the caller no longer holds it.
@@ -214,6 +250,12 @@ void Connection::RunNotifications() {
 
 Connection::Sent Connection::Send(std::string_view bytes, Bytes what) {
     if (!used_.load(std::memory_order_relaxed)) used_ = true;
+    Sent sent = Sent::closed;
+    OrFail([&] { sent = WriteOrQueue(bytes, what); });
+    return sent;
+}
+
+Connection::Sent Connection::WriteOrQueue(std::string_view bytes, Bytes what) {
     {
         PMutexHold hold(lock_);
         if (closed_) return Sent::closed;
@@ -245,7 +287,7 @@ bool Connection::WriteSome(std::string_view& bytes) {
 
 void Connection::StartWriteWait() {
     socket_.async_wait(Socket::wait_write, [self = shared_from_this()](const boost::system::error_code& error) {
-        self->OnWritable(error);
+        self->OrFail([&] { self->OnWritable(error); });
     });
 }
 
@@ -253,11 +295,31 @@ void Connection::ArmStallTimer() {
     stallTimer_.expires_after(maxStall);
     stallTimer_.async_wait([weak = weak_from_this()](const boost::system::error_code& error) {
         const ConnectionPtr self = weak.lock();
-        if (error || !self) return;
-        CBBLog::warn(LibraryLogger(), "libkel: %s took nothing for %lld s; disconnecting it", self->peer_.c_str(),
-                     static_cast<long long>(maxStall.count()));
-        self->Close("the peer does not read");
+        if (!error && self) self->OrFail([&self] { self->OnStalled(); });
     });
+}
+
+// Nothing was written for maxStall. That is the peer's doing unless this process stood still, in which case the peer
+// may have made room that nobody has looked at.
+void Connection::OnStalled() {
+    {
+        PMutexHold hold(lock_);
+        const bool outdated = stallTimer_.expiry() > std::chrono::steady_clock::now();  // armed anew in between
+        if (closed_ || backlog_.empty() || outdated) return;
+        if (WriteBacklog() > 0) return ArmStallTimer();  // the wait for the socket is under way and finds the rest
+    }
+    CBBLog::warn(LibraryLogger(), "libkel: %s took nothing for %lld s; disconnecting it", peer_.c_str(),
+                 static_cast<long long>(maxStall.count()));
+    Close("the peer does not read");
+}
+
+// Writes what the system takes of the backlog and returns how many bytes that is; -1 for an error.
+ssize_t Connection::WriteBacklog() {
+    std::string_view rest(backlog_.data() + backlogSent_, backlog_.size() - backlogSent_);
+    const size_t before = rest.size();
+    if (!WriteSome(rest)) return -1;
+    backlogSent_ += before - rest.size();
+    return static_cast<ssize_t>(before - rest.size());
 }
 
 void Connection::OnWritable(const boost::system::error_code& error) {
@@ -266,17 +328,15 @@ void Connection::OnWritable(const boost::system::error_code& error) {
     {
         PMutexHold hold(lock_);
         if (closed_) return;
-        std::string_view rest(backlog_.data() + backlogSent_, backlog_.size() - backlogSent_);
-        const size_t before = rest.size();
-        if (!WriteSome(rest)) return;
-        const size_t after = rest.size();
-        backlogSent_ += before - after;
-        if (after > 0) {
-            if (backlogSent_ > after) {  // a peer that is always a little behind must not make it grow
+        const ssize_t written = WriteBacklog();
+        if (written < 0) return;
+        const size_t left = backlog_.size() - backlogSent_;
+        if (left > 0) {
+            if (backlogSent_ > left) {  // a peer that is always a little behind must not make it grow
                 backlog_.erase(0, backlogSent_);
                 backlogSent_ = 0;
             }
-            if (after < before) ArmStallTimer();
+            if (written > 0) ArmStallTimer();
             StartWriteWait();
             return;
         }
@@ -363,6 +423,18 @@ void Connection::LoseCalls() {
 // --- Closing -------------------------------------------------------------------------------------------------------
 
 void Connection::Close(const char* reason) {
+    End([&] {
+        if (!CBBLog::isDebugEnabled()) return;
+        CBBLog::debug(LibraryLogger(), "libkel: connection to %s closed: %s", peer_.c_str(), reason);
+    });
+}
+
+void Connection::Fail(const char* problem) {
+    End([&] { CBBLog::error(LibraryLogger(), "libkel: disconnecting %s: %s", peer_.c_str(), problem); });
+}
+
+template <typename Say>
+void Connection::End(Say&& say) {
     std::vector<Drain> undrained;
     {
         PMutexHold hold(lock_);
@@ -373,8 +445,7 @@ void Connection::Close(const char* reason) {
         socket_.cancel(ignored);
         stallTimer_.cancel();
     }
-    if (CBBLog::isDebugEnabled())
-        CBBLog::debug(LibraryLogger(), "libkel: connection to %s closed: %s", peer_.c_str(), reason);
+    Quietly(say);
     owner_.OnClosed(shared_from_this());
     LoseCalls();
     for (const Drain& drain : undrained) drain.closed();

@@ -34,7 +34,7 @@ enum class CallEnd {
     failed,    // an error answer: code and errorText
     lost,      // the connection closed before the answer came; the message is empty
 };
-using AnswerHandler = std::function<void(CallEnd, wire::Message&)>;
+using AnswerHandler = std::function<void(CallEnd, wire::Message&)>;  // throws nothing when the call is lost
 
 // What a connection needs of its endpoint; both members are called on worker threads, with no lock held.
 class ConnectionOwner {
@@ -59,11 +59,12 @@ public:
     enum class Sent { sent, queued, closed };
     enum class Bytes { answer, call };
     // Hands the bytes of one message to the system, or queues what it does not take. A peer that lets too many answers
-    // wait is disconnected; calls of this side do not count, since whoever makes them waits or queues himself.
+    // wait is disconnected; calls of this side do not count, since whoever makes them waits or queues himself. Without
+    // memory to queue them the connection ends.
     Sent Send(std::string_view bytes, Bytes what);
 
     // Calls `drained` on a worker thread once nothing is queued any more, or `closed` when the connection ends before
-    // that. False, and neither is called, when it has ended already.
+    // that. False, and neither is called, when it has ended already. The two throw nothing.
     bool WhenDrained(std::function<void()> drained, std::function<void()> closed);
 
     enum class Begun { begun, tooLarge, closed };
@@ -77,7 +78,8 @@ public:
     // Whether something is queued that the peer may still read.
     bool HasBacklog();
 
-    // Ends the connection; calls under way are lost. `reason` goes to the log at debug level.
+    // Ends the connection, for which no memory is needed; calls under way are lost. `reason` goes to the log at debug
+    // level.
     void Close(const char* reason);
 
     // Closes it if it has been used and nothing is under way in either direction; a call that comes later finds it
@@ -96,10 +98,19 @@ private:
     struct ReadHandler;
     enum class Frame { incomplete, complete, malformed };
 
+    // Runs `work`; an exception ends the connection.
+    template <typename Work>
+    void OrFail(Work&& work);
+    // Ends the connection because of `problem`, which goes to the log.
+    void Fail(const char* problem);
+    template <typename Say>
+    void End(Say&& say);
+
     void StartRead();
     void OnRead(const boost::system::error_code& error, size_t size);
     void MakeRoom();
     void ProcessInput();
+    void RunRequest(wire::Message& request);
     Frame LookForMessage();
     bool TakeMessage(wire::Message& message);
     void PassReadingTurn();
@@ -111,9 +122,12 @@ private:
     void CompleteCall(wire::Message& answer);
     void LoseCalls();
 
+    Sent WriteOrQueue(std::string_view bytes, Bytes what);
     void StartWriteWait() REQUIRES(lock_);
     void OnWritable(const boost::system::error_code& error);
     void ArmStallTimer() REQUIRES(lock_);
+    void OnStalled();
+    ssize_t WriteBacklog() REQUIRES(lock_);
     bool WriteSome(std::string_view& bytes) REQUIRES(lock_);
 
     ConnectionOwner& owner_;
