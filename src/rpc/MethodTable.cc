@@ -1,6 +1,7 @@
 #include "rpc/MethodTable.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace kel {
 
@@ -15,14 +16,13 @@ int Method::Invoke(int socket, const char* caller, const tagVARIANT& in, tagVARI
 }
 
 void MethodTable::Put(const MethodPtr& method) {
+    MethodPtr replaced;  // its delegate goes after the lock
     PWriteHold hold(lock_);
-    MethodPtr& entry = byName_[method->name];
-    if (entry) {
-        std::replace(inOrder_.begin(), inOrder_.end(), entry, method);
-    } else {
-        inOrder_.push_back(method);
-    }
-    entry = method;
+    inOrder_.reserve(inOrder_.size() + 1);  // so that nothing fails once the map has it
+    const auto [entry, isNew] = byName_.try_emplace(method->name, method);
+    if (isNew) return inOrder_.push_back(method);
+    replaced = std::exchange(entry->second, method);
+    std::replace(inOrder_.begin(), inOrder_.end(), replaced, method);
 }
 
 bool MethodTable::Remove(const std::string& name) {
