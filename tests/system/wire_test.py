@@ -1,5 +1,8 @@
 """The wire protocol and the eleven methods of the directory, driven by a client that shares no code with libkel."""
+import os
 import pathlib
+import re
+import resource
 import select
 import struct
 import sys
@@ -341,6 +344,54 @@ class WithFewDescriptors(SystemTest):
             client.close()
         with directory.client() as late:
             self.assertEqual(late.providers("Schedule"), ["Recorder"])
+
+
+@unittest.skipIf(os.environ.get("KEL_SANITIZERS"), "sanitizers reserve more addresses than a limit leaves")
+class WithLittleMemory(WithADirectory):
+    def process(self, what):
+        return pathlib.Path(f"/proc/{self.directory.current.process.pid}", what)
+
+    def sockets(self):
+        return sum(os.readlink(descriptor).startswith("socket:") for descriptor in self.process("fd").iterdir())
+
+    def limit_memory(self, size):
+        resource.prlimit(self.directory.current.process.pid, resource.RLIMIT_AS, (size, resource.RLIM_INFINITY))
+
+    def test_who_asked_when_it_ran_out_is_answered_or_disconnected_and_nothing_is_kept(self):
+        before = self.sockets()
+        crowd = [self.client(self.directory) for _ in range(8)]
+        for client in crowd:
+            self.assertIsNotNone(client.id_of("MainRegister"))
+        question = [client.request("GetSatelliteId", "a" * (15 << 20)) for client in crowd]
+        used = int(re.search(r"VmSize:\s+(\d+)", self.process("status").read_text())[1]) << 10
+        self.limit_memory(used + (40 << 20))
+
+        def ask(client, data):
+            try:
+                client.send_raw(data)
+            except ConnectionError:
+                pass  # it hears of that again
+        asking = [threading.Thread(target=ask, args=(client, data[:-1]))
+                  for client, (_, data) in zip(crowd, question)]
+        for thread in asking:
+            thread.start()
+        for thread in asking:
+            thread.join()
+        wait_until(lambda: "no memory" in self.directory.log(), "memory to run out")
+        self.limit_memory(resource.RLIM_INFINITY)
+
+        answered = 0
+        for client, (number, data) in zip(crowd, question):
+            ask(client, data[-1:])
+            try:
+                self.assertEqual(client.answer(number), (0x40002, None))
+                answered += 1
+            except (ConnectionError, EOFError):
+                pass
+            client.close()
+        self.assertLess(answered, len(crowd))
+        self.assertTrue(self.alive())
+        wait_until(lambda: self.sockets() <= before, "the connections to be gone")
 
 
 if __name__ == "__main__":
