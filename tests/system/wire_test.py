@@ -358,7 +358,8 @@ class WithLittleMemory(WithADirectory):
         resource.prlimit(self.directory.current.process.pid, resource.RLIMIT_AS, (size, resource.RLIM_INFINITY))
 
     def test_who_asked_when_it_ran_out_is_answered_or_disconnected_and_nothing_is_kept(self):
-        before = self.sockets()
+        self.assertIsNotNone(self.c.id_of("MainRegister"))
+        before = self.sockets()  # that of this client among them
         crowd = [self.client(self.directory) for _ in range(8)]
         for client in crowd:
             self.assertIsNotNone(client.id_of("MainRegister"))
