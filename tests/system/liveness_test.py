@@ -77,7 +77,7 @@ class ASatelliteThatHangs(WithADirectory):
         first = self.c.id_of("Sleeper")
         satellite.send_signal(signal.SIGSTOP)
         self.wait_until_gone("Sleeper")
-        self.assertEqual(self.directory.listeners(), [])
+        wait_until(lambda: not self.directory.listeners(), "its subscription to go")
         provider.tell("publish", "Alarm")
         satellite.send_signal(signal.SIGCONT)
         wait_until(lambda: self.c.id_of("Sleeper"), "the satellite to register again")

@@ -90,24 +90,16 @@ protected:
 
     void Init() { ASSERT_TRUE(directory_->init({"KelDirectory"})); }
 
-    // The result of "Register"; `satId` receives the id that was given.
-    int Register(const tagVARIANT& record, int* satId = nullptr) {
+    // The result of "Register".
+    int Register(const tagVARIANT& record) {
         ScopedVariant out;
-        const int rc = directory_->SatRegister(&record, &out, "127.0.0.1", "Tester");
-        if (rc == 0 && satId) *satId = VUtil::GetIntElement(out, 1);
-        return rc;
+        return directory_->SatRegister(&record, &out, "127.0.0.1", "Tester");
     }
 
     int IdOf(const char* name) {
         const ScopedVariant in = MakeString(name);
         ScopedVariant out;
         return directory_->SatGetId(&in, &out, "127.0.0.1", "Tester") == 0 ? out.lVal : -1;
-    }
-
-    std::list<CStdStr> Providers(const char* service) {
-        std::list<CStdStr> names;
-        EXPECT_EQ(directory_->GetServices(service, names), 0);
-        return names;
     }
 
     TempRoot root_;
