@@ -200,6 +200,7 @@ void KelSatellite::Impl::Disconnect() {
 }
 
 void KelSatellite::Impl::Drop(const LinkPtr& dropped) {
+    dropped->news.Stop();
     dropped->endpoint.Quiesce();
     dropped->endpoint.Close();
     {
@@ -298,8 +299,12 @@ int KelSatellite::Impl::TellAvailability(const tagVARIANT& in) {
     const CStdStr service = VUtil::GetStringElement(in, 0);
     const CStdStr provider = VUtil::GetStringElement(in, 1);
     const int status = VUtil::GetIntElement(in, 2);
-    PMutexHold hold(telling_);
-    satellite_.OnServiceAvailabilityChanged(service.c_str(), provider.c_str(), status);
+    if (const LinkPtr current = link()) {
+        const auto tell = [this, service, provider, status] {
+            satellite_.OnServiceAvailabilityChanged(service.c_str(), provider.c_str(), status);
+        };
+        current->news.Append(tell, sizeof tell + service.size() + provider.size());
+    }
     return KEL_OK;
 }
 

@@ -1,6 +1,7 @@
 // What is behind a KelSatellite: its standing at the directory, its methods, and the endpoint while it is connected.
 #pragma once
 
+#include "rpc/EventQueue.h"
 #include "rpc/KelSatellite.h"
 #include "rpc/MethodTable.h"
 #include "rpc/transport/AddressBook.h"
@@ -47,13 +48,15 @@ private:
             : self(name),
               endpoint(impl),
               addresses(endpoint.outbound(), directory, self),
-              oneWay(endpoint.outbound(), addresses) {}
+              oneWay(endpoint.outbound(), addresses),
+              news(endpoint, "OnServiceAvailabilityChanged of " + name) {}
 
         const CStdStr self;    // the caller's name that others see
         bool listens = false;  // has a port and may be registered; set before the link is shared
         kel::transport::Endpoint endpoint;
         kel::transport::AddressBook addresses;
         kel::transport::OneWayQueues oneWay;
+        kel::EventQueue news;  // of services, over whichever connection it comes
     };
     using LinkPtr = std::shared_ptr<Link>;
 
@@ -106,8 +109,6 @@ private:
     bool registering_ GUARDED_BY(standing_) = false;
     int satId_ GUARDED_BY(standing_) = 0;
     CStdStr serverId_ GUARDED_BY(standing_);
-
-    PMutex telling_;  // held while the author hears of a service: one event at a time, over whichever connection
 
     PMutex listening_;
     std::vector<CStdStr> subscriptions_ GUARDED_BY(listening_);  // kept over Disconnect, as the methods are

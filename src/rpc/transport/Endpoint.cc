@@ -3,6 +3,8 @@
 #include "rpc/KelSatellite.h"
 #include "rpc/wire/Codec.h"
 
+#include <boost/asio/post.hpp>
+
 #include <algorithm>
 #include <thread>
 
@@ -97,6 +99,10 @@ void Endpoint::OnCall(const ConnectionPtr& connection, wire::Message& call) {
     std::string refusal;
     wire::EncodeError(refusal, call.id, KEL_UNREACHABLE, "the satellite is leaving");
     connection->Send(refusal, Connection::Bytes::answer);
+}
+
+void Endpoint::Post(std::function<void()> task) {
+    boost::asio::post(pool_.io(), [this, task = std::move(task)] { RunCounted(task); });
 }
 
 void Endpoint::Repeat(std::chrono::milliseconds period, std::function<void()> task) {

@@ -39,7 +39,9 @@ public:
     Outbound& outbound() { return outbound_; }
     bool OnWorker() const { return pool_.OnWorker(); }
 
-    // Runs `task` on a worker thread, as a method is run, `period` after this call and after each of its ends. Once.
+    // Runs `task` on a worker thread, as a method is run; not when the endpoint is quiescing by then.
+    void Post(std::function<void()> task);
+    // Runs `task` likewise `period` after this call and after each of its ends. Once.
     void Repeat(std::chrono::milliseconds period, std::function<void()> task);
 
     // Stops accepting connections and running calls, and waits until those that run have ended and, for a few seconds,
