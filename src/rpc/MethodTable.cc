@@ -42,9 +42,12 @@ MethodPtr MethodTable::Find(const char* name) const {
     return found == byName_.end() ? nullptr : found->second;
 }
 
-std::vector<MethodPtr> MethodTable::All() const {
+Services MethodTable::All() const {
     PReadHold hold(lock_);
-    return inOrder_;
+    Services all;
+    all.reserve(inOrder_.size());
+    for (const MethodPtr& method : inOrder_) all.push_back({method->name, method->description});
+    return all;
 }
 
 }  // namespace kel

@@ -12,6 +12,13 @@
 
 namespace kel {
 
+// What others are told of a method.
+struct Service {
+    CStdStr name;
+    CStdStr description;
+};
+using Services = std::vector<Service>;
+
 // One published method. Shared: a call that runs keeps it, and so its delegate, when it is withdrawn meanwhile.
 class Method {
 public:
@@ -38,8 +45,8 @@ public:
     bool Remove(const std::string& name);
     // Null when there is none.
     MethodPtr Find(const char* name) const;
-    // In the order in which they were added.
-    std::vector<MethodPtr> All() const;
+    // In the order in which they were added. Keeps no method alive: its delegate goes when it is withdrawn.
+    Services All() const;
 
 private:
     mutable PReadWriteLock lock_;

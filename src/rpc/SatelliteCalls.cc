@@ -83,7 +83,7 @@ int KelSatellite::Impl::CallSatellite(Link& link, const std::string& satellite, 
                 value = std::move(outcome.message.value);
                 return outcome.message.code;
             case Outcome::End::failed:
-                if (outcome.message.code == KEL_UNREACHABLE) break;  // it is leaving
+                if (outcome.message.code == KEL_UNREACHABLE) break;  // it is leaving; nothing ran
                 throw KelException(outcome.message.errorText.c_str(), outcome.message.code);
             case Outcome::End::tooLarge:
                 return KEL_TOO_LARGE;

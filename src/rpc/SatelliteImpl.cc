@@ -13,9 +13,7 @@
 #include <cstring>
 
 using namespace kel::transport;
-using kel::CodeOf;
 using kel::IsDirectoryName;
-using kel::MethodPtr;
 using kel::shortTimeout;
 namespace wire = kel::wire;
 
@@ -120,7 +118,7 @@ int KelSatellite::Impl::ConnectAs(const Address& directory) {
         if (code == KEL_OK) {
             satellite_.CreateServices();
             made->endpoint.Accept();
-            code = RegisterServices(*made, methods_.All());
+            code = Register();
         }
         if (code != KEL_OK) {
             Drop(made);
@@ -188,25 +186,25 @@ void KelSatellite::Impl::Disconnect() {
         CBBLog::error(LibraryLogger(), "libkel: Disconnect called from inside a method of %s; ignored", name_.c_str());
         return;
     }
-    bool leave;
-    {
-        PMutexHold hold(standing_);
-        leaving_ = true;
-        while (checking_) standing_.wait();
-        leave = registered_ && !IsDirectoryName(name_);
+    const bool wasRegistered = EndStanding();
+    if (wasRegistered && !IsDirectoryName(name_)) {
+        CallDirectory(*current, "RemoveSatellite", Record(*current, {}), shortTimeout);
     }
-    if (leave) CallDirectory(*current, "RemoveSatellite", Record(*current, {}), shortTimeout);
     Drop(current);
 }
 
 void KelSatellite::Impl::Drop(const LinkPtr& dropped) {
+    EndStanding();
     dropped->news.Stop();
+    dropped->standings.Stop();
     dropped->endpoint.Quiesce();
     dropped->endpoint.Close();
     {
         PMutexHold hold(standing_);
-        registered_ = reportedGone_ = directoryMissing_ = leaving_ = false;
+        leaving_ = reportedGone_ = directoryMissing_ = settlingFailed_ = false;
         satId_ = 0;
+        due_ = {};
+        knownOver_.reset();
     }
     PMutexHold hold(lock_);
     link_.reset();
@@ -221,20 +219,17 @@ int KelSatellite::Impl::AddService(const char* name, const char* description, Ke
     const auto method = std::make_shared<const kel::Method>(name, description, std::move(owned));
     methods_.Put(method);
     const LinkPtr current = link();
-    int satId;
-    bool isNewRecord = false;
-    if (!current || GetSatelliteId(&satId) != KEL_OK) return KEL_OK;
-    const int code = RegisterServices(*current, {method}, &isNewRecord);
-    return isNewRecord ? RegisterServices(*current, methods_.All()) : code;  // the directory had forgotten the others
+    return current ? TellOfService(*current, method->name) : KEL_OK;
 }
 
 int KelSatellite::Impl::RemoveService(const char* name) {
-    const MethodPtr method = name ? methods_.Find(name) : nullptr;
-    if (!method || !methods_.Remove(name)) return KEL_UNKNOWN_METHOD;
-    int satId;
+    if (!name) return KEL_UNKNOWN_METHOD;
+    if (!methods_.Remove(name)) {
+        PMutexHold hold(standing_);
+        if (due_.services.count(name) == 0) return KEL_UNKNOWN_METHOD;  // else the directory has yet to hear of it
+    }
     const LinkPtr current = link();
-    if (!current || GetSatelliteId(&satId) != KEL_OK) return KEL_OK;
-    return CodeOf(CallDirectory(*current, "UnRegister", Record(*current, {method}), callTimeout));
+    return current ? TellOfService(*current, name) : KEL_OK;
 }
 
 void KelSatellite::Impl::OnCall(const ConnectionPtr& connection, wire::Message& call) {
@@ -315,26 +310,26 @@ ScopedVariant KelSatellite::Impl::AnswerPing(const tagVARIANT& in) {
     return MakeInt(ssicmp(name.c_str(), name_.c_str()) == 0 && IsOwnId(satId) ? 1 : 0);
 }
 
-// The directory may ask for the id that it has just given before its answer with the id has been read here, so while a
-// registration is under way the question waits a little. The directory's own registration is not waited for: it asks
+// The directory may ask for the id that it has just given before its answer with the id has been read here, so while it
+// is being told something the question waits a little. The directory's own registration is not waited for: it asks
 // itself from inside it whether the record that an earlier run left behind is alive.
 bool KelSatellite::Impl::IsOwnId(int satId) {
     const timespec deadline = DeadlineIn(registrationGraceMs);
     PMutexHold hold(standing_);
-    while (registering_ && satId != satId_ && !IsDirectoryName(name_) && standing_.waitUntil(deadline)) {
+    while (turnTaken_ && satId != satId_ && !IsDirectoryName(name_) && standing_.waitUntil(deadline)) {
     }
     return satId == satId_;
 }
 
 ScopedVariant KelSatellite::Impl::AnswerDescribe() const {
-    const std::vector<MethodPtr> methods = methods_.All();
+    const kel::Services methods = methods_.All();
     ScopedVariant list;
     VUtil::CreateArray(list, VT_VARIANT, methods.size());
     for (size_t i = 0; i < methods.size(); ++i) {
         ScopedVariant pair;
         VUtil::CreateArray(pair, VT_VARIANT, 2);
-        VUtil::PutElement(pair, 0, methods[i]->name);
-        VUtil::PutElement(pair, 1, methods[i]->description);
+        VUtil::PutElement(pair, 0, methods[i].name);
+        VUtil::PutElement(pair, 1, methods[i].description);
         VUtil::PutElement(list, static_cast<int>(i), static_cast<const tagVARIANT&>(pair));
     }
     return list;

@@ -10,6 +10,7 @@
 
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -49,7 +50,8 @@ private:
               endpoint(impl),
               addresses(endpoint.outbound(), directory, self),
               oneWay(endpoint.outbound(), addresses),
-              news(endpoint, "OnServiceAvailabilityChanged of " + name) {}
+              news(endpoint, "OnServiceAvailabilityChanged of " + name),
+              standings(endpoint, "OnStatusChange of " + name) {}
 
         const CStdStr self;    // the caller's name that others see
         bool listens = false;  // has a port and may be registered; set before the link is shared
@@ -57,6 +59,7 @@ private:
         kel::transport::AddressBook addresses;
         kel::transport::OneWayQueues oneWay;
         kel::EventQueue news;  // of services, over whichever connection it comes
+        kel::EventQueue standings;
     };
     using LinkPtr = std::shared_ptr<Link>;
 
@@ -74,18 +77,35 @@ private:
     bool IsDirectoryAt(Link& link, const kel::transport::Address& address, std::chrono::milliseconds timeout);
     void Drop(const LinkPtr& link);
 
+    // SatelliteStanding.cc opens with how the directory is told.
+    using Names = std::set<CStdStr>;
+    struct Due {
+        Names services;
+        Names subscriptions;
+    };
+    class Turn;
+    class Taken;
+
     kel::transport::Outcome CallDirectory(Link& link, const char* method, const tagVARIANT& in,
                                           std::chrono::milliseconds timeout);
-    ScopedVariant Record(Link& link, const std::vector<kel::MethodPtr>& services);
-    int RegisterServices(Link& link, const std::vector<kel::MethodPtr>& services, bool* isNewRecord = nullptr);
+    ScopedVariant Record(Link& link, const kel::Services& services);
+    int RegisterThese(Link& link, const kel::Services& services, bool& isNew);
+    int RegisterAll(Link& link);
+    void BeginStanding(Link& link, int satId, const CStdStr& serverId, const kel::Services& told,
+                       const kel::transport::Outcome& outcome);
+    bool EndStanding();
+    int TellOfService(Link& link, const CStdStr& name);
+    int Settle(Link& link, Names Due::*what, const CStdStr* only = nullptr);
+    int TellServices(Link& link, const Names& names);
+    int TellSubscriptions(Link& link, const Names& names);
+    void SettleAll(Link& link);
     void CheckStanding();
-    void CheckStandingAt(Link& link);
-    void Report(int satId, KELSTATUS status);
-    bool AskWhetherKnown(Link& link, int satId);
-    bool Remember(const CStdStr& service);
-    bool Forget(const CStdStr& service);
-    void SubscriptionsAreDue();
-    void RenewSubscriptions(Link& link);
+    void Heed(Link& link, int satId, const kel::transport::Outcome& answer);
+    bool IsAnswered(Link& link, const kel::transport::Outcome& answer);
+    bool ReportGone(Link& link);
+    void Report(Link& link, int satId, KELSTATUS status);
+    bool IsRegistered();
+    void SubscriptionsAreDue() REQUIRES(standing_);
 
     int CallSatellite(Link& link, const std::string& satellite, const char* method, const tagVARIANT& in,
                       ScopedVariant& value, std::string& problem);
@@ -100,20 +120,19 @@ private:
     PMutex lock_;
     LinkPtr link_ GUARDED_BY(lock_);
 
-    PCondMutex standing_;  // broadcast when `registering_` or `checking_` end
-    bool registered_ GUARDED_BY(standing_) = false;
-    bool reportedGone_ GUARDED_BY(standing_) = false;
-    bool directoryMissing_ GUARDED_BY(standing_) = false;
-    bool leaving_ GUARDED_BY(standing_) = false;
-    bool checking_ GUARDED_BY(standing_) = false;
-    bool registering_ GUARDED_BY(standing_) = false;
+    PCondMutex standing_;  // broadcast when the turn is free again and when `satId_` changes
+    bool turnTaken_ GUARDED_BY(standing_) = false;
+    bool registered_ GUARDED_BY(standing_) = false;  // changed only by who has the turn, like the two after it
     int satId_ GUARDED_BY(standing_) = 0;
     CStdStr serverId_ GUARDED_BY(standing_);
-
-    PMutex listening_;
-    std::vector<CStdStr> subscriptions_ GUARDED_BY(listening_);  // kept over Disconnect, as the methods are
-    bool subscriptionsDue_ GUARDED_BY(listening_) = false;       // the directory may not have them
-    bool subscriptionsFailed_ GUARDED_BY(listening_) = false;    // when it was told last
+    bool leaving_ GUARDED_BY(standing_) = false;  // nothing registers it any more
+    bool reportedGone_ GUARDED_BY(standing_) = false;
+    bool directoryMissing_ GUARDED_BY(standing_) = false;
+    std::vector<CStdStr> subscriptions_ GUARDED_BY(standing_);  // kept over Disconnect, as the methods are
+    Due due_ GUARDED_BY(standing_);
+    bool settlingFailed_ GUARDED_BY(standing_) = false;  // when the directory was told last
+    // Where the directory said last that it knows this satellite.
+    std::weak_ptr<kel::transport::Connection> knownOver_ GUARDED_BY(standing_);
 };
 
 namespace kel {

@@ -299,6 +299,7 @@ Outcome Outbound::Call(const Address& to, std::string_view method, std::string_v
     for (;;) {
         const ConnectionPtr connection = Connect(to, deadline, outcome);
         if (!connection) return outcome;
+        outcome.over = connection;
         const auto awaited = std::make_shared<Awaited<Answer>>();
         uint32_t id = 0;
         const auto begun = connection->Call(

@@ -7,6 +7,7 @@
 #include "rpc/transport/WorkerPool.h"
 
 #include <functional>
+#include <memory>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -28,9 +29,10 @@ struct Outcome {
     };
     End end = End::unreachable;
     wire::Message message;
-    std::string problem;    // for people: what went wrong, empty when answered
-    bool reused = false;    // the connection was there before the call
-    bool shortage = false;  // unreachable because this process has no descriptor or memory for a connection
+    std::string problem;             // for people: what went wrong, empty when answered
+    std::weak_ptr<Connection> over;  // the connection that was used last
+    bool reused = false;             // it was there before the call
+    bool shortage = false;           // unreachable because this process has no descriptor or memory for a connection
 };
 
 // Any thread. Handlers throw nothing; they run on worker threads with no lock held, or in the calling thread when

@@ -22,6 +22,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <thread>
 
 namespace {
@@ -58,20 +59,39 @@ public:
     void CreateServices() override {
         Publish(*this, "Register", [this](const char*, const tagVARIANT& in, tagVARIANT* out) {
             const std::lock_guard<std::mutex> hold(mutex);
+            ++registrations;
             Entry& entry = known[VUtil::GetStringElement(in, 0)];
-            if (entry.id == 0 || entry.id != VUtil::GetIntElement(in, 4)) entry.id = ++lastId;
+            if (entry.id == 0 || entry.id != VUtil::GetIntElement(in, 4)) entry = {++lastId, 0, {}};
             entry.port = VUtil::GetUnsignedShortElement(in, 2);
-            entry.services += VUtil::GetIntElement(in, 5);
+            for (const std::string& service : Services(in)) entry.services.insert(service);
             VUtil::CreateArray(*out, VT_VARIANT, 2);
             VUtil::PutElement(*out, 0, "0123456789abcdef");
             VUtil::PutElement(*out, 1, entry.id);
             return 0;
         });
+        Publish(*this, "UnRegister", [this](const char*, const tagVARIANT& in, tagVARIANT*) {
+            const std::lock_guard<std::mutex> hold(mutex);
+            for (const std::string& service : Services(in))
+                known[VUtil::GetStringElement(in, 0)].services.erase(service);
+            return 0;
+        });
+        for (const bool adds : {true, false}) {
+            const char* const method = adds ? "AddServiceAvailabilityListener" : "RemoveServiceAvailabilityListener";
+            Publish(*this, method, [this, adds](const char*, const tagVARIANT& in, tagVARIANT*) {
+                const std::lock_guard<std::mutex> hold(mutex);
+                for (int i = 0; i < VUtil::GetArrayLength(in); ++i) {
+                    listening.erase(VUtil::GetStringElement(in, i));
+                    if (adds) listening.insert(VUtil::GetStringElement(in, i));
+                }
+                return 0;
+            });
+        }
         Publish(*this, "RemoveSatellite", [this](const char*, const tagVARIANT& in, tagVARIANT*) {
             Forget(VUtil::GetStringElement(in, 0));
             return 0;
         });
         Publish(*this, "GetSatelliteId", [this](const char*, const tagVARIANT& in, tagVARIANT* out) {
+            if (beforeId) beforeId(in.bstrVal);
             const int id = IdOf(in.bstrVal);
             *out = MakeInt(id).release();
             return id ? 0 : 0x40002;
@@ -98,15 +118,36 @@ public:
         return known.count(name) ? known[name].id : 0;
     }
 
+    static std::set<std::string> Services(const tagVARIANT& record) {
+        std::set<std::string> services;
+        ScopedVariant list;
+        VUtil::GetElement(record, 6, list);
+        for (int i = 0; i < VUtil::GetIntElement(record, 5); ++i) {
+            ScopedVariant service;
+            VUtil::GetElement(list, i, service);
+            services.insert(VUtil::GetStringElement(service, 0));
+        }
+        return services;
+    }
+
     struct Entry {
         int id = 0;
         unsigned short port = 0;
-        int services = 0;
+        std::set<std::string> services;
     };
     std::mutex mutex;
     std::map<std::string, Entry> known;
+    std::set<std::string> listening;
+    std::function<void(const std::string&)> beforeId;
+    int registrations = 0;
     int lastId = 0;
     std::atomic<int> lookups{0};
+};
+
+struct Throwing : KelSatellite {
+    ~Throwing() override { Disconnect(); }
+    void OnStatusChange(int, KELSTATUS) override { throw ++changes; }
+    std::atomic<int> changes{0};
 };
 
 class ASatellite : public testing::Test {
@@ -223,9 +264,12 @@ TEST_F(ASatellite, LetsRunningMethodsFinishBeforeItsEndpointGoes) {
     std::promise<void> entered, mayLeave;
     std::atomic<bool> left{false};
     auto recorder = std::make_unique<KelSatellite>();
+    KelSatellite* const leaving = recorder.get();
+    Publish(*recorder, "Quick", [](const char*, const tagVARIANT&, tagVARIANT*) { return 4; });
     Serve(*recorder, "Recorder", "Slow", [&](const char*, const tagVARIANT&, tagVARIANT*) {
         entered.set_value();
         mayLeave.get_future().wait();
+        EXPECT_EQ(leaving->AddService("Late", "", [](const char*, const tagVARIANT&, tagVARIANT*) { return 0; }), 0);
         left = true;
         return 3;
     });
@@ -233,19 +277,23 @@ TEST_F(ASatellite, LetsRunningMethodsFinishBeforeItsEndpointGoes) {
     entered.get_future().wait();
     auto ending = std::async(std::launch::async, [&] { recorder.reset(); });
     EXPECT_TRUE(Eventually([&] { return directory.IdOf("Recorder") == 0; }));
+    EXPECT_TRUE(Eventually([&] {
+        try {
+            return Call("Quick") == KEL_UNREACHABLE;
+        } catch (const KelException&) {
+            return false;
+        }
+    }));
     EXPECT_NE(ending.wait_for(std::chrono::milliseconds(50)), std::future_status::ready);
     mayLeave.set_value();
     ending.wait();
     EXPECT_TRUE(left);
     EXPECT_EQ(call.get(), 3) << "the answer still leaves";
+    EXPECT_EQ(directory.IdOf("Recorder"), 0) << "what the method published did not bring it back";
 }
 
 TEST_F(ASatellite, RegistersAgainWhenTheDirectoryForgotItThoughItsAuthorsCodeThrows) {
-    struct Throwing : KelSatellite {
-        ~Throwing() override { Disconnect(); }
-        void OnStatusChange(int, KELSTATUS) override { throw ++changes; }
-        std::atomic<int> changes{0};
-    } recorder;
+    Throwing recorder;
     ASSERT_EQ(recorder.Connect("127.0.0.1", "Recorder"), 0);
     const int before = directory.IdOf("Recorder");
     directory.Forget("Recorder");
@@ -253,13 +301,94 @@ TEST_F(ASatellite, RegistersAgainWhenTheDirectoryForgotItThoughItsAuthorsCodeThr
 }
 
 TEST_F(ASatellite, RegistersAllItsServicesWithOneThatComesWhenItsRecordIsGone) {
-    KelSatellite recorder;
+    Throwing recorder;
     const Handler answer = [](const char*, const tagVARIANT&, tagVARIANT*) { return 9; };
     Serve(recorder, "Recorder", "Early", answer);
     directory.Forget("Recorder");
     Publish(recorder, "Late", answer);
-    EXPECT_EQ(directory.known["Recorder"].services, 1 + 2);
+    EXPECT_EQ(directory.known["Recorder"].services, (std::set<std::string>{"Early", "Late"}));
     EXPECT_EQ(Call("Late"), 9);
+    EXPECT_TRUE(Eventually([&] { return recorder.changes == 2; })) << "gone and alive";
+}
+
+TEST_F(ASatellite, TellsTheDirectoryWhatItMissedOnceItIsBack) {
+    KelSatellite recorder;
+    const Handler answer = [](const char*, const tagVARIANT&, tagVARIANT*) { return 9; };
+    Serve(recorder, "Recorder", "Old", answer);
+    for (const char* service : {"Kept", "Dropped"}) ASSERT_EQ(recorder.AddServiceAvailabilityListener(service), 0);
+    directory.Disconnect();
+    directory.listening = {"Dropped"};  // its file may be older
+    EXPECT_EQ(recorder.AddService("New", "", new FunctionDelegate(answer)), KEL_UNREACHABLE);
+    EXPECT_EQ(recorder.RemoveService("Old"), KEL_UNREACHABLE);
+    EXPECT_EQ(recorder.RemoveServiceAvailabilityListener("Dropped"), KEL_UNREACHABLE);
+    EXPECT_EQ(recorder.AddServiceAvailabilityListener("Failed"), KEL_UNREACHABLE);
+    ASSERT_EQ(directory.Connect("127.0.0.1", "MainRegister"), 0);
+    // A call of another kind finds it first.
+    EXPECT_EQ(
+        recorder.Request("MainRegister", "GetSatelliteHost", MakeString("Nobody"), nullptr, KELFLAG_WAIT, nullptr),
+        0x4000a);
+    EXPECT_EQ(recorder.RemoveServiceAvailabilityListener("Dropped"), 0);
+    EXPECT_EQ(recorder.RemoveService("Old"), 0);
+    EXPECT_EQ(recorder.RemoveService("Old"), KEL_UNKNOWN_METHOD);
+    EXPECT_TRUE(Eventually([&] {
+        const std::lock_guard<std::mutex> hold(directory.mutex);
+        return directory.known["Recorder"].services == std::set<std::string>{"New"} &&
+               directory.listening == std::set<std::string>{"Kept"};
+    }));
+}
+
+TEST_F(ASatellite, StaysAwayWhenItLeavesWhileTheDirectoryIsAskedForIt) {
+    KelSatellite recorder;
+    std::promise<void> asked, mayAnswer;
+    directory.beforeId = [&](const std::string& name) {
+        if (name != "Recorder") return;
+        asked.set_value();
+        mayAnswer.get_future().wait();
+    };
+    ASSERT_EQ(recorder.Connect("127.0.0.1", "Recorder"), 0);
+    const int before = directory.registrations;
+    asked.get_future().wait();
+    EXPECT_EQ(recorder.UnregisterServices(true), 0);
+    mayAnswer.set_value();
+    recorder.Disconnect();
+    EXPECT_EQ(directory.registrations, before);
+}
+
+TEST_F(ASatellite, HearsOfServicesInTheOrderInWhichTheNewsCameOverSeveralConnections) {
+    struct Listening : KelSatellite {
+        ~Listening() override { Disconnect(); }
+        void OnServiceAvailabilityChanged(const char*, const char*, int status) override {
+            mayGoOn.wait();
+            heard += std::to_string(status);
+            throw ++count;
+        }
+        std::shared_future<void> mayGoOn;
+        std::string heard;
+        std::atomic<int> count{0};
+    } listener;
+    std::promise<void> mayGoOn;
+    listener.mayGoOn = mayGoOn.get_future();
+    std::atomic<int> ends{0};
+    Serve(listener, "Listener", "End", [&](const char*, const tagVARIANT&, tagVARIANT*) { return ++ends; });
+    KelSatellite other;
+    ASSERT_EQ(other.ConnectUser("127.0.0.1", "Other"), 0);
+    int status = 0;
+    for (KelSatellite* const teller : std::vector<KelSatellite*>{&directory, &other}) {
+        for (int last = status + 3; status < last; ++status) {
+            ScopedVariant in;
+            VUtil::CreateArray(in, VT_VARIANT, 3);
+            VUtil::PutElement(in, 0, "Play");
+            VUtil::PutElement(in, 1, "Recorder");
+            VUtil::PutElement(in, 2, status);
+            teller->Request("Listener", "OnServiceAvailabilityChanged", in, nullptr, KELFLAG_ONE_WAY, nullptr);
+        }
+        const int before = ends;
+        teller->Request("Listener", "End", ScopedVariant(), nullptr, KELFLAG_ONE_WAY, nullptr);
+        EXPECT_TRUE(Eventually([&] { return ends > before; })) << "the author holds up no connection";
+    }
+    mayGoOn.set_value();
+    EXPECT_TRUE(Eventually([&] { return listener.count == 6; }));
+    EXPECT_EQ(listener.heard, "012345");
 }
 
 TEST_F(ASatellite, DropsTheOldestOneWayCallsOfAPeerThatDoesNotRead) {
@@ -271,7 +400,7 @@ TEST_F(ASatellite, DropsTheOldestOneWayCallsOfAPeerThatDoesNotRead) {
     ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&address), size), 0);
     ASSERT_EQ(::listen(listener, 1), 0);
     ASSERT_EQ(::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &size), 0);
-    directory.known["Deaf"] = {77, ntohs(address.sin_port), 0};
+    directory.known["Deaf"] = {77, ntohs(address.sin_port), {}};
 
     constexpr int calls = 4000;
     const std::string payload(16 * 1024, 'x');  // 64 MiB in all: far more than the system buffers
