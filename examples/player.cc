@@ -50,8 +50,13 @@ int main(int argc, char** argv) {
     pthread_sigmask(SIG_BLOCK, &stop, nullptr);
 
     KelSatellite player;
-    if (const int code = player.ConnectUser(argc > 1 ? argv[1] : "127.0.0.1", "Player")) {
-        std::fprintf(stderr, "player: cannot reach the directory: %s\n", KelResultText(code).c_str());
+    try {
+        if (const int code = player.ConnectUser(argc > 1 ? argv[1] : "127.0.0.1", "Player")) {
+            std::fprintf(stderr, "player: cannot reach the directory: %s\n", KelResultText(code).c_str());
+            return 1;
+        }
+    } catch (const KelException& failure) {
+        std::fprintf(stderr, "player: %s\n", failure.GetMessage());
         return 1;
     }
     const timespec pause{3, 0};

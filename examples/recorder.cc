@@ -50,8 +50,13 @@ int main(int argc, char** argv) {
     pthread_sigmask(SIG_BLOCK, &stop, nullptr);
 
     Recorder recorder;
-    if (const int code = recorder.Connect(argc > 1 ? argv[1] : "127.0.0.1", "Recorder")) {
-        std::fprintf(stderr, "recorder: cannot register: %s\n", KelResultText(code).c_str());
+    try {
+        if (const int code = recorder.Connect(argc > 1 ? argv[1] : "127.0.0.1", "Recorder")) {
+            std::fprintf(stderr, "recorder: cannot register: %s\n", KelResultText(code).c_str());
+            return 1;
+        }
+    } catch (const KelException& failure) {
+        std::fprintf(stderr, "recorder: %s\n", failure.GetMessage());
         return 1;
     }
     std::printf("recorder: registered; publishes \"Schedule\" on port %d\n", recorder.getSatellitePort());

@@ -42,6 +42,12 @@ class TheExamples(SystemTest):
         self.directory.companion("recorder")
         wait_until(lambda: self.found() not in (None, sat_id), "the recorder that takes over")
 
+    def test_a_host_that_is_none_ends_either_with_the_reason(self):
+        for name in ["recorder", "player"]:
+            program = self.directory.companion(name, "localhost:five")
+            self.assertEqual(program.wait(), 1)
+            self.assertIn(f'{name}: Connect: "localhost:five" is not a host', program.output())
+
     def test_a_recorder_that_the_directory_has_lost_registers_itself_again(self):
         self.directory.companion("recorder")
         lost = wait_until(self.found, "the recorder")
