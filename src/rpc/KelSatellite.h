@@ -22,7 +22,8 @@
 // (up to 512).
 //
 // While connected, the satellite asks the directory every 10 seconds whether it is still known there, and registers
-// again, with its services and subscriptions, when it is not.
+// again, with its services and subscriptions, when it is not. What the directory could not be told of services and
+// subscriptions, since it was away for instance, it is told then.
 #pragma once
 
 #include "foundation/Export.h"
@@ -78,10 +79,13 @@ public:
     // most 6 when none is heard, 25 when those that are heard do not answer. Returns 0; KEL_ALREADY_REGISTERED when a
     // living satellite holds the name or a living directory the directory port; KEL_UNREACHABLE when no directory
     // answers; KEL_PORT_IN_USE; any other answer of the directory as it is. After a failure the object may try again.
+    // Throws KelInvalidParameterException when `host` has something else than a port behind its colon, or for a null or
+    // empty name; std::runtime_error when the system has no thread to give; what CreateServices throws.
     virtual int Connect(const char* host, const char* name);
 
     // Attaches to the directory on `host`, which may be "auto", as a caller only: no listening port, no registration;
-    // `user` is the caller's name that methods see. Returns 0 or KEL_UNREACHABLE.
+    // `user` is the caller's name that methods see. Returns 0 or KEL_UNREACHABLE, and throws as Connect does, but takes
+    // any name.
     virtual int ConnectUser(const char* host, const char* user);
 
     // Leaves the directory and closes the endpoint, as the destructor does. Connect may follow. Not to be called from
@@ -92,8 +96,9 @@ public:
     // null, receives its out-parameter; blocks for at most 30 seconds. With KELFLAG_ONE_WAY the call is queued and the
     // result is 0: calls reach each satellite in order, and of more than 1,024 that wait for one satellite the oldest
     // are dropped with a warning in the log. `extra`, when not null, receives a text that says what went wrong, or
-    // becomes empty. Returns KEL_UNREACHABLE, KEL_NO_ANSWER, KEL_NOT_CONNECTED, KEL_TOO_LARGE or the directory's answer
-    // for an unknown satellite (0x4000a). Throws KelException when the method threw or is not published.
+    // becomes empty. Returns KEL_UNREACHABLE, also from a satellite that is leaving, KEL_NO_ANSWER, KEL_NOT_CONNECTED,
+    // KEL_TOO_LARGE or the directory's answer for an unknown satellite (0x4000a). Throws KelException when the method
+    // threw or is not published.
     virtual int Request(const char* satellite, const char* method, const tagVARIANT& in, tagVARIANT* out,
                         KELFLAGS flags, tagVARIANT* extra);
 
@@ -117,32 +122,38 @@ public:
     // Subscribes this satellite to `service` (exact, case-sensitive): OnServiceAvailabilityChanged is called for each
     // satellite that publishes it already, and whenever one begins or ends to. It holds until it is taken back, over a
     // restart of the directory and, with the library's doing, when this satellite has to register again; calls for what
-    // is there already then come once more. May be called before Connect, in CreateServices for instance: the directory
-    // hears of it with the registration. Returns 0; KEL_NOT_CONNECTED after ConnectUser; else why the directory could
-    // not be told, and then nothing has changed. KelInvalidParameterException without a name.
+    // is there already then come once more. Takes a satellite that registers: with ConnectUser nothing is ever heard.
+    // May be called before Connect, in CreateServices for instance: the directory hears of it with the registration.
+    // Returns 0; KEL_NOT_CONNECTED after ConnectUser; else why the directory could not be told, and then nothing has
+    // changed. KelInvalidParameterException without a name.
     virtual int AddServiceAvailabilityListener(const char* service);
     // Ends that; calls under way may still come. Returns 0, also when there was no subscription, or why the directory
-    // could not be told.
+    // could not be told: it will be, and until then calls may come. May be called again to try at once.
     virtual int RemoveServiceAvailabilityListener(const char* service);
 
     // Called by Connect, once the port is open and before any call is accepted: publish the methods here.
     virtual void CreateServices();
 
-    // Registers this satellite with all of its services at the directory, again where it is known already.
+    // Registers this satellite with all of its services at the directory, again where it is known already. Returns 0,
+    // KEL_NOT_CONNECTED, also while Disconnect is leaving, the directory's answer, 0x40010 when a living satellite
+    // holds the name, or why it could not be told.
     virtual int RegisterServices();
 
-    // Withdraws all services from the directory; with `leave` true the satellite itself as well. The methods stay
-    // callable for those who know the address.
+    // Withdraws all services from the directory; with `leave` true the satellite itself as well, which then
+    // stays away until RegisterServices. The methods stay callable for those who know the address.
     virtual int UnregisterServices(bool leave);
 
     // Publishes `delegate` under `name` (exact, case-sensitive); a method of that name is replaced. While connected the
-    // directory is told at once. The library owns the delegate, whatever the result. Returns 0 or the directory's
-    // answer; KelInvalidParameterException for an empty name or a null delegate.
+    // directory is told at once. Returns 0, the directory's answer, or why it could not be told: the method can be
+    // called all the same, and the directory will be told. The library owns the delegate, whatever the result.
+    // KelInvalidParameterException for an empty name or a null delegate.
     virtual int AddService(const char* name, const char* description, KelSatelliteDelegateGeneric* delegate);
     virtual int AddService(const char* name, const char* description,
                            int (*function)(const char*, const tagVARIANT&, tagVARIANT*));
 
-    // Withdraws a method; calls of it that run already finish. Returns 0, KEL_UNKNOWN_METHOD or the directory's answer.
+    // Withdraws a method; calls of it that run already finish. Returns 0, KEL_UNKNOWN_METHOD, the directory's answer,
+    // or why it could not be told: the method is withdrawn, and the directory will be told. May be called again to try
+    // at once.
     virtual int RemoveService(const char* name);
 
     // The dispatch of one incoming call; override it to watch or filter. Runs the published method `method`, stores the
@@ -155,8 +166,9 @@ public:
     // at a time, in the order of the events; it may block, and then those that follow wait.
     virtual void OnServiceAvailabilityChanged(const char* service, const char* satellite, int status);
 
-    // This satellite's standing at the directory changed: KELSTATUS_GONE when the directory no longer knows `satId`,
-    // KELSTATUS_ALIVE when it was registered (again) as `satId`.
+    // This satellite's standing at the directory changed after it was registered: KELSTATUS_GONE when the directory no
+    // longer knows `satId`, KELSTATUS_ALIVE when it was registered again, as `satId`, by whichever call. Calls come in
+    // turn, one at a time.
     virtual void OnStatusChange(int satId, KELSTATUS status);
 
     // The name given to Connect, or empty. The pointer is valid until the next Connect.
