@@ -23,6 +23,16 @@ namespace {
 constexpr size_t kTimeBuffer = 1024;
 constexpr size_t kLineBuffer = 20480;
 
+constexpr LOGLEVEL kLevelMask = 0xff;
+
+// The level of a log at which a line of this level is written.
+constexpr LOGLEVEL levelNeeded(LOGLEVEL level) { return level < 0 ? level : level & kLevelMask; }
+
+const char* nameOf(LOGLEVEL level) {
+    if (level == LOGLEVEL_NOTE) return "NOTE";
+    return level >= LOGLEVEL_FATAL && level <= LOGLEVEL_DEBUG ? g_logStr[level] : "";
+}
+
 // In place of a level where there is no log: below any level, and not LOGLEVEL_UNREAD.
 constexpr LOGLEVEL kNoLogger = std::numeric_limits<LOGLEVEL>::min();
 
@@ -105,7 +115,9 @@ boost::shared_ptr<CBBLog> CBBLog::instance() {
     return s_instance.lock();
 }
 
-bool CBBLog::isEnabledAt(LOGLEVEL current, LOGLEVEL level) { return current == LOGLEVEL_UNREAD || current >= level; }
+bool CBBLog::isEnabledAt(LOGLEVEL current, LOGLEVEL level) {
+    return current == LOGLEVEL_UNREAD || current >= levelNeeded(level);
+}
 
 bool CBBLog::isEnabled(LOGLEVEL level) { return isEnabledAt(s_level.load(std::memory_order_relaxed), level); }
 
@@ -224,17 +236,16 @@ CStdStr CBBLog::getTimeString() {
 CStdStr CBBLog::buildLineHeader(LOGLEVEL level) const {
     char time[kTimeBuffer];
     formatTime(time);
-    const char* name = level >= LOGLEVEL_FATAL && level <= LOGLEVEL_DEBUG ? g_logStr[level] : "";
     CStdStr header;
-    if (showPid_) header.Format("%s [%-5.5s] %u - ", time, name, pid_);
-    else header.Format("%s [%-5.5s] - ", time, name);
+    if (showPid_) header.Format("%s [%-5.5s] %u - ", time, nameOf(level), pid_);
+    else header.Format("%s [%-5.5s] - ", time, nameOf(level));
     if (level == LOGLEVEL_FATAL) header.append(shortName_).append(" - ");
     return header;
 }
 
 bool CBBLog::isWritten(LOGLEVEL level) {
     if (level_ == LOGLEVEL_UNREAD) readLogLevel();
-    if (level_ < level) return false;
+    if (level_ < levelNeeded(level)) return false;
     if (!initialized_) initialize();
     return fileEnabled_ || errorsEnabled_;
 }
@@ -360,6 +371,16 @@ void CBBLog::AddRawLog(const char* text) try {
 void CBBLog::debugList(const char* fmt, va_list arguments) {
     if (!isEnabled(LOGLEVEL_DEBUG)) return;
     if (const boost::shared_ptr<CBBLog> logger = instance()) logger->_AddLog(fmt, arguments, LOGLEVEL_DEBUG);
+}
+
+void CBBLog::note(const char* fmt, ...) {
+    if (!isEnabled(LOGLEVEL_NOTE)) return;
+    const boost::shared_ptr<CBBLog> logger = instance();
+    if (!logger) return;
+    va_list arguments;
+    va_start(arguments, fmt);
+    logger->_AddLog(fmt, arguments, LOGLEVEL_NOTE);
+    va_end(arguments);
 }
 
 // The same four functions for each level.

@@ -45,6 +45,9 @@ constexpr LOGLEVEL LOGLEVEL_ERROR = 1;
 constexpr LOGLEVEL LOGLEVEL_WARN = 2;
 constexpr LOGLEVEL LOGLEVEL_INFO = 3;
 constexpr LOGLEVEL LOGLEVEL_DEBUG = 4;
+// Not a level of a log but of a line: news that an operator wants without having asked for more, such as a start or the
+// end of a satellite. Written where errors are, and shown as "NOTE".
+constexpr LOGLEVEL LOGLEVEL_NOTE = 0x100 | LOGLEVEL_ERROR;
 
 // The names of the levels from LOGLEVEL_FATAL to LOGLEVEL_DEBUG, as lines show them.
 extern KEL_API const char* const g_logStr[5];
@@ -94,6 +97,7 @@ public:
     // leaves the line out: ask the functions below before making a costly argument.
     static void fatal(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
     static void error(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+    static void note(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
     static void warn(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
     static void info(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
     static void debug(const char* fmt, ...) __attribute__((format(printf, 1, 2)));

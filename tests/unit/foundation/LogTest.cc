@@ -110,6 +110,18 @@ __attribute__((format(printf, 1, 2))) void debugThroughAList(const char* fmt, ..
     va_end(arguments);
 }
 
+TEST_F(ALog, WritesNewsWhereErrorsAreWritten) {
+    auto log = makeLog();
+    CBBLog::setLogger(log);
+    log->setLogLevel(LOGLEVEL_ERROR);
+    CBBLog::note("kept");
+    log->setLogLevel(LOGLEVEL_FATAL);
+    CBBLog::note("dropped");
+    log.reset();
+    EXPECT_NE(contentsOf(logPath()).find(" [NOTE ] - kept\n"), std::string::npos);
+    EXPECT_EQ(textsOf(logPath()), Texts{"kept"});
+}
+
 TEST_F(ALog, TellsArgumentsFromListsAndCutsTextsAt20479CharactersButNoFormattedObjects) {
     const std::string text(20480, 'x');
     auto log = makeLog();
