@@ -95,8 +95,8 @@ public:
     // was killed half-way, finds all of the old contents or all of the new ones, and the mode the file had. False, with
     // the reason in errno, when that failed (no access, disk full): the file is as it was. A file without write
     // permission for its owner is only replaced by who may write it all the same; a symbolic link is replaced itself;
-    // what is neither link nor regular file is refused. See FileTools.cc for how it is done and what it leaves behind
-    // when killed.
+    // what is neither link nor regular file is refused. See FileReplacement.cc for how it is done and what it leaves
+    // behind when killed. Nothing is synced: after a power cut the file may be the old one, or damaged.
     //
     // A file made here has the mode `newMode`, whatever the umask; without that parameter 0666 less the umask.
     bool writeBytes(const char* data, unsigned int length);
