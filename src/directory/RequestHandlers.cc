@@ -71,8 +71,7 @@ int WithServices(const tagVARIANT* in, tagVARIANT* out, const char* request, Act
             if (known.insert(service).second) services.push_back(service);
         }
         std::reverse(services.begin(), services.end());
-        act(services);
-        return 0;
+        return act(services);
     } catch (const KelException& failure) {
         CBBLog::error("%s failed: %s", request, failure.GetMessage());
         return KelDirectory::unreadableParameter;
@@ -313,16 +312,20 @@ int KelDirectory::SatSetBeRightBack(const tagVARIANT* in, tagVARIANT* out, const
 
 int KelDirectory::AddServiceListener(const tagVARIANT* in, tagVARIANT* out, const CStdStr& caller) {
     return WithServices(in, out, "AddServiceListener", [&](const std::vector<CStdStr>& services) {
-        if (!serviceAvailability_ || !serviceAvailability_->Add(services, caller)) return;
+        if (!serviceAvailability_) return KEL_OK;
+        const auto added = serviceAvailability_->Add(services, caller);
+        if (added == ServiceAvailability::Added::tooMany) return KEL_LIMIT_REACHED;
         for (const CStdStr& service : services) {
-            if (!serviceAvailability_->Notify(service, caller)) return;
+            if (added != ServiceAvailability::Added::all || !serviceAvailability_->Notify(service, caller)) break;
         }
+        return KEL_OK;
     });
 }
 
 int KelDirectory::RemoveServiceListener(const tagVARIANT* in, tagVARIANT* out, const CStdStr& caller) {
     return WithServices(in, out, "RemoveServiceListener", [&](const std::vector<CStdStr>& services) {
         if (serviceAvailability_) serviceAvailability_->Remove(services, caller);
+        return KEL_OK;
     });
 }
 

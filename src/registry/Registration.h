@@ -18,6 +18,8 @@
 #include "foundation/Locks.h"
 #include "foundation/StdString.h"
 #include "foundation/UpTime.h"
+#include "registry/DataFiles.h"
+#include "registry/GroupCommit.h"
 #include "registry/RunningChecks.h"
 #include "registry/SatelliteChannel.h"
 #include "registry/SatelliteInfo.h"
@@ -117,12 +119,13 @@ public:
     // is logged, and written when SaveIfFailed can. Otherwise the registration file names an id at least as high as any
     // handed out before the call when it returns.
     int SerializeSatellite(const CStdStr& name) EXCLUDES(lock_);
-    // Again for everything that the latest attempt failed for.
+    // Again for everything that the latest attempt failed for: files to be written and files to be deleted. One thread
+    // at a time.
     void SaveIfFailed() EXCLUDES(lock_, unstoredLock_);
 
-    // Takes over what the files say and deletes those that cannot be read back. Returns 0; noRegistrationFile when that
-    // file is missing, empty or without a last id, and then no other file is looked at; -1 when the folders are
-    // missing.
+    // Takes over what the files say and puts those that cannot be read back into the folder "Damaged". Returns 0;
+    // noRegistrationFile when that file is missing, empty or without a last id: then no satellite is loaded, and ids go
+    // on from the highest in their files; -1 when the folders are missing.
     int LoadAllSatFiles() EXCLUDES(lock_);
 
     // Deletes the satellite's file, the record stays. Returns 0 (also when there was no file), satIdMismatch or
@@ -177,16 +180,30 @@ private:
     static std::vector<CStdStr> ServicesOf(const KelSatelliteInfo& satellite);
 
     // SatelliteFiles.cc
-    static void CreateFolders();
-    CStdStr RegistrationText() const EXCLUDES(lock_);
-    bool WriteRegistrationFile(const CStdStr& folder) EXCLUDES(lock_);
-    bool WriteSatelliteFile(const CStdStr& folder, const CStdStr& name) EXCLUDES(lock_);
-    void Store(const CStdStr& folder, const CStdStr& name) EXCLUDES(lock_);
+    using Folder = kel::registry::Folder;
+    using FileChange = kel::registry::FileChange;
+    using Complaint = kel::registry::Complaint;
+    static constexpr const char* registrationFile = "Registration.xml";
+    void CreateFolders();
+    void NoticeDeletedFolder() EXCLUDES(lock_, unstoredLock_);
+    void SayUnusable(const std::exception& failure);
+    FileChange RegistrationChange() const EXCLUDES(lock_);
+    bool Store(const CStdStr& name) EXCLUDES(lock_, unstoredLock_);
+    bool WriteFiles(const FileChange* change) EXCLUDES(lock_);
     void NoteUnstored(const CStdStr& name) EXCLUDES(unstoredLock_);
-    int DeleteFileInTurn(const CStdStr& name, int satId) EXCLUDES(lock_);
-    void DeleteFormerFiles(const CStdStr& name, std::optional<int> satId, bool isStoredOrGone) EXCLUDES(lock_);
-    bool LoadRegistrationFile(const CStdStr& path) EXCLUDES(lock_);
-    void LoadSatellite(const CStdStr& fileName, const CStdStr& text, std::vector<CStdStr>& surplus) EXCLUDES(lock_);
+    void NoteUndeleted(const CStdStr& name) EXCLUDES(unstoredLock_);
+    int DeleteFileInTurn(const CStdStr& name, int satId) EXCLUDES(lock_, unstoredLock_);
+    void RemoveFile(const CStdStr& name) EXCLUDES(unstoredLock_);
+    void DeleteUnlessOwned(const CStdStr& name) EXCLUDES(lock_, unstoredLock_);
+    void DeleteFormerFiles(const CStdStr& name, std::optional<int> satId, bool isStoredOrGone)
+        EXCLUDES(lock_, unstoredLock_);
+
+    // SatelliteLoading.cc
+    static void RemoveLeftovers(const Folder& folder);
+    bool LoadRegistrationFile() EXCLUDES(lock_);
+    void BoundCounter(const Folder& folder, const std::vector<CStdStr>& fileNames) EXCLUDES(lock_);
+    void LoadSatellite(const Folder& folder, const CStdStr& fileName, const CStdStr& text) EXCLUDES(lock_);
+    void DeleteLoser(const Folder& folder, const CStdStr& fileName) EXCLUDES(unstoredLock_);
 
     const Clock upTime_;
 
@@ -203,11 +220,14 @@ private:
     PMutex unstartedLock_;
     SatellitePtr unstarted_ GUARDED_BY(unstartedLock_);  // its check was begun without a thread
 
-    SharedWrite registrationFile_;
+    std::optional<Folder> folder_;  // of the satellites, locked against other directories; SaveIfFailed's
+    kel::registry::GroupCommit commit_{kel::registry::SyncsFiles(), [this] { return RegistrationChange(); }};
     NameTurns turns_;
-    // Whether the latest write of a file of the kind failed, which is said once.
-    std::atomic<bool> registrationFails_{false};
-    std::atomic<bool> satelliteFails_{false};
+    std::atomic<bool> isFolderMissed_{false};
+    Complaint registrationFails_;
+    Complaint satelliteFails_;
+    Complaint deletionFails_;
     PMutex unstoredLock_;
     std::set<CStdStr, CaseInsensitiveLess> unstored_ GUARDED_BY(unstoredLock_);  // their files are not what they should
+    std::set<CStdStr> undeleted_ GUARDED_BY(unstoredLock_);  // files that should be gone, less ".xml"
 };

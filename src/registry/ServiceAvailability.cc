@@ -1,11 +1,12 @@
 #include "registry/ServiceAvailability.h"
 
-#include "foundation/FileTools.h"
 #include "foundation/Log.h"
 #include "registry/DataFiles.h"
 #include "registry/XmlTags.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <exception>
 
 using namespace kel::registry;
@@ -19,7 +20,7 @@ constexpr const char* entryTag = "serviceListener";
 constexpr const char* serviceTag = "service";
 constexpr const char* satelliteTag = "satellite";
 
-CStdStr ListPath() { return RegistrationFolder() + "/ServiceListeners.xml"; }
+constexpr const char* listFile = "ServiceListeners.xml";
 
 bool HasMark(const CStdStr& value, const char* tag) {
     const CStdStr name(tag);
@@ -61,13 +62,30 @@ ServiceAvailability::Turn::~Turn() {
     if (list_) list_->turns_.End(service_);
 }
 
-bool ServiceAvailability::Add(const std::vector<CStdStr>& services, const CStdStr& satellite) {
-    if (satellite.empty()) return false;
+ServiceAvailability::Added ServiceAvailability::Add(const std::vector<CStdStr>& services, const CStdStr& satellite) {
+    if (satellite.empty()) return Added::nobodyAsks;
+    if (!HaveRoom(services, satellite)) {
+        CBBLog::error("%.1024s may not listen for %zu services more: at most %zu for one satellite, %zu in all",
+                      satellite.c_str(), services.size(), maxServicesOfOne, maxEntries);
+        return Added::tooMany;
+    }
     for (const CStdStr& service : services) {
         if (!service.empty()) Append(service, satellite);
     }
     SaveList();
-    return true;
+    return Added::all;
+}
+
+bool ServiceAvailability::HaveRoom(const std::vector<CStdStr>& services, const CStdStr& satellite) {
+    if (services.size() > maxServicesOfOne) return false;
+    PMutexHold hold(listeners_);
+    const auto& entries = listeners_.value().get<byBoth>();
+    const size_t added =
+        static_cast<size_t>(std::count_if(services.begin(), services.end(), [&](const CStdStr& service) {
+            return entries.find(boost::make_tuple(service, satellite)) == entries.end();
+        }));
+    return listeners_.value().size() + added <= maxEntries &&
+           listeners_.value().get<bySatellite>().count(satellite) + added <= maxServicesOfOne;
 }
 
 void ServiceAvailability::Append(const CStdStr& service, const CStdStr& satellite) {
@@ -149,21 +167,35 @@ bool ServiceAvailability::TellNext(const CStdStr& service, const CStdStr& listen
 // --- The file ---
 
 void ServiceAvailability::SaveList() {
+    if (isLeft_ && Count() == 0) return;
+    isLeft_ = false;
     try {
-        const CStdStr path = ListPath();
-        file_.Run([&] { return WriteFile(path, Text(), fileFails_); });
-    } catch (const std::exception&) {
+        Replace();
+    } catch (const std::exception& failure) {
         CBBLog::error("CRegistration::SaveList data directory not found");
+        if (!isFolderMissed_.exchange(true)) CBBLog::error("The listeners are kept in memory only: %s", failure.what());
     }
 }
 
-void ServiceAvailability::SaveIfFailed() {
-    if (fileFails_) SaveList();
+void ServiceAvailability::Replace() {
+    RegistrationFolder();  // says what is wrong with it
+    fileFails_.Take(commit_.WriteAfterFirst(nullptr).first, "write", RegistrationFolder, listFile);
+    isFolderMissed_ = false;
 }
 
-bool ServiceAvailability::IsEmpty() {
+FileChange ServiceAvailability::FileText() { return {&RegistrationFolder, listFile, Text()}; }
+
+void ServiceAvailability::SaveIfFailed() {
+    if (!fileFails_.IsOpen() && !isFolderMissed_) return;
+    try {
+        Replace();
+    } catch (const std::exception&) {  // which was said when the folder was first missed
+    }
+}
+
+size_t ServiceAvailability::Count() {
     PMutexHold hold(listeners_);
-    return listeners_.value().empty();
+    return listeners_.value().size();
 }
 
 CStdStr ServiceAvailability::Text() {
@@ -185,19 +217,29 @@ CStdStr ServiceAvailability::Text() {
 
 int ServiceAvailability::LoadList() {
     try {
-        const CFileTools file(ListPath());
-        if (!file.exists()) return 0;
-        const CStdStr text = file.toString();
-        if (text.empty() && file.getFileSize() > 0) CBBLog::error("Could not read %s", ListPath().c_str());
+        const Folder folder = RegistrationFolder();
+        CStdStr text;
+        const int error = folder.Read(listFile, text);
+        if (error == ENOENT) return 0;
+        if (error != 0) CBBLog::error("Could not read %s: %s", folder.PathOf(listFile).c_str(), std::strerror(error));
         std::vector<CStdStr> entries;
-        if (getXMLTagValue(text, entryTag, entries) != 0) return brokenFile;
-        const int result = AddAll(entries);
-        if (!IsEmpty() && Text() != text) SaveList();
+        const bool isSplit = getXMLTagValue(text, entryTag, entries) == 0;
+        const int result = isSplit ? AddAll(entries) : brokenFile;
+        if (result != 0 || error != 0) SetAside(folder);
+        if (Count() > 0 && Text() != text) SaveList();
         return result;
     } catch (const std::exception&) {
         CBBLog::error("CRegistration::LoadList data directory not found");
         return 0;
     }
+}
+
+// Keeps the file that could not be read to its end.
+void ServiceAvailability::SetAside(const Folder& folder) {
+    isLeft_ = true;
+    const CStdStr kept = folder.KeepDamaged(listFile);
+    CBBLog::error("%s is damaged: %zu entries could be read%s%s", folder.PathOf(listFile).c_str(), Count(),
+                  kept.empty() ? "" : "; it is kept as ", kept.c_str());
 }
 
 int ServiceAvailability::AddAll(const std::vector<CStdStr>& entries) {

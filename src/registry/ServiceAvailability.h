@@ -13,6 +13,8 @@
 
 #include "foundation/Locks.h"
 #include "foundation/StdString.h"
+#include "registry/DataFiles.h"
+#include "registry/GroupCommit.h"
 #include "registry/SatelliteChannel.h"
 #include "registry/Turns.h"
 
@@ -38,13 +40,17 @@ class ServiceAvailability {
 public:
     static constexpr int brokenFile = 11;  // of LoadList
 
+    static constexpr size_t maxServicesOfOne = 10'000;  // that a satellite may listen for, and name in one call
+    static constexpr size_t maxEntries = 200'000;       // of all satellites together
+
     // An empty list. Both outlive the object.
     ServiceAvailability(SatelliteChannel* sink, ServiceProviders* directory) : sink_(sink), directory_(directory) {}
     ServiceAvailability(const ServiceAvailability&) = delete;
     ServiceAvailability& operator=(const ServiceAvailability&) = delete;
 
     // Adds what the file lists, up to the first broken entry, and writes the file again if there was something to add
-    // and it then says something else. Returns 0, also when there is no file, or brokenFile.
+    // and it then says something else. Returns 0, also when there is no file, or brokenFile: then what was there is
+    // kept beside the file, which stays as it is as long as the list is empty.
     int LoadList();
     // Replaces the file. A failure is logged.
     void SaveList();
@@ -53,9 +59,13 @@ public:
     void SaveIfFailed();
 
     // `satellite` wants to hear of the services; if it did so before it is now the last in order. Saves the list once.
-    // Names of services that are empty are left out. False, and nothing happens, for an empty satellite.
-    bool Add(const std::vector<CStdStr>& services, const CStdStr& satellite);
-    bool Add(const CStdStr& service, const CStdStr& satellite) { return Add(std::vector<CStdStr>{service}, satellite); }
+    // Names of services that are empty are left out. Nothing happens for an empty satellite, and when there would be
+    // more than is allowed.
+    enum class Added { all, nobodyAsks, tooMany };
+    Added Add(const std::vector<CStdStr>& services, const CStdStr& satellite);
+    Added Add(const CStdStr& service, const CStdStr& satellite) {
+        return Add(std::vector<CStdStr>{service}, satellite);
+    }
     // No longer. Saves the list, also when there was no such entry.
     void Remove(const std::vector<CStdStr>& services, const CStdStr& satellite);
     void Remove(const CStdStr& service, const CStdStr& satellite) { Remove(std::vector<CStdStr>{service}, satellite); }
@@ -101,9 +111,13 @@ private:
 
     int AddAll(const std::vector<CStdStr>& entries);
     bool TellNext(const CStdStr& service, const CStdStr& listener, CStdStr& last);
+    bool HaveRoom(const std::vector<CStdStr>& services, const CStdStr& satellite);
     void Append(const CStdStr& service, const CStdStr& satellite);
-    bool IsEmpty();
+    size_t Count();
+    void SetAside(const kel::registry::Folder& folder);
     CStdStr Text();
+    kel::registry::FileChange FileText();
+    void Replace();
 
     SatelliteChannel* const sink_;
     ServiceProviders* const directory_;
@@ -111,6 +125,8 @@ private:
     PLocker<Listeners> listeners_;
     NameTurns turns_;
 
-    SharedWrite file_;
-    std::atomic<bool> fileFails_{false};  // the latest write, which is said once
+    kel::registry::GroupCommit commit_{kel::registry::SyncsFiles(), [this] { return FileText(); }};
+    kel::registry::Complaint fileFails_;
+    std::atomic<bool> isFolderMissed_{false};
+    std::atomic<bool> isLeft_{false};  // the file says what could not be read, and nothing has been added since
 };

@@ -24,20 +24,3 @@ void NameTurns::End(const CStdStr& name) {
     waiting.pop_front();
     next.set();
 }
-
-bool SharedWrite::BeginUnlessServed() {
-    PMutexHold hold(lock_);
-    const uint64_t begunBefore = begun_;
-    while (running_ && succeeded_ <= begunBefore) lock_.wait();
-    if (succeeded_ > begunBefore) return false;
-    running_ = true;
-    ++begun_;
-    return true;
-}
-
-void SharedWrite::End(bool succeeded) {
-    PMutexHold hold(lock_);
-    running_ = false;
-    if (succeeded) succeeded_ = begun_;
-    lock_.broadcast();
-}

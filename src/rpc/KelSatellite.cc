@@ -54,6 +54,8 @@ CStdStr KelResultText(int code) {
             return "the parameters are too large or of a type that cannot travel";
         case KEL_NO_RESOURCES:
             return "this process has no descriptor or memory left for a connection";
+        case KEL_LIMIT_REACHED:
+            return "the directory keeps no more of that kind for one satellite";
         case 0x40001:
             return "the directory cannot read the parameters";
         case 0x40002:

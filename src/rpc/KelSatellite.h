@@ -60,6 +60,7 @@ constexpr int KEL_NO_ANSWER = 0x20006;           // the satellite did not answer
 constexpr int KEL_NOT_CONNECTED = 0x20007;       // this satellite is not connected to a directory
 constexpr int KEL_TOO_LARGE = 0x20008;           // the parameters do not fit a message (16 MiB, 32 deep)
 constexpr int KEL_NO_RESOURCES = 0x20009;        // this process has no descriptor or memory left to ask with
+constexpr int KEL_LIMIT_REACHED = 0x2000a;        // the directory keeps no more of that kind for one satellite
 
 // A sentence for a result of the library or of the directory; "result 0x..." for any other.
 KEL_API CStdStr KelResultText(int code);

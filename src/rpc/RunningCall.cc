@@ -1,6 +1,7 @@
 #include "rpc/RunningCall.h"
 
 #include "rpc/transport/Connection.h"
+#include "rpc/transport/WorkerPool.h"
 
 #include <utility>
 
@@ -18,5 +19,7 @@ std::optional<in_addr> RunningCall::PeerOn(int socket) {
     if (!current || current->descriptor() != socket || current->closed()) return std::nullopt;
     return current->peerAddress();
 }
+
+void RunningCall::AboutToBlock() { transport::WorkerPool::ThisThreadBlocks(); }
 
 }  // namespace kel

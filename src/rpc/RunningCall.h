@@ -23,6 +23,10 @@ public:
     // connection is still there; what getpeername says then, without asking the system for every call.
     static std::optional<in_addr> PeerOn(int socket);
 
+    // Says that this thread is about to wait, for a disk for instance. If it runs a method, another one goes on with
+    // the library's work at once, instead of when it is found to be held up.
+    static void AboutToBlock();
+
 private:
     const transport::Connection* const outer_;
 };

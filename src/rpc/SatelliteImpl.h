@@ -105,6 +105,7 @@ private:
     bool ReportGone(Link& link);
     void Report(Link& link, int satId, KELSTATUS status);
     bool IsRegistered();
+    void AllIsDue() REQUIRES(standing_);
     void SubscriptionsAreDue() REQUIRES(standing_);
 
     int CallSatellite(Link& link, const std::string& satellite, const char* method, const tagVARIANT& in,

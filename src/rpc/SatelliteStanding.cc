@@ -282,7 +282,7 @@ int KelSatellite::Impl::Settle(Link& link, Names Due::*what, const CStdStr* only
     Taken taken(*this, what, only);
     if (taken.names.empty()) return KEL_OK;
     const int code = what == &Due::services ? TellServices(link, taken.names) : TellSubscriptions(link, taken.names);
-    if (code == KEL_OK || code == KEL_TOO_LARGE) taken.names.clear();
+    if (code == KEL_OK || code == KEL_TOO_LARGE || code == KEL_LIMIT_REACHED) taken.names.clear();
     return code;
 }
 
@@ -333,6 +333,11 @@ void KelSatellite::Impl::SettleAll(Link& link) {
                  link.self.c_str(), KelResultText(code).c_str(), "trying on");
 }
 
+void KelSatellite::Impl::AllIsDue() {
+    for (const kel::Service& service : methods_.All()) due_.services.insert(service.name);
+    SubscriptionsAreDue();
+}
+
 void KelSatellite::Impl::SubscriptionsAreDue() {
     due_.subscriptions.insert(subscriptions_.begin(), subscriptions_.end());
 }
@@ -377,9 +382,9 @@ void KelSatellite::Impl::Heed(Link& link, int satId, const Outcome& answer) {
     {
         PMutexHold hold(standing_);
         if (!registered_ || leaving_ || satId != satId_) return;  // it has left or registered anew meanwhile
-        // Over another connection it may be another run of the directory, whose list of listeners is as old as its
-        // file.
-        if (known && !IsSame(knownOver_, answer.over)) SubscriptionsAreDue();
+        // Over another connection it may be another run of the directory, which knows what its files say, and they may
+        // be old or have been damaged.
+        if (known && !IsSame(knownOver_, answer.over)) AllIsDue();
         if (known) knownOver_ = answer.over;
         known = known && !reportedGone_;
     }

@@ -59,7 +59,7 @@ struct WorkerPool::Worker {
 };
 
 namespace {
-thread_local const WorkerPool* currentPool = nullptr;
+thread_local WorkerPool* currentPool = nullptr;
 thread_local void* currentWorker = nullptr;
 }  // namespace
 
@@ -188,6 +188,10 @@ void WorkerPool::Rejoin(Worker& worker) {
 
 void WorkerPool::AboutToBlock() {
     if (currentPool == this) GiveUp(*static_cast<Worker*>(currentWorker));
+}
+
+void WorkerPool::ThisThreadBlocks() {
+    if (currentPool) currentPool->AboutToBlock();
 }
 
 WorkerPool::DelegateScope::DelegateScope(WorkerPool& pool)

@@ -71,6 +71,8 @@ public:
     // Says that the calling thread is about to wait for something that the pool's other threads must bring about, so
     // that no time is lost until the monitor finds out. Ends with the enclosing DelegateScope.
     void AboutToBlock();
+    // The same for whoever does not know of which pool the thread is, if it is of one.
+    static void ThisThreadBlocks();
 
 private:
     unsigned int WorkerMain(void* worker);

@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <atomic>
 #include <filesystem>
 #include <fstream>
@@ -54,20 +56,27 @@ protected:
 
     std::string PathOf(const std::string& name) const { return folder_ + "/" + name + ".xml"; }
 
-    // The names of everything in the folder but the folder of the registration file.
-    std::set<std::string> Files() const {
+    static std::set<std::string> NamesIn(const std::string& folder) {
         std::set<std::string> names;
-        for (const auto& entry : fs::directory_iterator(folder_)) names.insert(entry.path().filename());
+        for (const auto& entry : fs::directory_iterator(folder)) names.insert(entry.path().filename());
+        return names;
+    }
+
+    // The names of everything in the folder but its two folders.
+    std::set<std::string> Files() const {
+        std::set<std::string> names = NamesIn(folder_);
         names.erase("Registration");
+        names.erase("Damaged");
         return names;
     }
 
     static void Write(const std::string& path, const std::string& text) { std::ofstream(path) << text; }
 
-    std::string Registration() const {
-        std::ifstream file(registrationPath_);
+    static std::string TextOf(const std::string& path) {
+        std::ifstream file(path);
         return {std::istreambuf_iterator<char>(file), {}};
     }
+    std::string Registration() const { return TextOf(registrationPath_); }
 
     int LastIdOnDisk() const { return std::stoi(Registration().substr(Registration().find("<lastSatId>") + 11)); }
 
@@ -78,7 +87,7 @@ protected:
 
 using Set = std::set<std::string>;
 
-TEST_F(SatelliteFiles, AreReadOnlyWithTheRegistrationFile) {
+TEST_F(SatelliteFiles, AreLoadedOnlyWithTheRegistrationFileButTheirIdsAreNotGivenOutAgain) {
     Registry before;
     Register(before, "Foo");
     const std::string registration = Registration();
@@ -87,6 +96,10 @@ TEST_F(SatelliteFiles, AreReadOnlyWithTheRegistrationFile) {
         Registry registry;
         EXPECT_EQ(registry.LoadAllSatFiles(), 11);
         EXPECT_EQ(IdOf(registry, "Foo"), -1);
+        EXPECT_EQ(TextOf(registrationPath_ + ".damaged"), text);
+        int satId = 0;
+        registry.AddSatellite("Bar", "127.0.0.1", 1, "studio", 1, &satId);
+        EXPECT_EQ(satId, 2);
     }
     EXPECT_EQ(Files(), Set{"Foo.xml"});
     Write(registrationPath_, registration);
@@ -104,11 +117,25 @@ TEST_F(SatelliteFiles, ThatAreDamagedAmongServicesGiveWhatCameBefore) {
     Registry registry;
     EXPECT_EQ(registry.LoadAllSatFiles(), 0);
     EXPECT_EQ(Files(), (Set{"Good.xml", "Silent.xml"}));
+    EXPECT_EQ(NamesIn(folder_ + "/Damaged"), (Set{"Partial.xml", "openService.xml"}));
+    EXPECT_EQ(TextOf(folder_ + "/Damaged/openService.xml"), Changed(good, "</service>", ""));
     std::vector<KelServiceInfo> found;
     registry.GetServiceInfo("Schedule", "Partial", found, nullptr);
     registry.GetServiceInfo("Schedule", "Silent", found, nullptr);
     ASSERT_EQ(found.size(), 2u);
     EXPECT_EQ(found[1].description, "");
+}
+
+TEST_F(SatelliteFiles, ThatAreDamagedAreKeptToTheLastTwenty) {
+    Registry before;
+    Register(before, "Good");
+    for (int i = 10; i < 32; ++i) Write(PathOf("Damaged" + std::to_string(i)), "<satellite>");
+    Registry registry;
+    EXPECT_EQ(registry.LoadAllSatFiles(), 0);
+    const Set kept = NamesIn(folder_ + "/Damaged");
+    EXPECT_EQ(kept.size(), 20u);
+    EXPECT_EQ(kept.count("Damaged10.xml"), 0u) << "the first that was put aside";
+    EXPECT_EQ(kept.count("Damaged31.xml"), 1u);
 }
 
 TEST_F(SatelliteFiles, OfTheSameSatelliteAreLeftWithTheHighestIdAndThenTheOwnName) {
@@ -168,6 +195,72 @@ TEST_F(SatelliteFiles, ThatCouldNotBeWrittenAreWrittenLater) {
     registry.SaveIfFailed();
     EXPECT_EQ(Files(), Set{"Foo.xml"});
     EXPECT_EQ(IdAfterRestart("Foo"), 1);
+}
+
+TEST_F(SatelliteFiles, ThatCouldNotBeDeletedAreDeletedLater) {
+    Registry registry;
+    Register(registry, "Foo");
+    const std::string text = TextOf(PathOf("Foo"));
+    fs::remove(PathOf("Foo"));
+    fs::create_directory(PathOf("Foo"));  // no file, and so not to be deleted as one
+    registry.RemoveSatellite("Foo", 1);
+    registry.SaveIfFailed();
+    fs::remove(PathOf("Foo"));
+    Write(PathOf("Foo"), text);
+    registry.SaveIfFailed();
+    EXPECT_EQ(Files(), Set{});
+}
+
+TEST_F(SatelliteFiles, ComeBackWithTheirFolder) {
+    Registry registry;
+    Register(registry, "Foo");
+    Register(registry, "Bar");
+    fs::remove_all(folder_);
+    Register(registry, "Bar");
+    registry.SaveIfFailed();
+    EXPECT_EQ(Files(), (Set{"Bar.xml", "Foo.xml"}));
+    EXPECT_EQ(IdAfterRestart("Foo"), 1);
+}
+
+TEST_F(SatelliteFiles, AreRidOfWhatAKilledDirectoryLeftBehindUnlessOneIsAtWork) {
+    const std::string ours = folder_ + "/.kel.77.1.new";
+    const std::string theirs = folder_ + "/.kelp.new";
+    {
+        Registry atWork;
+        for (const std::string& path : {ours, theirs, folder_ + "/Registration/.kel.77.2.new"}) Write(path, "part");
+        Registry second;
+        EXPECT_TRUE(fs::exists(ours));
+    }
+    Registry next;
+    EXPECT_EQ(Files(), Set{".kelp.new"});
+    EXPECT_TRUE(fs::is_empty(folder_ + "/Registration"));
+}
+
+TEST_F(SatelliteFiles, AreNeitherWrittenNorDeletedInAFolderOfSomebodyElse) {
+    const std::string elsewhere = root_.path() + "/elsewhere";
+    fs::create_directories(elsewhere + "/Registration");
+    fs::create_directories(root_.dataFolder());
+    fs::permissions(elsewhere, fs::perms{0700});
+    Write(elsewhere + "/Foo.xml", "theirs");
+    Write(elsewhere + "/Registration/Registration.xml", "theirs");
+    fs::create_symlink(elsewhere, folder_);
+    const auto isLeftAlone = [&] {
+        Registry registry;
+        EXPECT_EQ(registry.LoadAllSatFiles(), -1);
+        registry.RemoveSatellite("Foo", Register(registry, "Foo"));
+        Register(registry, "Bar");
+        registry.SaveIfFailed();
+        EXPECT_EQ(NamesIn(elsewhere), (Set{"Foo.xml", "Registration"}));
+        EXPECT_EQ(TextOf(elsewhere + "/Foo.xml"), "theirs");
+        EXPECT_EQ(fs::status(elsewhere).permissions(), fs::perms{0700});
+    };
+    isLeftAlone();
+    if (geteuid() != 0) return;  // only root can give the folder away
+    fs::remove(folder_);
+    fs::rename(elsewhere, folder_);
+    fs::create_symlink(folder_, elsewhere);
+    ASSERT_EQ(chown(folder_.c_str(), 12345, 12345), 0);
+    isLeftAlone();
 }
 
 TEST_F(SatelliteFiles, NeedANameThatAFileCanHave) {

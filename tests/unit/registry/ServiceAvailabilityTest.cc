@@ -32,9 +32,10 @@ protected:
 
     std::string folder() const { return root_.dataFolder() + "/Satellites/Registration"; }
     std::string path() const { return folder() + "/ServiceListeners.xml"; }
-    std::string Text() const {
+    std::string Text() const { return Text(path()); }
+    static std::string Text(const std::string& file) {
         std::ostringstream text;
-        text << std::ifstream(path()).rdbuf();
+        text << std::ifstream(file).rdbuf();
         return text.str();
     }
     void Write(const std::string& text) const { std::ofstream(path()) << text; }
@@ -121,13 +122,35 @@ TEST_F(AListenerList, LoadsWhatItSavedAndWhatComesBeforeABrokenEntry) {
         ServiceAvailability fresh(this, this);
         Write(broken);
         EXPECT_EQ(fresh.LoadList(), 11);
-        EXPECT_EQ(Text(), broken);  // nothing was added, so nothing is written
+        fresh.Remove("Player");
+        EXPECT_EQ(Text(), broken) << "nothing was added, so nothing is written";
+        fresh.Add("Schedule", "Player");
+        EXPECT_EQ(Text(), File(Entry("Schedule", "Player")));
+        EXPECT_EQ(Text(path() + ".damaged"), broken);
     }
+}
+
+TEST_F(AListenerList, TakesNoMoreThanItKeepsForOneSatellite) {
+    std::vector<CStdStr> many;
+    for (size_t i = 0; i <= ServiceAvailability::maxServicesOfOne; ++i) many.emplace_back(std::to_string(i));
+    using Added = ServiceAvailability::Added;
+    EXPECT_EQ(list_.Add(many, "Player"), Added::tooMany);
+    many.pop_back();
+    EXPECT_EQ(list_.Add(many, "Player"), Added::all);
+    EXPECT_EQ(list_.Add(many, "Player"), Added::all) << "the same once more";
+    const std::string text = Text();
+    EXPECT_EQ(list_.Add("one more", "Player"), Added::tooMany);
+    EXPECT_EQ(Text(), text);
+    EXPECT_EQ(list_.Add("one more", "Remote"), Added::all);
 }
 
 TEST_F(AListenerList, WorksFromMemoryWithoutItsFolder) {
     std::filesystem::remove_all(folder());
+    std::ofstream(folder()) << "in its place";
     list_.Add("Schedule", "Player");
+    std::filesystem::remove(folder());
+    list_.SaveIfFailed();
+    EXPECT_EQ(Text(), File(Entry("Schedule", "Player")));
     list_.Notify("Schedule", "Recorder", 0);
     EXPECT_EQ(told_, std::vector<std::string>{"Schedule,Recorder,Player,0"});
 }
