@@ -38,7 +38,7 @@ uint16_t FreePort() {
     return ntohs(address.sin_port);
 }
 
-void WriteSettings(const std::string& folder, uint16_t port) {
+void WriteSettings(const std::string& folder, uint16_t port, Syncing syncing) {
     std::filesystem::create_directories(folder);
     std::ofstream file(folder + "/com.tessaly.yar.config.plist");
     file << "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
@@ -48,7 +48,8 @@ void WriteSettings(const std::string& folder, uint16_t port) {
             "\t<key>kel.bindAddress</key>\n\t<string>127.0.0.1</string>\n"
             "\t<key>kel.multicastGroup</key>\n\t<string>127.0.0.1</string>\n"  // what it announces stays here
             "\t<key>kel.directoryPort</key>\n\t<integer>"
-         << port << "</integer>\n</dict>\n</plist>\n";
+         << port << "</integer>\n\t<key>kel.syncFiles</key>\n\t<integer>" << (syncing == Syncing::on ? 1 : 0)
+         << "</integer>\n</dict>\n</plist>\n";
     if (!file.flush()) throw std::runtime_error("cannot write the settings in " + folder);
 }
 
@@ -144,9 +145,9 @@ ChildProcess StartSelf(std::vector<std::string> arguments) {
     return ChildProcess(arguments, ChildProcess::Output::toReadLine);
 }
 
-DirectoryProcess::DirectoryProcess(std::string program, std::string root)
+DirectoryProcess::DirectoryProcess(std::string program, std::string root, Syncing syncing)
     : program_(std::move(program)), root_(std::move(root)), port_(FreePort()) {
-    WriteSettings(root_ + "/config", port_);
+    WriteSettings(root_ + "/config", port_, syncing);
     if (!std::filesystem::exists(RegistrationFile(root_))) MakeFolders(root_);
 }
 

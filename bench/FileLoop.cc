@@ -20,6 +20,7 @@ constexpr mode_t fileMode = 0775;
 struct Replacement {
     std::string file;
     std::string beside;
+    std::string folder;
     std::string text;
 };
 
@@ -29,15 +30,21 @@ std::string Numbered(const char* what, int digits, unsigned number) {
     return text;
 }
 
-Replacement ReplacementOf(const std::string& file, std::string text) { return {file, file + ".new", std::move(text)}; }
+Replacement ReplacementOf(const std::string& file, std::string text) {
+    return {file, file + ".new", file.substr(0, file.rfind('/')), std::move(text)};
+}
 
-void Replace(const Replacement& replacement) {
+void Replace(const Replacement& replacement, Syncing syncing) {
     const int file = ::open(replacement.beside.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
     if (file < 0 || ::fchmod(file, fileMode) != 0 ||
         ::write(file, replacement.text.data(), replacement.text.size()) !=
             static_cast<ssize_t>(replacement.text.size()) ||
-        ::close(file) != 0 || ::rename(replacement.beside.c_str(), replacement.file.c_str()) != 0)
+        (syncing == Syncing::on && ::fdatasync(file) != 0) || ::close(file) != 0 ||
+        ::rename(replacement.beside.c_str(), replacement.file.c_str()) != 0)
         FailWithErrno(replacement.file);
+    if (syncing == Syncing::off) return;
+    const Descriptor folder(::open(replacement.folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (::fsync(folder.get()) != 0) FailWithErrno(replacement.folder);
 }
 
 std::vector<Replacement> ReplacementsFor(const std::string& root, unsigned short port, unsigned first, unsigned count) {
@@ -94,13 +101,13 @@ std::string SatelliteFile(const std::string& root, const Satellite& satellite) {
 
 void MakeFolders(const std::string& root) {
     std::filesystem::create_directories(SatelliteFolder(root) + "/Registration");
-    Replace(ReplacementOf(RegistrationFile(root), RegistrationText(lastIdAtStart)));
+    Replace(ReplacementOf(RegistrationFile(root), RegistrationText(lastIdAtStart)), Syncing::off);
 }
 
-double ReplaceFiles(const std::string& root, unsigned short port, unsigned first, unsigned count) {
+double ReplaceFiles(const std::string& root, unsigned short port, unsigned first, unsigned count, Syncing syncing) {
     const std::vector<Replacement> replacements = ReplacementsFor(root, port, first, count);
     const auto start = Clock::now();
-    for (const Replacement& replacement : replacements) Replace(replacement);
+    for (const Replacement& replacement : replacements) Replace(replacement, syncing);
     return count / SecondsSince(start);
 }
 

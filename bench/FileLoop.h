@@ -34,10 +34,13 @@ std::string SatelliteFile(const std::string& root, const Satellite& satellite);
 // Makes the folders below `root`, with a registration file that names lastIdAtStart.
 void MakeFolders(const std::string& root);
 
+// Whether files are brought to the disk when they are written.
+enum class Syncing { off, on };
+
 // For each of the `count` satellites from number `first` on, replaces the registration file and then the satellite's
-// own, each written beside its target and renamed over it. All have the same port. The texts are ready before the clock
-// starts. Returns the satellites a second.
-double ReplaceFiles(const std::string& root, unsigned short port, unsigned first, unsigned count);
+// own, each written beside its target, synced if wanted, renamed over it, and its folder synced likewise. All have the
+// same port. The texts are ready before the clock starts. Returns the satellites a second.
+double ReplaceFiles(const std::string& root, unsigned short port, unsigned first, unsigned count, Syncing syncing);
 
 // Reads every satellite file below `root`, one after the other; returns how many there were.
 size_t ReadFiles(const std::string& root);

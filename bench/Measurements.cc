@@ -4,6 +4,7 @@
 #include "Requests.h"
 
 #include <algorithm>
+#include <array>
 #include <cstdio>
 #include <fstream>
 #include <iterator>
@@ -41,9 +42,9 @@ void RequireSameFiles(const std::string& root, const std::string& other, const S
         throw std::runtime_error("the directory's files are not those of the file loop: " + root);
 }
 
-double RunFileLoop(const std::string& root, unsigned short port, unsigned first, unsigned count) {
-    ChildProcess loop =
-        StartSelf({"--as-file-loop", root, std::to_string(port), std::to_string(first), std::to_string(count)});
+double RunFileLoop(const std::string& root, unsigned short port, unsigned first, unsigned count, Syncing syncing) {
+    ChildProcess loop = StartSelf({"--as-file-loop", root, std::to_string(port), std::to_string(first),
+                                   std::to_string(count), syncing == Syncing::on ? "1" : "0"});
     return std::stod(loop.ReadLine());
 }
 
@@ -112,17 +113,25 @@ Row Measurements::SatelliteIdAt(unsigned connections, uint16_t port, const Excha
 }
 
 std::vector<Row> Measurements::Register() {
-    Announce("Register, 1 and 8 connections");
-    const std::string loop = Folder("loop");
+    std::vector<Row> rows = RegisterWith(Syncing::on, 32, {0.9, 5});
+    for (Row& row : RegisterWith(Syncing::off, usualWidth, {0.7, 0.7})) rows.push_back(std::move(row));
+    return rows;
+}
+
+// Over one connection and over `width` of them.
+std::vector<Row> Measurements::RegisterWith(Syncing syncing, unsigned width, std::array<double, 2> goals) {
+    const std::string kind = syncing == Syncing::on ? "" : ", not synced";
+    Announce("Register" + kind + ", 1 and " + Connections(width));
+    const std::string loop = Folder("loop" + kind);
     MakeFolders(loop);
-    DirectoryProcess narrow(program_, Folder("narrow")), wide(program_, Folder("wide"));
+    DirectoryProcess narrow(program_, Folder("narrow" + kind), syncing), wide(program_, Folder("wide" + kind), syncing);
     narrow.Start();
     wide.Start();
     const Satellite satellite = SatelliteOf(0);
-    RunFileLoop(loop, satellite.port, 0, 1);
+    RunFileLoop(loop, satellite.port, 0, 1, syncing);
     const Exchange example = LearnRegister(narrow.port(), satellite);
     LearnRegister(wide.port(), satellite);
-    LoadClient toNarrow(narrow.port(), 1), toWide(wide.port(), usualWidth);
+    LoadClient toNarrow(narrow.port(), 1), toWide(wide.port(), width);
     const unsigned count = effort_.registrationsASide;
     const auto first = [count](unsigned round) { return 1 + round * count; };
     const auto registerAt = [&](LoadClient& client, uint16_t port, unsigned round) {
@@ -131,13 +140,15 @@ std::vector<Row> Measurements::Register() {
         LeaveInPeace(client, port, satellites);
         return rate;
     };
-    const auto rates = InTurn(effort_.fileRounds,
-                              {[&](unsigned round) { return registerAt(toWide, wide.port(), round); },
-                               [&](unsigned round) { return RunFileLoop(loop, satellite.port, first(round), count); },
-                               [&](unsigned round) { return registerAt(toNarrow, narrow.port(), round); }});
+    const auto runLoop = [&](unsigned round) {
+        return RunFileLoop(loop, satellite.port, first(round), count, syncing);
+    };
+    const auto rates =
+        InTurn(effort_.fileRounds, {[&](unsigned round) { return registerAt(toWide, wide.port(), round); }, runLoop,
+                                    [&](unsigned round) { return registerAt(toNarrow, narrow.port(), round); }});
     RequireSameFiles(narrow.root(), loop, SatelliteOf(first(effort_.fileRounds) - 1));
-    return {RowOfRates("Register, " + Connections(1), {rates[2], rates[1]}, 0.7),
-            RowOfRates("Register, " + Connections(usualWidth), {rates[0], rates[1]}, 0.7)};
+    return {RowOfRates("Register" + kind + ", " + Connections(1), {rates[2], rates[1]}, goals[0]),
+            RowOfRates("Register" + kind + ", " + Connections(width), {rates[0], rates[1]}, goals[1])};
 }
 
 std::vector<Row> Measurements::ServiceLookUp() {
@@ -203,7 +214,7 @@ std::vector<Satellite> Measurements::SatellitesOf(unsigned first, unsigned count
 DirectoryProcess& Measurements::FullDirectory() {
     if (full_) return *full_;
     Announce("registering 100,000 satellites");
-    full_ = std::make_unique<DirectoryProcess>(program_, Folder("full"));
+    full_ = std::make_unique<DirectoryProcess>(program_, Folder("full"), Syncing::off);
     full_->Start();
     const uint64_t before = full_->ResidentBytes();
     const Exchange example = LearnRegister(full_->port(), SatelliteOf(0));

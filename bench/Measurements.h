@@ -6,6 +6,7 @@
 #include "LoadClient.h"
 #include "SwarmProcess.h"
 
+#include <array>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -36,10 +37,11 @@ public:
     // GetSatelliteId with 1, 8 and 32 connections, beside an echo of the same bytes.
     std::vector<Row> SatelliteId();
 
-    // Register of new satellites with 1 and 8 connections, beside a loop that replaces the same two files.
+    // Register of new satellites with 1 and 32 connections, beside a loop that replaces the same two files with the same
+    // syncs; and with 1 and 8, neither side syncing.
     //
-    // A product's processes start together, at log-in, and each registers on a connection of its own: eight at once is
-    // what a directory sees then. With one connection the client and the directory take turns, and the figure holds the
+    // A product's processes start together, at log-in, and each registers on a connection of its own: that many at once
+    // is what a directory sees then. With one connection the client and the directory take turns, and the figure holds the
     // time in which neither of them works as well.
     std::vector<Row> Register();
 
@@ -69,6 +71,7 @@ private:
 
     std::string Folder(const std::string& name) const { return folder_ + "/" + name; }
     Row SatelliteIdAt(unsigned connections, uint16_t port, const Exchange& exchange);
+    std::vector<Row> RegisterWith(Syncing syncing, unsigned width, std::array<double, 2> goals);
     std::vector<Row> LivenessOf(unsigned count);
     DirectoryProcess& FullDirectory();
 

@@ -40,7 +40,8 @@ constexpr const char* legend =
     "ratio: median (least..most) of the rounds, in each of which both sides ran one after the other\n"
     "baselines: GetSatelliteId: an epoll echo of the same request, [threads of the echo server, the better of 1 and "
     "2];\n"
-    "  Register: one thread that only replaces the same two files; GetServiceReg: a directory with 10 satellites;\n"
+    "  Register: one thread that only replaces the same two files, with or without the same syncs; GetServiceReg: a "
+    "directory with 10 satellites;\n"
     "  start-up: a program that only reads these files; alive: a loop of one thread that asks the same satellites the\n"
     "  same, one after the other; AddService: a loop that writes the same bytes to as many sockets\n";
 
@@ -165,9 +166,10 @@ bool RunAsChild(const std::vector<std::string>& arguments) {
         RunEchoServer(static_cast<unsigned>(std::stoul(arguments[1])));
     } else if (count == 2 && arguments[0] == "--as-file-reader") {
         std::printf("%zu\n", ReadFiles(arguments[1]));
-    } else if (count == 5 && arguments[0] == "--as-file-loop") {
+    } else if (count == 6 && arguments[0] == "--as-file-loop") {
         const auto number = [&](size_t place) { return static_cast<unsigned>(std::stoul(arguments[place])); };
-        std::printf("%f\n", ReplaceFiles(arguments[1], static_cast<unsigned short>(number(2)), number(3), number(4)));
+        std::printf("%f\n", ReplaceFiles(arguments[1], static_cast<unsigned short>(number(2)), number(3), number(4),
+                                         number(5) ? Syncing::on : Syncing::off));
     } else if (count == 1 && arguments[0] == "--as-ping-loop") {
         RunPingLoop();
     } else {
