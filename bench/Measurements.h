@@ -37,12 +37,12 @@ public:
     // GetSatelliteId with 1, 8 and 32 connections, beside an echo of the same bytes.
     std::vector<Row> SatelliteId();
 
-    // Register of new satellites with 1 and 32 connections, beside a loop that replaces the same two files with the same
-    // syncs; and with 1 and 8, neither side syncing.
+    // Register of new satellites with 1 and 32 connections, beside a loop that replaces the same two files with the
+    // same syncs; and with 1 and 8, neither side syncing.
     //
     // A product's processes start together, at log-in, and each registers on a connection of its own: that many at once
-    // is what a directory sees then. With one connection the client and the directory take turns, and the figure holds the
-    // time in which neither of them works as well.
+    // is what a directory sees then. With one connection the client and the directory take turns, and the figure holds
+    // the time in which neither of them works as well.
     std::vector<Row> Register();
 
     // GetServiceReg ("any") with 100,000 satellites, beside a directory that has ten. 8 connections.
