@@ -15,6 +15,18 @@ namespace {
 constexpr int serverIdLength = 16;
 constexpr const char* loopback = "127.0.0.1";
 
+// What records take, with what the map and the index keep for them.
+constexpr size_t satelliteBytes = 640;
+constexpr size_t serviceBytes = 300;
+
+size_t BytesOf(const KelService& service) { return serviceBytes + 2 * service.name.size() + service.description.size(); }
+
+size_t BytesOf(const KelSatelliteInfo& satellite) REQUIRES_SHARED(satellite.lock) {
+    size_t bytes = satelliteBytes + 2 * satellite.satName.size() + satellite.hostname.size();
+    for (const auto& [name, service] : satellite.services) bytes += BytesOf(service);
+    return bytes;
+}
+
 // Whether the asker at `destination` is on another machine than a satellite on the directory's own.
 bool IsElsewhere(const CStdStr& ip, const char* destination) {
     return destination && ip == loopback && ip != destination;
@@ -80,6 +92,7 @@ CRegistration::SatellitePtr CRegistration::Insert(const SatellitePtr& fresh, Ins
     if (fresh->satId == 0) fresh->satId = ++lastSatId_;
     PWriteHold holdFresh(fresh->lock);
     for (auto& [name, service] : fresh->services) providers_.Add(service, *fresh);
+    bytes_ += BytesOf(*fresh);
     return old;
 }
 
@@ -88,6 +101,7 @@ void CRegistration::Replace(KelSatelliteInfo& old, KelSatelliteInfo& fresh) {
     PWriteHold holdOld(old.lock);
     PWriteHold holdFresh(fresh.lock);
     for (auto& [name, service] : old.services) providers_.Remove(service);
+    bytes_ -= BytesOf(old);
 
     fresh.formerFiles = old.formerFiles;
     fresh.formerFiles.push_back({old.satName, true});
@@ -194,6 +208,23 @@ int CRegistration::GetProviders(const CStdStr& service, std::list<CStdStr>& sate
     return 0;
 }
 
+bool CRegistration::HasRoomFor(const CStdStr& satName, const std::vector<KelService>& services) const {
+    PReadHold hold(lock_);
+    size_t needed = satelliteBytes + 2 * satName.size();
+    for (const KelService& service : services) needed += BytesOf(service);
+    if (bytes_ + needed <= maxBytes) return true;
+    const auto entry = satellites_.find(satName);
+    if (entry == satellites_.end()) return false;
+    PReadHold holdSatellite(entry->second->lock);
+    needed = 0;
+    for (const KelService& service : services) {
+        const auto published = entry->second->services.find(service.name);
+        const size_t before = published == entry->second->services.end() ? 0 : BytesOf(published->second);
+        needed += std::max(BytesOf(service), before) - before;
+    }
+    return bytes_ + needed <= maxBytes;
+}
+
 int CRegistration::AddService(const CStdStr& satName, const CStdStr& service, const CStdStr& description) {
     const ServiceAvailability::Turn turn(availability_.get(), service);
     SatellitePtr satellite;
@@ -205,8 +236,10 @@ int CRegistration::AddService(const CStdStr& satName, const CStdStr& service, co
 
         PWriteHold holdSatellite(satellite->lock);
         KelService& published = satellite->services[service];
+        if (published.indexHook.is_linked()) bytes_ -= BytesOf(published);
         published.name = service;
         published.description = description;
+        bytes_ += BytesOf(published);
         published.isToldGone = false;
         if (!published.indexHook.is_linked()) providers_.Add(published, *satellite);
     }
@@ -230,6 +263,7 @@ int CRegistration::RemoveService(const CStdStr& satName, const CStdStr& service,
         if (published != satellite->services.end()) {
             publishedAs = published->second.name;
             isNews = !published->second.isToldGone;
+            bytes_ -= BytesOf(published->second);
             providers_.Remove(published->second);
             satellite->services.erase(published);
         }
@@ -261,6 +295,7 @@ CRegistration::SatellitePtr CRegistration::EraseSatellite(const CStdStr& name, i
     const SatellitePtr gone = entry->second;
     satellites_.erase(entry);
     PWriteHold holdGone(gone->lock);
+    bytes_ -= BytesOf(*gone);
     for (auto& [service, published] : gone->services) providers_.Remove(published);
     return gone;
 }

@@ -98,6 +98,11 @@ public:
     // heard to be gone. Returns 0.
     int GetProviders(const CStdStr& service, std::list<CStdStr>& satellites) const EXCLUDES(lock_);
 
+    // Whether the registry may take in the satellite with these services, or what is new in them where it has it
+    // already: all records together are held to maxBytes, so that nobody who registers can use up the memory.
+    bool HasRoomFor(const CStdStr& satName, const std::vector<KelService>& services) const EXCLUDES(lock_);
+    static constexpr size_t maxBytes = size_t{128} << 20;
+
     // Publishes a service of a satellite; one of that name is replaced. Listeners are told, also when it was there.
     // Returns 0 or noSuchSatellite.
     int AddService(const CStdStr& satName, const CStdStr& service, const CStdStr& description) EXCLUDES(lock_);
@@ -212,6 +217,7 @@ private:
     int32_t lastSatId_ GUARDED_BY(lock_) = 0;
     std::map<CStdStr, SatellitePtr, CaseInsensitiveLess> satellites_ GUARDED_BY(lock_);
     ServiceIndex providers_ GUARDED_BY(lock_);
+    size_t bytes_ GUARDED_BY(lock_) = 0;  // of all records, about
 
     boost::shared_ptr<ServiceAvailability> availability_;
 

@@ -83,6 +83,29 @@ TEST_F(ARegistry, KeepsAnIdThatIsGivenAndCountsADeadlineInMilliseconds) {
     }
 }
 
+TEST_F(ARegistry, HasRoomUntilItsRecordsTakeTooMuchAndAgainWhenTheyHaveGone) {
+    const auto described = [](const char* name, size_t size) {
+        KelService service;
+        service.name = name;
+        service.description = CStdStr(std::string(size, 'x'));
+        return std::vector<KelService>{service};
+    };
+    constexpr size_t most = CRegistration::maxBytes - 10'000;
+    EXPECT_FALSE(registry_.HasRoomFor("Foo", described("S", CRegistration::maxBytes)));
+    ASSERT_TRUE(registry_.HasRoomFor("Foo", described("S", most)));
+    const int satId = Add("Foo", "127.0.0.1");
+    for (int i = 0; i < 2; ++i) registry_.AddService("Foo", "S", described("S", most).front().description);
+    EXPECT_TRUE(registry_.HasRoomFor("foo", described("s", most))) << "it is there";
+    EXPECT_FALSE(registry_.HasRoomFor("Foo", described("T", 10'000)));
+    EXPECT_FALSE(registry_.HasRoomFor("Bar", described("T", 10'000)));
+    int remaining = 0;
+    registry_.RemoveService("Foo", "S", &remaining);
+    EXPECT_TRUE(registry_.HasRoomFor("Bar", described("T", most)));
+    registry_.AddService("Foo", "S", described("S", most).front().description);
+    registry_.RemoveSatellite("Foo", satId);
+    EXPECT_TRUE(registry_.HasRoomFor("Bar", described("T", most)));
+}
+
 // Mostly for the thread sanitizer: every operation at once, on names that collide.
 TEST_F(ARegistry, SurvivesEveryOperationAtOnce) {
     const auto work = [&](int seed) {

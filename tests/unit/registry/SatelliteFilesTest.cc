@@ -1,4 +1,6 @@
 #include "registry/Registration.h"
+
+#include "foundation/Registry.h"
 #include "support/TempRoot.h"
 
 #include <gtest/gtest.h>
@@ -34,6 +36,10 @@ public:
 
 class SatelliteFiles : public testing::Test {
 protected:
+    SatelliteFiles() {  // syncing is for the test of power cuts; here it is only slow
+        CRegistry::getInstance()->WriteSettingImpl("Software\\Tessaly\\Yar\\Config", "kel.syncFiles", 0);
+    }
+
     static int Register(CRegistration& registry, const CStdStr& name) {
         int satId = 0;
         registry.AddSatellite(name, "192.168.1.20", 50123, "studio", 2, &satId);
