@@ -19,7 +19,9 @@ constexpr const char* loopback = "127.0.0.1";
 constexpr size_t satelliteBytes = 640;
 constexpr size_t serviceBytes = 300;
 
-size_t BytesOf(const KelService& service) { return serviceBytes + 2 * service.name.size() + service.description.size(); }
+size_t BytesOf(const KelService& service) {
+    return serviceBytes + 2 * service.name.size() + service.description.size();
+}
 
 size_t BytesOf(const KelSatelliteInfo& satellite) REQUIRES_SHARED(satellite.lock) {
     size_t bytes = satelliteBytes + 2 * satellite.satName.size() + satellite.hostname.size();
