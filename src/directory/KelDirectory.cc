@@ -7,6 +7,7 @@
 #include "foundation/Settings.h"
 #include "host/commonMain.h"
 #include "platform/ProcessPaths.h"
+#include "registry/FilesCheck.h"
 
 #include <unistd.h>
 
@@ -80,12 +81,11 @@ void KelDirectory::SayWhatItWorksWith() {
         "Kel Directory %s starts as process %d of user %u; data in %s/Library/Tessaly, logs in %s, settings in %s",
         KEL_VERSION, static_cast<int>(getpid()), static_cast<unsigned>(geteuid()), kel::platform::RootPrefix().c_str(),
         CFileTools::GetLogsDirectory().c_str(), kel::settings::Files().c_str());
-    const std::string folderFault = kel::platform::EnsureSystemFolders();
-    if (!folderFault.empty()) {
-        CBBLog::error(
-            "There is no folder for data and logs: %s; run it as a user who may make it, or set YAR_ROOT to a "
-            "folder of the own user",
-            folderFault.c_str());
+    CStdStr fault = kel::platform::EnsureSystemFolders();
+    if (fault.empty()) fault = kel::registry::LogFault(CFileTools::GetLogsDirectory());
+    if (!fault.empty()) {
+        CBBLog::error("Not everything can be stored: %s; mend that, or set YAR_ROOT to a folder of the own user",
+                      fault.c_str());
     }
     for (const kel::settings::Finding& finding : kel::settings::Check()) {
         CBBLog::error("Settings: %s", finding.Text().c_str());

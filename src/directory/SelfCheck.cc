@@ -18,9 +18,6 @@
 #include <cstring>
 #include <string>
 
-using kel::registry::FileFault;
-using kel::registry::SharedFolderFault;
-
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -113,7 +110,7 @@ void SelfCheck::CheckSettings() {
 void SelfCheck::CheckData() {
     const CStdStr folder = kel::platform::RootPrefix() + "/Library/Tessaly";
     notes_.push_back("data: " + folder);
-    const CStdStr fault = SharedFolderFault(folder);
+    const CStdStr fault = kel::registry::SharedFolderFault(folder);
     Add(folder, fault);
     if (!fault.empty()) return;
     for (const CStdStr& line : kel::registry::CheckFiles(folder)) faults_.push_back(line);
@@ -122,10 +119,8 @@ void SelfCheck::CheckData() {
 void SelfCheck::CheckLogs() {
     const CStdStr folder = CFileTools::GetLogsDirectory();
     notes_.push_back("logs: " + folder);
-    const CStdStr fault = SharedFolderFault(folder);
-    Add(folder, fault);
-    if (!fault.empty()) return;
-    for (const char* name : {"/KelDirectory.log", "/errors.log"}) Add(folder + name, FileFault(folder + name));
+    const CStdStr fault = kel::registry::LogFault(folder);
+    if (!fault.empty()) faults_.push_back(fault);
 }
 
 void SelfCheck::CheckPort(const CStdStr& address, uint16_t port) {

@@ -51,14 +51,14 @@ CStdStr OwnerFault(const struct stat& info) {
     return text;
 }
 
-CStdStr FolderFault(const CStdStr& path, bool isShared) {
+CStdStr FolderFault(const CStdStr& path, bool isShared, int mode = R_OK | W_OK | X_OK) {
     struct stat info {};
     if (fstatat(AT_FDCWD, path.c_str(), &info, isShared ? 0 : AT_SYMLINK_NOFOLLOW) != 0) {
         return errno == ENOENT ? MakingFault(path) : CStdStr(std::strerror(errno));
     }
     CStdStr fault = KindFault(info);
     if (fault.empty() && !isShared) fault = OwnerFault(info);
-    return fault.empty() ? AccessFault(path, R_OK | W_OK | X_OK) : fault;
+    return fault.empty() ? AccessFault(path, mode) : fault;
 }
 
 bool IsSatelliteFile(const CStdStr& name) {
@@ -131,11 +131,17 @@ CStdStr SharedFolderFault(const CStdStr& path) { return FolderFault(path, true);
 
 CStdStr OwnFolderFault(const CStdStr& path) { return FolderFault(path, false); }
 
-CStdStr FileFault(const CStdStr& path) {
+CStdStr LogFault(const CStdStr& folder) {
     struct stat info {};
-    if (lstat(path.c_str(), &info) != 0) return errno == ENOENT ? CStdStr() : CStdStr(std::strerror(errno));
-    if (S_ISLNK(info.st_mode)) return "it is a link";
-    return S_ISREG(info.st_mode) ? AccessFault(path, W_OK) : CStdStr("it is no regular file");
+    for (const CStdStr& path : {CStdStr(folder + "/KelDirectory.log"), CStdStr(folder + "/errors.log")}) {
+        const bool exists = lstat(path.c_str(), &info) == 0;
+        CStdStr fault = FolderFault(folder, false, exists ? R_OK | X_OK : R_OK | W_OK | X_OK);
+        if (!fault.empty()) return folder + ": " + fault;
+        if (exists && S_ISLNK(info.st_mode)) fault = "it is a link";
+        else if (exists) fault = S_ISREG(info.st_mode) ? AccessFault(path, W_OK) : CStdStr("it is no regular file");
+        if (!fault.empty()) return path + ": " + fault;
+    }
+    return {};
 }
 
 std::vector<CStdStr> CheckFiles(const CStdStr& dataFolder) {

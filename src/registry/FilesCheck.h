@@ -1,4 +1,4 @@
-// What a start would find wrong with the registry's folders and files. Reading only: nothing is made, changed or
+// What a start would find wrong with the folders and files of the directory. Reading only: nothing is made, changed or
 // removed. Safe in any thread.
 #pragma once
 
@@ -13,8 +13,8 @@ namespace kel::registry {
 CStdStr SharedFolderFault(const CStdStr& path);
 CStdStr OwnFolderFault(const CStdStr& path);
 
-// Why a file cannot be appended to or replaced, in a folder that can be used.
-CStdStr FileFault(const CStdStr& path);
+// What keeps the log files from being written in their folder, with its path; empty when nothing does.
+CStdStr LogFault(const CStdStr& folder);
 
 // A line for each fault of the folders below the data folder and of the files in them, by the rules by which they are
 // loaded.
