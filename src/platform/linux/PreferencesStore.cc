@@ -129,17 +129,16 @@ bool ReadListText(const std::string& path, std::string& text, std::optional<mode
         return errno == ENOENT;
     }
     struct stat info {};
-    if (fstat(file.Descriptor(), &info) != 0) {
-        fault = std::strerror(errno);
-    } else if (!S_ISREG(info.st_mode)) {
+    const bool isKnown = fstat(file.Descriptor(), &info) == 0;
+    if (isKnown && !S_ISREG(info.st_mode)) {
         fault = "it is no regular file";
-    } else if (info.st_size > kLargestList) {
+    } else if (isKnown && info.st_size > kLargestList) {
         fault = "it is larger than 64 MiB";
-    } else if (!ReadAll(file.Descriptor(), text, static_cast<size_t>(info.st_size))) {
-        fault = std::strerror(errno);
-    } else {
+    } else if (isKnown && ReadAll(file.Descriptor(), text, static_cast<size_t>(info.st_size))) {
         mode = info.st_mode & 07777;
         return true;
+    } else {
+        fault = std::strerror(errno);
     }
     return false;
 }
