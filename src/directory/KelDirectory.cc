@@ -1,9 +1,15 @@
 #include "directory/KelDirectory.h"
 
 #include "directory/DirectorySink.h"
+#include "foundation/FileTools.h"
 #include "foundation/Log.h"
 #include "foundation/NetworkUtils.h"
+#include "foundation/Settings.h"
 #include "host/commonMain.h"
+#include "platform/ProcessPaths.h"
+#include "registry/FilesCheck.h"
+
+#include <unistd.h>
 
 #include <algorithm>
 #include <exception>
@@ -24,12 +30,15 @@ KelDirectory::~KelDirectory() { KelDirectory::close(); }
 
 bool KelDirectory::init(const std::vector<CStdStr>& /*args*/) {
     CBBLog::info("Initializing Kel Directory");
+    SayWhatItWorksWith();
     {
         PMutexHold hold(stopSignal_);
         stopping_ = false;
     }
     registration_.AllowChecks(true);
-    if (registration_.LoadAllSatFiles() != 0) CBBLog::warn("Failed to load satellites");
+    const bool hasRegistry = registration_.LoadAllSatFiles() == 0;
+    if (!hasRegistry) CBBLog::warn("Failed to load satellites");
+    const size_t loaded = registration_.Count() - (registration_.GetSatelliteStruct(directoryName) ? 1 : 0);
 
     sink_ = new (std::nothrow) CDirectorySink(this);
     if (!sink_) {
@@ -49,12 +58,15 @@ bool KelDirectory::init(const std::vector<CStdStr>& /*args*/) {
     const int rc = sink_->Connect(loopback, directoryName, registration_.GetServerId().c_str());
     if (rc == KEL_ALREADY_REGISTERED) {
         CBBLog::info("Initialization of Kel failed because this satellite is already registered.");
+        CBBLog::note("A directory answers at port %u of this machine already; this one ends and leaves it alone",
+                     unsigned{kel::settings::DirectoryPort()});
         return false;
     }
     if (rc != 0) {
         CBBLog::fatal("Initialization of Kel failed: 0x%x", static_cast<unsigned>(rc));
         return false;
     }
+    SayThatItServes(hasRegistry, loaded);
     CBBLog::debug("RegisterServices() Completed");
     CBBLog::info("Initialization complete");
 
@@ -62,6 +74,31 @@ bool KelDirectory::init(const std::vector<CStdStr>& /*args*/) {
     checkThread_ = std::make_unique<PThread>(new Rounds(this, &KelDirectory::CheckSatellitesThreadProc));
     checkThread_->Start();
     return true;
+}
+
+void KelDirectory::SayWhatItWorksWith() {
+    CBBLog::note(
+        "Kel Directory %s starts as process %d of user %u; data in %s/Library/Tessaly, logs in %s, settings in %s",
+        KEL_VERSION, static_cast<int>(getpid()), static_cast<unsigned>(geteuid()), kel::platform::RootPrefix().c_str(),
+        CFileTools::GetLogsDirectory().c_str(), kel::settings::Files().c_str());
+    CStdStr fault = kel::platform::EnsureSystemFolders();
+    if (fault.empty()) fault = kel::registry::LogFault(CFileTools::GetLogsDirectory());
+    if (!fault.empty()) {
+        CBBLog::error("Not everything can be stored: %s; mend that, or set YAR_ROOT to a folder of the own user",
+                      fault.c_str());
+    }
+    for (const kel::settings::Finding& finding : kel::settings::Check()) {
+        CBBLog::error("Settings: %s", finding.Text().c_str());
+    }
+}
+
+// From here on there is an end of this run to tell of.
+void KelDirectory::SayThatItServes(bool hasRegistry, size_t loaded) {
+    serves_ = true;
+    const CStdStr lastEnd = lastRun_.Begin(hasRegistry);
+    CBBLog::note("Kel Directory serves at %s:%u; server id %s, %zu satellites loaded; %s",
+                 kel::settings::BindAddress().c_str(), unsigned{kel::settings::DirectoryPort()},
+                 registration_.GetServerId().c_str(), loaded, lastEnd.c_str());
 }
 
 unsigned int KelDirectory::CheckSatellitesThreadProc(void* /*nothing*/) {
@@ -110,6 +147,9 @@ void KelDirectory::close() {
     delete sink_;
     sink_ = nullptr;
     registration_.RemoveSatellite(name, satId);
+    if (!std::exchange(serves_, false)) return;
+    lastRun_.End();
+    CBBLog::note("Kel Directory stopped in order; %zu satellites stay registered", registration_.Count());
 }
 
 CStdStr KelDirectory::getIPToUse(const char* callerIp) const {

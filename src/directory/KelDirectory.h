@@ -7,6 +7,7 @@
 // and are never held across anything else; the registry and the list have locks of their own.
 #pragma once
 
+#include "directory/LastRun.h"
 #include "foundation/Locks.h"
 #include "foundation/StdString.h"
 #include "foundation/Thread.h"
@@ -85,6 +86,8 @@ private:
     int RemoveDeadHolder(const CStdStr& name, const CStdStr& host, unsigned short port, int satId);
     bool AddToPending(const CStdStr& name) EXCLUDES(pendingLock_);
 
+    static void SayWhatItWorksWith();
+    void SayThatItServes(bool hasRegistry, size_t loaded);
     void StartChecks();
     bool StopsWithin(long milliseconds) EXCLUDES(stopSignal_);
 
@@ -96,6 +99,9 @@ private:
 
     PMutex pendingLock_;
     std::vector<CStdStr> pendingRegistrations_ GUARDED_BY(pendingLock_);
+
+    LastRun lastRun_;
+    bool serves_ = false;  // since the last init; the main thread's
 
     std::unique_ptr<PThread> checkThread_;
     bool checksFail_ = false;  // the latest round, which is said once; the check thread's

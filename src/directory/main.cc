@@ -1,4 +1,5 @@
 // The program KelDirectory.
+#include "directory/CommandLine.h"
 #include "directory/KelDirectory.h"
 #include "host/commonMain.h"
 #include "platform/ProcessPaths.h"
@@ -6,6 +7,8 @@
 YarModuleBase* createYarModuleInstance() { return new KelDirectory; }
 
 int main(int argc, char** argv) {
+    const std::vector<CStdStr> args(argv, argv + argc);
+    if (const std::optional<int> status = AnswerCommandLine(args)) return *status;
     kel::platform::EnsureSystemFolders();
-    return commonMain(std::vector<CStdStr>(argv, argv + argc));
+    return commonMain(args);
 }

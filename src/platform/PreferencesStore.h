@@ -33,9 +33,14 @@ struct Preferences {
     const PreferenceValue* Find(const std::string& name) const;
 };
 
+// The file of the list of `identifier`, which may not exist; empty when no file can have this name or the user has no
+// folder for it.
+std::string PreferencesPath(const std::string& identifier);
+
 // Reads the list of `identifier`. That there is none is no failure; one that is unreadable or broken is, and then
-// nothing is returned.
-std::optional<Preferences> SynchronisePreferences(const std::string& identifier);
+// nothing is returned and `fault`, when it is given, says in words what is wrong with the file at PreferencesPath. A
+// list that has lost its end is broken, however much of it could still be read.
+std::optional<Preferences> SynchronisePreferences(const std::string& identifier, std::string* fault = nullptr);
 
 // Stores `value` under `name` in the list of `identifier`, making list and folder when they are missing (modes 0600
 // and 0700). False, and nothing is changed, when the list is unreadable or broken, the file cannot be replaced, a text

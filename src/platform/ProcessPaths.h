@@ -10,9 +10,9 @@ namespace kel::platform {
 // empty by default, looked up at every call. With it a test, a package or an ordinary user runs a directory apart.
 std::string RootPrefix();
 
-// Makes sure that RootPrefix() + "/Library" and "/Library/Logs" exist, with all folders above them. The product makes
-// its own folders below these two and reports there what is wrong, so a failure here is silent.
-void EnsureSystemFolders();
+// Makes sure that RootPrefix() + "/Library" and "/Library/Logs" exist, with all folders above them. Returns the first
+// folder that does not and cannot be made, with the reason; empty when all is well. Again does no harm.
+std::string EnsureSystemFolders();
 
 // The folder of the running executable, without a "/" at the end; empty when it cannot be told.
 std::string ExecutableFolder();

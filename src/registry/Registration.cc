@@ -51,6 +51,11 @@ CStdStr CRegistration::GetServerId() const {
     return serverId_;
 }
 
+size_t CRegistration::Count() const {
+    PReadHold hold(lock_);
+    return satellites_.size();
+}
+
 CRegistration::SatellitePtr CRegistration::GetSatelliteStruct(const CStdStr& name) const {
     PReadHold hold(lock_);
     const auto entry = satellites_.find(name);

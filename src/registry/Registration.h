@@ -66,6 +66,9 @@ public:
     // 16 characters that identify this registry; drawn at random, or those of the registration file once it was loaded.
     CStdStr GetServerId() const EXCLUDES(lock_);
 
+    // How many satellites there are.
+    size_t Count() const EXCLUDES(lock_);
+
     // The record, or null. It may leave the registry at any time.
     SatellitePtr GetSatelliteStruct(const CStdStr& name) const EXCLUDES(lock_);
 

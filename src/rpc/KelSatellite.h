@@ -52,7 +52,7 @@ constexpr KELSTATUS KELSTATUS_ALIVE = 1;
 // are.
 constexpr int KEL_OK = 0;
 constexpr int KEL_UNREACHABLE = 0x20001;         // the directory or the satellite cannot be reached, or hung up
-constexpr int KEL_PORT_IN_USE = 0x20002;         // the listening port is held by another program
+constexpr int KEL_PORT_IN_USE = 0x20002;         // the port cannot be listened on; the log says why
 constexpr int KEL_ALREADY_REGISTERED = 0x20003;  // a living satellite holds the name
 constexpr int KEL_UNKNOWN_METHOD = 0x20004;      // the endpoint does not publish the method (thrown as a KelException)
 constexpr int KEL_METHOD_FAILED = 0x20005;       // the method ended with an exception of another kind (thrown likewise)

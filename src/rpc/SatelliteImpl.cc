@@ -1,6 +1,6 @@
 #include "rpc/SatelliteImpl.h"
 
-#include "foundation/Registry.h"
+#include "foundation/Settings.h"
 #include "rpc/FindDirectory.h"
 #include "rpc/LibraryLog.h"
 #include "rpc/RunningCall.h"
@@ -11,15 +11,17 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 using namespace kel::transport;
 using kel::IsDirectoryName;
 using kel::shortTimeout;
+using kel::settings::BindAddress;
+using kel::settings::DirectoryPort;
 namespace wire = kel::wire;
 
 namespace {
 
-constexpr int defaultDirectoryPort = 5001;
 constexpr int nameIsTaken = 0x40010;  // the directory's answer to "Register"
 
 constexpr std::chrono::seconds standingPeriod{10};
@@ -27,22 +29,34 @@ constexpr std::chrono::seconds foundTimeout{2};  // of an address that may be ou
 constexpr long registrationGraceMs = 2000;
 
 constexpr const char* availabilityMethod = "OnServiceAvailabilityChanged";
-constexpr const char* configKey = "Software\\Tessaly\\Yar\\Config";
 
-uint16_t DirectoryPort() {
-    int port = defaultDirectoryPort;
-    CRegistry::getInstance()->ReadSettingImpl(configKey, "kel.directoryPort", port);
-    if (port > 0 && port <= 65535) return static_cast<uint16_t>(port);
-    CBBLog::error(LibraryLogger(), "libkel: the setting kel.directoryPort is %d, which is no port; using %d", port,
-                  defaultDirectoryPort);
-    return defaultDirectoryPort;
+// What is wrong with the settings, unless that was the last this said of them. The directory says it at its start.
+void SayWhatIsWrongWithSettings() {
+    static PLocker<CStdStr> said;
+    const std::vector<kel::settings::Finding> findings = kel::settings::Check();
+    CStdStr text;
+    for (const auto& finding : findings) text.append(finding.Text()).append("\n");
+    {
+        PMutexHold hold(said);
+        if (std::exchange(said.value(), text) == text) return;
+    }
+    for (const auto& finding : findings) {
+        CBBLog::error(LibraryLogger(), "libkel: settings: %s", finding.Text().c_str());
+    }
 }
 
-std::string BindAddress() {
-    CStdStr address;
-    CRegistry::getInstance()->ReadSettingImpl(configKey, "kel.bindAddress", address);
-    if (address.empty()) return "0.0.0.0";
-    return address;
+// What to do about a port that cannot be listened on.
+const char* Advice(const boost::system::error_code& error) {
+    if (error == boost::asio::error::address_in_use) {
+        return "end the program that holds the port (as root, ss -ltnp names it), or set kel.directoryPort";
+    }
+    if (error == boost::asio::error::access_denied) {
+        return "ports below 1024 take root or CAP_NET_BIND_SERVICE; start it with that, or set kel.directoryPort";
+    }
+    if (error == boost::system::errc::address_not_available) {
+        return "no interface of this machine has that address; mend kel.bindAddress";
+    }
+    return "see what the system is short of";
 }
 
 // "host", "host:port" or nothing.
@@ -87,6 +101,7 @@ int KelSatellite::Impl::Connect(const char* host, const char* name) {
 // Where the directory on `host` listens, if it can be told. This satellite is `name`, and not connected, from here on.
 std::optional<Address> KelSatellite::Impl::DirectoryOn(const char* host, const CStdStr& name) {
     std::optional<Address> directory;
+    if (!IsDirectoryName(name)) SayWhatIsWrongWithSettings();
     if (!kel::IsAuto(host)) directory = ParseDirectory(host);
     Disconnect();
     name_ = name;
@@ -156,8 +171,8 @@ int KelSatellite::Impl::Open(Link& link, bool isDirectory) {
         IsDirectoryAt(link, link.addresses.directory(), shortTimeout)) {
         return KEL_ALREADY_REGISTERED;
     }
-    CBBLog::error(LibraryLogger(), "libkel: %s cannot listen on %s: %s", name_.c_str(), at.text().c_str(),
-                  error.message().c_str());
+    CBBLog::error(LibraryLogger(), "libkel: %s cannot listen on %s: %s; %s", name_.c_str(), at.text().c_str(),
+                  error.message().c_str(), Advice(error));
     return KEL_PORT_IN_USE;
 }
 

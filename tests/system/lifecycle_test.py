@@ -1,20 +1,22 @@
 """The directory as a process: signals, second instances, ports and folders that are not there for it, its log."""
 import pathlib
+import plistlib
 import random
 import re
 import select
 import signal
 import socket
+import subprocess
 import sys
 import unittest
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
 from kel_client import record, wait_until
-from kel_daemon import SystemTest, satellite_text
+from kel_daemon import SystemTest, program, satellite_text
 
 FIRST_LINE = "Initializing Kel Directory"
 ALREADY = "Initialization of Kel failed because this satellite is already registered."
-LINE = re.compile(r"\d{4}/\d\d/\d\d \d\d:\d\d:\d\d\.\d{3} \[(FATAL|ERROR|WARN |INFO |DEBUG)\] - .*")
+LINE = re.compile(r"\d{4}/\d\d/\d\d \d\d:\d\d:\d\d\.\d{3} \[(FATAL|ERROR|NOTE |WARN |INFO |DEBUG)\] - .*")
 
 
 class AStopSignal(SystemTest):
@@ -78,9 +80,12 @@ class ASecondInstance(SystemTest):
             second = daemon.spawn()
             self.assertEqual(second.wait(), 0)
             self.assertRegex(second.output(), r"\[INFO \] - " + re.escape(ALREADY))
+            self.assertIn(f"[NOTE ] - A directory answers at port {first.port} of this machine", second.output())
             self.assertNotIn("Initialization complete", second.output())
         self.assertTrue(running.running())
         self.assertEqual((client.id_of("MainRegister"), first.tree()), (own, files))
+        running.kill()
+        first.start().current.wait_for(f"the last run (process {running.process.pid}, ")
 
 
 class APortHeldByAnotherProgram(SystemTest):
@@ -171,8 +176,8 @@ class TheLog(SystemTest):
                      "[DEBUG] - Register returned 0: ", "[INFO ] - SatSetBeRightBack from : Wrong inparams!",
                      "[ERROR] - SatGetService failed: "]:
             self.assertIn(line, text)
-        self.assertEqual(set(LINE.match(line)[1] for line in self.log_at(3).splitlines()), {"INFO ", "ERROR"})
-        self.assertEqual(set(LINE.match(line)[1] for line in self.log_at(1).splitlines()), {"ERROR"})
+        self.assertEqual(set(LINE.match(line)[1] for line in self.log_at(3).splitlines()), {"INFO ", "ERROR", "NOTE "})
+        self.assertEqual(set(LINE.match(line)[1] for line in self.log_at(1).splitlines()), {"ERROR", "NOTE "})
         self.assertEqual(self.log_at(0), "")
 
     def test_turns_over_at_512_kib(self):
@@ -188,6 +193,85 @@ class TheLog(SystemTest):
         old, new = (directory.logs / name for name in ["KelDirectory.log.back", "KelDirectory.log"])
         self.assertTrue(512 * 1024 <= old.stat().st_size < 512 * 1024 + 20480 * 2, old.stat().st_size)
         self.assertTrue(directory.current.output().endswith(old.read_text() + new.read_text()))
+
+
+    def test_says_how_it_starts_how_the_last_run_ended_and_that_it_stops(self):
+        directory = self.daemon(level=1)
+        killed = directory.start().current
+        killed.wait_for("no run before this one is known")
+        killed.kill()
+        directory.fill(2)
+        directory.start()
+        directory.current.wait_for("2 satellites loaded; the last run")
+        for line in [rf"Kel Directory \d\S+ starts as process \d+ .* settings in {directory.folder}",
+                     rf"Kel Directory serves at 127\.0\.0\.1:{directory.port}; .* the last run "
+                     rf"\(process {killed.process.pid}, started \d.*\) did not end in order"]:
+            self.assertRegex(directory.log(), r"\[NOTE \] - " + line)
+        directory.stop()
+        self.assertRegex(directory.log(), r"Kel Directory stopped in order; 2 satellites stay registered\n$")
+        directory.start().current.wait_for("the last run ended in order")
+
+
+class ABrokenSetting(SystemTest):
+    def test_is_said_and_does_not_open_the_directory_to_the_network(self):
+        directory = self.daemon(level=1)
+        config = directory.folder / "config/com.tessaly.yar.config.plist"
+        config.write_bytes(plistlib.dumps({**directory.settings, "kel.bindAddress": 127001, "kel.bindAdress": "::1"}))
+        directory.start()
+        for name in ["kel.bindAddress is an integer, where a string belongs; listening on 127.0.0.1 only",
+                     "kel.bindAdress is no setting of this file; ignored"]:
+            directory.current.wait_for(f"[ERROR] - Settings: {config}: {name}\n")
+        directory.start_satellites(["Recorder", "Schedule"])
+        port = re.search("<port>(.*)</port>", directory.satellite_file("Recorder"))[1]
+        for listening in [directory.port, int(port)]:
+            socket.create_connection(("127.0.0.1", listening)).close()
+            with self.assertRaises(ConnectionRefusedError):
+                socket.create_connection(("127.0.0.2", listening))
+
+
+class TheCommandLine(SystemTest):
+    def run_with(self, directory, argument):
+        done = subprocess.run([program("KelDirectory"), "ignored", argument], env=directory.environment, text=True,
+                              stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=300)
+        return done.returncode, done.stdout
+
+    def test_is_answered_without_a_start(self):
+        directory = self.daemon()
+        self.assertRegex(self.run_with(directory, "--version")[1], r"^KelDirectory \d+\.\d+\.\d+\n$")
+        self.assertIn("kel.bindAddress, a string (0.0.0.0)\n", self.run_with(directory, "--help")[1])
+        status, text = self.run_with(directory, "--check")
+        self.assertEqual((status, list(directory.root.iterdir())), (0, []), text)
+
+    def test_checks_a_directory_that_runs_and_changes_nothing(self):
+        directory = self.daemon().start()
+        self.client(directory).register("Recorder", self.satellite().port)
+        files = directory.tree()
+        status, text = self.run_with(directory, "--check")
+        self.assertEqual((status, directory.tree()), (0, files), text)
+        self.assertIn(f"a directory answers at 127.0.0.1:{directory.port} already\n", text)
+
+    def test_finds_what_is_wrong(self):
+        directory = self.daemon()
+        directory.fill(2)
+        directory.logs.mkdir(parents=True)
+        (directory.logs / "errors.log").symlink_to("/dev/null")
+        (directory.folder / "config/com.tessaly.yar.plist").write_text("<plist>")
+        (directory.satellites / "Filler1.xml").write_text("")
+        (directory.satellites / "A\nB.xml").symlink_to("Filler2.xml")
+        (directory.satellites / "Filler3.xml").write_text(satellite_text("Filler3", 3, 1, [("", "has no name")]))
+        (directory.registration.parent / "ServiceListeners.xml").write_text("<serviceListener>")
+        directory.registration.write_text("<registration>")
+        holder = socket.create_server(("127.0.0.1", directory.port))
+        self.addCleanup(holder.close)
+        files = directory.tree()
+        status, text = self.run_with(directory, "--check")
+        wrong = [line for line in text.splitlines() if line.startswith("wrong: ")]
+        for expected in ["com.tessaly.yar.plist cannot be read: it does not end with", "A?B.xml: Too many levels",
+                         "Filler1.xml: it is empty", "Filler3.xml: in a service <name> is empty",
+                         "Registration.xml: it does not name the last id", "<serviceListener> is not closed",
+                         "errors.log: it is a link", f"127.0.0.1:{directory.port}: another program holds the port"]:
+            self.assertEqual(sum(expected in line for line in wrong), 1, expected + text)
+        self.assertEqual((status, len(wrong), directory.tree()), (1, 8, files))
 
 
 class AfterAKill(SystemTest):

@@ -11,7 +11,9 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
+#include <string_view>
 
 // The files of one identifier, all in the configuration folder:
 //
@@ -97,20 +99,66 @@ bool WriteAll(int fd, const char* data, size_t length) {
     return true;
 }
 
-std::optional<ListFile> ReadListFile(const std::string& path) {
+// Why a text in XML is damaged although the reader of lists takes it, or null. The reader is content once the
+// dictionary is closed, and passes over a last key that has lost its value.
+const char* DamageOf(const std::string& text) {
+    constexpr char blanks[] = " \t\r\n";
+    constexpr std::string_view end = "</plist>";
+    constexpr std::string_view keyEnd = "</key>";
+    constexpr std::string_view dictEnd = "</dict>";
+    if (text.rfind("bplist", 0) == 0) return nullptr;
+    const size_t last = text.find_last_not_of(blanks);
+    if (last == std::string::npos) return "it is empty";
+    if (last + 1 < end.size() || text.compare(last + 1 - end.size(), end.size(), end) != 0) {
+        return "it does not end with </plist>";
+    }
+    for (size_t key = text.find(keyEnd); key != std::string::npos; key = text.find(keyEnd, key)) {
+        key = text.find_first_not_of(blanks, key + keyEnd.size());
+        if (key != std::string::npos && text.compare(key, dictEnd.size(), dictEnd) == 0)
+            return "a key in it has no value";
+    }
+    return nullptr;
+}
+
+// Reads the text of a list; false, with the reason in `fault`, when it cannot be. Without a file it is empty and `mode`
+// stays.
+bool ReadListText(const std::string& path, std::string& text, std::optional<mode_t>& mode, std::string& fault) {
     const File file(path, O_RDONLY | O_NONBLOCK);
-    if (!file.IsOpen()) return errno == ENOENT ? std::make_optional<ListFile>() : std::nullopt;
+    if (!file.IsOpen()) {
+        fault = std::strerror(errno);
+        return errno == ENOENT;
+    }
     struct stat info {};
+    const bool isKnown = fstat(file.Descriptor(), &info) == 0;
+    if (isKnown && !S_ISREG(info.st_mode)) {
+        fault = "it is no regular file";
+    } else if (isKnown && info.st_size > kLargestList) {
+        fault = "it is larger than 64 MiB";
+    } else if (isKnown && ReadAll(file.Descriptor(), text, static_cast<size_t>(info.st_size))) {
+        mode = info.st_mode & 07777;
+        return true;
+    } else {
+        fault = std::strerror(errno);
+    }
+    return false;
+}
+
+// Nothing, with the reason in `fault`, when there is a file that cannot be read or understood.
+std::optional<ListFile> ReadListFile(const std::string& path, std::string& fault) {
     std::string text;
-    if (fstat(file.Descriptor(), &info) != 0 || !S_ISREG(info.st_mode) || info.st_size > kLargestList ||
-        !ReadAll(file.Descriptor(), text, static_cast<size_t>(info.st_size))) {
+    std::optional<mode_t> mode;
+    if (!ReadListText(path, text, mode, fault)) return std::nullopt;
+    if (!mode) return ListFile();
+    if (const char* damage = DamageOf(text)) {
+        fault = damage;
         return std::nullopt;
     }
     plist_t root = nullptr;
     plist_from_memory(text.data(), static_cast<uint32_t>(text.size()), &root);
-    ListFile list{Plist(root), info.st_mode & 07777};
-    if (!root || plist_get_node_type(root) != PLIST_DICT) return std::nullopt;
-    return list;
+    ListFile list{Plist(root), *mode};
+    if (root && plist_get_node_type(root) == PLIST_DICT) return list;
+    fault = root ? "it is not a dictionary" : "it is damaged";
+    return std::nullopt;
 }
 
 bool ReplaceListFile(const std::string& path, const std::string& temporary, const ListFile& list) {
@@ -207,12 +255,19 @@ const PreferenceValue* Preferences::Find(const std::string& name) const {
     return nullptr;
 }
 
-std::optional<Preferences> SynchronisePreferences(const std::string& identifier) {
+std::string PreferencesPath(const std::string& identifier) {
     const std::string folder = ConfigurationFolder();
-    if (folder.empty() || !IsIdentifier(identifier)) return std::nullopt;
-    const std::optional<ListFile> list = ReadListFile(folder + "/" + identifier + ".plist");
-    if (!list) return std::nullopt;
-    return ToPreferences(*list);
+    return folder.empty() || !IsIdentifier(identifier) ? std::string() : folder + "/" + identifier + ".plist";
+}
+
+std::optional<Preferences> SynchronisePreferences(const std::string& identifier, std::string* fault) {
+    const std::string path = PreferencesPath(identifier);
+    if (path.empty()) return std::nullopt;
+    std::string reason;
+    const std::optional<ListFile> list = ReadListFile(path, reason);
+    if (list) return ToPreferences(*list);
+    if (fault) *fault = reason;
+    return std::nullopt;
 }
 
 bool StorePreference(const std::string& identifier, const std::string& name, const PreferenceValue& value) {
@@ -225,7 +280,8 @@ bool StorePreference(const std::string& identifier, const std::string& name, con
     const File lock(folder + "/." + identifier + ".lock", O_RDWR | O_CREAT | O_NOFOLLOW, kNewListMode);
     if (!lock.IsOpen() || !WaitForLock(lock.Descriptor())) return false;
     const std::string path = folder + "/" + identifier + ".plist";
-    std::optional<ListFile> list = ReadListFile(path);
+    std::string ignored;
+    std::optional<ListFile> list = ReadListFile(path, ignored);
     if (!list) return false;
     if (!list->dictionary) list->dictionary.reset(plist_new_dict());
     plist_dict_set_item(list->dictionary.get(), name.c_str(), node.release());

@@ -15,9 +15,15 @@ std::string RootPrefix() {
     return root ? root : "";
 }
 
-void EnsureSystemFolders() {
-    std::error_code ignored;
-    std::filesystem::create_directories(RootPrefix() + "/Library/Logs", ignored);
+std::string EnsureSystemFolders() {
+    std::filesystem::path made;
+    for (const std::filesystem::path& folder : std::filesystem::path(RootPrefix() + "/Library/Logs")) {
+        made /= folder;
+        std::error_code error;
+        std::filesystem::create_directory(made, error);
+        if (error) return made.string() + ": " + error.message();
+    }
+    return {};
 }
 
 std::string ExecutableFolder() {

@@ -161,8 +161,9 @@ TEST_F(TheSettings, NeverLeaveTheirFolder) {
 TEST_F(TheSettings, FailInABrokenListAndKeepIt) {
     ASSERT_TRUE(settings_->WriteSettingImpl(kKey, "LogLevel", 4));
     const std::string whole = List();
-    for (const std::string& broken : {std::string(), std::string("garbage"), whole.substr(0, whole.size() / 2),
-                                      std::string("<plist version=\"1.0\"><array/></plist>")}) {
+    for (const std::string& broken :
+         {std::string("garbage"), whole.substr(0, whole.size() / 2), whole.substr(0, whole.rfind("</plist>")),
+          std::string("<plist version=\"1.0\"><array/></plist>")}) {
         PutList(broken);
         int number = 42;
         EXPECT_FALSE(settings_->ReadSettingImpl(kKey, "LogLevel", number));
