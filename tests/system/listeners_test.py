@@ -93,5 +93,18 @@ class AListener(SystemTest):
             self.directory.restart()
 
 
+class ASatelliteOfLibkel(SystemTest):
+    def test_tells_its_services_again_to_a_directory_whose_file_has_lost_them(self):
+        self.directory = self.daemon().start()
+        self.directory.start_satellites(("Recorder", "Schedule", "Rewind"))
+        self.directory.stop()
+        path = self.directory.satellites / "Recorder.xml"
+        whole = path.read_text()
+        path.write_text(whole[:whole.index("\t<service>")] + "</satellite>\n")
+        self.directory.start()
+        wait_until(lambda: self.directory.satellite_file("Recorder") == whole, "Recorder's services to be back")
+        self.assertEqual(self.client(self.directory).providers("Schedule"), ["Recorder"])
+
+
 if __name__ == "__main__":
     unittest.main()
