@@ -11,6 +11,7 @@ import signal
 import subprocess
 import sys
 import tempfile
+import time
 import unittest
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
@@ -152,6 +153,15 @@ class AProcessThatCrashes(CrashTest):
                     self.assertIn("[INFO ] - USR1 signal received, generating crash\n", run.output())
                 else:  # the thread that hangs stands in the dump where it hangs
                     self.assertTrue(any("CBBLog::finishLine" in frame for frame in dump.threads[0]), dump.threads[0])
+
+    def test_ends_in_order_when_other_threads_fault_while_they_are_dumped(self):
+        for _ in range(20):  # it takes a signal at one moment of a few
+            run = self.victim("many-threads")
+            run.wait_for("waiting")
+            for thread in sorted(map(int, os.listdir(f"/proc/{run.process.pid}/task")))[-24:]:
+                _libc.syscall(SYS_TGKILL, run.process.pid, thread, signal.SIGSEGV)
+                time.sleep(0.0001)
+            self.crashed(run)
 
     def test_does_without_the_reporter(self):
         cases = {"missing": lambda: (self.bin / "YarCrashReporter").unlink(),
