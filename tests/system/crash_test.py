@@ -141,9 +141,11 @@ class AProcessThatCrashes(CrashTest):
                 self.assertEqual(self.reported(), [[line["dump"], "crash_victim"]])
 
     def test_crashes_on_sigusr1_in_a_thread_of_its_own(self):
+        def block():
+            signal.pthread_sigmask(signal.SIG_BLOCK, {signal.SIGUSR1})
         for way, ready in (("run", "ready"), ("hang-in-log-lock", "hanging")):
             with self.subTest(way):
-                run = self.victim(way)
+                run = self.victim(way, prepare=block)
                 run.wait_for(ready)
                 run.send_signal(signal.SIGUSR1)
                 dump, _ = self.crashed(run)

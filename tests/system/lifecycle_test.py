@@ -2,6 +2,7 @@
 import pathlib
 import random
 import re
+import resource
 import select
 import signal
 import socket
@@ -134,6 +135,11 @@ class WithoutRightsToItsFolders(SystemTest):
         self.assertEqual(directory.current.output(), f"Error: could not open log file '{log}': 20\n"
                                                      f"Error: could not open error log file '{log}': 20\n")
         self.assertTrue(directory.root.is_file())
+
+    def test_the_directory_works_from_memory_where_files_may_not_grow(self):
+        directory = self.daemon().start(prepare=lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (0, 0)))
+        self.works_from_memory(directory)
+        directory.stop()
 
     def test_the_directory_logs_that_its_data_folder_is_missing_and_works_from_memory(self):
         directory = self.daemon()
