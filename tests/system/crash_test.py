@@ -91,6 +91,14 @@ class CrashTest(SystemTest):
         self.assertEqual(path.stat().st_size // 1024, int(lines[0][0]["size"]))
         return Dump(path, self.symbols), lines[0][0]
 
+    def full_pipe(self):
+        """The writing end of a pipe that takes nothing more."""
+        ends = os.pipe()
+        for end in ends:
+            self.addCleanup(os.close, end)
+        os.write(ends[1], bytes(fcntl.fcntl(ends[1], F_GETPIPE_SZ)))
+        return ends[1]
+
     def reported(self):
         """The words of each start of the reporter."""
         return [path.read_bytes().decode().split("\0")[:-1] for path in self.bin.glob("words-*")]
@@ -171,10 +179,11 @@ class AProcessThatCrashes(CrashTest):
                  "no program": lambda: self.reporter("\x7fELF no program"),
                  "failing": lambda: self.reporter("#!/bin/sh\nkill -9 $$\n"),
                  "its interpreter missing": lambda: self.reporter("#!/nowhere/sh\n")}
+        full = self.full_pipe()
         for name, prepare in cases.items():
             with self.subTest(name):
                 prepare()
-                self.crashed(self.victim("fault"))
+                self.crashed(self.victim("fault", prepare=lambda: os.dup2(full, 2)))  # where the shell would say so
 
     def test_waits_for_its_reporter_and_gives_it_a_clean_start(self):
         self.reporter('#!/bin/sh\ngrep -E "^Sig(Blk|Ign)" /proc/self/status >"$0.signals"\n'
@@ -369,7 +378,7 @@ class TheReporter(CrashTest):
         self.assertNotIn("rip =", report.read_text())
 
     def report(self, dump, data, status=0, **options):
-        options = {"stdout": subprocess.DEVNULL, "stderr": subprocess.DEVNULL, **options}
+        options = {"stdout": subprocess.DEVNULL, **options}
         words = [program("YarCrashReporter"), dump, "P", "a", "b", "-appData", data]
         done = subprocess.run(words, timeout=60, **options)
         self.assertEqual(done.returncode, status)
@@ -390,14 +399,12 @@ class TheReporter(CrashTest):
         self.assertEqual(subprocess.run([program("YarCrashReporter")], stderr=subprocess.DEVNULL).returncode, 2)
 
     def test_is_neither_held_up_nor_ended_by_its_output(self):
-        (reading, full), (gone, unread) = os.pipe(), os.pipe()
-        for end in (reading, full, unread):
-            self.addCleanup(os.close, end)
-        os.write(full, bytes(fcntl.fcntl(full, F_GETPIPE_SZ)))
+        gone, unread = os.pipe()
+        self.addCleanup(os.close, unread)
         os.close(gone)
-        for output in (full, unread):
+        for output in (self.full_pipe(), unread):
             data = self.directory.folder / f"data-{output}"
-            self.report("/no/such.dmp", data, 1, stdout=output, stderr=output)  # it has something to say on both
+            self.report("/no/such.dmp", data, 1, stdout=output)
             self.assertIn("program:  P\n", (data / "CrashReports/such.txt").read_text())
 
     def test_keeps_the_dump_just_taken_and_a_kept_one_that_it_is_run_on(self):
@@ -443,7 +450,7 @@ class TheReporter(CrashTest):
         if os.geteuid() == 0:
             reports.unlink()
             os.chown(precious.rename(reports), 12345, -1)
-            said = self.report(dump, reports.parent, 1, stderr=subprocess.PIPE).stderr.decode()
+            said = self.report(dump, reports.parent, 1, stdout=subprocess.PIPE).stdout.decode()
             self.assertEqual(said, f"YarCrashReporter: cannot use {reports}: it belongs to user 12345\n")
         self.assertEqual([(path.name, path.stat().st_size) for path in reports.iterdir()], [("file", 0)])
 
