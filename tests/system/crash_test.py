@@ -248,11 +248,11 @@ def fits_private_mounts():
 
 
 class AProcessOnASickSystem(CrashTest):
-    def crash_without_dump(self, run, size):
+    def crash_without_dump(self, run):
         self.assertEqual(run.wait(), 0, run.output())
         for name in ("crash_victim.log", "errors.log"):
             line, = FATAL.finditer((self.directory.logs / name).read_text())
-            self.assertLessEqual(int(line["size"]), size)
+            self.assertEqual(line["size"], "0")
         self.assertEqual(self.reported(), [[line["dump"], "crash_victim"]])
 
     def with_other_tmp(self, options, flags=0):
@@ -277,16 +277,16 @@ class AProcessOnASickSystem(CrashTest):
 
     @unittest.skipUnless(fits_private_mounts(), "may not mount")
     def test_logs_and_reports_without_room_for_the_dump(self):
-        self.crash_without_dump(self.victim("fault", prepare=self.with_other_tmp("size=8k")), size=1000)
+        self.crash_without_dump(self.victim("fault", prepare=self.with_other_tmp("size=32k")))  # for half of it
 
     @unittest.skipUnless(fits_private_mounts(), "may not mount")
     def test_logs_and_reports_without_a_folder_for_the_dump(self):
-        self.crash_without_dump(self.victim("fault", prepare=self.with_other_tmp("", MS_RDONLY)), size=0)
+        self.crash_without_dump(self.victim("fault", prepare=self.with_other_tmp("", MS_RDONLY)))
 
     def test_logs_and_reports_when_files_may_not_grow(self):
         def prepare():
             resource.setrlimit(resource.RLIMIT_FSIZE, (16384, 16384))
-        self.crash_without_dump(self.victim("fault", prepare=prepare), size=16)
+        self.crash_without_dump(self.victim("fault", prepare=prepare))
         # The part that was written is found by the only name there is for it.
         text = (self.directory.logs / "errors.log").read_text()
         self.addCleanup(pathlib.Path(FATAL.search(text)["dump"]).unlink, missing_ok=True)
