@@ -110,7 +110,8 @@ void FaultInLogLock() {
 void HangInLogLock() {
     ReplaceOutput([] {
         armed = false;
-        write(STDERR_FILENO, "hanging\n", 8);
+        const ssize_t written = write(STDERR_FILENO, "hanging\n", 8);
+        static_cast<void>(written);
         StayForEver();
     });
     armed = true;
