@@ -34,7 +34,8 @@ class TheExamples(SystemTest):
 
     def test_a_second_recorder_is_refused_while_the_first_lives_and_takes_over_when_it_was_killed(self):
         first = self.directory.companion("recorder")
-        sat_id = wait_until(self.found, "the recorder")
+        first.wait_for("registered")  # it can be found before, while every other Register of its name is refused
+        sat_id = self.found()
         second = self.directory.companion("recorder")
         self.assertEqual(second.wait(), 1)
         self.assertEqual((self.found(), first.running()), (sat_id, True))
