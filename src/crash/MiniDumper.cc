@@ -115,13 +115,13 @@ void MiniDumper::prepareCommand() {
     command_ = commands_.back().get();
 }
 
-bool MiniDumper::_minidumpCallback(const google_breakpad::MinidumpDescriptor&, void* context, bool) {
-    static_cast<MiniDumper*>(context)->minidumpCallback();
+bool MiniDumper::_minidumpCallback(const google_breakpad::MinidumpDescriptor&, void* context, bool succeeded) {
+    static_cast<MiniDumper*>(context)->minidumpCallback(succeeded);
 }
 
 // Where not even Breakpad could do anything: no memory, or no process to spare.
 void MiniDumper::crashWithoutDump() {
-    if (MiniDumper* const dumper = newest) dumper->minidumpCallback();
+    if (MiniDumper* const dumper = newest) dumper->minidumpCallback(false);
     _exit(0);  // the last one has just gone
 }
 
@@ -136,16 +136,16 @@ void MiniDumper::AloneFromHere() {
     for (;;) pause();
 }
 
-void MiniDumper::minidumpCallback() {
+void MiniDumper::minidumpCallback(bool isWhole) {
     AloneFromHere();
     const CStdStr* const command = command_;  // first: what was made ready before it is seen with it
     if (!command) _exit(0);
     struct stat dump {};
-    const bool exists = stat(dumpFile_.c_str(), &dump) == 0;
+    const bool isThere = isWhole && stat(dumpFile_.c_str(), &dump) == 0;
     if (startReporter_ && !command->empty()) shared_->shell.RunAndWait(command->c_str());
     if (logCrash_) {
         shared_->log.Write(LOGLEVEL_FATAL, "crash of %s. minidump generated as %s (%dkB)", appName_.c_str(),
-                           dumpFile_.c_str(), exists ? static_cast<int>(dump.st_size / 1024) : 0);
+                           dumpFile_.c_str(), isThere ? static_cast<int>(dump.st_size / 1024) : 0);
     }
     _exit(0);
 }

@@ -53,7 +53,7 @@ private:
     static bool _minidumpCallback(const google_breakpad::MinidumpDescriptor& descriptor, void* context, bool succeeded);
     static void crashWithoutDump();
     static void AloneFromHere();
-    [[noreturn]] void minidumpCallback();
+    [[noreturn]] void minidumpCallback(bool isWhole);
 
     static std::atomic<MiniDumper*> newest;
 

@@ -1,5 +1,6 @@
 #include "crash/ShellRun.h"
 
+#include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -17,6 +18,7 @@ ShellRun::ShellRun() {
     posix_spawnattr_setsigmask(&attributes_, &none);
     posix_spawnattr_setflags(&attributes_, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
     posix_spawn_file_actions_init(&descriptors_);
+    posix_spawn_file_actions_addopen(&descriptors_, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
     posix_spawn_file_actions_addclosefrom_np(&descriptors_, STDERR_FILENO + 1);
 }
 

@@ -1,5 +1,6 @@
 #include "host/YarModuleBase.h"
 
+#include "crash/FaultSignals.h"
 #include "foundation/Log.h"
 #include "rpc/KelSatellite.h"
 
@@ -14,11 +15,21 @@ namespace {
 
 constexpr long long maxLogSize = 524288;
 
-void IgnoreBrokenPipes() {
+// A connection that is gone and a file that may not grow are errors of a write, not the end.
+void IgnoreSignalsOfWrites() {
     struct sigaction ignore {};
     ignore.sa_handler = SIG_IGN;
     sigemptyset(&ignore.sa_mask);
-    sigaction(SIGPIPE, &ignore, nullptr);
+    for (const int number : {SIGPIPE, SIGXFSZ}) sigaction(number, &ignore, nullptr);
+}
+
+// Whoever started the process may have blocked what the crash handler waits for, and a block is inherited.
+void LetCrashSignalsThrough() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGUSR1);
+    for (const int fault : kel::crash::faultSignals) sigaddset(&signals, fault);
+    pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
 }
 
 }  // namespace
@@ -44,7 +55,8 @@ void YarModuleBase::SetUp() {
     CBBLog::setLogger(logger_);
     KelSatellite::setLogger(logger_);
 
-    IgnoreBrokenPipes();
+    IgnoreSignalsOfWrites();
+    LetCrashSignalsThrough();
     sigemptyset(&signalSet_);
     sigaddset(&signalSet_, SIGINT);
     sigaddset(&signalSet_, SIGTERM);

@@ -18,7 +18,8 @@ class YarModuleBase {
 public:
     // Belongs before the first thread of the process: threads inherit from here that SIGINT and SIGTERM are blocked, so
     // that run() alone receives them. Sets up what a crash leaves behind. Makes "<name>.log" the log of the process and
-    // of libkel, and ignores SIGPIPE. Throws std::logic_error while another module lives, and leaves that one as it is.
+    // of libkel, and ignores SIGPIPE and SIGXFSZ. Throws std::logic_error while another module lives, and leaves that
+    // one as it is.
     explicit YarModuleBase(const CStdStr& name);
     virtual ~YarModuleBase();
     YarModuleBase(const YarModuleBase&) = delete;

@@ -1,4 +1,5 @@
-"""libkel as the author of a satellite meets it: installed, found by CMake and by pkg-config, the examples built with it."""
+"""libkel as the author of a satellite meets it: installed, found by CMake and by pkg-config, the examples built with it.
+And what all that is installed is hardened with."""
 import os
 import pathlib
 import shutil
@@ -51,6 +52,23 @@ class AnInstalledLibrary(unittest.TestCase):
     def test_carries_its_version_in_its_name(self):
         dynamic = run("readelf", "--dynamic", self.library_folder / "libkel.so")
         self.assertIn("Library soname: [libkel.so.1]", dynamic)
+
+
+class WhatIsInstalled(unittest.TestCase):
+    def test_is_hardened(self):
+        folder = pathlib.Path(tempfile.mkdtemp(prefix="kel-test-"))
+        self.addCleanup(shutil.rmtree, folder)
+        run(os.environ["CMAKE"], "--install", os.environ["KEL_BUILD"], "--prefix", folder)
+        optimised = os.environ["KEL_BUILD_TYPE"] in ("Release", "RelWithDebInfo", "MinSizeRel")
+        for name in ("KelDirectory", "YarCrashReporter", "libkel.so"):
+            with self.subTest(name):
+                file = next(folder.rglob(name)).resolve()
+                said = run("readelf", "-W", "--file-header", "--segments", "--dynamic", "--symbols", file)
+                self.assertRegex(said, r"Type:\s+DYN ")
+                self.assertRegex(said, r"GNU_RELRO")
+                self.assertRegex(said, r"\(FLAGS_1\)\s+Flags: NOW" + ("" if name == "libkel.so" else " PIE"))
+                self.assertIn("UND __stack_chk_fail@", said)
+                self.assertRegex(said, r"UND __\w+_chk@" if optimised else "")
 
 
 if __name__ == "__main__":

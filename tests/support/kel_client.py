@@ -154,7 +154,7 @@ class Satellite:
     answers back. Once closed, connections to it are refused and those that were open have ended.
     """
 
-    def __init__(self, name=None, sat_id=None):
+    def __init__(self, name=None, sat_id=None, address="127.0.0.1"):
         self.name, self.sat_id = name, sat_id
         self.pings = 0
         self.events = []
@@ -163,7 +163,7 @@ class Satellite:
         self._held = None
         self._connections = []
         self._lock = threading.Lock()
-        self._listener = socket.create_server(("127.0.0.1", 0), backlog=512)
+        self._listener = socket.create_server((address, 0), backlog=512)
         self.port = self._listener.getsockname()[1]
         threading.Thread(target=self._accept, daemon=True).start()
 

@@ -19,6 +19,7 @@
 #include <map>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -93,6 +94,13 @@ protected:
     while (true) pause();
 }
 
+void WaitInManyThreads() {
+    std::vector<std::thread> threads(24);
+    for (std::thread& thread : threads) thread = std::thread(&StayForEver);
+    CBBLog::error("waiting");
+    StayForEver();
+}
+
 void FaultInLogLock() {
     ReplaceOutput(&FaultOfVictim);
     armed = true;
@@ -102,7 +110,8 @@ void FaultInLogLock() {
 void HangInLogLock() {
     ReplaceOutput([] {
         armed = false;
-        write(STDERR_FILENO, "hanging\n", 8);
+        const ssize_t written = write(STDERR_FILENO, "hanging\n", 8);
+        static_cast<void>(written);
         StayForEver();
     });
     armed = true;
@@ -125,6 +134,7 @@ const std::map<std::string, Work> ways = {
     {"fault-in-log-lock", &FaultInLogLock},
     {"fault-in-log-thread", &FaultInLogThread},
     {"hang-in-log-lock", &HangInLogLock},
+    {"many-threads", &WaitInManyThreads},
     {"divide",
      [] {
          static volatile int zero = 0;

@@ -152,31 +152,28 @@ class ADirectoryBetweenTwoNetworks(OnNetworks):
                          self.notify(self.directory, "10.77.1.1, 10.77.2.1", "[al,1\\,2,0], [late,,0]"))
 
     def test_hands_each_asker_the_address_that_it_can_reach(self):
-        def register(client, name, port):
-            client.caller = name
-
-            def is_kept():  # nobody listens there: it must not be found dead before it has said so
-                client.register(name, port, [("Schedule", "")])
-                return client.call("SetBeRightBackTimer", 3600)[0] == 0 and client.id_of(name)
-            wait_until(is_kept, f"{name} to be kept")
+        with self.home:
+            local = self.satellite()
         with self.directory.client() as client:
-            register(client, "Local", 4711)
+            client.register("Local", local.port, [("Schedule", "")])
         satellites = []
         for host, own, reached in [(self.left, "10.77.1.2", "10.77.1.1"), (self.right, "10.77.2.2", "10.77.2.1")]:
             with host, self.directory.client_at(reached) as client:
-                register(client, "At" + own, 4712)
+                there = self.satellite(None, None, own)
+                client.register("At" + own, there.port, [("Schedule", "")])
                 satellites.append(own)
-                self.assertEqual(client.call("GetSatelliteHost", "Local"), (0, [reached, 4711]))
+                self.assertEqual(client.call("GetSatelliteHost", "Local"), (0, [reached, local.port]))
                 self.assertEqual(client.call("GetSatelliteHost", "MainRegister"), (0, [reached, self.directory.port]))
-                self.assertEqual(client.call("GetSatelliteHost", "At" + own), (0, [own, 4712]))
+                self.assertEqual(client.call("GetSatelliteHost", "At" + own), (0, [own, there.port]))
                 found = client.call("GetServiceReg", ["all", "Schedule"])[1]
                 self.assertEqual({entry[2]: entry[3] for entry in found},
                                  {"Local": reached, **{"At" + address: address for address in satellites}})
-                self.assertEqual(client.call("GetServiceReg", ["Local", "Schedule"])[1][0][3:5], [reached, ui2(4711)])
+                self.assertEqual(client.call("GetServiceReg", ["Local", "Schedule"])[1][0][3:5],
+                                 [reached, ui2(local.port)])
         for address in ["127.0.0.1", "10.77.1.1", "10.77.2.1"]:  # from the directory's own machine, by whatever way
             with self.home, self.directory.client_at(address) as client:
                 expected = "127.0.0.1" if address == "127.0.0.1" else address
-                self.assertEqual(client.call("GetSatelliteHost", "Local"), (0, [expected, 4711]))
+                self.assertEqual(client.call("GetSatelliteHost", "Local"), (0, [expected, local.port]))
 
     def test_is_found_by_satellites_that_were_told_no_address(self):
         recorder = self.directory.companion("recorder", "auto")

@@ -3,6 +3,7 @@ import pathlib
 import plistlib
 import random
 import re
+import resource
 import select
 import signal
 import socket
@@ -55,9 +56,10 @@ class AStopSignal(SystemTest):
         directory, endpoint = self.daemon().start(), self.satellite()
         client = self.client(directory)
         client.register("Recorder", endpoint.port, [("Schedule", "")])
+        directory.keep_from_checks("Recorder")
         endpoint.hanging = True
         client.send("Register", record("Recorder", 9))
-        wait_until(lambda: endpoint.pings, "the previous holder to be asked")
+        wait_until(lambda: endpoint.unanswered, "the previous holder to be asked")
         self.assertTrue((directory.satellites / "MainRegister.xml").exists())
         directory.current.send_signal(signal.SIGTERM)
         endpoint.close()
@@ -138,6 +140,11 @@ class WithoutRightsToItsFolders(SystemTest):
         self.assertEqual(directory.current.output(), f"Error: could not open log file '{log}': 20\n"
                                                      f"Error: could not open error log file '{log}': 20\n")
         self.assertTrue(directory.root.is_file())
+
+    def test_the_directory_works_from_memory_where_files_may_not_grow(self):
+        directory = self.daemon().start(prepare=lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (0, 0)))
+        self.works_from_memory(directory)
+        directory.stop()
 
     def test_the_directory_logs_that_its_data_folder_is_missing_and_works_from_memory(self):
         directory = self.daemon()

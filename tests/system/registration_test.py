@@ -19,19 +19,12 @@ class WithADirectory(SystemTest):
         self.directory.restart()
         self.c = self.client(self.directory)
 
-    def keep_from_checks(self, name):
-        """Returns when no liveness check of the satellite runs or will: pings that come now have another reason."""
-        self.client(self.directory, name).call("SetBeRightBackTimer", 3600)
-        self.directory.current.wait_for(f"Satellite {name} is BRB, don't ping")
-
 
 class ANameThatIsTaken(WithADirectory):
     def test_is_refused_while_its_holder_lives(self):
-        sat_id = self.c.register("Recorder", self.endpoint.port, [("Schedule", "")])
-        holder = self.satellite("Recorder", sat_id)
-        self.assertEqual(self.c.register("Recorder", 9, sat_id=sat_id), sat_id)
-        self.c.call("RemoveSatellite", record("Recorder", 9, sat_id=sat_id))
+        holder = self.satellite()
         holder.sat_id = self.c.register("Recorder", holder.port, [("Schedule", "")])
+        holder.name = "Recorder"
         files = self.directory.tree()
         for name, claimed in [("Recorder", 0), ("Recorder", holder.sat_id + 1), ("RECORDER", 0), ("recorder", -1)]:
             answer = self.c.call("Register", record(name, self.endpoint.port, [("Other", "")], claimed))
@@ -55,7 +48,7 @@ class ANameThatIsTaken(WithADirectory):
 
     def test_stays_with_the_same_id_and_record_without_a_ping_when_the_id_is_its_own(self):
         sat_id = self.c.register("Recorder", self.endpoint.port, [("Schedule", "old")], host="studio")
-        self.keep_from_checks("Recorder")
+        self.directory.keep_from_checks("Recorder")
         self.endpoint.hanging = True  # whoever asks it takes it for dead
         again = self.c.register("RECORDER", 9, [("schedule", "new"), ("Tune", "")], sat_id, host="elsewhere", version=9)
         self.assertEqual(again, sat_id)
@@ -70,7 +63,7 @@ class ANameThatIsTaken(WithADirectory):
 
     def test_is_pending_for_everyone_else_while_its_holder_hangs(self):
         self.c.register("Recorder", self.endpoint.port)
-        self.keep_from_checks("Recorder")
+        self.directory.keep_from_checks("Recorder")
         self.endpoint.hanging, before = True, self.endpoint.pings
         with self.directory.client() as first, self.directory.client() as second:
             held = first.send("Register", record("Recorder", 9))

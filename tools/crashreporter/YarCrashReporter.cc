@@ -351,19 +351,20 @@ private:
     std::string problem_;
 };
 
-// Prints, unless nobody reads and it would block.
-void Say(int output, const std::string& text) {
-    pollfd writable{output, POLLOUT, 0};
+// Prints on standard output, unless nobody reads and it would block: what the crash handler starts has no standard
+// error.
+void Say(const std::string& text) {
+    pollfd writable{STDOUT_FILENO, POLLOUT, 0};
     if (poll(&writable, 1, 0) != 1 || !(writable.revents & POLLOUT)) return;
     const std::string line = "YarCrashReporter: " + text + "\n";
-    const ssize_t written = write(output, line.data(), std::min<size_t>(line.size(), PIPE_BUF));
+    const ssize_t written = write(STDOUT_FILENO, line.data(), std::min<size_t>(line.size(), PIPE_BUF));
     static_cast<void>(written);
 }
 
 int Keep(const Arguments& arguments) {
     const ReportsFolder folder(arguments.dataFolder);
     if (!folder.problem().empty()) {
-        Say(STDERR_FILENO, "cannot use " + folder.path().string() + ": " + folder.problem());
+        Say("cannot use " + folder.path().string() + ": " + folder.problem());
         return 1;
     }
     const fs::path kept = folder.path() / arguments.dump.filename();
@@ -377,16 +378,15 @@ int Keep(const Arguments& arguments) {
         problem = folder.Write(kept.filename(), bytes);
         if (!problem.empty()) folder.Remove(kept.filename());
     }
-    if (!problem.empty())
-        Say(STDERR_FILENO, "cannot copy " + arguments.dump.string() + " to " + kept.string() + ": " + problem);
+    if (!problem.empty()) Say("cannot copy " + arguments.dump.string() + " to " + kept.string() + ": " + problem);
     const std::string failure =
         folder.Write(report.filename(), ReportText(arguments, Dump(std::move(bytes)), kept, problem));
     folder.RemoveOldest(report, arguments.dump.parent_path());
     if (!failure.empty()) {
-        Say(STDERR_FILENO, "cannot write " + report.string() + ": " + failure);
+        Say("cannot write " + report.string() + ": " + failure);
         return 1;
     }
-    Say(STDOUT_FILENO, report.string());
+    Say(report.string());
     return problem.empty() ? 0 : 1;
 }
 
@@ -397,7 +397,7 @@ int main(int argc, char** argv) {
     for (const int number : {SIGPIPE, SIGXFSZ}) signal(number, SIG_IGN);
     const auto arguments = ReadArguments(std::vector<std::string>(argv + 1, argv + argc));
     if (!arguments) {
-        Say(STDERR_FILENO, "usage: YarCrashReporter DUMP PROGRAM [ARGUMENT ARGUMENT] [-appData FOLDER]");
+        std::fputs("usage: YarCrashReporter DUMP PROGRAM [ARGUMENT ARGUMENT] [-appData FOLDER]\n", stderr);
         return 2;
     }
     return Keep(*arguments);
