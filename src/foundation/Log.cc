@@ -1,6 +1,7 @@
 #include "foundation/Log.h"
 
 #include "foundation/Registry.h"
+#include "foundation/StandardStreams.h"
 #include "foundation/Thread.h"
 #include "platform/ProcessPaths.h"
 
@@ -187,14 +188,19 @@ void CBBLog::openFiles() {
     fileEnabled_ = logFd_ >= 0;
     // Processes of other users append as well, whatever this one's umask.
     if (fileEnabled_) fchmod(logFd_, 0666);
-    else printf("Error: could not open log file '%s': %d\n", logPath_.c_str(), errno);
+    else printNotOpened("log file");
 
     openFile(errorsFd_, errorsPath_, false);
     errorsEnabled_ = errorsFd_ >= 0;
     if (errorsEnabled_) fchmod(errorsFd_, 0666);
     // The message names the module's log, as it always has.
-    else printf("Error: could not open error log file '%s': %d\n", logPath_.c_str(), errno);
-    fflush(stdout);
+    else printNotOpened("error log file");
+}
+
+void CBBLog::printNotOpened(const char* what) const {
+    CStdStr line;
+    line.Format("Error: could not open %s '%s': %d\n", what, logPath_.c_str(), errno);
+    kel::PrintOut(line);
 }
 
 // Several processes append to the same file, and each finds out by itself that it is full. The first to lock it renames
@@ -296,9 +302,8 @@ void CBBLog::addQueue(const CStdStr& line) {
     PMutexHold hold(queueLock_);
     queue_.push_back(line);
     ++queued_;
-    // Under the lock, so that lines do not mix.
-    printf("%s", line.c_str());
-    fflush(stdout);
+    // Under the lock, so that the lines stand there in the order of the file.
+    kel::PrintOut(line);
     queueLock_.broadcast();
 }
 

@@ -161,6 +161,7 @@ private:
     void finishLine(CStdStr& line, LOGLEVEL level);
     void openFiles() REQUIRES(initLock_);
     void closeFiles() REQUIRES(initLock_);
+    void printNotOpened(const char* what) const;
     void readLogLevel();
     void publishLevel() REQUIRES(s_instanceLock);
     CStdStr buildLineHeader(LOGLEVEL level) const;
