@@ -1,5 +1,7 @@
 #include "foundation/Log.h"
 
+#include "foundation/LogFolding.h"
+#include "foundation/LogText.h"
 #include "foundation/Registry.h"
 #include "foundation/StandardStreams.h"
 #include "foundation/Thread.h"
@@ -14,9 +16,12 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
+#include <cstring>
 #include <limits>
 #include <new>
+#include <optional>
 #include <utility>
 
 namespace {
@@ -74,7 +79,11 @@ const CBBLog* CBBLog::s_published = nullptr;
 std::atomic<LOGLEVEL> CBBLog::s_level{kNoLogger};
 
 CBBLog::CBBLog(const CStdStr& name, bool showPid, long long maxFileSize)
-    : name_(name), showPid_(showPid), maxFileSize_(maxFileSize), pid_(static_cast<std::uint32_t>(getpid())) {}
+    : name_(name),
+      showPid_(showPid),
+      maxFileSize_(maxFileSize),
+      pid_(static_cast<std::uint32_t>(getpid())),
+      folding_(new LogFolding) {}
 
 CBBLog::~CBBLog() {
     {
@@ -259,20 +268,52 @@ bool CBBLog::isWritten(LOGLEVEL level) {
 // Without memory for it a line is lost: who logs that there is none must not fail over it.
 void CBBLog::_AddLog(const char* fmt, va_list arguments, LOGLEVEL level) try {
     if (!isWritten(level)) return;
-    CStdStr line = buildLineHeader(level);
-    char text[kLineBuffer];
-    const int length = vsnprintf(text, sizeof text, fmt, arguments);
-    if (length > 0) line.append(text, std::min(static_cast<size_t>(length), sizeof text - 1));
-    finishLine(line, level);
+    // A format of nothing but an argument does not tell one message from another: there the text does.
+    const bool isBare = std::strcmp(fmt, "%s") == 0;
+    LogVerdict verdict = isBare ? LogVerdict::write : judge(level, fmt);
+    if (verdict == LogVerdict::drop) return;
+    char buffer[kLineBuffer];
+    const int length = vsnprintf(buffer, sizeof buffer, fmt, arguments);
+    const std::string_view text(buffer, std::min(static_cast<size_t>(std::max(length, 0)), sizeof buffer - 1));
+    if (isBare) verdict = judge(level, text);
+    addText(level, isBare ? text : fmt, text, verdict);
 } catch (const std::bad_alloc&) {
 }
 
 void CBBLog::_AddLog(boost::format text, LOGLEVEL level) try {
     if (!isWritten(level)) return;
-    CStdStr line = buildLineHeader(level);
     text.exceptions(boost::io::no_error_bits);  // a missing argument shows as nothing
-    line.append(text.str());
+    const std::string whole = text.str();
+    addText(level, whole, whole, judge(level, whole));
+} catch (const std::bad_alloc&) {
+}
+
+// Fatal lines are too important to be folded, and those below warnings were asked for.
+LogVerdict CBBLog::judge(LOGLEVEL level, std::string_view kind) {
+    if (level != LOGLEVEL_ERROR && level != LOGLEVEL_WARN && level != LOGLEVEL_NOTE) return LogVerdict::write;
+    return folding_->Judge(level, kind, std::chrono::steady_clock::now());
+}
+
+void CBBLog::addText(LOGLEVEL level, std::string_view kind, std::string_view text, LogVerdict verdict) {
+    if (verdict == LogVerdict::drop) return;
+    if (verdict == LogVerdict::keep) {
+        folding_->Keep(level, kind, text);
+        wakeThread();
+        return;
+    }
+    CStdStr line = buildLineHeader(level);
+    kel::AppendPrintable(line, text);
     finishLine(line, level);
+}
+
+// Says what was left out, in the windows that have ended or in all.
+void CBBLog::sayFolded(bool all) try {
+    const LogFolding::Time now = std::chrono::steady_clock::now();
+    for (const auto& [level, text] : folding_->TakeEnded(now, all ? LogFolding::Time::max() : now)) {
+        CStdStr line = buildLineHeader(level);
+        kel::AppendPrintable(line, text);
+        finishLine(line, level);
+    }
 } catch (const std::bad_alloc&) {
 }
 
@@ -307,6 +348,11 @@ void CBBLog::addQueue(const CStdStr& line) {
     queueLock_.broadcast();
 }
 
+void CBBLog::wakeThread() {
+    PMutexHold hold(queueLock_);
+    queueLock_.broadcast();
+}
+
 CStdStr CBBLog::getLogs() {
     PMutexHold hold(queueLock_);
     CStdStr lines;
@@ -332,23 +378,44 @@ bool CBBLog::flushAll(long milliseconds) {
 // The queue is looked at before the stop: a log that is destroyed before its thread came this far has lines, too.
 unsigned int CBBLog::loggerThread(void*) {
     queueLock_.lock();
+    bool isLast = false;
     do {
-        while (!stopping_ && queue_.empty()) queueLock_.wait();
-        while (!queue_.empty()) {
-            const CStdStr line = std::move(queue_.front());
-            queue_.pop_front();
-            queueLock_.unlock();
-            try {
-                logLineToFile(line);
-            } catch (const std::bad_alloc&) {  // lost, as in _AddLog
-            }
-            queueLock_.lock();
-            ++written_;
-            queueLock_.broadcast();
+        while (!stopping_ && queue_.empty() && waitForWork()) {
         }
-    } while (!stopping_);
+        isLast = stopping_;
+        queueLock_.unlock();
+        sayFolded(isLast);
+        queueLock_.lock();
+        writeQueue();
+    } while (!isLast);
     queueLock_.unlock();
     return 0;
+}
+
+// False when lines that were left out are to be told of.
+bool CBBLog::waitForWork() {
+    const std::optional<LogFolding::Time> end = folding_->NextEnd();
+    if (!end) {
+        queueLock_.wait();
+        return true;
+    }
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(*end - std::chrono::steady_clock::now());
+    return left.count() > 0 && queueLock_.waitUntil(DeadlineIn(left.count()));
+}
+
+void CBBLog::writeQueue() {
+    while (!queue_.empty()) {
+        const CStdStr line = std::move(queue_.front());
+        queue_.pop_front();
+        queueLock_.unlock();
+        try {
+            logLineToFile(line);
+        } catch (const std::bad_alloc&) {  // lost, as in _AddLog
+        }
+        queueLock_.lock();
+        ++written_;
+        queueLock_.broadcast();
+    }
 }
 
 // --- The entry points

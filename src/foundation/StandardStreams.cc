@@ -18,29 +18,25 @@ public:
 
     void Print(std::string_view lines) EXCLUDES(lock_) {
         PMutexHold hold(lock_);
-        ForgetAnotherFile();
         if (!(FinishRest() && SayMissing() && Begin(lines))) ++missing_;
     }
 
 private:
-    // The descriptor may have been given another file, which the rest of a line is not for.
-    void ForgetAnotherFile() REQUIRES(lock_) {
-        struct stat now {};
-        if (fstat(fd_, &now) != 0 || (now.st_ino == inode_ && now.st_dev == device_)) return;
-        inode_ = now.st_ino;
-        device_ = now.st_dev;
-        rest_.clear();
-    }
-
     // Whether any of the text was taken; the rest is kept.
     bool Begin(std::string_view text) REQUIRES(lock_) {
         const ssize_t taken = WriteAtOnce(fd_, text.data(), text.size());
         if (taken < 0) return false;
         rest_.assign(text.substr(static_cast<size_t>(taken)));
+        if (!rest_.empty()) fstat(fd_, &restIsFor_);
         return true;
     }
 
-    bool FinishRest() REQUIRES(lock_) { return rest_.empty() || (Begin(CStdStr(rest_)) && rest_.empty()); }
+    bool FinishRest() REQUIRES(lock_) {
+        if (rest_.empty()) return true;
+        struct stat now {};  // the descriptor may have been given to another file meanwhile
+        if (fstat(fd_, &now) != 0 || now.st_ino != restIsFor_.st_ino || now.st_dev != restIsFor_.st_dev) rest_.clear();
+        return rest_.empty() || (Begin(CStdStr(rest_)) && rest_.empty());
+    }
 
     bool SayMissing() REQUIRES(lock_) {
         if (missing_ == 0) return true;
@@ -55,9 +51,8 @@ private:
     const int fd_;
     const char* const name_;
     PMutex lock_;
-    dev_t device_ GUARDED_BY(lock_) = 0;
-    ino_t inode_ GUARDED_BY(lock_) = 0;
     CStdStr rest_ GUARDED_BY(lock_);  // of the line that was taken in part
+    struct stat restIsFor_ GUARDED_BY(lock_) {};
     uint64_t missing_ GUARDED_BY(lock_) = 0;
 };
 

@@ -9,6 +9,7 @@
 #include <unistd.h>
 #include <boost/make_shared.hpp>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -140,6 +141,44 @@ TEST_F(ALog, TellsArgumentsFromListsAndCutsTextsAt20479CharactersButNoFormattedO
     EXPECT_EQ(textsOf(logPath()), (Texts{"list 1", "0", "text", cut, cut, text + "100%s", "1 of "}));
 }
 
+TEST_F(ALog, KeepsEachLineOneLineWhateverItTells) {
+    auto log = makeLog();
+    log->AddLog(LOGLEVEL_ERROR, "from %s", "a\nb\r\tc\x1b[2J\x7f \\n \xc2\x9b \xc2\xb5 \xc2");
+    CBBLog::setLogger(log);
+    CBBLog::error(boost::format("from %1%") % std::string("a\0b", 3));
+    log.reset();
+    EXPECT_EQ(textsOf(logPath()), (Texts{R"(from a\nb\r\tc\x1b[2J\x7f \n \xc2\x9b )"
+                                         "\xc2\xb5 \xc2",
+                                         R"(from a\x00b)"}));
+}
+
+TEST_F(ALog, FoldsRepeatsOfErrorsAndWarningsAndTellsOfThemBeforeItGoes) {
+    auto log = makeLog();
+    log->setLogLevel(LOGLEVEL_INFO);
+    for (int i = 0; i < 5000; ++i) {
+        log->AddLog(LOGLEVEL_ERROR, "error %d", i);
+        log->AddLog(LOGLEVEL_ERROR, "%s", i == 0 ? "one text" : i == 1 ? "another" : "a third");
+    }
+    for (int i = 0; i < 21; ++i) {
+        log->AddLog(LOGLEVEL_WARN, "warning %d", i);
+        log->AddLog(LOGLEVEL_INFO, "asked for");
+        log->AddLog(LOGLEVEL_FATAL, "fatal");
+    }
+    log.reset();
+    const Texts texts = textsOf(logPath());
+    const auto count = [&texts](const std::string& begin) {
+        return std::count_if(texts.begin(), texts.end(), [&](const auto& text) { return text.rfind(begin, 0) == 0; });
+    };
+    EXPECT_EQ(count("error "), 21);
+    EXPECT_EQ(count("error 20 ... and 4,979 more in "), 1);
+    EXPECT_EQ(count("one text"), 1);
+    EXPECT_EQ(count("another"), 1);
+    EXPECT_EQ(count("a third"), 21);
+    EXPECT_EQ(count("warning "), 21);
+    EXPECT_EQ(count("asked for"), 21);
+    EXPECT_EQ(count("Recorder - fatal"), 21);
+}
+
 TEST_F(ALog, IsReachedOnlyWhileItLives) {
     auto log = makeLog();
     auto other = makeLog("Player.log");
@@ -193,7 +232,8 @@ TEST_F(ALog, WritesWhatIsQueuedBeforeItGoes) {
     // Also when it goes before its thread had any time.
     for (int i = 0; i < 100; ++i) makeLog()->AddLog(LOGLEVEL_ERROR, "%d", i);
     auto log = makeLog();
-    for (int i = 100; i < 2000; ++i) log->AddLog(LOGLEVEL_ERROR, "%d", i);
+    log->setLogLevel(LOGLEVEL_INFO);
+    for (int i = 100; i < 2000; ++i) log->AddLog(LOGLEVEL_INFO, "%d", i);
     log.reset();
     Texts expected;
     for (int i = 0; i < 2000; ++i) expected.push_back(std::to_string(i));
@@ -252,6 +292,7 @@ TEST_F(ALog, LetsOtherUsersAppendAndNoChildInherit) {
 TEST_F(ALog, TakesLinesOfManyThreadsWithoutMixingThem) {
     CRegistry::getInstance();
     auto log = makeLog();
+    log->setLogLevel(LOGLEVEL_INFO);
     CBBLog::setLogger(log);
     const Texts callers = {"one", "two", "three", "four"};
     std::vector<std::thread> threads;
@@ -259,7 +300,7 @@ TEST_F(ALog, TakesLinesOfManyThreadsWithoutMixingThem) {
         threads.emplace_back([&caller] {
             for (int i = 0; i < 200; ++i) {
                 if (CBBLog::isDebugEnabled()) CBBLog::debug("never");
-                CBBLog::error("%s %d", caller.c_str(), i);
+                CBBLog::info("%s %d", caller.c_str(), i);
             }
             CBBLog::fatal("%s ends", caller.c_str());
         });

@@ -1,0 +1,21 @@
+// Texts of others, made fit for a line of the log.
+#pragma once
+
+#include "foundation/StdString.h"
+
+#include <cstddef>
+#include <string_view>
+
+namespace kel {
+
+// The most bytes that one byte of a text becomes.
+constexpr size_t printableGrowth = 4;
+
+// Writes the text, with "\n", "\r", "\t" or the like of "\x1b" in place of each control character (C0, DEL, and C1 in
+// UTF-8), and returns the position behind it. There is room for printableGrowth times its size. Safe in a signal
+// handler.
+char* WritePrintable(char* to, std::string_view text);
+
+void AppendPrintable(CStdStr& line, std::string_view text);
+
+}  // namespace kel
