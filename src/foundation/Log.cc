@@ -1,5 +1,6 @@
 #include "foundation/Log.h"
 
+#include "foundation/LogFolder.h"
 #include "foundation/LogFolding.h"
 #include "foundation/LogText.h"
 #include "foundation/Registry.h"
@@ -7,7 +8,6 @@
 #include "foundation/Thread.h"
 #include "platform/ProcessPaths.h"
 
-#include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/time.h>
@@ -19,9 +19,11 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <limits>
 #include <new>
 #include <optional>
+#include <system_error>
 #include <utility>
 
 namespace {
@@ -58,6 +60,38 @@ CStdStr shortNameOf(const CStdStr& name) {
     const size_t separator = shortName.find_last_of("/\\");
     if (separator != CStdStr::npos) shortName.erase(0, separator + 1);
     return shortName;
+}
+
+// What is wrong with a folder or file that LogFolder has refused; empty when it is neither a link nor anybody else's.
+CStdStr WhyRefused(const CStdStr& path, bool isFolder) {
+    struct stat info {};
+    if (lstat(path.c_str(), &info) != 0) return CStdStr();
+    const bool isForeign = isFolder && info.st_uid != 0 && info.st_uid != geteuid();
+    const bool isKind = isFolder ? S_ISDIR(info.st_mode) : S_ISREG(info.st_mode);
+    if (isKind && !isForeign) return CStdStr();
+    CStdStr text;
+    text.Format("%s is not used: it is %s, of the user with the id %u; remove it", path.c_str(),
+                S_ISLNK(info.st_mode) ? "a link"
+                : !isKind             ? (isFolder ? "no folder" : "no file")
+                                      : "a folder of another user",
+                static_cast<unsigned>(info.st_uid));
+    return text;
+}
+
+// Why a file in the folder could not be opened, in words.
+CStdStr WhyUnused(const CStdStr& folder, const CStdStr& file, int reason) {
+    for (const bool isFolder : {true, false}) {
+        CStdStr text = WhyRefused(isFolder ? folder : file, isFolder);
+        if (!text.empty()) return text;
+    }
+    CStdStr text;
+    std::error_code ignored;
+    std::filesystem::path parent(folder.c_str());
+    while (!std::filesystem::exists(parent, ignored) && parent.has_relative_path()) parent = parent.parent_path();
+    if (parent != folder.c_str() && access(parent.c_str(), W_OK) != 0)
+        text.Format("%s cannot be made in %s: %s", folder.c_str(), parent.c_str(), std::strerror(errno));
+    else text.Format("%s cannot be opened: %s", file.c_str(), std::strerror(reason));
+    return text;
 }
 
 bool isSameFile(const struct stat& a, const struct stat& b) { return a.st_ino == b.st_ino && a.st_dev == b.st_dev; }
@@ -156,20 +190,21 @@ void CBBLog::publishLevel() {
 
 CStdStr CBBLog::getLogsDirectory() { return kel::platform::RootPrefix() + "/Library/Logs/Tessaly"; }
 
-void CBBLog::openFile(int& fd, const CStdStr& path, bool truncate) {
-    fd = open(path.c_str(), O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC | (truncate ? O_TRUNC : 0), 0666);
+// Opens a file of the folder; -1 with the reason in errno.
+int CBBLog::openFile(const CStdStr& path, bool& isNew) const {
+    return LogFolder(folder_.c_str()).OpenFile(path.c_str() + folder_.size() + 1, isNew);
 }
 
 void CBBLog::initialize() {
     PMutexHold hold(initLock_);
     if (initialized_) return;
 
-    const CStdStr directory = getLogsDirectory();
-    logPath_ = directory + "/" + name_;
-    errorsPath_ = directory + "/errors.log";
+    folder_ = getLogsDirectory();
+    logPath_ = folder_ + "/" + name_;
+    errorsPath_ = folder_ + "/errors.log";
     shortName_ = shortNameOf(name_);
-    mkdir(directory.c_str(), 0777);
-    openFiles();
+    mkdir(folder_.c_str(), 0777);
+    const CStdStr problems = openFiles();
 
     std::unique_ptr<PThread> thread(new PThread(new PThreadDelegateMember<CBBLog>(this, &CBBLog::loggerThread)));
     try {
@@ -179,6 +214,8 @@ void CBBLog::initialize() {
         throw;
     }
     thread_.swap(thread);
+    if (!problems.empty()) kel::PrintError(problems);
+    if (!problems.empty() && fileEnabled_) addQueue(problems);
     initialized_ = true;
 }
 
@@ -191,25 +228,28 @@ void CBBLog::closeFiles() {
     fileEnabled_ = errorsEnabled_ = false;
 }
 
-void CBBLog::openFiles() {
+// Returns the lines that say what is wrong with the files, if anything is.
+CStdStr CBBLog::openFiles() {
     PMutexHold hold(fileLock_);
-    openFile(logFd_, logPath_, false);
-    fileEnabled_ = logFd_ >= 0;
-    // Processes of other users append as well, whatever this one's umask.
-    if (fileEnabled_) fchmod(logFd_, 0666);
-    else printNotOpened("log file");
-
-    openFile(errorsFd_, errorsPath_, false);
-    errorsEnabled_ = errorsFd_ >= 0;
-    if (errorsEnabled_) fchmod(errorsFd_, 0666);
+    CStdStr problems;
+    const auto open = [&](int& fd, const CStdStr& path, const char* what) {
+        bool isNew = false;
+        fd = openFile(path, isNew);
+        // Processes of other users append as well, whatever this one's umask. What was there before keeps its mode.
+        if (isNew) fchmod(fd, 0666);
+        if (fd >= 0) return true;
+        const int reason = errno;
+        CStdStr line;
+        line.Format("Error: could not open %s '%s': %d\n", what, logPath_.c_str(), reason);
+        kel::PrintOut(line);
+        const CStdStr problem = "Log: " + WhyUnused(folder_, path, reason) + "\n";
+        if (problems.find(problem) == CStdStr::npos) problems += buildLineHeader(LOGLEVEL_ERROR) + problem;
+        return false;
+    };
+    fileEnabled_ = open(logFd_, logPath_, "log file");
     // The message names the module's log, as it always has.
-    else printNotOpened("error log file");
-}
-
-void CBBLog::printNotOpened(const char* what) const {
-    CStdStr line;
-    line.Format("Error: could not open %s '%s': %d\n", what, logPath_.c_str(), errno);
-    kel::PrintOut(line);
+    errorsEnabled_ = open(errorsFd_, errorsPath_, "error log file");
+    return problems;
 }
 
 // Several processes append to the same file, and each finds out by itself that it is full. The first to lock it renames
@@ -219,16 +259,17 @@ void CBBLog::rotateIfNeeded(int& fd, const CStdStr& path) const {
     struct stat opened {};
     struct stat named {};
     if (fstat(fd, &opened) != 0) return;
-    const bool exists = stat(path.c_str(), &named) == 0;
+    const bool exists = lstat(path.c_str(), &named) == 0;
     if (!exists && errno != ENOENT) return;
     if (exists && isSameFile(opened, named)) {
         if (opened.st_size < maxFileSize_) return;
         if (flock(fd, LOCK_EX) != 0) return;
-        const bool stillNamed = stat(path.c_str(), &named) == 0 && isSameFile(opened, named);
-        if (stillNamed) rename(path.c_str(), (path + ".back").c_str());
+        const bool stillNamed = lstat(path.c_str(), &named) == 0 && isSameFile(opened, named);
+        const CStdStr name = path.substr(folder_.size() + 1);
+        if (stillNamed) LogFolder(folder_.c_str()).Rename(name.c_str(), (name + ".back").c_str());
     }
-    int fresh = -1;
-    openFile(fresh, path, false);
+    bool isNew = false;
+    const int fresh = openFile(path, isNew);
     if (fresh < 0) return;  // the line goes where the last one went, and the next one tries again
     close(fd);              // gives the lock back
     fd = fresh;
@@ -262,7 +303,7 @@ bool CBBLog::isWritten(LOGLEVEL level) {
     if (level_ == LOGLEVEL_UNREAD) readLogLevel();
     if (level_ < levelNeeded(level)) return false;
     if (!initialized_) initialize();
-    return fileEnabled_ || errorsEnabled_;
+    return true;
 }
 
 // Without memory for it a line is lost: who logs that there is none must not fail over it.
@@ -320,6 +361,7 @@ void CBBLog::sayFolded(bool all) try {
 void CBBLog::finishLine(CStdStr& line, LOGLEVEL level) {
     line.push_back('\n');
     if (fileEnabled_) addQueue(line);
+    else kel::PrintError(line);
     if (level == LOGLEVEL_FATAL) _FatalError(line);
 }
 

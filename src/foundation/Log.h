@@ -9,7 +9,8 @@
 //
 // A line of a level is written when the log's level is at least that: the setting "LogLevel" under
 // "Software\Tessaly\Yar", read once with the first line, or what setLogLevel says. Either file is renamed with ".back"
-// appended, over an older one, when it has reached its largest size, also when several processes append to it.
+// appended, over an older one, when it has reached its largest size, also when several processes append to it. The files
+// and their folder are taken as LogFolder says. Without the module's file its lines go to standard error.
 //
 // What a line says often comes from others, so none of them can be made to look like two, or the log to hold nothing
 // else: control characters in texts are written as "\n" or "\x1b", and of lines that repeat themselves at the levels of
@@ -162,7 +163,6 @@ private:
     static bool isEnabledAt(LOGLEVEL current, LOGLEVEL level);
     static boost::shared_ptr<CBBLog> instance() EXCLUDES(s_instanceLock);
     static CStdStr getLogsDirectory();
-    static void openFile(int& fd, const CStdStr& path, bool truncate);
 
     bool isWritten(LOGLEVEL level);
     LogVerdict judge(LOGLEVEL level, std::string_view kind);
@@ -170,9 +170,9 @@ private:
     void finishLine(CStdStr& line, LOGLEVEL level);
     void sayFolded(bool all);
     void wakeThread() EXCLUDES(queueLock_);
-    void openFiles() REQUIRES(initLock_);
+    CStdStr openFiles() REQUIRES(initLock_);
+    int openFile(const CStdStr& path, bool& isNew) const;
     void closeFiles() REQUIRES(initLock_);
-    void printNotOpened(const char* what) const;
     void readLogLevel();
     void publishLevel() REQUIRES(s_instanceLock);
     CStdStr buildLineHeader(LOGLEVEL level) const;
@@ -196,6 +196,7 @@ private:
     std::atomic<bool> initialized_{false};
     bool fileEnabled_ = false;
     bool errorsEnabled_ = false;
+    CStdStr folder_;
     CStdStr logPath_;
     CStdStr errorsPath_;
     CStdStr shortName_;

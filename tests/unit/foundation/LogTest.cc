@@ -12,7 +12,9 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iterator>
+#include <map>
 #include <regex>
 #include <thread>
 #include <vector>
@@ -269,6 +271,59 @@ TEST_F(ALog, WithOneFileOnlyUsesThatOne) {
     EXPECT_EQ(textsOf(inLogs("errors.log")), Texts{"Recorder - over"});
     log.reset();
     EXPECT_EQ(echoed(), "Error: could not open log file '" + logPath() + "': 21\n");
+}
+
+TEST_F(ALog, IsLedNowhereElseAndThenSpeaksOnStandardError) {
+    const std::string elsewhere = root_.path() + "/elsewhere";
+    const std::string victim = elsewhere + "/Recorder.log";
+    const std::string folder = root_.logsFolder();
+    fs::create_directory(elsewhere);
+    std::ofstream(victim) << "its own\n";
+    fs::permissions(victim, fs::perms(0600));
+    const std::map<std::string, std::function<void()>> ways = {
+        {logPath() + " is not used: it is a link", [&] { fs::create_symlink(victim, logPath()); }},
+        {logPath() + " is not used: it is no file", [&] { mkfifo(logPath().c_str(), 0666); }},
+        {folder + " is not used: it is a link",
+         [&] {
+             fs::remove(folder);
+             fs::create_directory_symlink(elsewhere, folder);
+         }},
+        {folder + " is not used: it is a folder of another user", [&] { chown(folder.c_str(), 4711, 0); }},
+        {logPath() + " cannot be opened: Not a directory",
+         [&] {
+             fs::remove_all(fs::path(folder).parent_path());
+             std::ofstream(fs::path(folder).parent_path());
+         }},
+    };
+    for (const auto& [problem, prepare] : ways) {
+        if (problem.find("another user") != std::string::npos && geteuid() != 0) continue;  // nobody else can be played
+        fs::remove_all(fs::path(folder).parent_path());
+        fs::create_directories(folder);
+        prepare();
+        testing::internal::CaptureStderr();
+        auto log = makeLog();
+        log->AddLog(LOGLEVEL_ERROR, "told");
+        log->AddLog(LOGLEVEL_WARN, "not asked for");
+        log.reset();
+        const std::string said = testing::internal::GetCapturedStderr();
+        EXPECT_NE(said.find(" [ERROR] - Log: " + problem), std::string::npos) << said;
+        EXPECT_NE(said.find(" [ERROR] - told\n"), std::string::npos) << said;
+        EXPECT_EQ(said.find("not asked for"), std::string::npos) << said;
+        EXPECT_EQ(contentsOf(victim), "its own\n");
+        EXPECT_EQ(fs::status(victim).permissions(), fs::perms(0600));
+    }
+}
+
+TEST_F(ALog, StaysWithItsFileWhenALinkTakesItsName) {
+    auto log = makeLog();
+    log->AddLog(LOGLEVEL_ERROR, "before");
+    ASSERT_TRUE(log->flush(30000));
+    fs::rename(logPath(), inLogs("moved"));
+    fs::create_symlink(root_.path() + "/elsewhere", logPath());
+    log->AddLog(LOGLEVEL_ERROR, "after");
+    log.reset();
+    EXPECT_EQ(textsOf(inLogs("moved")), (Texts{"before", "after"}));
+    EXPECT_FALSE(fs::exists(root_.path() + "/elsewhere"));
 }
 
 TEST_F(ALog, LetsOtherUsersAppendAndNoChildInherit) {
