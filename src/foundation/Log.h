@@ -9,8 +9,8 @@
 //
 // A line of a level is written when the log's level is at least that: the setting "LogLevel" under
 // "Software\Tessaly\Yar", read once with the first line, or what setLogLevel says. Either file is renamed with ".back"
-// appended, over an older one, when it has reached its largest size, also when several processes append to it. The files
-// and their folder are taken as LogFolder says. Without the module's file its lines go to standard error.
+// appended, over an older one, when it has reached its largest size, also when several processes append to it. The
+// files and their folder are taken as LogFolder says. Without the module's file its lines go to standard error.
 //
 // What a line says often comes from others, so none of them can be made to look like two, or the log to hold nothing
 // else: control characters in texts are written as "\n" or "\x1b", and of lines that repeat themselves at the levels of

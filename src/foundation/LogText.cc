@@ -1,7 +1,5 @@
 #include "foundation/LogText.h"
 
-#include <algorithm>
-
 namespace kel {
 
 namespace {
@@ -29,6 +27,13 @@ char* WriteEscape(char* to, char c) {
 
 }  // namespace
 
+bool HasControls(std::string_view text) {
+    for (size_t at = 0; at < text.size(); ++at) {
+        if (IsControl(text[at]) || IsUpperControl(text, at)) return true;
+    }
+    return false;
+}
+
 char* WritePrintable(char* to, std::string_view text) {
     for (size_t at = 0; at < text.size(); ++at) {
         if (IsUpperControl(text, at)) {
@@ -44,12 +49,13 @@ char* WritePrintable(char* to, std::string_view text) {
 }
 
 void AppendPrintable(CStdStr& line, std::string_view text) {
-    const auto plain = std::find_if(text.begin(), text.end(), [](char c) { return IsControl(c) || c == '\xc2'; });
-    line.append(text.begin(), plain);
-    const std::string_view rest(plain, text.end());
+    if (!HasControls(text)) {
+        line.append(text);
+        return;
+    }
     const size_t end = line.size();
-    line.resize(end + rest.size() * printableGrowth);
-    line.resize(static_cast<size_t>(WritePrintable(line.data() + end, rest) - line.data()));
+    line.resize(end + text.size() * printableGrowth);
+    line.resize(static_cast<size_t>(WritePrintable(line.data() + end, text) - line.data()));
 }
 
 }  // namespace kel
