@@ -18,10 +18,10 @@
 
 #include "crash/HelperThread.h"
 #include "foundation/SignalContext.h"
+#include "foundation/StandardStreams.h"
 #include "foundation/Thread.h"
 
 #include <cxxabi.h>
-#include <poll.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -46,12 +46,7 @@ int* volatile addressZero = nullptr;
 [[gnu::noinline]] __attribute__((no_sanitize("undefined"))) void WriteToAddressZero() { *addressZero = 0; }
 
 // Prints, unless nobody reads and it would block.
-void Print(const char* text, size_t length) {
-    pollfd output{STDOUT_FILENO, POLLOUT, 0};
-    if (poll(&output, 1, 0) != 1 || !(output.revents & POLLOUT)) return;
-    const ssize_t written = write(STDOUT_FILENO, text, length);
-    static_cast<void>(written);
-}
+void Print(const char* text, size_t length) { static_cast<void>(WriteAtOnce(STDOUT_FILENO, text, length)); }
 
 }  // namespace
 

@@ -1,9 +1,10 @@
 #include "crash/LastWords.h"
 
 #include "foundation/FileTools.h"
+#include "foundation/LogFolder.h"
+#include "foundation/LogText.h"
 #include "foundation/StdPath.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
@@ -34,8 +35,9 @@ off_t SizeOf(const char* path) {
 LastWords::LastWords(const CStdStr& module)
     : shortName_(module.substr(0, module.find('.'))), secondsEastOfGreenwich_(OffsetOfLocalTime()) {
     folder_ = CFileTools::GetLogsDirectory();
-    files_[0].path = CStdPath(folder_).AppendPath(module + ".log");
-    files_[1].path = CStdPath(folder_).AppendPath("errors.log");
+    files_[0].name = module + ".log";
+    files_[1].name = "errors.log";
+    for (File& file : files_) file.path = CStdPath(folder_).AppendPath(file.name);
 }
 
 void LastWords::Begin() {
@@ -43,12 +45,15 @@ void LastWords::Begin() {
 }
 
 void LastWords::Write(const char* text) {
-    const size_t length = FormatLine(text);
+    WritePrintable(text_, std::string_view(text).substr(0, longestText))[0] = '\0';
+    const size_t length = FormatLine(text_);
     mkdir(folder_.c_str(), 0777);  // without a line so far, it is not there yet
+    const LogFolder folder(folder_.c_str());
     for (const File& file : files_) {
-        const int fd = open(file.path.c_str(), O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC, 0666);
+        bool isNew = false;
+        const int fd = folder.OpenFile(file.name.c_str(), isNew);
         if (fd < 0) continue;
-        if (!IsIn(fd, file.end, text)) {
+        if (!IsIn(fd, file.end, text_)) {
             const ssize_t written = write(fd, line_, length);
             static_cast<void>(written);  // there is nobody left to tell
         }

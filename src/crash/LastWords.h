@@ -5,6 +5,7 @@
 // One thread at a time; the crash handler sees to that.
 #pragma once
 
+#include "foundation/LogText.h"
 #include "foundation/StdString.h"
 
 #include <sys/types.h>
@@ -24,7 +25,10 @@ public:
     void Write(const char* text);
 
 private:
+    static constexpr size_t longestText = 20480;
+
     struct File {
+        CStdStr name;
         CStdStr path;
         off_t end = 0;
     };
@@ -36,8 +40,9 @@ private:
     std::array<File, 2> files_;
     CStdStr shortName_;
     long secondsEastOfGreenwich_;
-    char line_[24 * 1024];
-    char read_[64 * 1024];
+    char text_[longestText * printableGrowth + 1];
+    char line_[sizeof text_ + 1024];
+    char read_[sizeof line_ + 64 * 1024];
 };
 
 }  // namespace kel::crash

@@ -21,14 +21,19 @@ void CutSeparator(CStdStr& list) {
     if (list.size() >= separatorLength) list.resize(list.size() - separatorLength);
 }
 
+CStdStr UserItem(const CStdStr& name, const UserDetails& details) {
+    CStdStr item;
+    item.Format("[%s,%s,%x]", Escape(name).c_str(), Escape(details.value).c_str(), details.flag ? 1U : 0U);
+    return item + separator;
+}
+
 }  // namespace
+
+size_t UserBytes(const CStdStr& name, const UserDetails& details) { return UserItem(name, details).size(); }
 
 CStdStr BuildUserList(const std::map<CStdStr, UserDetails>& users) {
     CStdStr list;
-    for (const auto& [name, details] : users) {
-        list.AppendFormat("[%s,%s,%x]", Escape(name).c_str(), Escape(details.value).c_str(), details.flag ? 1U : 0U);
-        list += separator;
-    }
+    for (const auto& [name, details] : users) list += UserItem(name, details);
     CutSeparator(list);
     return list;
 }

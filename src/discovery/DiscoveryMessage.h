@@ -23,6 +23,9 @@ struct UserDetails {
     bool flag = false;
 };
 
+// What a user takes of the list below.
+size_t UserBytes(const CStdStr& name, const UserDetails& details);
+
 // The value of "Users:".
 CStdStr BuildUserList(const std::map<CStdStr, UserDetails>& users);
 

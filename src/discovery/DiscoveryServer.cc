@@ -1,7 +1,9 @@
 #include "discovery/DiscoveryServer.h"
 
 #include "foundation/Log.h"
+#include "foundation/LogText.h"
 #include "foundation/NetworkUtils.h"
+#include "rpc/KelException.h"
 #include "rpc/KelSatellite.h"
 
 #include <arpa/inet.h>
@@ -12,12 +14,20 @@
 #include <exception>
 #include <utility>
 
+using kel::discovery::UserBytes;
 using yar::networkutils::inet_ntos;
 
 namespace {
 
 // Taken in before the thread looks again at what is due.
 constexpr int searchesPerPass = 100;
+
+KelInvalidParameterException NoRoomForUser(size_t there) {
+    CStdStr problem;
+    problem.Format("AddKelUsers: no room for another user: there are %zu, and at most %zu with %zu bytes in all", there,
+                   DiscoveryServer::mostUsers, DiscoveryServer::mostUserBytes);
+    return KelInvalidParameterException(problem.c_str());
+}
 
 }  // namespace
 
@@ -202,15 +212,28 @@ void DiscoveryServer::TriggerNotify(unsigned int atMs) {
 }
 
 void DiscoveryServer::AddUser(const CStdStr& name, const CStdStr& value, bool flag) {
+    if (kel::HasControls(name) || kel::HasControls(value))
+        throw KelInvalidParameterException("AddKelUsers: invalid user: a control character in its name or value");
+    const UserDetails details{value, flag};
     PMutexHold hold(users_);
-    users_.value()[name] = {value, flag};
+    std::map<CStdStr, UserDetails>& users = users_.value();
+    const auto known = users.find(name);
+    const size_t replaced = known == users.end() ? 0 : UserBytes(name, known->second);
+    const size_t bytes = userBytes_ - replaced + UserBytes(name, details);
+    if (bytes > mostUserBytes || (known == users.end() && users.size() == mostUsers)) throw NoRoomForUser(users.size());
+    users[name] = details;
+    userBytes_ = bytes;
     userListIsOld_ = true;
     TriggerNotify(network_->UpTimeMs() + userChangeDelayMs);
 }
 
 void DiscoveryServer::RemoveUser(const CStdStr& name) {
     PMutexHold hold(users_);
-    users_.value().erase(name);
+    const auto known = users_.value().find(name);
+    if (known != users_.value().end()) {
+        userBytes_ -= UserBytes(name, known->second);
+        users_.value().erase(known);
+    }
     userListIsOld_ = true;
     TriggerNotify(network_->UpTimeMs() + userChangeDelayMs);
 }

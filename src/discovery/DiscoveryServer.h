@@ -50,7 +50,12 @@ public:
     DiscoveryServer(const DiscoveryServer&) = delete;
     DiscoveryServer& operator=(const DiscoveryServer&) = delete;
 
-    // Announces a user, or what changed of the one that has the name.
+    // Who is announced has to fit a datagram, with room to spare.
+    static constexpr size_t mostUsers = 512;
+    static constexpr size_t mostUserBytes = 32768;  // of the list of them all
+
+    // Announces a user, or what changed of the one that has the name. Throws KelInvalidParameterException, and changes
+    // nothing, when there is no room for it or a control character in it.
     void AddUser(const CStdStr& name, const CStdStr& value, bool flag) EXCLUDES(users_);
     // Announces it no more.
     void RemoveUser(const CStdStr& name) EXCLUDES(users_);
@@ -95,6 +100,7 @@ private:
     std::deque<SecondCopy> secondCopies_;  // the thread's, in the order in which they are due
     PLocker<std::map<CStdStr, UserDetails>> users_;
     CStdStr userListString_ GUARDED_BY(users_);
+    size_t userBytes_ GUARDED_BY(users_) = 0;        // of the list that is built next
     bool userListIsOld_ GUARDED_BY(users_) = false;  // users have changed since it was built
     std::unique_ptr<PThread> selectThread_;
 };

@@ -1,10 +1,13 @@
 #include "foundation/Log.h"
 
+#include "foundation/LogFolder.h"
+#include "foundation/LogFolding.h"
+#include "foundation/LogText.h"
 #include "foundation/Registry.h"
+#include "foundation/StandardStreams.h"
 #include "foundation/Thread.h"
 #include "platform/ProcessPaths.h"
 
-#include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/time.h>
@@ -13,9 +16,14 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
+#include <cstring>
+#include <filesystem>
 #include <limits>
 #include <new>
+#include <optional>
+#include <system_error>
 #include <utility>
 
 namespace {
@@ -54,6 +62,38 @@ CStdStr shortNameOf(const CStdStr& name) {
     return shortName;
 }
 
+// What is wrong with a folder or file that LogFolder has refused; empty when it is neither a link nor anybody else's.
+CStdStr WhyRefused(const CStdStr& path, bool isFolder) {
+    struct stat info {};
+    if (lstat(path.c_str(), &info) != 0) return CStdStr();
+    const bool isForeign = isFolder && info.st_uid != 0 && info.st_uid != geteuid();
+    const bool isKind = isFolder ? S_ISDIR(info.st_mode) : S_ISREG(info.st_mode);
+    if (isKind && !isForeign) return CStdStr();
+    CStdStr text;
+    text.Format("%s is not used: it is %s, of the user with the id %u; remove it", path.c_str(),
+                S_ISLNK(info.st_mode) ? "a link"
+                : !isKind             ? (isFolder ? "no folder" : "no file")
+                                      : "a folder of another user",
+                static_cast<unsigned>(info.st_uid));
+    return text;
+}
+
+// Why a file in the folder could not be opened, in words.
+CStdStr WhyUnused(const CStdStr& folder, const CStdStr& file, int reason) {
+    for (const bool isFolder : {true, false}) {
+        CStdStr text = WhyRefused(isFolder ? folder : file, isFolder);
+        if (!text.empty()) return text;
+    }
+    CStdStr text;
+    std::error_code ignored;
+    std::filesystem::path parent(folder.c_str());
+    while (!std::filesystem::exists(parent, ignored) && parent.has_relative_path()) parent = parent.parent_path();
+    if (parent != folder.c_str() && access(parent.c_str(), W_OK) != 0)
+        text.Format("%s cannot be made in %s: %s", folder.c_str(), parent.c_str(), std::strerror(errno));
+    else text.Format("%s cannot be opened: %s", file.c_str(), std::strerror(reason));
+    return text;
+}
+
 bool isSameFile(const struct stat& a, const struct stat& b) { return a.st_ino == b.st_ino && a.st_dev == b.st_dev; }
 
 // There is nobody to tell that the log cannot be written, so a line that does not fit the disk is lost.
@@ -73,7 +113,11 @@ const CBBLog* CBBLog::s_published = nullptr;
 std::atomic<LOGLEVEL> CBBLog::s_level{kNoLogger};
 
 CBBLog::CBBLog(const CStdStr& name, bool showPid, long long maxFileSize)
-    : name_(name), showPid_(showPid), maxFileSize_(maxFileSize), pid_(static_cast<std::uint32_t>(getpid())) {}
+    : name_(name),
+      showPid_(showPid),
+      maxFileSize_(maxFileSize),
+      pid_(static_cast<std::uint32_t>(getpid())),
+      folding_(new LogFolding) {}
 
 CBBLog::~CBBLog() {
     {
@@ -146,20 +190,21 @@ void CBBLog::publishLevel() {
 
 CStdStr CBBLog::getLogsDirectory() { return kel::platform::RootPrefix() + "/Library/Logs/Tessaly"; }
 
-void CBBLog::openFile(int& fd, const CStdStr& path, bool truncate) {
-    fd = open(path.c_str(), O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC | (truncate ? O_TRUNC : 0), 0666);
+// Opens a file of the folder; -1 with the reason in errno.
+int CBBLog::openFile(const CStdStr& path, bool& isNew) const {
+    return LogFolder(folder_.c_str()).OpenFile(path.c_str() + folder_.size() + 1, isNew);
 }
 
 void CBBLog::initialize() {
     PMutexHold hold(initLock_);
     if (initialized_) return;
 
-    const CStdStr directory = getLogsDirectory();
-    logPath_ = directory + "/" + name_;
-    errorsPath_ = directory + "/errors.log";
+    folder_ = getLogsDirectory();
+    logPath_ = folder_ + "/" + name_;
+    errorsPath_ = folder_ + "/errors.log";
     shortName_ = shortNameOf(name_);
-    mkdir(directory.c_str(), 0777);
-    openFiles();
+    mkdir(folder_.c_str(), 0777);
+    const CStdStr problems = openFiles();
 
     std::unique_ptr<PThread> thread(new PThread(new PThreadDelegateMember<CBBLog>(this, &CBBLog::loggerThread)));
     try {
@@ -169,6 +214,8 @@ void CBBLog::initialize() {
         throw;
     }
     thread_.swap(thread);
+    if (!problems.empty()) kel::PrintError(problems);
+    if (!problems.empty() && fileEnabled_) addQueue(problems);
     initialized_ = true;
 }
 
@@ -181,20 +228,28 @@ void CBBLog::closeFiles() {
     fileEnabled_ = errorsEnabled_ = false;
 }
 
-void CBBLog::openFiles() {
+// Returns the lines that say what is wrong with the files, if anything is.
+CStdStr CBBLog::openFiles() {
     PMutexHold hold(fileLock_);
-    openFile(logFd_, logPath_, false);
-    fileEnabled_ = logFd_ >= 0;
-    // Processes of other users append as well, whatever this one's umask.
-    if (fileEnabled_) fchmod(logFd_, 0666);
-    else printf("Error: could not open log file '%s': %d\n", logPath_.c_str(), errno);
-
-    openFile(errorsFd_, errorsPath_, false);
-    errorsEnabled_ = errorsFd_ >= 0;
-    if (errorsEnabled_) fchmod(errorsFd_, 0666);
+    CStdStr problems;
+    const auto open = [&](int& fd, const CStdStr& path, const char* what) {
+        bool isNew = false;
+        fd = openFile(path, isNew);
+        // Processes of other users append as well, whatever this one's umask. What was there before keeps its mode.
+        if (isNew) fchmod(fd, 0666);
+        if (fd >= 0) return true;
+        const int reason = errno;
+        CStdStr line;
+        line.Format("Error: could not open %s '%s': %d\n", what, logPath_.c_str(), reason);
+        kel::PrintOut(line);
+        const CStdStr problem = "Log: " + WhyUnused(folder_, path, reason) + "\n";
+        if (problems.find(problem) == CStdStr::npos) problems += buildLineHeader(LOGLEVEL_ERROR) + problem;
+        return false;
+    };
+    fileEnabled_ = open(logFd_, logPath_, "log file");
     // The message names the module's log, as it always has.
-    else printf("Error: could not open error log file '%s': %d\n", logPath_.c_str(), errno);
-    fflush(stdout);
+    errorsEnabled_ = open(errorsFd_, errorsPath_, "error log file");
+    return problems;
 }
 
 // Several processes append to the same file, and each finds out by itself that it is full. The first to lock it renames
@@ -204,16 +259,17 @@ void CBBLog::rotateIfNeeded(int& fd, const CStdStr& path) const {
     struct stat opened {};
     struct stat named {};
     if (fstat(fd, &opened) != 0) return;
-    const bool exists = stat(path.c_str(), &named) == 0;
+    const bool exists = lstat(path.c_str(), &named) == 0;
     if (!exists && errno != ENOENT) return;
     if (exists && isSameFile(opened, named)) {
         if (opened.st_size < maxFileSize_) return;
         if (flock(fd, LOCK_EX) != 0) return;
-        const bool stillNamed = stat(path.c_str(), &named) == 0 && isSameFile(opened, named);
-        if (stillNamed) rename(path.c_str(), (path + ".back").c_str());
+        const bool stillNamed = lstat(path.c_str(), &named) == 0 && isSameFile(opened, named);
+        const CStdStr name = path.substr(folder_.size() + 1);
+        if (stillNamed) LogFolder(folder_.c_str()).Rename(name.c_str(), (name + ".back").c_str());
     }
-    int fresh = -1;
-    openFile(fresh, path, false);
+    bool isNew = false;
+    const int fresh = openFile(path, isNew);
     if (fresh < 0) return;  // the line goes where the last one went, and the next one tries again
     close(fd);              // gives the lock back
     fd = fresh;
@@ -247,32 +303,65 @@ bool CBBLog::isWritten(LOGLEVEL level) {
     if (level_ == LOGLEVEL_UNREAD) readLogLevel();
     if (level_ < levelNeeded(level)) return false;
     if (!initialized_) initialize();
-    return fileEnabled_ || errorsEnabled_;
+    return true;
 }
 
 // Without memory for it a line is lost: who logs that there is none must not fail over it.
 void CBBLog::_AddLog(const char* fmt, va_list arguments, LOGLEVEL level) try {
     if (!isWritten(level)) return;
-    CStdStr line = buildLineHeader(level);
-    char text[kLineBuffer];
-    const int length = vsnprintf(text, sizeof text, fmt, arguments);
-    if (length > 0) line.append(text, std::min(static_cast<size_t>(length), sizeof text - 1));
-    finishLine(line, level);
+    // A format of nothing but an argument does not tell one message from another: there the text does.
+    const bool isBare = std::strcmp(fmt, "%s") == 0;
+    LogVerdict verdict = isBare ? LogVerdict::write : judge(level, fmt);
+    if (verdict == LogVerdict::drop) return;
+    char buffer[kLineBuffer];
+    const int length = vsnprintf(buffer, sizeof buffer, fmt, arguments);
+    const std::string_view text(buffer, std::min(static_cast<size_t>(std::max(length, 0)), sizeof buffer - 1));
+    if (isBare) verdict = judge(level, text);
+    addText(level, isBare ? text : fmt, text, verdict);
 } catch (const std::bad_alloc&) {
 }
 
 void CBBLog::_AddLog(boost::format text, LOGLEVEL level) try {
     if (!isWritten(level)) return;
-    CStdStr line = buildLineHeader(level);
     text.exceptions(boost::io::no_error_bits);  // a missing argument shows as nothing
-    line.append(text.str());
+    const std::string whole = text.str();
+    addText(level, whole, whole, judge(level, whole));
+} catch (const std::bad_alloc&) {
+}
+
+// Fatal lines are too important to be folded, and those below warnings were asked for.
+LogVerdict CBBLog::judge(LOGLEVEL level, std::string_view kind) {
+    if (level != LOGLEVEL_ERROR && level != LOGLEVEL_WARN && level != LOGLEVEL_NOTE) return LogVerdict::write;
+    return folding_->Judge(level, kind, std::chrono::steady_clock::now());
+}
+
+void CBBLog::addText(LOGLEVEL level, std::string_view kind, std::string_view text, LogVerdict verdict) {
+    if (verdict == LogVerdict::drop) return;
+    if (verdict == LogVerdict::keep) {
+        folding_->Keep(level, kind, text);
+        wakeThread();
+        return;
+    }
+    CStdStr line = buildLineHeader(level);
+    kel::AppendPrintable(line, text);
     finishLine(line, level);
+}
+
+// Says what was left out, in the windows that have ended or in all.
+void CBBLog::sayFolded(bool all) try {
+    const LogFolding::Time now = std::chrono::steady_clock::now();
+    for (const auto& [level, text] : folding_->TakeEnded(now, all ? LogFolding::Time::max() : now)) {
+        CStdStr line = buildLineHeader(level);
+        kel::AppendPrintable(line, text);
+        finishLine(line, level);
+    }
 } catch (const std::bad_alloc&) {
 }
 
 void CBBLog::finishLine(CStdStr& line, LOGLEVEL level) {
     line.push_back('\n');
     if (fileEnabled_) addQueue(line);
+    else kel::PrintError(line);
     if (level == LOGLEVEL_FATAL) _FatalError(line);
 }
 
@@ -296,9 +385,13 @@ void CBBLog::addQueue(const CStdStr& line) {
     PMutexHold hold(queueLock_);
     queue_.push_back(line);
     ++queued_;
-    // Under the lock, so that lines do not mix.
-    printf("%s", line.c_str());
-    fflush(stdout);
+    // Under the lock, so that the lines stand there in the order of the file.
+    kel::PrintOut(line);
+    queueLock_.broadcast();
+}
+
+void CBBLog::wakeThread() {
+    PMutexHold hold(queueLock_);
     queueLock_.broadcast();
 }
 
@@ -327,23 +420,44 @@ bool CBBLog::flushAll(long milliseconds) {
 // The queue is looked at before the stop: a log that is destroyed before its thread came this far has lines, too.
 unsigned int CBBLog::loggerThread(void*) {
     queueLock_.lock();
+    bool isLast = false;
     do {
-        while (!stopping_ && queue_.empty()) queueLock_.wait();
-        while (!queue_.empty()) {
-            const CStdStr line = std::move(queue_.front());
-            queue_.pop_front();
-            queueLock_.unlock();
-            try {
-                logLineToFile(line);
-            } catch (const std::bad_alloc&) {  // lost, as in _AddLog
-            }
-            queueLock_.lock();
-            ++written_;
-            queueLock_.broadcast();
+        while (!stopping_ && queue_.empty() && waitForWork()) {
         }
-    } while (!stopping_);
+        isLast = stopping_;
+        queueLock_.unlock();
+        sayFolded(isLast);
+        queueLock_.lock();
+        writeQueue();
+    } while (!isLast);
     queueLock_.unlock();
     return 0;
+}
+
+// False when lines that were left out are to be told of.
+bool CBBLog::waitForWork() {
+    const std::optional<LogFolding::Time> end = folding_->NextEnd();
+    if (!end) {
+        queueLock_.wait();
+        return true;
+    }
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(*end - std::chrono::steady_clock::now());
+    return left.count() > 0 && queueLock_.waitUntil(DeadlineIn(left.count()));
+}
+
+void CBBLog::writeQueue() {
+    while (!queue_.empty()) {
+        const CStdStr line = std::move(queue_.front());
+        queue_.pop_front();
+        queueLock_.unlock();
+        try {
+            logLineToFile(line);
+        } catch (const std::bad_alloc&) {  // lost, as in _AddLog
+        }
+        queueLock_.lock();
+        ++written_;
+        queueLock_.broadcast();
+    }
 }
 
 // --- The entry points

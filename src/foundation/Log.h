@@ -9,7 +9,12 @@
 //
 // A line of a level is written when the log's level is at least that: the setting "LogLevel" under
 // "Software\Tessaly\Yar", read once with the first line, or what setLogLevel says. Either file is renamed with ".back"
-// appended, over an older one, when it has reached its largest size, also when several processes append to it.
+// appended, over an older one, when it has reached its largest size, also when several processes append to it. The
+// files and their folder are taken as LogFolder says. Without the module's file its lines go to standard error.
+//
+// What a line says often comes from others, so none of them can be made to look like two, or the log to hold nothing
+// else: control characters in texts are written as "\n" or "\x1b", and of lines that repeat themselves at the levels of
+// errors and warnings only the first are written and the others counted (see LogFolding.h, and docs/operating.md).
 //
 // Callers never wait for the disk, fatal lines aside: a thread of the log's own writes its queue to the file. No
 // failure of the log reaches its callers, except that of starting this thread (std::runtime_error): by initialize or,
@@ -33,8 +38,11 @@
 #include <cstdint>
 #include <deque>
 #include <memory>
+#include <string_view>
 #include <type_traits>
 
+class LogFolding;
+enum class LogVerdict;
 class PThread;
 
 // How much is written: each level includes those below it. A log's level above LOGLEVEL_DEBUG writes everything.
@@ -155,17 +163,23 @@ private:
     static bool isEnabledAt(LOGLEVEL current, LOGLEVEL level);
     static boost::shared_ptr<CBBLog> instance() EXCLUDES(s_instanceLock);
     static CStdStr getLogsDirectory();
-    static void openFile(int& fd, const CStdStr& path, bool truncate);
 
     bool isWritten(LOGLEVEL level);
+    LogVerdict judge(LOGLEVEL level, std::string_view kind);
+    void addText(LOGLEVEL level, std::string_view kind, std::string_view text, LogVerdict verdict);
     void finishLine(CStdStr& line, LOGLEVEL level);
-    void openFiles() REQUIRES(initLock_);
+    void sayFolded(bool all);
+    void wakeThread() EXCLUDES(queueLock_);
+    CStdStr openFiles() REQUIRES(initLock_);
+    int openFile(const CStdStr& path, bool& isNew) const;
     void closeFiles() REQUIRES(initLock_);
     void readLogLevel();
     void publishLevel() REQUIRES(s_instanceLock);
     CStdStr buildLineHeader(LOGLEVEL level) const;
     void rotateIfNeeded(int& fd, const CStdStr& path) const;
     void addQueue(const CStdStr& line) EXCLUDES(queueLock_);
+    bool waitForWork() REQUIRES(queueLock_);
+    void writeQueue() REQUIRES(queueLock_);
     unsigned int loggerThread(void*) EXCLUDES(queueLock_);
 
     // The process's log, and its level (kNoLogger without one) where every thread can read it without a lock: skipping
@@ -182,6 +196,7 @@ private:
     std::atomic<bool> initialized_{false};
     bool fileEnabled_ = false;
     bool errorsEnabled_ = false;
+    CStdStr folder_;
     CStdStr logPath_;
     CStdStr errorsPath_;
     CStdStr shortName_;
@@ -190,6 +205,7 @@ private:
     const bool showPid_;
     const long long maxFileSize_;
     const std::uint32_t pid_;
+    const std::unique_ptr<LogFolding> folding_;
 
     PMutex fileLock_;  // the log's thread holds it while it writes; for getFileSize, which any thread may ask
     int logFd_ GUARDED_BY(fileLock_) = -1;

@@ -1,6 +1,7 @@
 #include "foundation/NetworkUtils.h"
 
 #include "foundation/Log.h"
+#include "foundation/StandardStreams.h"
 #include "platform/ArpTable.h"
 #include "platform/Datagrams.h"
 #include "platform/Interfaces.h"
@@ -13,7 +14,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cstdio>
 #include <cstring>
 
 namespace yar::networkutils {
@@ -91,7 +91,7 @@ int isIpForMacAddress(const CStdStr& ip, const CStdStr& mac) {
     for (const kel::platform::ArpEntry& entry : table) {
         if (entry.address.s_addr == 0 || entry.address.s_addr != address) continue;
         const CStdStr found = MacText(entry.mac, "");
-        std::printf("found mac %s\n", found.c_str());
+        kel::PrintOut("found mac " + found + "\n");
         if (ssicmp(found.c_str(), wanted.c_str()) == 0) return 1;
     }
     return 0;

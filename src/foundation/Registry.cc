@@ -1,11 +1,11 @@
 #include "foundation/Registry.h"
 
+#include "foundation/StandardStreams.h"
 #include "platform/PreferencesStore.h"
 
 #include <iconv.h>
 
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <limits>
 #include <optional>
@@ -137,13 +137,11 @@ void CRegistryImpl::ReadAllSettingsImpl(const CStdStr& key, std::map<CStdStr, CS
     const CStdStr identifier = createKey(key);
     const std::optional<Preferences> preferences = Synchronise(identifier);
     if (!preferences) {
-        std::printf("synchronization failed for %s\n", identifier.c_str());
-        std::fflush(stdout);
+        kel::PrintOut("synchronization failed for " + identifier + "\n");
         return;
     }
     if (!preferences->exists) {
-        std::printf("no keys for %s\n", identifier.c_str());
-        std::fflush(stdout);
+        kel::PrintOut("no keys for " + identifier + "\n");
         return;
     }
     for (const auto& [name, value] : preferences->values) {

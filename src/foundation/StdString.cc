@@ -1,5 +1,7 @@
 #include "foundation/StdString.h"
 
+#include "foundation/StandardStreams.h"
+
 #include <cctype>
 #include <cstdio>
 #include <cstdlib>
@@ -87,7 +89,7 @@ int CStdStr::Replace(const char* oldText, const char* newText) {
 
 CStdStr CStdStr::Mid(size_t first, size_t count) const {
     if (first > size() || count > size() - first) {
-        std::fprintf(stderr, "%s:%u: failed assertion `%s'\n", "./StdString.h", 4039U, "(nFirst + nCount <= nSize)");
+        kel::PrintError("./StdString.h:4039: failed assertion `(nFirst + nCount <= nSize)'\n");
         std::abort();
     }
     return CStdStr(data() + first, count);

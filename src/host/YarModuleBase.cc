@@ -2,14 +2,15 @@
 
 #include "crash/FaultSignals.h"
 #include "foundation/Log.h"
+#include "foundation/StandardStreams.h"
 #include "rpc/KelSatellite.h"
 
 #include <boost/make_shared.hpp>
 
 #include <unistd.h>
 
-#include <cstdio>
 #include <stdexcept>
+#include <string>
 
 namespace {
 
@@ -74,7 +75,7 @@ YarModuleBase::~YarModuleBase() {
 void YarModuleBase::run() {
     int received = 0;
     const int error = sigwait(&signalSet_, &received);
-    if (error != 0) std::printf("error waiting signal: %d\n", error);
+    if (error != 0) kel::PrintOut("error waiting signal: " + std::to_string(error) + "\n");
 }
 
 void YarModuleBase::abort() { kill(getpid(), SIGTERM); }

@@ -8,6 +8,7 @@
 #include "host/commonMain.h"
 #include "platform/ProcessPaths.h"
 
+#include <sys/syscall.h>
 #include <unistd.h>
 #include <boost/make_shared.hpp>
 
@@ -66,17 +67,8 @@ void OnThread(Work work) {
     thread.Join();
 }
 
-// In place of standard output: what is written there by the log, inside its lock, does `work` once it is armed.
-void ReplaceOutput(Work work) {
-    static Work onWrite;
-    onWrite = std::move(work);
-    cookie_io_functions_t functions{};
-    functions.write = [](void*, const char* text, size_t size) -> ssize_t {
-        if (armed) onWrite();
-        return write(STDOUT_FILENO, text, size);
-    };
-    stdout = fopencookie(nullptr, "w", functions);
-}
+// What is written to standard output, by the log and inside its lock, does this once it is armed.
+Work onOutput;
 
 // A log whose own thread faults when it writes.
 class FaultyLog : public CBBLog {
@@ -102,18 +94,18 @@ void WaitInManyThreads() {
 }
 
 void FaultInLogLock() {
-    ReplaceOutput(&FaultOfVictim);
+    onOutput = &FaultOfVictim;
     armed = true;
     CBBLog::error("the last line");
 }
 
 void HangInLogLock() {
-    ReplaceOutput([] {
+    onOutput = [] {
         armed = false;
         const ssize_t written = write(STDERR_FILENO, "hanging\n", 8);
         static_cast<void>(written);
         StayForEver();
-    });
+    };
     armed = true;
     CBBLog::error("the last line");
 }
@@ -198,6 +190,12 @@ int CrashWithArguments(const std::vector<std::string>& words) {
 }
 
 }  // namespace
+
+// The C library's, which every write of this program goes through.
+extern "C" ssize_t write(int fd, const void* data, size_t size) {
+    if (fd == STDOUT_FILENO && armed && onOutput) onOutput();
+    return syscall(SYS_write, fd, data, size);
+}
 
 YarModuleBase* createYarModuleInstance() { return new Victim; }
 

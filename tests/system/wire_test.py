@@ -1,4 +1,5 @@
 """The wire protocol and the eleven methods of the directory, driven by a client that shares no code with libkel."""
+import fcntl
 import os
 import pathlib
 import re
@@ -333,6 +334,27 @@ class TheWire(WithADirectory):
         for number, client in enumerate(clients):
             client.send_raw(client.request("GetSatelliteId", "MainRegister")[1][:number % 12])
         self.assertTrue(self.alive())
+
+
+class WithNobodyAtItsOutput(SystemTest):
+    def test_a_flood_of_bad_calls_holds_up_nobody_and_leaves_a_few_lines(self):
+        unread, output = os.pipe()
+        self.addCleanup(os.close, unread)
+        os.write(output, b"x" * fcntl.fcntl(output, fcntl.F_GETPIPE_SZ))
+        directory = self.daemon(level=1).start(prepare=lambda: os.dup2(output, 1))
+        os.close(output)
+        client = self.client(directory)
+        log = directory.logs / "KelDirectory.log"
+        calls = [client.request("GetServiceReg", 7) for _ in range(2000)]
+        client.send_raw(b"".join(data for _, data in calls))
+        for number, _ in calls:
+            client.answer(number)
+
+        def lines():
+            return re.findall(r"SatGetService failed: .*?(?: \.\.\. and ([\d,]+) more in \d+ s)?\n", log.read_text())
+        wait_until(lambda: sum(1 + int(more.replace(",", "") or 0) for more in lines()) == len(calls), "the count")
+        self.assertLess(len(lines()), 50)
+        directory.stop()
 
 
 class WithFewDescriptors(SystemTest):

@@ -76,6 +76,15 @@ TEST_F(LastWordsOfAModule, AreWrittenToAFileThatHasBeenRenamedMeanwhile) {
     EXPECT_EQ(linesOf("errors.log").size(), 2U);
 }
 
+TEST_F(LastWordsOfAModule, AreLedNowhereElseAndStayOneLine) {
+    std::filesystem::create_symlink(root_.path() + "/elsewhere", path("Recorder.log"));
+    words_->Begin();
+    words_->Write("boom\n2026");
+    EXPECT_FALSE(std::filesystem::exists(root_.path() + "/elsewhere"));
+    ASSERT_EQ(linesOf("errors.log").size(), 1U);
+    EXPECT_TRUE(linesOf("errors.log")[0].ends_with(" - boom\\n2026"));
+}
+
 TEST_F(LastWordsOfAModule, AreCutWhenTheyAreTooLong) {
     words_->Begin();
     words_->Write(std::string(100000, 'w').c_str());

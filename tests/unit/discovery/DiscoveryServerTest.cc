@@ -159,6 +159,25 @@ TEST_F(AnAnnouncer, AnnouncesItsUsersASecondAfterTheyChanged) {
     EXPECT_EQ(AnnouncementsWithin(7000), 1);
 }
 
+TEST_F(AnAnnouncer, TakesNoUsersThatWouldEndItsLinesOrFillItsDatagrams) {
+    Start();
+    server_->AddUser("bob", "y", false);
+    for (const char* forged : {"al\r\nPort: 1", "al\n", "\x1b[2J", "\x7f"}) {
+        EXPECT_THROW(server_->AddUser(forged, "y", false), KelInvalidParameterException);
+        EXPECT_THROW(server_->AddUser("al", forged, false), KelInvalidParameterException);
+    }
+    const std::string large(32768 - std::string("[bob,y,0], [b,,0], ").size(), 'x');
+    EXPECT_THROW(server_->AddUser("b", large + "y", false), KelInvalidParameterException);
+    server_->AddUser("b", large, false);
+    server_->AddUser("b", "z", false);
+    for (int i = 0; i < 510; ++i) server_->AddUser(std::to_string(i), "", false);
+    server_->AddUser("bob", "changed", false);
+    EXPECT_THROW(server_->AddUser("one more", "", false), KelInvalidParameterException);
+    for (int i = 0; i < 510; ++i) server_->RemoveUser(std::to_string(i));
+    EXPECT_EQ(Users(), "Users: [b,z,0], [bob,changed,0]");
+    EXPECT_THROW(server_->AddUser("c", large, false), KelInvalidParameterException);
+}
+
 TEST_F(AnAnnouncer, AnswersASearcherOnceInTwoSecondsAndThenAll) {
     Start();
     network_->Receive("10.0.0.9", search);

@@ -9,9 +9,12 @@
 #include <unistd.h>
 #include <boost/make_shared.hpp>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iterator>
+#include <map>
 #include <regex>
 #include <thread>
 #include <vector>
@@ -140,6 +143,44 @@ TEST_F(ALog, TellsArgumentsFromListsAndCutsTextsAt20479CharactersButNoFormattedO
     EXPECT_EQ(textsOf(logPath()), (Texts{"list 1", "0", "text", cut, cut, text + "100%s", "1 of "}));
 }
 
+TEST_F(ALog, KeepsEachLineOneLineWhateverItTells) {
+    auto log = makeLog();
+    log->AddLog(LOGLEVEL_ERROR, "from %s", "a\nb\r\tc\x1b[2J\x7f \\n \xc2\x9b \xc2\xb5 \xc2");
+    CBBLog::setLogger(log);
+    CBBLog::error(boost::format("from %1%") % std::string("a\0b", 3));
+    log.reset();
+    EXPECT_EQ(textsOf(logPath()), (Texts{R"(from a\nb\r\tc\x1b[2J\x7f \n \xc2\x9b )"
+                                         "\xc2\xb5 \xc2",
+                                         R"(from a\x00b)"}));
+}
+
+TEST_F(ALog, FoldsRepeatsOfErrorsAndWarningsAndTellsOfThemBeforeItGoes) {
+    auto log = makeLog();
+    log->setLogLevel(LOGLEVEL_INFO);
+    for (int i = 0; i < 5000; ++i) {
+        log->AddLog(LOGLEVEL_ERROR, "error %d", i);
+        log->AddLog(LOGLEVEL_ERROR, "%s", i == 0 ? "one text" : i == 1 ? "another" : "a third");
+    }
+    for (int i = 0; i < 21; ++i) {
+        log->AddLog(LOGLEVEL_WARN, "warning %d", i);
+        log->AddLog(LOGLEVEL_INFO, "asked for");
+        log->AddLog(LOGLEVEL_FATAL, "fatal");
+    }
+    log.reset();
+    const Texts texts = textsOf(logPath());
+    const auto count = [&texts](const std::string& begin) {
+        return std::count_if(texts.begin(), texts.end(), [&](const auto& text) { return text.rfind(begin, 0) == 0; });
+    };
+    EXPECT_EQ(count("error "), 21);
+    EXPECT_EQ(count("error 20 ... and 4,979 more in "), 1);
+    EXPECT_EQ(count("one text"), 1);
+    EXPECT_EQ(count("another"), 1);
+    EXPECT_EQ(count("a third"), 21);
+    EXPECT_EQ(count("warning "), 21);
+    EXPECT_EQ(count("asked for"), 21);
+    EXPECT_EQ(count("Recorder - fatal"), 21);
+}
+
 TEST_F(ALog, IsReachedOnlyWhileItLives) {
     auto log = makeLog();
     auto other = makeLog("Player.log");
@@ -193,7 +234,8 @@ TEST_F(ALog, WritesWhatIsQueuedBeforeItGoes) {
     // Also when it goes before its thread had any time.
     for (int i = 0; i < 100; ++i) makeLog()->AddLog(LOGLEVEL_ERROR, "%d", i);
     auto log = makeLog();
-    for (int i = 100; i < 2000; ++i) log->AddLog(LOGLEVEL_ERROR, "%d", i);
+    log->setLogLevel(LOGLEVEL_INFO);
+    for (int i = 100; i < 2000; ++i) log->AddLog(LOGLEVEL_INFO, "%d", i);
     log.reset();
     Texts expected;
     for (int i = 0; i < 2000; ++i) expected.push_back(std::to_string(i));
@@ -231,6 +273,59 @@ TEST_F(ALog, WithOneFileOnlyUsesThatOne) {
     EXPECT_EQ(echoed(), "Error: could not open log file '" + logPath() + "': 21\n");
 }
 
+TEST_F(ALog, IsLedNowhereElseAndThenSpeaksOnStandardError) {
+    const std::string elsewhere = root_.path() + "/elsewhere";
+    const std::string victim = elsewhere + "/Recorder.log";
+    const std::string folder = root_.logsFolder();
+    fs::create_directory(elsewhere);
+    std::ofstream(victim) << "its own\n";
+    fs::permissions(victim, fs::perms(0600));
+    const std::map<std::string, std::function<void()>> ways = {
+        {logPath() + " is not used: it is a link", [&] { fs::create_symlink(victim, logPath()); }},
+        {logPath() + " is not used: it is no file", [&] { mkfifo(logPath().c_str(), 0666); }},
+        {folder + " is not used: it is a link",
+         [&] {
+             fs::remove(folder);
+             fs::create_directory_symlink(elsewhere, folder);
+         }},
+        {folder + " is not used: it is a folder of another user", [&] { chown(folder.c_str(), 4711, 0); }},
+        {logPath() + " cannot be opened: Not a directory",
+         [&] {
+             fs::remove_all(fs::path(folder).parent_path());
+             std::ofstream(fs::path(folder).parent_path());
+         }},
+    };
+    for (const auto& [problem, prepare] : ways) {
+        if (problem.find("another user") != std::string::npos && geteuid() != 0) continue;  // nobody else can be played
+        fs::remove_all(fs::path(folder).parent_path());
+        fs::create_directories(folder);
+        prepare();
+        testing::internal::CaptureStderr();
+        auto log = makeLog();
+        log->AddLog(LOGLEVEL_ERROR, "told");
+        log->AddLog(LOGLEVEL_WARN, "not asked for");
+        log.reset();
+        const std::string said = testing::internal::GetCapturedStderr();
+        EXPECT_NE(said.find(" [ERROR] - Log: " + problem), std::string::npos) << said;
+        EXPECT_NE(said.find(" [ERROR] - told\n"), std::string::npos) << said;
+        EXPECT_EQ(said.find("not asked for"), std::string::npos) << said;
+        EXPECT_EQ(contentsOf(victim), "its own\n");
+        EXPECT_EQ(fs::status(victim).permissions(), fs::perms(0600));
+    }
+}
+
+TEST_F(ALog, StaysWithItsFileWhenALinkTakesItsName) {
+    auto log = makeLog();
+    log->AddLog(LOGLEVEL_ERROR, "before");
+    ASSERT_TRUE(log->flush(30000));
+    fs::rename(logPath(), inLogs("moved"));
+    fs::create_symlink(root_.path() + "/elsewhere", logPath());
+    log->AddLog(LOGLEVEL_ERROR, "after");
+    log.reset();
+    EXPECT_EQ(textsOf(inLogs("moved")), (Texts{"before", "after"}));
+    EXPECT_FALSE(fs::exists(root_.path() + "/elsewhere"));
+}
+
 TEST_F(ALog, LetsOtherUsersAppendAndNoChildInherit) {
     const mode_t mask = umask(077);
     auto log = makeLog();
@@ -252,6 +347,7 @@ TEST_F(ALog, LetsOtherUsersAppendAndNoChildInherit) {
 TEST_F(ALog, TakesLinesOfManyThreadsWithoutMixingThem) {
     CRegistry::getInstance();
     auto log = makeLog();
+    log->setLogLevel(LOGLEVEL_INFO);
     CBBLog::setLogger(log);
     const Texts callers = {"one", "two", "three", "four"};
     std::vector<std::thread> threads;
@@ -259,7 +355,7 @@ TEST_F(ALog, TakesLinesOfManyThreadsWithoutMixingThem) {
         threads.emplace_back([&caller] {
             for (int i = 0; i < 200; ++i) {
                 if (CBBLog::isDebugEnabled()) CBBLog::debug("never");
-                CBBLog::error("%s %d", caller.c_str(), i);
+                CBBLog::info("%s %d", caller.c_str(), i);
             }
             CBBLog::fatal("%s ends", caller.c_str());
         });
