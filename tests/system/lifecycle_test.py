@@ -128,7 +128,7 @@ class WithoutRightsToItsFolders(SystemTest):
         self.assertEqual(client.call("RemoveSatellite", record("Recorder", 9, sat_id=first))[0], 0)
         self.assertIsNone(client.id_of("Recorder"))
 
-    def test_the_directory_prints_what_it_could_not_open_and_works_from_memory(self):
+    def test_the_directory_prints_what_it_could_not_open_then_its_lines_and_works_from_memory(self):
         directory = self.daemon()
         directory.root.rmdir()
         directory.root.write_text("a file where the root should be")
@@ -137,8 +137,11 @@ class WithoutRightsToItsFolders(SystemTest):
         directory.current.wait_for("Error: could not open error log file")
         directory.stop()
         log = directory.root / "Library/Logs/Tessaly/KelDirectory.log"
-        self.assertEqual(directory.current.output(), f"Error: could not open log file '{log}': 20\n"
-                                                     f"Error: could not open error log file '{log}': 20\n")
+        printed = f"Error: could not open log file '{log}': 20\nError: could not open error log file '{log}': 20\n"
+        output = directory.current.output()
+        self.assertTrue(output.startswith(printed), output)
+        self.assertIn(f" [ERROR] - Log: {log} cannot be opened: Not a directory\n", output)
+        self.assertIn(" - Kel Directory stopped in order", output)
         self.assertTrue(directory.root.is_file())
 
     def test_the_directory_works_from_memory_where_files_may_not_grow(self):
