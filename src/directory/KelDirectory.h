@@ -95,6 +95,8 @@ private:
     int Admit(const Registering& registering, tagVARIANT* out);
     bool AddToPending(const CStdStr& name) EXCLUDES(pendingLock_);
 
+    bool IsSomebodyElse(const CStdStr& name, const CStdStr& ip, const char* callerIp, const CStdStr& caller) const;
+
     static void SayWhatItWorksWith();
     void SayThatItServes(bool hasRegistry, size_t loaded);
     void StartChecks();

@@ -300,8 +300,13 @@ int KelDirectory::Admit(const Registering& registering, tagVARIANT* out) {
     return 0;
 }
 
-int KelDirectory::SatUnRegister(const tagVARIANT* in, tagVARIANT* out, const char* callerIp,
-                                const CStdStr& /*caller*/) {
+// Whether a request about the satellite `name` at the address `ip` comes from somebody else.
+bool KelDirectory::IsSomebodyElse(const CStdStr& name, const CStdStr& ip, const char* callerIp,
+                                  const CStdStr& caller) const {
+    return ssicmp(name.c_str(), caller.c_str()) != 0 || (ip != callerIp && ip != getIPToUse(callerIp));
+}
+
+int KelDirectory::SatUnRegister(const tagVARIANT* in, tagVARIANT* out, const char* callerIp, const CStdStr& caller) {
     Record record;
     if (const int rc = record.Read(in)) return rc;
     if (CBBLog::isDebugEnabled()) {
@@ -316,6 +321,11 @@ int KelDirectory::SatUnRegister(const tagVARIANT* in, tagVARIANT* out, const cha
 
     int remaining = 0;
     const std::vector<KelService> services = ReadServices(&record.services, record.serviceCount);
+    if (!services.empty() && IsSomebodyElse(record.name, knownHost, callerIp, caller)) {
+        CBBLog::note("%zu services of %.256s (satId %d) at %s:%d withdrawn at the request of \"%.256s\" from %s",
+                     services.size(), record.name.c_str(), knownId, knownHost.c_str(), knownPort, caller.c_str(),
+                     callerIp);
+    }
     for (const KelService& service : services) {
         if (const int rc = registration_.RemoveService(record.name, service.name, &remaining)) return rc;
     }
@@ -324,7 +334,7 @@ int KelDirectory::SatUnRegister(const tagVARIANT* in, tagVARIANT* out, const cha
     return 0;
 }
 
-int KelDirectory::SatRemove(const tagVARIANT* in, const char* callerIp, const CStdStr& /*caller*/) {
+int KelDirectory::SatRemove(const tagVARIANT* in, const char* callerIp, const CStdStr& caller) {
     Record record;
     if (const int rc = record.Read(in)) return rc;
     if (CBBLog::isDebugEnabled()) {
@@ -341,6 +351,10 @@ int KelDirectory::SatRemove(const tagVARIANT* in, const char* callerIp, const CS
     if (knownId != record.satId) {
         CBBLog::warn("SatRemove: invalid SatId %d (local: %d)", record.satId, knownId);
         return noSuchSatellite;
+    }
+    if (IsSomebodyElse(record.name, knownHost, callerIp, caller)) {
+        CBBLog::note("Satellite %.256s (satId %d) at %s:%d removed at the request of \"%.256s\" from %s",
+                     record.name.c_str(), knownId, knownHost.c_str(), knownPort, caller.c_str(), callerIp);
     }
     return registration_.RemoveAndTell(record.name, knownId);
 }
@@ -404,7 +418,7 @@ int KelDirectory::SatGetId(const tagVARIANT* in, tagVARIANT* out, const char* ca
     return 0;
 }
 
-int KelDirectory::SatSetBeRightBack(const tagVARIANT* in, tagVARIANT* out, const char* /*callerIp*/,
+int KelDirectory::SatSetBeRightBack(const tagVARIANT* in, tagVARIANT* out, const char* callerIp,
                                     const CStdStr& caller) {
     if (!in) return noSuchSatellite;
     if (in->vt != VT_I4) {
@@ -412,6 +426,14 @@ int KelDirectory::SatSetBeRightBack(const tagVARIANT* in, tagVARIANT* out, const
         return wrongParameter;
     }
     if (registration_.SetBeRightBackTimer(caller, in->lVal) != 0) return refused;
+    CStdStr host;
+    int satId = 0;
+    unsigned short port = 0;
+    if (registration_.FindSatellite(caller, host, &satId, &port, nullptr) == 0 &&
+        IsSomebodyElse(caller, host, callerIp, caller)) {
+        CBBLog::note("Satellite %.256s (satId %d) at %s:%d is not checked for %d s at the request of %s",
+                     caller.c_str(), satId, host.c_str(), port, in->lVal, callerIp);
+    }
     SetInt(out, 0);
     return 0;
 }
