@@ -19,6 +19,8 @@
 #include <boost/shared_ptr.hpp>
 
 #include <atomic>
+#include <deque>
+#include <functional>
 #include <list>
 #include <memory>
 #include <vector>
@@ -91,6 +93,8 @@ private:
     bool HasOtherHolder(Registering& registering) const;
     int AskHolder(Registering& registering, tagVARIANT* out);
     int AskHolderLater(std::unique_ptr<Registering> registering);
+    void GoOn(std::function<void()> rest) EXCLUDES(goingOnLock_);
+    std::function<void()> NextToGoOn() EXCLUDES(goingOnLock_);
     int HearOfHolder(const Registering& registering, int rc, int status, tagVARIANT* out);
     int Admit(const Registering& registering, tagVARIANT* out);
     bool AddToPending(const CStdStr& name) EXCLUDES(pendingLock_);
@@ -114,6 +118,9 @@ private:
     // Registrations that wait for a holder to answer, and what of them is in memory meanwhile.
     std::atomic<size_t> waitingRegistrations_{0};
     std::atomic<size_t> waitingBytes_{0};
+    PMutex goingOnLock_;
+    std::deque<std::function<void()>> goOn_ GUARDED_BY(goingOnLock_);  // whose holder was asked
+    int goingOn_ GUARDED_BY(goingOnLock_) = 0;                         // threads that run them
 
     LastRun lastRun_;
     bool serves_ = false;  // since the last init; the main thread's
