@@ -43,8 +43,8 @@ constexpr const char* legend =
     "  Register: one thread that only replaces the same two files, with or without the same syncs; GetServiceReg: a "
     "directory with 10 satellites;\n"
     "  start-up: a program that only reads these files; alive: a loop of one thread that asks the same satellites the\n"
-    "  same, one after the other; AddService: a loop that writes the same bytes to as many sockets; names held: the "
-    "same directory before that\n";
+    "  same, one after the other; AddService: a loop that writes the same bytes to as many sockets;\n"
+    "  names held: the same directory before that\n";
 
 struct Measurement {
     const char* name;
