@@ -309,6 +309,11 @@ int KelDirectory::HearOfHolder(const Registering& registering, int rc, int statu
 // Sees to it that the satellite has a record: the one that it says it has, or a new one.
 int KelDirectory::Admit(const Registering& registering, tagVARIANT* out) {
     const Record& record = registering.record;
+    if (!registration_.HasRoomFor(record.name, registering.services)) {
+        CBBLog::note("Registration of %.256s from %s refused: the records of all satellites take %zu MiB",
+                     record.name.c_str(), registering.address.c_str(), CRegistration::maxBytes >> 20);
+        return KEL_NO_RESOURCES;
+    }
     int satId = record.satId;
     if (!registering.isKnown) {
         if (satId != 0) CBBLog::info("SatId %d not found, registering %s", satId, record.name.c_str());
