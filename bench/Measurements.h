@@ -25,6 +25,7 @@ struct Effort {
     unsigned fileRounds = 7;
     unsigned registrationsASide = 1'000;  // in a round of registrations
     unsigned passes = 5;                  // of liveness checks, after the first one
+    double attackSeconds = 25;            // with an attack and without; names are held for ten seconds at a time
 };
 
 // The machine's speed drifts, so both sides of a comparison run in turn, round after round; each round gives one ratio,
@@ -64,6 +65,10 @@ public:
 
     // What is left of 1,000 satellites out of 10,000 two passes after they were killed.
     std::vector<Row> Deaths();
+
+    // How long GetSatelliteId takes while 600 connections register names that point at a port which never answers,
+    // beside the same without them.
+    std::vector<Row> Attack();
 
 private:
     using Side = std::function<double(unsigned round)>;

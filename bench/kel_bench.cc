@@ -26,8 +26,8 @@ constexpr const char* usage =
     "usage: kel_bench [--quick] [--only NAME] [--directory PROGRAM]\n"
     "\n"
     "  --quick              fewer and shorter rounds: about two minutes instead of about six\n"
-    "  --only NAME          one measurement: id, register, service, memory, startup, liveness, fanout or\n"
-    "                       deaths\n"
+    "  --only NAME          one measurement: id, register, service, memory, startup, liveness, fanout,\n"
+    "                       deaths or attack\n"
     "  --directory PROGRAM  the directory to measure (default: KelDirectory beside this program)\n"
     "\n"
     "Files are written to a folder of its own below $TMPDIR (default /tmp), which should lie on the kind of disk that "
@@ -43,7 +43,8 @@ constexpr const char* legend =
     "  Register: one thread that only replaces the same two files, with or without the same syncs; GetServiceReg: a "
     "directory with 10 satellites;\n"
     "  start-up: a program that only reads these files; alive: a loop of one thread that asks the same satellites the\n"
-    "  same, one after the other; AddService: a loop that writes the same bytes to as many sockets\n";
+    "  same, one after the other; AddService: a loop that writes the same bytes to as many sockets;\n"
+    "  names held: the same directory before that\n";
 
 struct Measurement {
     const char* name;
@@ -55,6 +56,7 @@ constexpr Measurement measurements[] = {
     {"service", &Measurements::ServiceLookUp}, {"memory", &Measurements::Memory},
     {"startup", &Measurements::StartUp},       {"liveness", &Measurements::Liveness},
     {"fanout", &Measurements::FanOut},         {"deaths", &Measurements::Deaths},
+    {"attack", &Measurements::Attack},
 };
 
 struct Options {
@@ -143,7 +145,7 @@ int Measure(Options options) {
         options.directory = fs::read_symlink("/proc/self/exe").replace_filename("KelDirectory").string();
     }
     const TemporaryFolder folder;
-    Measurements all(options.directory, folder.path(), options.quick ? Effort{9, 0.15, 3, 500, 2} : Effort{});
+    Measurements all(options.directory, folder.path(), options.quick ? Effort{9, 0.15, 3, 500, 2, 12} : Effort{});
     std::vector<Row> rows;
     int status = 0;
     try {

@@ -11,10 +11,12 @@
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <utility>
 
 namespace {
 
 constexpr int listenerPatienceMs = 20000;  // longer than a listener lives that does not answer
+constexpr int maxListenersAwaited = 32;    // each by a thread
 
 // Logs that a call's address is unknown and returns the method's result for that.
 int NoAddress(const char* method) {
@@ -34,6 +36,8 @@ int Result(const char* method, int rc) {
     if (rc != 0) LogResult(method, rc);
     return rc;
 }
+
+int ResultOfPing(int result) { return result < 0 ? CDirectorySink::noAnswer : 0; }
 
 }  // namespace
 
@@ -90,7 +94,13 @@ int CDirectorySink::GetSatelliteId() {
 }
 
 int CDirectorySink::PingSat(const CStdStr& name, const CStdStr& host, unsigned short port, int satId, int* status) {
-    return DirectoryPingSatellite(name.c_str(), host.c_str(), port, satId, status) < 0 ? noAnswer : 0;
+    return ResultOfPing(DirectoryPingSatellite(name.c_str(), host.c_str(), port, satId, status));
+}
+
+void CDirectorySink::PingSatLater(const CStdStr& name, const CStdStr& host, unsigned short port, int satId,
+                                  PingHandler heard) {
+    PingLater(name.c_str(), host.c_str(), port, satId,
+              [heard = std::move(heard)](int result, KELSTATUS status) { heard(ResultOfPing(result), status); });
 }
 
 void CDirectorySink::OnServiceAvailabilityChanged(const CStdStr& service, const CStdStr& satellite,
@@ -111,8 +121,16 @@ void CDirectorySink::OnServiceAvailabilityChanged(const CStdStr& service, const 
     }
 }
 
+// Beyond so many, nobody waits: of more events than there is room for, a listener may miss the oldest then.
 bool CDirectorySink::AwaitListener(const CStdStr& listener) {
-    return WaitForOneWayRoom(listener.c_str(), listenerPatienceMs);
+    if (WaitForOneWayRoom(listener.c_str(), 0)) return true;
+    struct Waiting {
+        explicit Waiting(std::atomic<int>& counted) : count(counted), isOneTooMany(++count > maxListenersAwaited) {}
+        ~Waiting() { --count; }
+        std::atomic<int>& count;
+        const bool isOneTooMany;
+    } const waiting(listenersAwaited_);
+    return waiting.isOneTooMany || WaitForOneWayRoom(listener.c_str(), listenerPatienceMs);
 }
 
 CStdStr CDirectorySink::getIPFromSocket(int socket) {
@@ -127,11 +145,13 @@ CStdStr CDirectorySink::getIPFromSocket(int socket) {
     return yar::networkutils::inet_ntos(peer.sin_addr);
 }
 
+void CDirectorySink::LogRegistered(int rc) { LogResult("Register", rc); }
+
 int CDirectorySink::SatRegister(int socket, const char* caller, const tagVARIANT& in, tagVARIANT* out) {
     const CStdStr ip = getIPFromSocket(socket);
     if (ip.empty()) return NoAddress("SatRegister");
     const int rc = directory_->SatRegister(&in, out, ip.c_str(), caller);
-    LogResult("Register", rc);
+    if (rc != KelDirectory::answeredLater) LogRegistered(rc);
     return rc;
 }
 

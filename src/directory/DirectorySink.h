@@ -9,6 +9,7 @@
 #include "registry/SatelliteChannel.h"
 #include "rpc/KelSatellite.h"
 
+#include <atomic>
 #include <memory>
 
 class DiscoveryServer;
@@ -37,8 +38,11 @@ public:
 
     // Asks host:port whether it is that satellite; `status` becomes KELSTATUS_ALIVE if so, or if it could not be asked
     // for want of descriptors or memory here. Blocks for 10 seconds at the most. Returns 0, or noAnswer and leaves
-    // `status` to the library.
+    // `status` to the library, which says why.
     int PingSat(const CStdStr& name, const CStdStr& host, unsigned short port, int satId, int* status) override;
+    // The same without waiting: `heard` gets result and status later, on one of the library's threads. It is destroyed
+    // uncalled when the endpoint ends before that.
+    void PingSatLater(const CStdStr& name, const CStdStr& host, unsigned short port, int satId, PingHandler heard);
     static constexpr int noAnswer = 0x40017;
 
     using KelSatellite::OnServiceAvailabilityChanged;
@@ -53,6 +57,8 @@ public:
     // The published methods. All that need the caller's address return -1 without it; else the result is that of the
     // request in KelDirectory.
     int SatRegister(int socket, const char* caller, const tagVARIANT& in, tagVARIANT* out);
+    // Logs the result of a Register call, whose answer may come after its method has returned.
+    static void LogRegistered(int rc);
     int SatUnregister(int socket, const char* caller, const tagVARIANT& in, tagVARIANT* out);
     int GetServiceReg(int socket, const char* caller, const tagVARIANT& in, tagVARIANT* out);
     int GetSatelliteHost(int socket, const char* caller, const tagVARIANT& in, tagVARIANT* out);
@@ -79,6 +85,8 @@ private:
     void AnnounceUser(const tagVARIANT& user) EXCLUDES(discoveryLock_);
 
     KelDirectory* const directory_;
+
+    std::atomic<int> listenersAwaited_{0};
 
     PMutex discoveryLock_;  // a user may come while the directory closes
     std::unique_ptr<DiscoveryServer> discovery_ GUARDED_BY(discoveryLock_);

@@ -18,6 +18,9 @@
 
 #include <boost/shared_ptr.hpp>
 
+#include <atomic>
+#include <deque>
+#include <functional>
 #include <list>
 #include <memory>
 #include <vector>
@@ -52,9 +55,12 @@ public:
     static constexpr int refused = 0x40002;          // unknown name, of SatGetId and SatSetBeRightBack
     static constexpr int noSuchSatellite = 0x4000a;  // unknown name or another id, or no parameter at all
     static constexpr int nameTaken = 0x40010;
+    static constexpr int answeredLater = -2;  // of SatRegister: not sent, the answer comes when the holder was asked
 
     // Registers the satellite that the record describes. `out` becomes [server id, satId]. A living holder of the name
-    // with another id keeps it (nameTaken); a dead one is replaced.
+    // with another id keeps it (nameTaken); a dead one is replaced. While a holder is asked, the call of the thread
+    // that runs this waits in a place of its own (answeredLater), or is refused with KEL_NO_RESOURCES when too many do;
+    // a thread that runs no call waits itself.
     int SatRegister(const tagVARIANT* in, tagVARIANT* out, const char* callerIp, const CStdStr& caller)
         EXCLUDES(pendingLock_);
     // Withdraws the services that the record lists. `out` becomes the number of services left after the
@@ -80,11 +86,20 @@ public:
 
 private:
     struct Record;
+    struct Registering;
     class PendingName;
+    class WaitingPlace;
 
-    int AdmitSatellite(const Record& record, const CStdStr& address, int* satId);
-    int RemoveDeadHolder(const CStdStr& name, const CStdStr& host, unsigned short port, int satId);
+    bool HasOtherHolder(Registering& registering) const;
+    int AskHolder(Registering& registering, tagVARIANT* out);
+    int AskHolderLater(std::unique_ptr<Registering> registering);
+    void GoOn(std::function<void()> rest) EXCLUDES(goingOnLock_);
+    std::function<void()> NextToGoOn() EXCLUDES(goingOnLock_);
+    int HearOfHolder(const Registering& registering, int rc, int status, tagVARIANT* out);
+    int Admit(const Registering& registering, tagVARIANT* out);
     bool AddToPending(const CStdStr& name) EXCLUDES(pendingLock_);
+
+    bool IsSomebodyElse(const CStdStr& name, const CStdStr& ip, const char* callerIp, const CStdStr& caller) const;
 
     static void SayWhatItWorksWith();
     void SayThatItServes(bool hasRegistry, size_t loaded);
@@ -99,6 +114,13 @@ private:
 
     PMutex pendingLock_;
     std::vector<CStdStr> pendingRegistrations_ GUARDED_BY(pendingLock_);
+
+    // Registrations that wait for a holder to answer, and what of them is in memory meanwhile.
+    std::atomic<size_t> waitingRegistrations_{0};
+    std::atomic<size_t> waitingBytes_{0};
+    PMutex goingOnLock_;
+    std::deque<std::function<void()>> goOn_ GUARDED_BY(goingOnLock_);  // whose holder was asked
+    int goingOn_ GUARDED_BY(goingOnLock_) = 0;                         // threads that run them
 
     LastRun lastRun_;
     bool serves_ = false;  // since the last init; the main thread's

@@ -4,12 +4,20 @@
 
 #include "directory/DirectorySink.h"
 #include "foundation/Log.h"
+#include "rpc/RunningCall.h"
 #include "rpc/VUtil.h"
+#include "rpc/transport/Quietly.h"
 
 #include <algorithm>
+#include <optional>
 #include <set>
+#include <utility>
 
 namespace {
+
+constexpr size_t maxWaitingRegistrations = 1024;
+constexpr size_t maxWaitingBytes = 16u << 20;
+constexpr int maxGoingOn = 8;  // of these, at a time: enough to share a round of syncing
 
 // Reads the first `count` entries; there may be fewer, which throws. Nothing is reserved by what a caller claims.
 std::vector<KelService> ReadServices(tagVARIANT* entries, int count) {
@@ -136,67 +144,202 @@ private:
     const bool isMine_;
 };
 
+// A place among the registrations that wait, while it lives, if there is one.
+class KelDirectory::WaitingPlace {
+public:
+    WaitingPlace(KelDirectory& directory, size_t bytes) : directory_(directory), bytes_(bytes) {
+        const size_t waiting = ++directory_.waitingRegistrations_;
+        const size_t waitingBytes = directory_.waitingBytes_ += bytes_;
+        isThere_ = waiting <= maxWaitingRegistrations && waitingBytes <= maxWaitingBytes;
+    }
+    ~WaitingPlace() {
+        --directory_.waitingRegistrations_;
+        directory_.waitingBytes_ -= bytes_;
+    }
+    WaitingPlace(const WaitingPlace&) = delete;
+    WaitingPlace& operator=(const WaitingPlace&) = delete;
+
+    bool IsThere() const { return isThere_; }
+
+private:
+    KelDirectory& directory_;
+    const size_t bytes_;
+    bool isThere_;
+};
+
+// A registration under way.
+struct KelDirectory::Registering {
+    Record record;
+    std::vector<KelService> services;
+    CStdStr address;
+
+    // Who has the name, if somebody does.
+    bool isKnown = false;  // under the id that the record claims
+    CStdStr holderHost;
+    unsigned short holderPort = 0;
+    int holderId = 0;
+
+    std::optional<PendingName> pending;
+    std::optional<WaitingPlace> place;
+
+    int Read(const tagVARIANT* in) {
+        if (const int rc = record.Read(in)) return rc;
+        services = ReadServices(&record.services, record.serviceCount);
+        record.services.clear();
+        return 0;
+    }
+    size_t Bytes() const {
+        size_t bytes = sizeof *this + record.name.size() + record.host.size();
+        for (const KelService& service : services) {
+            bytes += sizeof service + service.name.size() + service.description.size();
+        }
+        return bytes;
+    }
+};
+
 int KelDirectory::SatRegister(const tagVARIANT* in, tagVARIANT* out, const char* callerIp, const CStdStr& caller) {
     if (!sink_) return noEndpoint;
-    Record record;
-    if (const int rc = record.Read(in)) return rc;
-    const std::vector<KelService> services = ReadServices(&record.services, record.serviceCount);
-    const CStdStr address = getIPToUse(callerIp);
+    auto registering = std::make_unique<Registering>();
+    if (const int rc = registering->Read(in)) return rc;
+    const Record& record = registering->record;
+    registering->address = getIPToUse(callerIp);
     if (CBBLog::isDebugEnabled()) {
         CBBLog::debug("Register from Satellite %s on %s(%s:%d) to %s, SatId %d", caller.c_str(), record.host.c_str(),
-                      address.c_str(), record.port, record.name.c_str(), record.satId);
+                      registering->address.c_str(), record.port, record.name.c_str(), record.satId);
     }
 
-    const PendingName pending(*this, record.name);
-    if (!pending.IsMine()) {
+    if (!registering->pending.emplace(*this, record.name).IsMine()) {
         CBBLog::warn("## Register failed: another Satellite with the same name is currently Registering");
         return nameTaken;
     }
-    int satId = record.satId;
-    if (const int rc = AdmitSatellite(record, address, &satId)) return rc;
+    if (!HasOtherHolder(*registering)) return Admit(*registering, out);
+    return kel::RunningCall::IsUnderWay() ? AskHolderLater(std::move(registering)) : AskHolder(*registering, out);
+}
 
+// Whether a satellite has the name that is not, by its id, the one that registers.
+bool KelDirectory::HasOtherHolder(Registering& registering) const {
+    if (registration_.FindSatellite(registering.record.name, registering.holderHost, &registering.holderId,
+                                    &registering.holderPort, nullptr) != 0) {
+        return false;
+    }
+    registering.isKnown = registering.holderId == registering.record.satId;
+    return !registering.isKnown;
+}
+
+int KelDirectory::AskHolder(Registering& registering, tagVARIANT* out) {
+    int status = KELSTATUS_GONE;
+    const int rc = sink_->PingSat(registering.record.name, registering.holderHost, registering.holderPort,
+                                  registering.holderId, &status);
+    return HearOfHolder(registering, rc, status, out);
+}
+
+// Asking may take ten seconds, and whoever registers names that lead nowhere must not hold a thread for each of them:
+// the registration waits here and goes on, on a thread of the library's, when the holder has answered or not.
+int KelDirectory::AskHolderLater(std::unique_ptr<Registering> registering) {
+    const Registering& asked = *registering;
+    if (!registering->place.emplace(*this, asked.Bytes()).IsThere()) {
+        CBBLog::note("Registration of %.256s from %s refused: %zu others wait for the holders of their names to answer",
+                     asked.record.name.c_str(), asked.address.c_str(), waitingRegistrations_.load() - 1);
+        return KEL_NO_RESOURCES;
+    }
+    struct Waiting {
+        std::unique_ptr<kel::LateAnswer> answer;
+        std::unique_ptr<Registering> registering;  // the first to go: the name is free when the caller hears
+    };
+    const auto waiting = std::make_shared<Waiting>(Waiting{kel::RunningCall::PutOff(), std::move(registering)});
+    sink_->PingSatLater(asked.record.name, asked.holderHost, asked.holderPort, asked.holderId,
+                        [this, waiting](int rc, int status) {
+                            GoOn([this, waiting, rc, status] {
+                                waiting->answer->Give([&](ScopedVariant& out) {
+                                    const std::unique_ptr<Registering> mine = std::move(waiting->registering);
+                                    const int result = HearOfHolder(*mine, rc, status, &out);
+                                    CDirectorySink::LogRegistered(result);
+                                    return result;
+                                });
+                            });
+                        });
+    return answeredLater;
+}
+
+// Runs the rest of a registration, which waits for the disk, unless enough threads run others: then one of those does
+// it next. Many pings end at the same time, and who wants something else must not stand behind all that is left to do.
+void KelDirectory::GoOn(std::function<void()> rest) {
+    {
+        PMutexHold hold(goingOnLock_);
+        goOn_.push_back(std::move(rest));
+        if (goingOn_ == maxGoingOn) return;
+        ++goingOn_;
+    }
+    kel::RunningCall::AboutToBlock();
+    while (const auto next = NextToGoOn()) kel::transport::Quietly(next);
+}
+
+std::function<void()> KelDirectory::NextToGoOn() {
+    PMutexHold hold(goingOnLock_);
+    if (goOn_.empty()) {
+        --goingOn_;
+        return nullptr;
+    }
+    std::function<void()> next = std::move(goOn_.front());
+    goOn_.pop_front();
+    return next;
+}
+
+// The holder was asked, with the outcome of PingSat.
+int KelDirectory::HearOfHolder(const Registering& registering, int rc, int status, tagVARIANT* out) {
+    const CStdStr& name = registering.record.name;
+    const char* const host = registering.holderHost.c_str();
+    if (rc == 0 && status == KELSTATUS_ALIVE) {
+        CBBLog::warn("Register failed, %s already exists", name.c_str());
+        return nameTaken;
+    }
+    if (CBBLog::isDebugEnabled()) {
+        CBBLog::debug("Satname %s dead on host %s:%d (satId %d)", name.c_str(), host, registering.holderPort,
+                      registering.holderId);
+    }
+    if (ssicmp(name.c_str(), sink_->getSatelliteName()) != 0) {  // else what an earlier run left behind
+        CBBLog::note("Satellite %.256s (satId %d) at %s:%d replaced by a new one at %s:%d: %s", name.c_str(),
+                     registering.holderId, host, registering.holderPort, registering.address.c_str(),
+                     registering.record.port, WhyNotAlive(rc, status).c_str());
+    }
+    if (const int failure = registration_.RemoveAndTell(name, registering.holderId)) return failure;
+    return Admit(registering, out);
+}
+
+// Sees to it that the satellite has a record: the one that it says it has, or a new one.
+int KelDirectory::Admit(const Registering& registering, tagVARIANT* out) {
+    const Record& record = registering.record;
+    if (!registration_.HasRoomFor(record.name, registering.services)) {
+        CBBLog::note("Registration of %.256s from %s refused: the records of all satellites take %zu MiB",
+                     record.name.c_str(), registering.address.c_str(), CRegistration::maxBytes >> 20);
+        return KEL_NO_RESOURCES;
+    }
+    int satId = record.satId;
+    if (!registering.isKnown) {
+        if (satId != 0) CBBLog::info("SatId %d not found, registering %s", satId, record.name.c_str());
+        satId = 0;
+        registration_.AddSatellite(record.name, registering.address, record.port, record.host, record.protocolVersion,
+                                   &satId);
+        sink_->ForgetAddress(record.name.c_str());  // another satellite may listen there by now
+    }
     VariantClear(out);
     VUtil::CreateArray(*out, VT_VARIANT, 2);
     VUtil::PutElement(*out, 0, registration_.GetServerId());
     VUtil::PutElement(*out, 1, satId);
-    for (const KelService& service : services) {
+    for (const KelService& service : registering.services) {
         if (const int rc = registration_.AddService(record.name, service.name, service.description)) return rc;
     }
     registration_.SerializeSatellite(record.name);
     return 0;
 }
 
-// Sees to it that the satellite has a record and stores its id in `satId`, which holds the claimed one: the record that
-// it says it has, or a new one when nobody living holds the name.
-int KelDirectory::AdmitSatellite(const Record& record, const CStdStr& address, int* satId) {
-    CStdStr knownHost;
-    int knownId = 0;
-    unsigned short knownPort = 0;
-    if (registration_.FindSatellite(record.name, knownHost, &knownId, &knownPort, nullptr) == 0) {
-        if (knownId == *satId) return 0;
-        if (const int rc = RemoveDeadHolder(record.name, knownHost, knownPort, knownId)) return rc;
-    }
-    if (*satId != 0) CBBLog::info("SatId %d not found, registering %s", *satId, record.name.c_str());
-    *satId = 0;
-    registration_.AddSatellite(record.name, address, record.port, record.host, record.protocolVersion, satId);
-    sink_->ForgetAddress(record.name.c_str());  // another satellite may listen there by now
-    return 0;
+// Whether a request about the satellite `name` at the address `ip` comes from somebody else.
+bool KelDirectory::IsSomebodyElse(const CStdStr& name, const CStdStr& ip, const char* callerIp,
+                                  const CStdStr& caller) const {
+    return ssicmp(name.c_str(), caller.c_str()) != 0 || (ip != callerIp && ip != getIPToUse(callerIp));
 }
 
-int KelDirectory::RemoveDeadHolder(const CStdStr& name, const CStdStr& host, unsigned short port, int satId) {
-    int status = KELSTATUS_GONE;
-    if (sink_->PingSat(name, host, port, satId, &status) == 0 && status == KELSTATUS_ALIVE) {
-        CBBLog::warn("Register failed, %s already exists", name.c_str());
-        return nameTaken;
-    }
-    if (CBBLog::isDebugEnabled()) {
-        CBBLog::debug("Satname %s dead on host %s:%d (satId %d)", name.c_str(), host.c_str(), port, satId);
-    }
-    return registration_.RemoveAndTell(name, satId);
-}
-
-int KelDirectory::SatUnRegister(const tagVARIANT* in, tagVARIANT* out, const char* callerIp,
-                                const CStdStr& /*caller*/) {
+int KelDirectory::SatUnRegister(const tagVARIANT* in, tagVARIANT* out, const char* callerIp, const CStdStr& caller) {
     Record record;
     if (const int rc = record.Read(in)) return rc;
     if (CBBLog::isDebugEnabled()) {
@@ -210,7 +353,13 @@ int KelDirectory::SatUnRegister(const tagVARIANT* in, tagVARIANT* out, const cha
     if (knownId != record.satId) return noSuchSatellite;
 
     int remaining = 0;
-    for (const KelService& service : ReadServices(&record.services, record.serviceCount)) {
+    const std::vector<KelService> services = ReadServices(&record.services, record.serviceCount);
+    if (!services.empty() && IsSomebodyElse(record.name, knownHost, callerIp, caller)) {
+        CBBLog::note("%zu services of %.256s (satId %d) at %s:%d withdrawn at the request of \"%.256s\" from %s",
+                     services.size(), record.name.c_str(), knownId, knownHost.c_str(), knownPort, caller.c_str(),
+                     callerIp);
+    }
+    for (const KelService& service : services) {
         if (const int rc = registration_.RemoveService(record.name, service.name, &remaining)) return rc;
     }
     SetInt(out, remaining);
@@ -218,7 +367,7 @@ int KelDirectory::SatUnRegister(const tagVARIANT* in, tagVARIANT* out, const cha
     return 0;
 }
 
-int KelDirectory::SatRemove(const tagVARIANT* in, const char* callerIp, const CStdStr& /*caller*/) {
+int KelDirectory::SatRemove(const tagVARIANT* in, const char* callerIp, const CStdStr& caller) {
     Record record;
     if (const int rc = record.Read(in)) return rc;
     if (CBBLog::isDebugEnabled()) {
@@ -235,6 +384,10 @@ int KelDirectory::SatRemove(const tagVARIANT* in, const char* callerIp, const CS
     if (knownId != record.satId) {
         CBBLog::warn("SatRemove: invalid SatId %d (local: %d)", record.satId, knownId);
         return noSuchSatellite;
+    }
+    if (IsSomebodyElse(record.name, knownHost, callerIp, caller)) {
+        CBBLog::note("Satellite %.256s (satId %d) at %s:%d removed at the request of \"%.256s\" from %s",
+                     record.name.c_str(), knownId, knownHost.c_str(), knownPort, caller.c_str(), callerIp);
     }
     return registration_.RemoveAndTell(record.name, knownId);
 }
@@ -298,7 +451,7 @@ int KelDirectory::SatGetId(const tagVARIANT* in, tagVARIANT* out, const char* ca
     return 0;
 }
 
-int KelDirectory::SatSetBeRightBack(const tagVARIANT* in, tagVARIANT* out, const char* /*callerIp*/,
+int KelDirectory::SatSetBeRightBack(const tagVARIANT* in, tagVARIANT* out, const char* callerIp,
                                     const CStdStr& caller) {
     if (!in) return noSuchSatellite;
     if (in->vt != VT_I4) {
@@ -306,6 +459,14 @@ int KelDirectory::SatSetBeRightBack(const tagVARIANT* in, tagVARIANT* out, const
         return wrongParameter;
     }
     if (registration_.SetBeRightBackTimer(caller, in->lVal) != 0) return refused;
+    CStdStr host;
+    int satId = 0;
+    unsigned short port = 0;
+    if (registration_.FindSatellite(caller, host, &satId, &port, nullptr) == 0 &&
+        IsSomebodyElse(caller, host, callerIp, caller)) {
+        CBBLog::note("Satellite %.256s (satId %d) at %s:%d is not checked for %d s at the request of %s",
+                     caller.c_str(), satId, host.c_str(), port, in->lVal, callerIp);
+    }
     SetInt(out, 0);
     return 0;
 }

@@ -112,7 +112,21 @@ bool CRegistration::Answers(const KelSatelliteInfo& satellite, SatelliteChannel&
                              : "Satellite %s %s:%d SatId %d has died removing it: dead %d",
                  satellite.satName.c_str(), satellite.ip.c_str(), satellite.port, satellite.satId,
                  result != 0 ? result : status);
+    LogRemoval(satellite, WhyNotAlive(result, status));
     return false;
+}
+
+void CRegistration::LogRemoval(const KelSatelliteInfo& satellite, const CStdStr& why) {
+    const char* const name = satellite.satName.c_str();
+    const char* const host = satellite.ip.c_str();
+    CBBLog::note("Satellite %.256s (satId %d) at %s:%d removed: %s", name, satellite.satId, host, satellite.port,
+                 why.c_str());
+    if (!removals_.IsOften(satellite.satName, upTime_())) return;
+    CBBLog::note(
+        "Satellite %.256s was removed %d times within a minute: it reaches the directory, but from here the "
+        "directory does not reach it at %s:%d (%s); see to the firewall there, to the address it listens on "
+        "(kel.bindAddress) and to address translation between the two, or why it ends again and again",
+        name, RecentRemovals::often, host, satellite.port, why.c_str());
 }
 
 void CRegistration::WaitCheckSatellites() {

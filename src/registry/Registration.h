@@ -20,6 +20,7 @@
 #include "foundation/UpTime.h"
 #include "registry/DataFiles.h"
 #include "registry/GroupCommit.h"
+#include "registry/RecentRemovals.h"
 #include "registry/RunningChecks.h"
 #include "registry/SatelliteChannel.h"
 #include "registry/SatelliteInfo.h"
@@ -183,7 +184,8 @@ private:
     void ReleaseUnstarted() EXCLUDES(unstartedLock_);
     bool IsRightBack(const KelSatelliteInfo& satellite) const;
     bool EndRightBack(KelSatelliteInfo& satellite) const;
-    static bool Answers(const KelSatelliteInfo& satellite, SatelliteChannel& sink);
+    bool Answers(const KelSatelliteInfo& satellite, SatelliteChannel& sink);
+    void LogRemoval(const KelSatelliteInfo& satellite, const CStdStr& why);
     static bool MarkAsGone(KelSatelliteInfo& satellite, const CStdStr& service);
     static std::vector<CStdStr> ServicesOf(const KelSatelliteInfo& satellite);
 
@@ -228,6 +230,7 @@ private:
     const boost::shared_ptr<RunningChecks> runningChecks_;
     PMutex unstartedLock_;
     SatellitePtr unstarted_ GUARDED_BY(unstartedLock_);  // its check was begun without a thread
+    RecentRemovals removals_;                            // by checks
 
     std::optional<Folder> folder_;  // of the satellites, locked against other directories; SaveIfFailed's
     kel::registry::GroupCommit commit_{kel::registry::SyncsFiles(), [this] { return RegistrationChange(); }};

@@ -5,6 +5,8 @@
 
 #include <boost/weak_ptr.hpp>
 
+#include <utility>
+
 namespace {
 
 struct LoggerSlot {
@@ -36,6 +38,14 @@ CStdStr KelResultText(int code) {
     switch (code) {
         case KEL_OK:
             return "success";
+        case KEL_PING_SILENT:
+            return "no answer came in time";
+        case KEL_PING_REFUSED:
+            return "the connection was refused";
+        case KEL_PING_NO_WAY:
+            return "the address cannot be reached from here";
+        case KEL_PING_HUNG_UP:
+            return "the connection was closed instead of an answer";
         case KEL_UNREACHABLE:
             return "the directory or the satellite cannot be reached";
         case KEL_PORT_IN_USE:
@@ -53,7 +63,7 @@ CStdStr KelResultText(int code) {
         case KEL_TOO_LARGE:
             return "the parameters are too large or of a type that cannot travel";
         case KEL_NO_RESOURCES:
-            return "this process has no descriptor or memory left for a connection";
+            return "there is no descriptor, memory or place for this now";
         case KEL_LIMIT_REACHED:
             return "the directory keeps no more of that kind for one satellite";
         case 0x40001:
@@ -98,6 +108,10 @@ void KelSatellite::ForgetAddress(const char* satellite) { impl_->ForgetAddress(s
 int KelSatellite::DirectoryPingSatellite(const char* name, const char* host, unsigned short port, int satId,
                                          KELSTATUS* status) {
     return impl_->Ping(name, host, port, satId, status);
+}
+
+void KelSatellite::PingLater(const char* name, const char* host, unsigned short port, int satId, PingHandler heard) {
+    impl_->PingLater(name, host, port, satId, std::move(heard));
 }
 
 int KelSatellite::GetSatelliteId(int* id) { return impl_->GetSatelliteId(id); }

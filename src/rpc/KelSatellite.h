@@ -34,6 +34,7 @@
 
 #include <boost/shared_ptr.hpp>
 
+#include <functional>
 #include <memory>
 
 class CBBLog;
@@ -59,8 +60,14 @@ constexpr int KEL_METHOD_FAILED = 0x20005;       // the method ended with an exc
 constexpr int KEL_NO_ANSWER = 0x20006;           // the satellite did not answer in time
 constexpr int KEL_NOT_CONNECTED = 0x20007;       // this satellite is not connected to a directory
 constexpr int KEL_TOO_LARGE = 0x20008;           // the parameters do not fit a message (16 MiB, 32 deep)
-constexpr int KEL_NO_RESOURCES = 0x20009;        // this process has no descriptor or memory left to ask with
+constexpr int KEL_NO_RESOURCES = 0x20009;        // no descriptor or memory to ask with, or no place at the directory
 constexpr int KEL_LIMIT_REACHED = 0x2000a;        // the directory keeps no more of that kind for one satellite
+
+// Why a ping was not answered.
+constexpr int KEL_PING_SILENT = -1;   // in time: nothing came back, or a connection and no answer on it
+constexpr int KEL_PING_REFUSED = -2;  // nobody listens at the port, or something on the way turns callers away
+constexpr int KEL_PING_NO_WAY = -3;   // to the address: no route, no such host, or not connected to ask
+constexpr int KEL_PING_HUNG_UP = -4;  // there was a connection, and it was closed
 
 // A sentence for a result of the library or of the directory; "result 0x..." for any other.
 KEL_API CStdStr KelResultText(int code);
@@ -112,10 +119,16 @@ public:
 
     // Asks the endpoint at host:port whether it is the satellite `name` with the id `satId`. Connecting and answering
     // may take 10 seconds together, not counting time during which this process stood still. Negative when no answer
-    // came; otherwise 0, and `status` is KELSTATUS_ALIVE when name and id are that endpoint's own, else KELSTATUS_GONE.
-    // KEL_NO_RESOURCES, and KELSTATUS_ALIVE for want of proof, when this process could not ask.
+    // came: one of KEL_PING_..., as is `status` then; otherwise 0, and `status` is KELSTATUS_ALIVE when name and id are
+    // that endpoint's own, else KELSTATUS_GONE. KEL_NO_RESOURCES, and KELSTATUS_ALIVE for want of proof, when this
+    // process could not ask.
     virtual int DirectoryPingSatellite(const char* name, const char* host, unsigned short port, int satId,
                                        KELSTATUS* status);
+
+    // Asks the same and returns at once; `heard` is called later, once and as a published method is. When this
+    // satellite disconnects before that, or is not connected, `heard` is destroyed instead.
+    using PingHandler = std::function<void(int result, KELSTATUS status)>;
+    void PingLater(const char* name, const char* host, unsigned short port, int satId, PingHandler heard);
 
     // Stores the id that the directory gave this satellite. Returns 0, or KEL_NOT_CONNECTED and leaves `id` untouched.
     virtual int GetSatelliteId(int* id);

@@ -5,12 +5,12 @@
 #include "rpc/LibraryLog.h"
 #include "rpc/RunningCall.h"
 #include "rpc/VUtil.h"
-#include "rpc/wire/Codec.h"
 
 #include <unistd.h>
 
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <utility>
 
 using namespace kel::transport;
@@ -248,39 +248,8 @@ int KelSatellite::Impl::RemoveService(const char* name) {
 }
 
 void KelSatellite::Impl::OnCall(const ConnectionPtr& connection, wire::Message& call) {
-    const bool wantsAnswer = call.kind == wire::MessageKind::request;
-    thread_local std::string bytes;
-    ScopedVariant out;
-    int code = 0;
-    CStdStr problem;
-    try {
-        code = RunMethod(connection, call, out);
-        bytes.clear();
-        if (!wantsAnswer) return;
-        if (wire::EncodeResponse(bytes, call.id, code, out)) {
-            connection->Send(bytes, Connection::Bytes::answer);
-            return;
-        }
-        code = KEL_METHOD_FAILED;
-        problem.Format("the answer of %.200s is too large or of a type that cannot travel", call.method.c_str());
-    } catch (const KelException& error) {
-        code = error.GetCode();
-        problem = error.GetMessage();
-    } catch (const std::exception& error) {
-        code = KEL_METHOD_FAILED;
-        problem = error.what();
-    } catch (...) {
-        code = KEL_METHOD_FAILED;
-        problem = "an exception of an unknown type";
-    }
-    if (CBBLog::isDebugEnabled()) {
-        CBBLog::debug(LibraryLogger(), "libkel: %.256s, called by %.256s from %s, failed: 0x%x %s", call.method.c_str(),
-                      call.caller.c_str(), connection->peer().c_str(), static_cast<unsigned>(code), problem.c_str());
-    }
-    if (!wantsAnswer) return;
-    bytes.clear();
-    wire::EncodeError(bytes, call.id, code, problem);
-    connection->Send(bytes, Connection::Bytes::answer);
+    const auto method = [&](ScopedVariant& out) { return RunMethod(connection, call, out); };
+    kel::RunningCall(connection, call).Run(std::cref(method));
 }
 
 int KelSatellite::Impl::RunMethod(const ConnectionPtr& connection, const wire::Message& call, ScopedVariant& out) {
@@ -293,7 +262,6 @@ int KelSatellite::Impl::RunMethod(const ConnectionPtr& connection, const wire::M
         return KEL_OK;
     }
     int result = 0;
-    const kel::RunningCall running(*connection);
     const int code = satellite_.OnServiceRequested(connection->descriptor(), call.caller.c_str(), call.method.c_str(),
                                                    call.value, &out, &result);
     if (code == KEL_OK) return result;

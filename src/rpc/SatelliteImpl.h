@@ -28,6 +28,7 @@ public:
     bool WaitForOneWayRoom(const char* satellite, int milliseconds);
     void ForgetAddress(const char* satellite);
     int Ping(const char* name, const char* host, unsigned short port, int satId, KELSTATUS* status);
+    void PingLater(const char* name, const char* host, unsigned short port, int satId, PingHandler heard);
 
     int GetSatelliteId(int* id);
     const char* name() const { return name_.c_str(); }
@@ -113,6 +114,9 @@ private:
     int PostOneWay(Link& link, const std::string& satellite, const char* method, const tagVARIANT& in,
                    std::string& problem);
     kel::transport::Outcome AskWhoItIs(Link& link, const kel::transport::Address& address, const tagVARIANT& in);
+    struct LatePing;
+    void AskLater(Link& link, const std::shared_ptr<LatePing>& ping);
+    bool AskAgain(Link& link, const std::shared_ptr<LatePing>& ping, const kel::transport::Outcome& outcome);
 
     KelSatellite& satellite_;
     kel::MethodTable methods_;

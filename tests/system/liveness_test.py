@@ -49,6 +49,8 @@ class ASatelliteThatIsKilled(WithADirectory):
         rest = [name for name in names if name != "Sat3"]
         self.assertEqual((self.c.providers("Common"), self.c.providers("OwnSat3")), (rest, []))
         self.assertIn("has died removing it: error 262167", self.directory.log())  # 0x40017
+        self.assertRegex(self.directory.log(), rf"NOTE.*Satellite Sat3 \(satId {ids['Sat3']}\) at 127\.0\.0\.1:\d+ removed: "
+                                               "the connection was refused")
         wait_until(lambda: "Sat3" not in {satellite for _, satellite in self.directory.listeners()}, "the list")
         wait_until(lambda: ("OwnSat3", "Sat3", 0) in listener.events(), "the listener to hear")
         self.wait_for_passes(2)
@@ -68,6 +70,7 @@ class ASatelliteThatHangs(WithADirectory):
         hanging.hanging, before = True, living.pings
         self.wait_until_gone("Hanging")
         self.assertEqual(hanging.unanswered, 1)
+        self.assertIn(f":{hanging.port} removed: no answer came in time", self.directory.log())
         self.assertGreaterEqual(living.pings - before, 2)
         self.assertEqual(self.c.providers("Service"), ["Living"])
 

@@ -45,6 +45,9 @@ class ANameThatIsTaken(WithADirectory):
             last, old = sat_id, f"Schedule{number}"
             if die:
                 die(holder)
+        log = self.directory.log()
+        for why in ["what answers there is not this satellite", "the connection was refused"]:
+            self.assertRegex(log, rf"NOTE.*Satellite Recorder \(satId \d+\) at 127.* replaced by a new one at 127.*: {why}")
 
     def test_stays_with_the_same_id_and_record_without_a_ping_when_the_id_is_its_own(self):
         sat_id = self.c.register("Recorder", self.endpoint.port, [("Schedule", "old")], host="studio")

@@ -218,6 +218,11 @@ void Connection::Resume() {
     if (paused_ && !IsFull() && paused_.exchange(false)) PassReadingTurn();
 }
 
+void Connection::EndLateCall() {
+    --outstanding_;
+    OrFail([this] { Resume(); });
+}
+
 // --- Notifications -------------------------------------------------------------------------------------------------
 
 // True when the caller is to run what is queued.

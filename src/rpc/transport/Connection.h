@@ -75,6 +75,10 @@ public:
     // Forgets a call: its answer is ignored.
     void Abandon(uint32_t id);
 
+    // A call that is answered after it has been run counts as outstanding from one to the other.
+    void BeginLateCall() { ++outstanding_; }
+    void EndLateCall();
+
     // Whether something is queued that the peer may still read.
     bool HasBacklog();
 

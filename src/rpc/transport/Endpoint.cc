@@ -102,6 +102,7 @@ void Endpoint::OnCall(const ConnectionPtr& connection, wire::Message& call) {
 }
 
 void Endpoint::Post(std::function<void()> task) {
+    if (quiescing_) return;
     boost::asio::post(pool_.io(), [this, task = std::move(task)] { RunCounted(task); });
 }
 
@@ -160,8 +161,8 @@ void Endpoint::Close() {
         closed_ = true;
         connections.swap(connections_);
     }
+    outbound_.Close();  // first: answers that wait for a call of this side are given now
     for (const ConnectionPtr& connection : connections) connection->Close("this endpoint closes");
-    outbound_.Close();
     pool_.Stop();
 }
 

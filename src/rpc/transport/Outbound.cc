@@ -287,7 +287,8 @@ ConnectionPtr Outbound::Connect(const Address& to, Deadline deadline, Outcome& o
     std::optional<Result> result = awaited->Await(deadline);
     if (result && result->first) return result->first;
     outcome.end = Outcome::End::unreachable;
-    outcome.shortage = result && IsShortage(result->second);
+    outcome.error = result ? result->second : asio::error::timed_out;
+    outcome.shortage = IsShortage(outcome.error);
     outcome.problem =
         to.text() + " cannot be reached: " + (result ? result->second.message() : "no connection in time");
     return nullptr;
@@ -387,6 +388,7 @@ void Outbound::Begin(const std::shared_ptr<AsyncCall>& call, int attempts) {
     });
     if (begun) return;
     Outcome outcome;
+    outcome.shortage = true;
     outcome.problem = "no memory";
     call->handler(outcome);
 }
@@ -395,6 +397,8 @@ void Outbound::CallOn(const ConnectionPtr& connection, const boost::system::erro
                       const std::shared_ptr<AsyncCall>& call, int attempts) {
     std::optional<Connection::Begun> begun;
     Outcome outcome;
+    outcome.error = error;
+    outcome.shortage = IsShortage(error);
     Quietly([&] {
         outcome.problem = call->to.text() + " cannot be reached: " + error.message();
         if (!connection) return;
@@ -433,6 +437,7 @@ void Outbound::Close() {
         addresses_.clear();
     }
     for (const auto& [address, slot] : slots) {
+        if (slot.connection) slot.connection->Close("this endpoint closes");
         for (const ConnectHandler& handler : slot.waiting) handler(nullptr, asio::error::operation_aborted);
     }
 }

@@ -29,10 +29,11 @@ struct Outcome {
     };
     End end = End::unreachable;
     wire::Message message;
-    std::string problem;             // for people: what went wrong, empty when answered
-    std::weak_ptr<Connection> over;  // the connection that was used last
-    bool reused = false;             // it was there before the call
-    bool shortage = false;           // unreachable because this process has no descriptor or memory for a connection
+    std::string problem;              // for people: what went wrong, empty when answered
+    std::weak_ptr<Connection> over;   // the connection that was used last
+    bool reused = false;              // it was there before the call; unknown of calls that are not waited for
+    bool shortage = false;            // unreachable because this process has no descriptor or memory for a connection
+    boost::system::error_code error;  // unreachable: why no connection could be made
 };
 
 // Any thread. Handlers throw nothing; they run on worker threads with no lock held, or in the calling thread when
@@ -66,7 +67,7 @@ public:
     // A descriptor was taken: likewise if few are left.
     void KeepRoom(Socket& socket);
 
-    // Refuses further connections and gives up those being made.
+    // Refuses further connections, gives up those being made and ends those that there are.
     void Close();
 
 private:

@@ -3,6 +3,10 @@
 #include "DirectoryFixture.h"
 
 #include <array>
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <thread>
 
 namespace {
 
@@ -57,6 +61,30 @@ TEST_F(ASink, HasNoIdAndNoPartnerBeforeItIsConnected) {
     EXPECT_EQ(sink_.GetSatelliteId(), 0);
     int status = 0;
     EXPECT_EQ(sink_.PingSat("Foo", "127.0.0.1", port_, 1, &status), 0x40017);
+}
+
+TEST_F(ASink, LetsOnlySoManyThreadsWaitForListenersThatDoNotListen) {
+    Init();
+    ASSERT_EQ(sink_.KelSatellite::Connect("127.0.0.1", "Teller"), 0);
+    auto deaf = std::make_unique<ListeningPort>();  // takes what the system takes for it
+    ASSERT_EQ(Register(RecordOf("Deaf", 0, deaf->port())), 0);
+    for (int i = 0; i < 20; ++i)
+        sink_.OnServiceAvailabilityChanged(CStdStr(std::string(1 << 20, 'x').c_str()), "Teller", "Deaf", 1);
+    for (int i = 0; i < 800; ++i) sink_.OnServiceAvailabilityChanged("Small", "Teller", "Deaf", 1);
+    constexpr int tellers = 64;
+    std::atomic<int> goOn{0};
+    std::atomic<int> ended{0};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < tellers; ++i) {
+        threads.emplace_back([&] {
+            goOn += sink_.AwaitListener("Deaf");
+            ++ended;
+        });
+    }
+    while (goOn < tellers / 2 && ended < tellers) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    EXPECT_EQ(goOn, tellers / 2);
+    deaf.reset();
+    for (std::thread& thread : threads) thread.join();
 }
 
 }  // namespace

@@ -206,6 +206,19 @@ TEST_F(Liveness, DoesNotPingBeforeTheTimeOfASatelliteThatIsRightBack) {
     }
 }
 
+TEST(RecentlyRemovedNames, AreOftenRemovedAtTheThirdTimeWithinAMinute) {
+    RecentRemovals removals;
+    const uint32_t start = 0u - 50'000;  // the clock wraps
+    EXPECT_FALSE(removals.IsOften("Recorder", start) || removals.IsOften("Player", start));
+    EXPECT_FALSE(removals.IsOften("Recorder", start + 50'000));
+    EXPECT_FALSE(removals.IsOften("Recorder", start + 60'001));
+    EXPECT_TRUE(removals.IsOften("RECORDER", start + 110'000));
+    EXPECT_FALSE(removals.IsOften("Recorder", start + 110'001));  // anew
+    for (int name = 0; name < 5000; ++name) removals.IsOften("Stranger" + std::to_string(name), start + 110'002);
+    for (int time = 0; time < 4; ++time) EXPECT_FALSE(removals.IsOften("Late", start + 110'003));
+    for (const bool isOften : {false, false, true}) EXPECT_EQ(removals.IsOften("Late", start + 200'000), isOften);
+}
+
 TEST_F(Liveness, LeavesANewerSatelliteOfTheNameAlone) {
     const int old = Add("Recorder", "Schedule");
     const int fresh = Add("Recorder", "Schedule");
