@@ -1,6 +1,7 @@
 """Directories that announce themselves, and who finds them, on hosts and networks made for each test."""
 import pathlib
 import re
+import resource
 import select
 import socket
 import struct
@@ -174,6 +175,33 @@ class ADirectoryBetweenTwoNetworks(OnNetworks):
             with self.home, self.directory.client_at(address) as client:
                 expected = "127.0.0.1" if address == "127.0.0.1" else address
                 self.assertEqual(client.call("GetSatelliteHost", "Local"), (0, [expected, local.port]))
+
+    def test_heeds_a_change_of_its_networks_at_once_and_goes_by_the_last_it_knows_without_descriptors(self):
+        with self.right:
+            asking = self.directory.client_at("10.77.2.1")
+        with self.home:
+            beside, local = self.directory.client_at("10.77.1.1"), self.directory.client_at("127.0.0.1")
+
+        def own_address():
+            return asking.call("GetSatelliteHost", "MainRegister")[1][0]
+        nearer = ["10.64.0.2/31", "dev", "eth0"]  # 10.77.0.2 has its one-bits; the kernel takes another way there
+        with asking, beside, local:
+            self.assertEqual(own_address(), "10.77.2.1")
+            for _ in range(20):
+                self.home.ip("route", "add", *nearer)
+                self.assertEqual(own_address(), "10.77.1.1")
+                self.home.ip("link", "set", "eth0", "down")  # takes the route away without saying so
+                self.assertEqual(own_address(), "10.77.2.1")
+                self.home.ip("link", "set", "eth0", "up")
+            process = self.directory.current.process.pid
+            _, most = resource.prlimit(process, resource.RLIMIT_NOFILE)
+            resource.prlimit(process, resource.RLIMIT_NOFILE, (3, most))
+            self.home.ip("route", "add", *nearer)
+            self.assertEqual(own_address(), "10.77.2.1")
+            beside.register("Local", 4711)
+            self.assertEqual(local.call("GetSatelliteHost", "Local"), (0, ["127.0.0.1", 4711]))
+            resource.prlimit(process, resource.RLIMIT_NOFILE, (most, most))
+            self.assertEqual(own_address(), "10.77.1.1")
 
     def test_is_found_by_satellites_that_were_told_no_address(self):
         recorder = self.directory.companion("recorder", "auto")
