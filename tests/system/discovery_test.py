@@ -377,6 +377,36 @@ class ANetworkWithSeveralDirectories(OnNetworks):
         wait_until(found, "the player to connect to the directory that there is")
 
 
+class ASatelliteThatWasToldNoAddress(OnNetworks):
+    def test_moves_to_its_own_machines_directory_when_there_is_one_and_to_a_neighbours_when_that_has_ended(self):
+        studio, desk = self.lab.host("studio"), self.lab.host("desk")
+        self.lab.network("10.77.6", studio, desk)
+        neighbours, own = self.daemon(host=studio).start(), self.daemon(host=desk)
+        recorder, = own.start_satellites(("Recorder", "Tune"), directory="auto", host=desk)
+        self.assertEqual(recorder.tell("listen", "News"), 0)
+        player = own.companion("player", "auto", host=desk)
+
+        def is_only_at(directory, other=None):
+            with directory.client() as client:
+                if client.id_of("Recorder") is None or client.providers("Tune") != ["Recorder"]:
+                    return False
+                client.register("Provider", 4711, [("News", "")])
+            if other:
+                with other.client() as client:
+                    return client.id_of("Recorder") is None
+            return True
+        self.assertTrue(is_only_at(neighbours))
+        own.start()
+        wait_until(lambda: is_only_at(own, neighbours), "the satellite to move to its own machine's directory", 180)
+        wait_until(lambda: recorder.events("News").count(("News", "Provider", 1)) > 1,
+                   "the satellite to hear there of what it listens for")
+        own.stop()
+        wait_until(lambda: is_only_at(neighbours), "the satellite to move to the neighbour's", 180)
+        wait_until(lambda: recorder.standings() == [0, 1, 0, 1], "the satellite to hear of both moves")
+        heard = player.output().count("nobody serves")
+        wait_until(lambda: player.output().count("nobody serves") > heard, "the player to ask there", 180)
+
+
 class TheChoiceOfAnAddress(OnNetworks):
     def chosen(self, host, *destinations):
         """The local address that the directory would take to each destination."""
