@@ -131,6 +131,16 @@ class ADirectoryBetweenTwoNetworks(OnNetworks):
         self.assertEqual(self.on_right.pair()[1:], ("10.77.2.2", "10.77.2.1"))
         self.assertTrue(self.on_left.nothing_waits())
 
+    def test_tells_of_each_other_directory_once(self):
+        def notify(server_id):
+            users = ", ".join(f"[user{number},x,0]" for number in range(300))
+            return self.notify(self.directory, "10.77.1.2", users).replace(self.server_id(self.directory), server_id)
+        for server_id in ["another", "another", self.server_id(self.directory), "one more", "another", "the last"]:
+            self.on_left.send(notify(server_id).encode())
+        port = self.directory.port
+        self.directory.current.wait_for(f"another directory on the network, the last at 10.77.1.2 port {port}")
+        self.assertEqual(self.directory.log().count("another directory on the network"), 3)
+
     def test_announces_the_users_that_satellites_hand_it(self):
         self.on_left.pair()
         with self.directory.client() as client:
@@ -324,9 +334,26 @@ class AHostWhoseInterfacesComeAndGo(OnNetworks):
             listener.send(SEARCH)
             self.assertEqual(listener.pair()[1:], (f"{prefix}.2", f"{prefix}.1"), interface)
             listener.socket.close()
-            for host in [home, other]:
-                if interface in host.ip("-br", "link"):
+            if interface == "eth1":
+                for host in [home, other]:
                     host.ip("link", "delete", interface)
+
+    def test_hears_searches_once_the_program_that_has_the_port_gives_it_up(self):
+        home, other = self.lab.host("home"), self.lab.host("other")
+        self.lab.network("10.77.1", home, other)
+        with home:
+            holder = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        with holder:
+            holder.bind(("", PORT))
+            directory = self.daemon(level=1, host=home).start()
+            directory.current.wait_for("cannot be searched for, on UDP port 1901: Address already in use")
+        with directory.client() as client:  # brings the next announcement forward, and with it the next try
+            client.call("AddKelUsers", ["al"])
+        directory.current.wait_for("can be searched for now")
+        listener = self.listener(other, "10.77.1.2")
+        listener.send(SEARCH)
+        while listener.receive()[1] != "10.77.1.2":
+            pass  # announcements to the group
 
 
 class ANetworkWithSeveralDirectories(OnNetworks):
