@@ -51,7 +51,7 @@ public:
 
     // Look-ups of a satellite on the directory's own machine by callers who are given the address that leads to them,
     // with 2 and with 5,000 routes: by another host, and, to tell what that takes from what the way there takes, by the
-    // own one over its outer address; both beside the same calls over loopback. GetSatelliteId needs no address. 8
+    // own one over its outer address; both beside the same calls over loopback. kel.Ping needs no address. 8
     // connections. Nothing where there are no network namespaces.
     std::vector<Row> FromAnotherHost();
 
