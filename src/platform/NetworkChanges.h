@@ -16,9 +16,11 @@ public:
     bool HaveHappened();
 
 private:
-    void Open();
+    bool Open();
+    void Close();
 
     int socket_ = -1;
+    int ready_ = -1;
 };
 
 }  // namespace kel::platform
