@@ -38,14 +38,16 @@ uint16_t FreePort() {
     return ntohs(address.sin_port);
 }
 
-void WriteSettings(const std::string& folder, uint16_t port, Syncing syncing) {
+void WriteSettings(const std::string& folder, uint16_t port, Syncing syncing, const std::string& bindAddress) {
     std::filesystem::create_directories(folder);
     std::ofstream file(folder + "/com.tessaly.yar.config.plist");
     file << "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
             "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" "
             "\"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n"
             "<plist version=\"1.0\">\n<dict>\n"
-            "\t<key>kel.bindAddress</key>\n\t<string>127.0.0.1</string>\n"
+            "\t<key>kel.bindAddress</key>\n\t<string>"
+         << bindAddress
+         << "</string>\n"
             "\t<key>kel.multicastGroup</key>\n\t<string>127.0.0.1</string>\n"  // what it announces stays here
             "\t<key>kel.directoryPort</key>\n\t<integer>"
          << port << "</integer>\n\t<key>kel.syncFiles</key>\n\t<integer>" << (syncing == Syncing::on ? 1 : 0)
@@ -145,9 +147,10 @@ ChildProcess StartSelf(std::vector<std::string> arguments) {
     return ChildProcess(arguments, ChildProcess::Output::toReadLine);
 }
 
-DirectoryProcess::DirectoryProcess(std::string program, std::string root, Syncing syncing)
+DirectoryProcess::DirectoryProcess(std::string program, std::string root, Syncing syncing,
+                                   const std::string& bindAddress)
     : program_(std::move(program)), root_(std::move(root)), port_(FreePort()) {
-    WriteSettings(root_ + "/config", port_, syncing);
+    WriteSettings(root_ + "/config", port_, syncing, bindAddress);
     if (!std::filesystem::exists(RegistrationFile(root_))) MakeFolders(root_);
 }
 

@@ -63,12 +63,13 @@ private:
 // This program once more, in one of its child modes, with its output to ReadLine.
 ChildProcess StartSelf(std::vector<std::string> arguments);
 
-// A KelDirectory, on a free port of the loopback address, with its files below a root of its own.
+// A KelDirectory, on a free port of the loopback address or of all addresses, with its files below a root of its own.
 class DirectoryProcess {
 public:
     // Takes what is below `root` as its files; an empty or absent folder gets a registration file (MakeFolders).
     // `program` is the executable. Does not start it.
-    DirectoryProcess(std::string program, std::string root, Syncing syncing = Syncing::on);
+    DirectoryProcess(std::string program, std::string root, Syncing syncing = Syncing::on,
+                     const std::string& bindAddress = "127.0.0.1");
 
     // Runs the program and waits until it knows the satellite `name`. Returns the seconds from the start of the process
     // to that answer; throws after 60.

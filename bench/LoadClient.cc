@@ -16,13 +16,13 @@ constexpr int answerDeadlineMilliseconds = 10'000;
 
 }  // namespace
 
-Descriptor ConnectToLoopback(uint16_t port) {
+Descriptor ConnectTo(const Server& server) {
     Descriptor socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (socket.get() < 0) FailWithErrno("socket");
     sockaddr_in address{};
     address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(port);
+    address.sin_addr.s_addr = ::inet_addr(server.address.c_str());
+    address.sin_port = htons(server.port);
     if (::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
         if (errno == ECONNREFUSED) return Descriptor();
         FailWithErrno("connect");
@@ -32,10 +32,10 @@ Descriptor ConnectToLoopback(uint16_t port) {
     return socket;
 }
 
-LoadClient::LoadClient(uint16_t port, unsigned connections)
+LoadClient::LoadClient(const Server& server, unsigned connections)
     : epoll_(::epoll_create1(EPOLL_CLOEXEC)), connections_(connections) {
     for (size_t i = 0; i < connections_.size(); ++i) {
-        connections_[i].socket = ConnectToLoopback(port);
+        connections_[i].socket = ConnectTo(server);
         if (connections_[i].socket.get() < 0) throw std::runtime_error("nobody listens on the server's port");
         epoll_event event{};
         event.events = EPOLLIN;

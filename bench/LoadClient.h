@@ -11,8 +11,16 @@
 
 namespace kel::bench {
 
-// A connected socket to 127.0.0.1:`port` with TCP_NODELAY; a descriptor of -1 when nobody listens there.
-Descriptor ConnectToLoopback(uint16_t port);
+// Where a server listens: on 127.0.0.1, unless it says otherwise.
+struct Server {
+    Server(uint16_t itsPort, std::string itsAddress = "127.0.0.1") : port(itsPort), address(std::move(itsAddress)) {}
+    uint16_t port;
+    std::string address;  // dotted
+};
+
+// A connected socket to the server with TCP_NODELAY; a descriptor of -1 when nobody listens there.
+Descriptor ConnectTo(const Server& server);
+inline Descriptor ConnectToLoopback(uint16_t port) { return ConnectTo(port); }
 
 // One call, encoded beforehand, and what is known of its answer.
 struct Exchange {
@@ -26,7 +34,7 @@ struct Exchange {
 // ten seconds, throws. Not thread-safe.
 class LoadClient {
 public:
-    LoadClient(uint16_t port, unsigned connections);
+    LoadClient(const Server& server, unsigned connections);
 
     // Goes round `exchanges` for `seconds`, then waits for the answers still out. Returns the calls answered a second.
     double RunFor(std::span<const Exchange> exchanges, double seconds);

@@ -15,7 +15,8 @@ namespace {
 constexpr unsigned many = 100'000;  // satellites of the full directory
 constexpr unsigned few = 10;
 constexpr unsigned lookUps = 1'000;  // different requests that the look-ups rotate over
-constexpr unsigned usualWidth = 8;   // connections, where only one width is measured
+constexpr unsigned manyRoutes = 5'000;
+constexpr unsigned usualWidth = 8;  // connections, where only one width is measured
 
 std::string Connections(unsigned count) {
     return std::to_string(count) + (count == 1 ? " connection" : " connections");
@@ -171,6 +172,57 @@ std::vector<Row> Measurements::ServiceLookUp() {
     const auto rates = InTurn(effort_.callRounds, {[&](unsigned) { return toSmall.RunFor(ofFew, seconds); },
                                                    [&](unsigned) { return toFull.RunFor(ofMany, seconds); }});
     return {RowOfRates("GetServiceReg \"any\", 100,000 satellites", {rates[1], rates[0]}, 0.9)};
+}
+
+std::vector<Row> Measurements::FromAnotherHost() {
+    std::optional<TwoHosts> hosts;
+    try {
+        hosts.emplace();
+    } catch (const std::exception& problem) {
+        Announce(std::string("skipping look-ups from another host, for which root and iproute2 are needed: ") +
+                 problem.what());
+        return {};
+    }
+    Announce("look-ups from another host, with 2 and with 5,000 routes");
+    DirectoryProcess directory(program_, Folder("networks"), Syncing::on, "0.0.0.0");
+    {
+        const TwoHosts::Stay stay(hosts->home());
+        directory.Start();
+    }
+    const std::string own = "MainRegister";
+    const uint16_t port = directory.port();
+    std::vector<Row> rows = ByEveryWay(*hosts, port, "kel.Ping", PingRequest(own, 1));
+    for (Row& row : rows) row.goal.clear();
+    for (const unsigned routes : {2u, manyRoutes}) {
+        hosts->GiveRoutes(routes);
+        const std::string with = ", " + Grouped(routes) + " routes";
+        for (Row& row : ByEveryWay(*hosts, port, "GetSatelliteHost" + with, SatelliteHostRequest(own)))
+            rows.push_back(std::move(row));
+        for (Row& row : ByEveryWay(*hosts, port, "GetServiceReg" + with, ServiceRequest("any", "Register")))
+            rows.push_back(std::move(row));
+    }
+    return rows;
+}
+
+std::vector<Row> Measurements::ByEveryWay(const TwoHosts& hosts, uint16_t port, const std::string& what,
+                                          const std::string& request) {
+    struct Caller {
+        Caller(const std::string& host, const Server& server, const std::string& request)
+            : stay(host), exchange(Learn(server, request)), client(server, usualWidth) {}
+        double Run(double seconds) { return client.RunFor({&exchange, 1}, seconds); }
+        const TwoHosts::Stay stay;
+        const Exchange exchange;
+        LoadClient client;
+    };
+    Caller loopback(hosts.home(), port, request);
+    Caller near(hosts.home(), {port, hosts.homeAddress()}, request);
+    Caller far(hosts.away(), {port, hosts.homeAddress()}, request);
+    const double seconds = effort_.secondsASide;
+    const auto rates = InTurn(
+        effort_.callRounds, {[&](unsigned) { return loopback.Run(seconds); },
+                             [&](unsigned) { return near.Run(seconds); }, [&](unsigned) { return far.Run(seconds); }});
+    return {RowOfRates("Outer address: " + what, {rates[1], rates[0]}, 0.9),
+            RowOfRates("Another host: " + what, {rates[2], rates[0]}, 0.9)};
 }
 
 std::vector<Row> Measurements::Memory() {

@@ -5,6 +5,7 @@
 #include "Figures.h"
 #include "LoadClient.h"
 #include "SwarmProcess.h"
+#include "TwoHosts.h"
 
 #include <array>
 #include <cstdint>
@@ -49,6 +50,12 @@ public:
     // GetServiceReg ("any") with 100,000 satellites, beside a directory that has ten. 8 connections.
     std::vector<Row> ServiceLookUp();
 
+    // Look-ups of a satellite on the directory's own machine by callers who are given the address that leads to them,
+    // with 2 and with 5,000 routes: by another host, and, to tell what that takes from what the way there takes, by the
+    // own one over its outer address; both beside the same calls over loopback. kel.Ping needs no address. 8
+    // connections. Nothing where there are no network namespaces.
+    std::vector<Row> FromAnotherHost();
+
     // What 100,000 satellites, registered over the wire with files on, add to the resident memory.
     std::vector<Row> Memory();
 
@@ -78,6 +85,8 @@ private:
     Row SatelliteIdAt(unsigned connections, uint16_t port, const Exchange& exchange);
     std::vector<Row> RegisterWith(Syncing syncing, unsigned width, std::array<double, 2> goals);
     std::vector<Row> LivenessOf(unsigned count);
+    std::vector<Row> ByEveryWay(const TwoHosts& hosts, uint16_t port, const std::string& what,
+                                const std::string& request);
     DirectoryProcess& FullDirectory();
 
     Satellite SatelliteOf(unsigned number);

@@ -43,6 +43,10 @@ std::string SatelliteIdRequest(const std::string& satellite) {
     return Encoded("GetSatelliteId", MakeString(satellite.c_str()));
 }
 
+std::string SatelliteHostRequest(const std::string& satellite) {
+    return Encoded("GetSatelliteHost", MakeString(satellite.c_str()));
+}
+
 std::string ServiceRequest(const std::string& destination, const std::string& service) {
     ScopedVariant in;
     VUtil::CreateArray(in, VT_VARIANT, 2);
@@ -134,16 +138,16 @@ Answer AskOn(const Descriptor& connection, const std::string& request) {
     return {message.code, std::move(message.value), std::move(bytes)};
 }
 
-std::optional<std::string> Ask(uint16_t port, const std::string& request) {
-    const Descriptor socket = ConnectToLoopback(port);
+std::optional<std::string> Ask(const Server& server, const std::string& request) {
+    const Descriptor socket = ConnectTo(server);
     if (socket.get() < 0) return std::nullopt;
     Answer answer = AskOn(socket, request);
     if (answer.result != 0) return std::nullopt;
     return std::move(answer.bytes);
 }
 
-Exchange Learn(uint16_t port, const std::string& request) {
-    const std::optional<std::string> answer = Ask(port, request);
+Exchange Learn(const Server& server, const std::string& request) {
+    const std::optional<std::string> answer = Ask(server, request);
     if (!answer) throw std::runtime_error("the directory refused a call");
     return {request, *answer, answer->size()};
 }

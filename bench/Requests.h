@@ -15,6 +15,7 @@ namespace kel::bench {
 
 // Encoded requests; all carry the same message id, as each connection has one call outstanding.
 std::string SatelliteIdRequest(const std::string& satellite);
+std::string SatelliteHostRequest(const std::string& satellite);
 
 // GetServiceReg; `destination` is "any", which gives one of those that publish the service, or "all".
 std::string ServiceRequest(const std::string& destination, const std::string& service);
@@ -38,7 +39,7 @@ std::string ServiceCameNotification(const std::string& service, const std::strin
 
 // Makes one call on a connection of its own and returns the answer's bytes; nothing when nobody listens on the port or
 // when the method's result is not 0.
-std::optional<std::string> Ask(uint16_t port, const std::string& request);
+std::optional<std::string> Ask(const Server& server, const std::string& request);
 
 // The same on a connection that is there, and with what the method gave. Throws when the connection is lost.
 struct Answer {
@@ -49,7 +50,7 @@ struct Answer {
 Answer AskOn(const Descriptor& connection, const std::string& request);
 
 // Makes the call once, to learn its answer. Throws when the method does not answer 0.
-Exchange Learn(uint16_t port, const std::string& request);
+Exchange Learn(const Server& server, const std::string& request);
 
 // Registers the satellite and gives what other registrations look like: a prefix that ends before the id handed out,
 // and the answer's length.

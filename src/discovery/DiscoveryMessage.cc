@@ -1,7 +1,8 @@
 #include "discovery/DiscoveryMessage.h"
 
 #include "foundation/NetworkUtils.h"
-#include "rpc/wire/Announcement.h"
+
+#include <string>
 
 namespace kel::discovery {
 namespace {
@@ -77,6 +78,15 @@ bool IsSearch(std::string_view datagram) {
     if (end == std::string_view::npos) return false;
     CStdStr server(text.data() + start, end - start);
     return server.Trim() == wire::discoveryServer;
+}
+
+bool ReadNotifyHead(std::string_view datagram, wire::Announcement& out) {
+    constexpr std::string_view lineEnd = "\r\n";
+    const size_t lastLine = datagram.rfind(lineEnd);
+    if (datagram.substr(0, 6) != "NOTIFY" || lastLine == std::string_view::npos) return false;
+    std::string whole(datagram.substr(0, lastLine));
+    whole.append(lineEnd).append(lineEnd);
+    return wire::ReadAnnouncement(whole, out) && !out.isFarewell;
 }
 
 }  // namespace kel::discovery

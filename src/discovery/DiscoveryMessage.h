@@ -3,6 +3,7 @@
 #pragma once
 
 #include "foundation/StdString.h"
+#include "rpc/wire/Announcement.h"
 
 #include <netinet/in.h>
 
@@ -14,8 +15,10 @@
 
 namespace kel::discovery {
 
-// So much of a datagram is read.
+// So much of a datagram is read for a search, and so much for the announcement of another directory: enough for all but
+// its users.
 constexpr size_t searchBytes = 64;
+constexpr size_t notifyBytes = 2048;
 
 // What is announced of a user beside the name.
 struct UserDetails {
@@ -38,5 +41,9 @@ CStdStr BuildByeBye(const CStdStr& serverId);
 // Whether a datagram is a search for directories. It counts up to its first NUL, and what lies behind `searchBytes`
 // should not be passed in.
 bool IsSearch(std::string_view datagram);
+
+// Reads what there is of a NOTIFY, which may be cut off within its users. False when it is none, or lacks something
+// else.
+bool ReadNotifyHead(std::string_view datagram, wire::Announcement& out);
 
 }  // namespace kel::discovery

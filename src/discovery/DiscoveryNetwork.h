@@ -18,9 +18,8 @@ class DiscoveryNetwork {
 public:
     virtual ~DiscoveryNetwork() = default;
 
-    // Opens the socket. Returns 0 or an error number.
+    // As those of transport::DiscoverySocket.
     virtual int Open() = 0;
-    virtual bool IsOpen() const = 0;
     virtual in_addr Group() const = 0;
 
     // The addresses of this machine's interfaces without those of loopback interfaces, in the system's order.
@@ -29,7 +28,7 @@ public:
     virtual CStdStr AddressTowards(const CStdStr& destination) = 0;
 
     // As those of transport::DiscoverySocket.
-    virtual void Join(const std::vector<in_addr>& interfaces) = 0;
+    virtual bool Join(const std::vector<in_addr>& interfaces) = 0;
     virtual bool SelectInterface(in_addr address) = 0;
     virtual int Send(const CStdStr& text, in_addr to) = 0;
     virtual int WaitReadable(int milliseconds) = 0;

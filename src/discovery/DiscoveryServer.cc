@@ -5,6 +5,7 @@
 #include "foundation/NetworkUtils.h"
 #include "rpc/KelException.h"
 #include "rpc/KelSatellite.h"
+#include "rpc/wire/Announcement.h"
 
 #include <arpa/inet.h>
 
@@ -60,7 +61,15 @@ DiscoveryServer::~DiscoveryServer() {
 
 void DiscoveryServer::initSocket() {
     const int error = network_->Open();
-    if (error != 0) CBBLog::warn("Discovery: the directory cannot be searched for: %s", std::strerror(error));
+    if (error == openError_) return;
+    openError_ = error;
+    if (error == 0) {
+        CBBLog::note("Discovery: the directory can be searched for now, on UDP port %d", kel::wire::discoveryPort);
+    } else {
+        CBBLog::error("Discovery: the directory cannot be searched for, on UDP port %d: %s%s; trying every 20 seconds",
+                      kel::wire::discoveryPort, std::strerror(error),
+                      error == EADDRINUSE ? ", by a program that does not share it (ss -ulpn says which)" : "");
+    }
 }
 
 void DiscoveryServer::LaunchSelectLoop() {
@@ -73,7 +82,20 @@ void DiscoveryServer::LaunchSelectLoop() {
 void DiscoveryServer::refreshAddressList() {
     PMutexHold hold(addresses_);
     addresses_.value() = network_->LocalAddresses();
-    network_->Join(addresses_.value());
+    const bool isJoined = network_->Join(addresses_.value());
+    if (!isJoined && !saidNoRoom_) {
+        CBBLog::error("Discovery: on some of the %zu networks searches to the group cannot be heard; %s",
+                      addresses_.value().size(), "raise the sysctl net.ipv4.igmp_max_memberships");
+    }
+    saidNoRoom_ = !isJoined;
+}
+
+// What comes and goes again and again is not told more often than the thread looks at anything else.
+void DiscoveryServer::NoticeAddresses() {
+    const auto isSame = [](in_addr a, in_addr b) { return a.s_addr == b.s_addr; };
+    const std::vector<in_addr> now = network_->LocalAddresses();
+    const std::vector<in_addr> told = Addresses();
+    if (!std::equal(now.begin(), now.end(), told.begin(), told.end(), isSame)) TriggerNotify(lastNotifyMs_ + waitMs);
 }
 
 // --- The thread ----------------------------------------------------------------------------------------------------
@@ -94,8 +116,8 @@ unsigned int DiscoveryServer::SelectLoop(void* /*argument*/) {
 // One round; false when there is no point in another.
 bool DiscoveryServer::Pass() {
     SendSecondCopies();
+    NoticeAddresses();
     NotifyAllIfDue();
-    if (!network_->IsOpen()) return false;
     const int ready = network_->WaitReadable(WaitMs());
     if (ready > 0) {
         for (int i = 0; i < searchesPerPass && !stopping_ && ProcessMSEARCH(); ++i) {
@@ -124,21 +146,36 @@ int DiscoveryServer::WaitMs() {
 void DiscoveryServer::NotifyAllIfDue() {
     const uint32_t now = network_->UpTimeMs();
     if (static_cast<int32_t>(now - nextNotifyMs_) < 0) return;
+    lastNotifyMs_ = now;
     nextNotifyMs_ = now + notifyPeriodMs;
+    initSocket();
     refreshAddressList();
     limits_.AnsweredAll(now);
     limits_.Forget(now);
+    others_.Forget(now);
     SendNotify(CStdStr());
 }
 
 // False when nothing was there to be received.
 bool DiscoveryServer::ProcessMSEARCH() {
-    char datagram[kel::discovery::searchBytes];
+    char buffer[kel::discovery::notifyBytes];
     in_addr sender{};
-    const ssize_t length = network_->Receive(datagram, sizeof datagram, &sender);
+    const ssize_t length = network_->Receive(buffer, sizeof buffer, &sender);
     if (length < 0) return false;
-    if (kel::discovery::IsSearch({datagram, static_cast<size_t>(length)})) SendNotify(inet_ntos(sender));
+    const std::string_view datagram(buffer, static_cast<size_t>(length));
+    if (kel::discovery::IsSearch(datagram.substr(0, kel::discovery::searchBytes))) SendNotify(inet_ntos(sender));
+    else HeedNotify(datagram, sender);
     return true;
+}
+
+// Two directories on a network are more often an accident than not: satellites that search register at either.
+void DiscoveryServer::HeedNotify(std::string_view datagram, in_addr sender) {
+    kel::wire::Announcement heard;
+    if (others_.IsFull() || !kel::discovery::ReadNotifyHead(datagram, heard)) return;
+    const CStdStr& id = heard.directory.serverId;
+    if (id == serverId_ || !others_.IsNews(id, network_->UpTimeMs())) return;
+    CBBLog::note("Discovery: there is another directory on the network, %.64s at %s port %d; %s", id.c_str(),
+                 inet_ntos(sender).c_str(), heard.directory.port, "satellites that search may register there");
 }
 
 // To all, or, when the two-second rule allows it, to `target` alone.

@@ -8,12 +8,14 @@
 // RemoveUser and TriggerNotify may be called from any thread. Locks are held for moments, one at a time.
 //
 // What goes wrong on the network is ordinary, and left to the next announcement: a machine without a network stays
-// quiet, an interface that appears is used from the next announcement on. ReplyLimits bounds what anybody can make it
-// send. Searches are taken in as fast as they come: nothing that a search causes is waited for.
+// quiet, and a port that another program holds is tried again. Addresses that come or go bring that announcement
+// forward. ReplyLimits bounds what anybody can make it send. Searches are taken in as fast as they come: nothing that a
+// search causes is waited for. Of other directories that announce themselves a line in the log tells.
 #pragma once
 
 #include "discovery/DiscoveryMessage.h"
 #include "discovery/DiscoveryNetwork.h"
+#include "discovery/OtherDirectories.h"
 #include "discovery/ReplyLimits.h"
 #include "foundation/Locks.h"
 #include "foundation/StdString.h"
@@ -26,6 +28,7 @@
 #include <deque>
 #include <map>
 #include <memory>
+#include <string_view>
 #include <vector>
 
 class KelSatellite;
@@ -72,6 +75,7 @@ private:
 
     void initSocket();
     void refreshAddressList() EXCLUDES(addresses_);
+    void NoticeAddresses() EXCLUDES(addresses_);
     void LaunchSelectLoop();
     unsigned int SelectLoop(void*);
     bool Pass();
@@ -79,6 +83,7 @@ private:
     void SendSecondCopies();
     int WaitMs();
     bool ProcessMSEARCH();
+    void HeedNotify(std::string_view datagram, in_addr sender);
     void SendNotify(const CStdStr& target);
     void SendNotifyFrom(in_addr interface, in_addr to, const CStdStr& userList) EXCLUDES(addresses_);
     void SendByeBye() EXCLUDES(addresses_);
@@ -94,10 +99,17 @@ private:
     const in_addr group_;
     PLocker<std::vector<in_addr>> addresses_;
     std::atomic<bool> stopping_{false};
-    std::atomic<uint32_t> nextNotifyMs_;   // when the next NOTIFY to all is due
-    kel::discovery::ReplyLimits limits_;   // the thread's
-    bool saidTooLong_ = false;             // the thread's
-    std::deque<SecondCopy> secondCopies_;  // the thread's, in the order in which they are due
+    std::atomic<uint32_t> nextNotifyMs_;  // when the next NOTIFY to all is due
+
+    // The thread's.
+    uint32_t lastNotifyMs_ = 0;
+    int openError_ = 0;  // why searches cannot be heard, as it was said last
+    bool saidNoRoom_ = false;
+    bool saidTooLong_ = false;
+    kel::discovery::ReplyLimits limits_;
+    kel::discovery::OtherDirectories others_;
+    std::deque<SecondCopy> secondCopies_;  // in the order in which they are due
+
     PLocker<std::map<CStdStr, UserDetails>> users_;
     CStdStr userListString_ GUARDED_BY(users_);
     size_t userBytes_ GUARDED_BY(users_) = 0;        // of the list that is built next

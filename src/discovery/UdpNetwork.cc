@@ -11,7 +11,6 @@ namespace {
 class UdpNetwork : public DiscoveryNetwork {
 public:
     int Open() override { return socket_.Open(); }
-    bool IsOpen() const override { return socket_.IsOpen(); }
     in_addr Group() const override { return group_; }
 
     std::vector<in_addr> LocalAddresses() override { return transport::NetworkAddresses(); }
@@ -19,7 +18,7 @@ public:
         return yar::networkutils::GetIPForDestination(destination).first;
     }
 
-    void Join(const std::vector<in_addr>& interfaces) override { socket_.Join(group_, interfaces); }
+    bool Join(const std::vector<in_addr>& interfaces) override { return socket_.Join(group_, interfaces); }
     bool SelectInterface(in_addr address) override { return socket_.SelectInterface(address); }
     int Send(const CStdStr& text, in_addr to) override { return socket_.Send(text, to); }
     int WaitReadable(int milliseconds) override { return socket_.WaitReadable(milliseconds); }

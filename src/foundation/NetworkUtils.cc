@@ -1,5 +1,6 @@
 #include "foundation/NetworkUtils.h"
 
+#include "foundation/LocalNetwork.h"
 #include "foundation/Log.h"
 #include "foundation/StandardStreams.h"
 #include "platform/ArpTable.h"
@@ -35,8 +36,19 @@ CStdStr MacText(const std::array<uint8_t, 6>& mac, const char* between) {
 
 }  // namespace
 
-void GetLocalIPAddressList(std::vector<in_addr>& out) { out = kel::platform::InterfaceAddresses(); }
-unsigned GetInterfaceWith(in_addr address) { return kel::platform::InterfaceWith(address); }
+void GetLocalIPAddressList(std::vector<in_addr>& out) {
+    out.clear();
+    const auto network = CurrentNetwork();
+    for (const kel::platform::InterfaceAddress& one : network->addresses) out.push_back(one.address);
+}
+
+unsigned GetInterfaceWith(in_addr address) {
+    const auto network = CurrentNetwork();
+    for (const kel::platform::InterfaceAddress& one : network->addresses) {
+        if (one.address.s_addr == address.s_addr) return one.interface;
+    }
+    return 0;
+}
 
 // Every request passes through here with its caller's address, so the text is put together without inet_ntop's printf.
 CStdStr inet_ntos(in_addr address) {

@@ -1,5 +1,6 @@
-// IPv4 sockets, interfaces and routes. All functions may be called from any thread and keep nothing between two calls.
-// Failures are results: empty text, the address 255.255.255.255, the port 0, -1.
+// IPv4 sockets, interfaces and routes. All functions may be called from any thread. Nothing is kept between two calls
+// but the interfaces' addresses and the routes, and these only until the system says that they have changed. Failures
+// are results: empty text, the address 255.255.255.255, the port 0, -1.
 #pragma once
 
 #include "foundation/Export.h"
@@ -18,7 +19,7 @@ namespace yar::networkutils {
 // --- Addresses -----------------------------------------------------------------------------------------------------
 
 // Replaces `out` by the IPv4 addresses (network byte order) of all interfaces in the system's order, loopback included;
-// empty when the system does not tell.
+// empty when the system never told.
 KEL_API void GetLocalIPAddressList(std::vector<in_addr>& out);
 
 // The dotted text of an address in network byte order.
@@ -51,8 +52,8 @@ struct Route {
     CStdStr mask;  // the dotted netmask of that interface
 };
 
-// Replaces `out` by the usable routes of this machine, in the order in which they are tried (foundation/Routes.h).
-// Returns 0, or a negative value when the table cannot be read.
+// Replaces `out` by the usable routes of this machine as they are now, in the order in which they are tried
+// (foundation/Routes.h). Returns 0, or a negative value when the table cannot be read.
 int getRoutes(std::vector<Route>& out);
 
 // The address and netmask of the local interface through which `destination` (dotted text) is reached; both empty when

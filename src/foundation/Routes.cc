@@ -1,5 +1,7 @@
 #include "foundation/Routes.h"
 
+#include "foundation/LocalNetwork.h"
+
 #include <arpa/inet.h>
 
 #include <algorithm>
@@ -28,21 +30,29 @@ bool IsBefore(const Route& a, const Route& b) {
 
 }  // namespace
 
-std::vector<Route> UsableRoutes(const std::vector<kel::platform::RouteEntry>& table, const NetOfInterface& netOf) {
-    std::map<unsigned, std::optional<kel::platform::InterfaceNet>> nets;  // a table has many routes to few interfaces
+std::unordered_map<unsigned, InterfaceNet> NetsOf(const std::vector<kel::platform::InterfaceAddress>& addresses) {
+    std::unordered_map<unsigned, InterfaceNet> nets;
+    for (const bool labelled : {false, true}) {
+        for (const auto& one : addresses) {
+            if (one.hasLabel == labelled) nets.try_emplace(one.interface, InterfaceNet{one.address, one.netmask});
+        }
+    }
+    return nets;
+}
+
+std::vector<Route> UsableRoutes(const std::vector<kel::platform::RouteEntry>& table,
+                                const std::unordered_map<unsigned, InterfaceNet>& nets) {
     std::vector<Route> routes;
     for (const kel::platform::RouteEntry& entry : table) {
         if (!entry.isUp || entry.isHost) continue;
-        const auto [known, isNew] = nets.try_emplace(entry.interface);
-        std::optional<kel::platform::InterfaceNet>& net = known->second;
-        if (isNew) net = netOf(entry.interface);
-        if (!net) continue;
+        const auto net = nets.find(entry.interface);
+        if (net == nets.end()) continue;
         Route route;
         route.destination = entry.destination;
         route.netmask = entry.hasNetmask ? entry.destination : netmaskOfNone;
         route.hopcount = entry.hopcount;
-        route.ip = inet_ntos(net->address);
-        route.mask = inet_ntos(net->netmask);
+        route.ip = inet_ntos(net->second.address);
+        route.mask = inet_ntos(net->second.netmask);
         routes.push_back(std::move(route));
     }
     SortRoutes(routes);
@@ -51,23 +61,53 @@ std::vector<Route> UsableRoutes(const std::vector<kel::platform::RouteEntry>& ta
 
 void SortRoutes(std::vector<Route>& routes) { std::stable_sort(routes.begin(), routes.end(), IsBefore); }
 
-const Route* RouteTo(const std::vector<Route>& sorted, in_addr destination) {
-    const Route* best = nullptr;
-    uint32_t bestHopcount = std::numeric_limits<uint32_t>::max();
+RouteChoice::RouteChoice(const std::vector<Route>& sorted) {
+    constexpr uint32_t neverTaken = std::numeric_limits<uint32_t>::max();
+    std::vector<const Route*> byHopcount;
     for (const Route& route : sorted) {
-        if (route.destination.s_addr != (destination.s_addr & route.netmask.s_addr)) continue;
-        if (route.hopcount >= bestHopcount) continue;
-        best = &route;
-        bestHopcount = route.hopcount;
+        if (route.hopcount != neverTaken) byHopcount.push_back(&route);
     }
-    return best;
+    std::stable_sort(byHopcount.begin(), byHopcount.end(),
+                     [](const Route* a, const Route* b) { return a->hopcount < b->hopcount; });
+    std::map<std::pair<CStdStr, CStdStr>, uint32_t> indexes;
+    for (const Route* route : byHopcount) {
+        const auto [known, isNew] =
+            indexes.try_emplace({route->ip, route->mask}, static_cast<uint32_t>(interfaces_.size()));
+        if (isNew) interfaces_.push_back({route->ip, route->mask});
+        matches_.push_back({route->destination.s_addr, route->netmask.s_addr});
+        chosen_.push_back(known->second);
+    }
+}
+
+const RouteChoice::Interface* RouteChoice::To(in_addr destination) const {
+    constexpr uint32_t goldenRatio = 2654435769U;
+    constexpr unsigned hashShift = 22;  // leaves as many bits as number the places
+    static_assert(remembered == size_t{1} << (32 - hashShift));
+    std::atomic<uint64_t>& place = known_[destination.s_addr * goldenRatio >> hashShift];
+    uint64_t known = place.load(std::memory_order_relaxed);
+    if (known == 0 || known >> 32 != destination.s_addr) {
+        known = uint64_t{destination.s_addr} << 32 | (Find(destination.s_addr) + 1);
+        place.store(known, std::memory_order_relaxed);
+    }
+    const auto index = static_cast<uint32_t>(known) - 1;
+    return index < interfaces_.size() ? &interfaces_[index] : nullptr;
+}
+
+// The interface's index; their number when no route matches.
+uint32_t RouteChoice::Find(uint32_t destination) const {
+    for (size_t i = 0; i < matches_.size(); ++i) {
+        if (matches_[i].destination == (destination & matches_[i].netmask)) return chosen_[i];
+    }
+    return static_cast<uint32_t>(interfaces_.size());
 }
 
 int getRoutes(std::vector<Route>& out) {
     out.clear();
     std::vector<kel::platform::RouteEntry> table;
+    std::vector<kel::platform::InterfaceAddress> addresses;
     if (const int error = kel::platform::ReadRouteTable(table)) return error;
-    out = UsableRoutes(table, kel::platform::NetOfInterface);
+    if (const int error = kel::platform::ReadInterfaceAddresses(addresses)) return error;
+    out = UsableRoutes(table, NetsOf(addresses));
     return 0;
 }
 
@@ -76,10 +116,9 @@ void GetIPForDestination(const CStdStr& destination, CStdStr& ip, CStdStr& mask)
 }
 
 std::pair<CStdStr, CStdStr> GetIPForDestination(const CStdStr& destination) {
-    std::vector<Route> routes;
-    getRoutes(routes);
-    const Route* const route = RouteTo(routes, in_addr{inet_addr(destination.c_str())});
-    return route ? std::make_pair(route->ip, route->mask) : std::make_pair(CStdStr(), CStdStr());
+    const auto network = CurrentNetwork();
+    const RouteChoice::Interface* const interface = network->routes.To(in_addr{inet_addr(destination.c_str())});
+    return interface ? std::make_pair(interface->ip, interface->mask) : std::make_pair(CStdStr(), CStdStr());
 }
 
 }  // namespace yar::networkutils

@@ -10,22 +10,17 @@
 
 namespace kel::platform {
 
-// The IPv4 addresses (network byte order) of all interfaces in the system's order, loopback included; empty when the
-// system does not tell.
-std::vector<in_addr> InterfaceAddresses();
-
-// The index of the interface that has the address; 0 when there is none, or when the system does not tell.
-unsigned InterfaceWith(in_addr address);
-
-// An interface's first IPv4 address and its netmask, in network byte order. Those without a label come before those
-// with one.
-struct InterfaceNet {
+// An IPv4 address of an interface, in network byte order, and its netmask.
+struct InterfaceAddress {
     in_addr address{};
     in_addr netmask{};
+    unsigned interface = 0;  // its index
+    bool hasLabel = false;   // of its own, beside the interface's name
 };
 
-// That of the interface with this index; nothing when there is no such interface or it has no IPv4 address.
-std::optional<InterfaceNet> NetOfInterface(unsigned index);
+// Replaces `out` by the IPv4 addresses of all interfaces in the system's order, loopback included. Returns 0, or a
+// negative value when the system does not tell; `out` is then empty.
+int ReadInterfaceAddresses(std::vector<InterfaceAddress>& out);
 
 // Whether the interface is an Ethernet, by its link-layer type.
 bool IsEthernet(unsigned index);

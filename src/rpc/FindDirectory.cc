@@ -12,7 +12,6 @@ namespace {
 
 using transport::Address;
 using Clock = std::chrono::steady_clock;
-using Answers = std::function<bool(const Address&)>;
 
 // An answer to this machine may reach another program that shares the port. The second search has the directory answer
 // to everyone, two to three seconds after its first answer.
@@ -22,14 +21,15 @@ constexpr std::chrono::seconds patience{15};
 
 class Candidates {
 public:
-    explicit Candidates(const Answers& answers) : answers_(answers), end_(Clock::now() + patience) {}
+    explicit Candidates(const DirectorySearch& wanted) : wanted_(wanted), end_(Clock::now() + patience) {}
 
     // The first address that was not tried before and answers.
     std::optional<Address> Try(const std::vector<KelFoundDirectory>& directories) {
         for (const KelFoundDirectory& directory : directories) {
             for (const CStdStr& host : directory.addresses) {
                 const Address address{host, directory.port};
-                if (Clock::now() < end_ && tried_.insert(address).second && answers_(address)) {
+                if (Clock::now() < end_ && wanted_.isWanted() && tried_.insert(address).second &&
+                    wanted_.answers(address)) {
                     CBBLog::info(LibraryLogger(), "libkel: found the directory %s at %s", directory.serverId.c_str(),
                                  address.text().c_str());
                     return address;
@@ -40,7 +40,7 @@ public:
     }
 
 private:
-    const Answers& answers_;
+    const DirectorySearch& wanted_;
     const Clock::time_point end_;
     std::set<Address> tried_;
 };
@@ -53,14 +53,13 @@ int MillisecondsUntil(Clock::time_point time) {
 
 bool IsAuto(const char* host) { return host && ssicmp(host, "auto") == 0; }
 
-std::optional<Address> FindDirectory(uint16_t ownPort, const Answers& answers) {
+std::optional<Address> FindDirectory(const DirectorySearch& wanted) {
     KelDirectoryFinder finder;
     bool isSearching = finder.Search();
-    const Address own{"127.0.0.1", ownPort};
-    if (answers(own)) return own;
+    if (wanted.answers(wanted.own)) return wanted.own;
 
-    Candidates candidates(answers);
-    for (int search = 1; isSearching; ++search) {
+    Candidates candidates(wanted);
+    for (int search = 1; isSearching && wanted.isWanted(); ++search) {
         const Clock::time_point next = Clock::now() + searchPeriod;
         for (int left = MillisecondsUntil(next); left > 0; left = MillisecondsUntil(next)) {
             if (!finder.Wait(left)) continue;
@@ -68,6 +67,7 @@ std::optional<Address> FindDirectory(uint16_t ownPort, const Answers& answers) {
         }
         isSearching = search < searches && finder.Search();
     }
+    if (!wanted.isFirst) return std::nullopt;
     CBBLog::warn(LibraryLogger(), "libkel: found %zu directories on the network, none of which answers%s%s",
                  finder.GetDirectories().size(), finder.GetProblem().empty() ? "" : ": ", finder.GetProblem().c_str());
     return std::nullopt;

@@ -12,10 +12,15 @@ namespace kel {
 // Whether `host` asks for the directory to be found.
 bool IsAuto(const char* host);
 
-// The directory of this machine, at `ownPort`, if it answers; else the first of those found on the networks, at the
-// first of its addresses that answers. `answers` tells whether a directory answers there, within a few seconds. Nothing
-// when none was found within six seconds, or none of those found answered within 15.
-std::optional<transport::Address> FindDirectory(uint16_t ownPort,
-                                                const std::function<bool(const transport::Address&)>& answers);
+struct DirectorySearch {
+    transport::Address own;                                  // where this machine's directory listens
+    std::function<bool(const transport::Address&)> answers;  // whether a directory answers there, within a few seconds
+    std::function<bool()> isWanted = [] { return true; };    // the search ends early when it is not
+    bool isFirst = true;                                     // otherwise that there is none is no news
+};
+
+// The directory of this machine, if it answers; else the first of those found on the networks, at the first of its
+// addresses that answers. Nothing when none was found within six seconds, or none of those found answered within 15.
+std::optional<transport::Address> FindDirectory(const DirectorySearch& wanted);
 
 }  // namespace kel

@@ -2,6 +2,7 @@
 
 #include "foundation/NetworkUtils.h"
 #include "foundation/UpTime.h"
+#include "rpc/FoundDirectories.h"
 #include "rpc/transport/DiscoverySocket.h"
 #include "rpc/wire/Announcement.h"
 
@@ -13,56 +14,30 @@ using yar::networkutils::inet_ntos;
 
 namespace {
 
-constexpr size_t maxDirectories = 64;
 constexpr size_t maxDatagram = 65536;
-
-bool HasAddress(const KelFoundDirectory& directory, const CStdStr& address) {
-    return std::find(directory.addresses.begin(), directory.addresses.end(), address) != directory.addresses.end();
-}
-
-// Whether the two are announcements of one directory. The id is not enough: directories that were first started in the
-// same second have drawn the same one.
-bool AreOfOne(const KelFoundDirectory& a, const KelFoundDirectory& b) {
-    return a.serverId == b.serverId && a.port == b.port &&
-           std::any_of(a.addresses.begin(), a.addresses.end(),
-                       [&](const CStdStr& address) { return HasAddress(b, address); });
-}
-
-bool IsSame(const KelDirectoryUser& a, const KelDirectoryUser& b) {
-    return a.name == b.name && a.value == b.value && a.flag == b.flag;
-}
-
-// Whether `a` says what `b` says; in which order its addresses stand depends on the network that they are sent to.
-bool IsSame(const KelFoundDirectory& a, const KelFoundDirectory& b) {
-    return a.port == b.port && a.addresses.size() == b.addresses.size() &&
-           std::is_permutation(a.addresses.begin(), a.addresses.end(), b.addresses.begin()) &&
-           a.users.size() == b.users.size() &&
-           std::equal(a.users.begin(), a.users.end(), b.users.begin(),
-                      [](const KelDirectoryUser& x, const KelDirectoryUser& y) { return IsSame(x, y); });
-}
 
 }  // namespace
 
 class KEL_HIDDEN KelDirectoryFinder::Impl {
 public:
-    Impl() : group_(kel::transport::DiscoveryGroup()), openError_(socket_.Open()) { JoinAll(); }
+    Impl() : group_(kel::transport::DiscoveryGroup()) {
+        socket_.Open();
+        JoinAll();
+    }
 
     bool Search();
     bool Wait(int milliseconds);
-    const std::vector<KelFoundDirectory>& directories() const { return directories_; }
+    std::vector<KelFoundDirectory> directories() const { return directories_.All(); }
     const CStdStr& problem() const { return problem_; }
 
 private:
     std::vector<in_addr> JoinAll();
     bool ReceiveAll();
-    bool Take(KelFoundDirectory& heard);
-    bool TakeFarewell(const KelFoundDirectory& heard);
 
     const in_addr group_;
     kel::transport::DiscoverySocket socket_;
-    const int openError_;
     std::vector<char> buffer_ = std::vector<char>(maxDatagram);
-    std::vector<KelFoundDirectory> directories_;
+    kel::FoundDirectories directories_;
     CStdStr problem_;
 };
 
@@ -74,8 +49,8 @@ std::vector<in_addr> KelDirectoryFinder::Impl::JoinAll() {
 
 bool KelDirectoryFinder::Impl::Search() {
     problem_.clear();
-    if (openError_ != 0) {
-        problem_.Format("answers cannot be heard on port %d: %s", kel::wire::discoveryPort, std::strerror(openError_));
+    if (const int error = socket_.Open()) {
+        problem_.Format("answers cannot be heard on port %d: %s", kel::wire::discoveryPort, std::strerror(error));
         return false;
     }
     const CStdStr text = kel::wire::BuildSearch();
@@ -94,7 +69,8 @@ bool KelDirectoryFinder::Impl::Wait(int milliseconds) {
     const uint32_t end = yar::UpTimeMs() + static_cast<uint32_t>(std::max(milliseconds, 0));
     for (;;) {
         const int left = std::max(static_cast<int32_t>(end - yar::UpTimeMs()), 0);
-        if (socket_.WaitReadable(left) > 0 && ReceiveAll()) return true;
+        const bool isNews = socket_.WaitReadable(left) > 0 && ReceiveAll();
+        if (directories_.Forget(yar::UpTimeMs()) || isNews) return true;
         if (left == 0) return false;
     }
 }
@@ -111,31 +87,11 @@ bool KelDirectoryFinder::Impl::ReceiveAll() {
         if (!kel::wire::ReadAnnouncement({buffer_.data(), static_cast<size_t>(length)}, heard)) continue;
         heard.directory.heardFrom = inet_ntos(from);
         if (on.s_addr != INADDR_ANY) heard.directory.heardOn = inet_ntos(on);
-        isNew = (heard.isFarewell ? TakeFarewell(heard.directory) : Take(heard.directory)) || isNew;
+        const uint32_t now = yar::UpTimeMs();
+        isNew = (heard.isFarewell ? directories_.TakeFarewell(heard.directory, now)
+                                  : directories_.Take(heard.directory, now)) ||
+                isNew;
     }
-    return isNew;
-}
-
-bool KelDirectoryFinder::Impl::Take(KelFoundDirectory& heard) {
-    const auto known = std::find_if(directories_.begin(), directories_.end(),
-                                    [&](const KelFoundDirectory& candidate) { return AreOfOne(candidate, heard); });
-    if (known == directories_.end()) {
-        if (directories_.size() >= maxDirectories) return false;
-        directories_.push_back(std::move(heard));
-        return true;
-    }
-    const bool isNew = !IsSame(*known, heard);
-    *known = std::move(heard);
-    return isNew;
-}
-
-// Only who speaks from a directory's own address can say farewell for it.
-bool KelDirectoryFinder::Impl::TakeFarewell(const KelFoundDirectory& heard) {
-    const auto leaving = std::remove_if(directories_.begin(), directories_.end(), [&](const KelFoundDirectory& one) {
-        return one.serverId == heard.serverId && HasAddress(one, heard.heardFrom);
-    });
-    const bool isNew = leaving != directories_.end();
-    directories_.erase(leaving, directories_.end());
     return isNew;
 }
 

@@ -9,8 +9,8 @@
 //     for (const KelFoundDirectory& found : finder.GetDirectories()) ...
 //
 // A directory answers a search within moments, tells everyone of itself every 20 seconds and when its users change, and
-// says farewell when it stops; one that dies in silence stays in the list. What is heard is what somebody on the
-// network says: anybody there can claim to be a directory.
+// says farewell when it stops; one that dies in silence stays in the list, unless it has come back under other
+// addresses. What is heard is what somebody on the network says: anybody there can claim to be a directory.
 //
 // All finders and directories of a machine share one UDP port, and an answer sent to this machine reaches one of them.
 // A second search about a second after the first has the directory answer to everyone instead, two to three seconds

@@ -84,11 +84,13 @@ public:
     // CreateServices publish the methods and registers at the directory on `host`, a name or an IPv4 address with an
     // optional ":port" (default: the setting "kel.directoryPort", else 5001). The host "auto" is the directory of this
     // machine if one answers, else the first that KelDirectoryFinder finds and that answers, which takes seconds: at
-    // most 6 when none is heard, 25 when those that are heard do not answer. Returns 0; KEL_ALREADY_REGISTERED when a
-    // living satellite holds the name or a living directory the directory port; KEL_UNREACHABLE when no directory
-    // answers; KEL_PORT_IN_USE; any other answer of the directory as it is. After a failure the object may try again.
-    // Throws KelInvalidParameterException when `host` has something else than a port behind its colon, or for a null or
-    // empty name; std::runtime_error when the system has no thread to give; what CreateServices throws.
+    // most 6 when none is heard, 25 when those that are heard do not answer. It goes on looking afterwards: when its
+    // own machine has a directory later, or when the one found has not answered for 30 seconds, it moves, and
+    // OnStatusChange reports the old id gone and the new one alive. Returns 0; KEL_ALREADY_REGISTERED when a living
+    // satellite holds the name or a living directory the directory port; KEL_UNREACHABLE when no directory answers;
+    // KEL_PORT_IN_USE; any other answer of the directory as it is. After a failure the object may try again. Throws
+    // KelInvalidParameterException when `host` has something else than a port behind its colon, or for a null or empty
+    // name; std::runtime_error when the system has no thread to give; what CreateServices throws.
     virtual int Connect(const char* host, const char* name);
 
     // Attaches to the directory on `host`, which may be "auto", as a caller only: no listening port, no registration;

@@ -14,6 +14,7 @@
 #include <utility>
 
 using namespace kel::transport;
+using kel::foundTimeout;
 using kel::IsDirectoryName;
 using kel::shortTimeout;
 using kel::settings::BindAddress;
@@ -25,7 +26,6 @@ namespace {
 constexpr int nameIsTaken = 0x40010;  // the directory's answer to "Register"
 
 constexpr std::chrono::seconds standingPeriod{10};
-constexpr std::chrono::seconds foundTimeout{2};  // of an address that may be out of reach, while others wait
 constexpr long registrationGraceMs = 2000;
 
 constexpr const char* availabilityMethod = "OnServiceAvailabilityChanged";
@@ -105,12 +105,14 @@ std::optional<Address> KelSatellite::Impl::DirectoryOn(const char* host, const C
     if (!kel::IsAuto(host)) directory = ParseDirectory(host);
     Disconnect();
     name_ = name;
+    own_.reset();
     if (directory) return directory;
 
+    own_ = Address{"127.0.0.1", DirectoryPort()};
     const auto asking = std::make_shared<Link>(*this, Address(), name_);
     asking->endpoint.Start();
     directory = kel::FindDirectory(
-        DirectoryPort(), [&](const Address& address) { return IsDirectoryAt(*asking, address, foundTimeout); });
+        {*own_, [&](const Address& address) { return IsDirectoryAt(*asking, address, foundTimeout); }});
     asking->endpoint.Close();
     return directory;
 }
@@ -143,7 +145,10 @@ int KelSatellite::Impl::ConnectAs(const Address& directory) {
         Drop(made);
         throw;
     }
-    made->endpoint.Repeat(standingPeriod, [this] { CheckStanding(); });
+    made->endpoint.Repeat(standingPeriod, [this] {
+        CheckStanding();
+        LookAround();
+    });
     return KEL_OK;
 }
 
@@ -156,8 +161,11 @@ int KelSatellite::Impl::ConnectUser(const char* host, const char* user) {
         made->endpoint.Close();
         return KEL_UNREACHABLE;
     }
-    PMutexHold hold(lock_);
-    link_ = made;
+    {
+        PMutexHold hold(lock_);
+        link_ = made;
+    }
+    if (own_) made->endpoint.Repeat(standingPeriod, [this] { LookAround(); });
     return KEL_OK;
 }
 

@@ -61,6 +61,12 @@ private:
         kel::transport::OneWayQueues oneWay;
         kel::EventQueue news;  // of services, over whichever connection it comes
         kel::EventQueue standings;
+
+        // Of LookAround, which runs again when it has ended.
+        std::chrono::steady_clock::time_point nextLookForOwn{};
+        std::optional<std::chrono::steady_clock::time_point> missingSince;
+        bool searchedInVain = false;
+        bool saidRefusal = false;
     };
     using LinkPtr = std::shared_ptr<Link>;
 
@@ -84,14 +90,35 @@ private:
         Names services;
         Names subscriptions;
     };
-    class Turn;
     class Taken;
+    class Turn {
+    public:
+        explicit Turn(Impl& impl) : impl_(impl) {
+            PMutexHold hold(impl_.standing_);
+            while (impl_.turnTaken_) impl_.standing_.wait();
+            impl_.turnTaken_ = true;
+        }
+        ~Turn() {
+            PMutexHold hold(impl_.standing_);
+            impl_.turnTaken_ = false;
+            impl_.standing_.broadcast();
+        }
+        Turn(const Turn&) = delete;
+        Turn& operator=(const Turn&) = delete;
 
+    private:
+        Impl& impl_;
+    };
+
+    using Elsewhere = std::optional<kel::transport::Address>;  // a directory to move to
+    kel::transport::Outcome CallAt(Link& link, const kel::transport::Address& directory, const char* method,
+                                   const tagVARIANT& in, std::chrono::milliseconds timeout);
     kel::transport::Outcome CallDirectory(Link& link, const char* method, const tagVARIANT& in,
                                           std::chrono::milliseconds timeout);
     ScopedVariant Record(Link& link, const kel::Services& services);
-    int RegisterThese(Link& link, const kel::Services& services, bool& isNew);
-    int RegisterAll(Link& link);
+    ScopedVariant RecordWithId(Link& link, const kel::Services& services, int satId);
+    int RegisterThese(Link& link, const kel::Services& services, bool& isNew, const Elsewhere& elsewhere = {});
+    int RegisterAll(Link& link, const Elsewhere& elsewhere = {});
     void BeginStanding(Link& link, int satId, const CStdStr& serverId, const kel::Services& told,
                        const kel::transport::Outcome& outcome);
     bool EndStanding();
@@ -103,11 +130,19 @@ private:
     void CheckStanding();
     void Heed(Link& link, int satId, const kel::transport::Outcome& answer);
     bool IsAnswered(Link& link, const kel::transport::Outcome& answer);
-    bool ReportGone(Link& link);
+    bool ReportGone(Link& link, const Elsewhere& elsewhere = {});
     void Report(Link& link, int satId, KELSTATUS status);
     bool IsRegistered();
     void AllIsDue() REQUIRES(standing_);
     void SubscriptionsAreDue() REQUIRES(standing_);
+
+    // SatelliteMoving.cc opens with when it moves.
+    void LookAround();
+    bool IsAnsweredFor(Link& link);
+    void Search(Link& link);
+    void MoveTo(Link& link, const kel::transport::Address& directory);
+    bool IsKnownAt(Link& link, const kel::transport::Address& directory);
+    bool MoveRecord(Link& link, const kel::transport::Address& directory);
 
     int CallSatellite(Link& link, const std::string& satellite, const char* method, const tagVARIANT& in,
                       ScopedVariant& value, std::string& problem);
@@ -120,7 +155,9 @@ private:
 
     KelSatellite& satellite_;
     kel::MethodTable methods_;
-    CStdStr name_;  // the owner's thread's and, while an endpoint exists and it cannot change, its workers'
+    // The owner's thread's and, while an endpoint exists and they cannot change, its workers'.
+    CStdStr name_;
+    std::optional<kel::transport::Address> own_;  // where this machine's directory listens, if it was to be found
 
     PMutex lock_;
     LinkPtr link_ GUARDED_BY(lock_);
@@ -146,6 +183,7 @@ namespace kel {
 bool IsDirectoryName(const CStdStr& name);
 
 constexpr std::chrono::seconds shortTimeout{5};  // of what must not hold anybody up for long
+constexpr std::chrono::seconds foundTimeout{2};  // of an address that may be out of reach, while others wait
 
 // The result that a caller gets for the way in which a call ended.
 int CodeOf(const transport::Outcome& outcome);

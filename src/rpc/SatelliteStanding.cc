@@ -54,25 +54,6 @@ bool IsSame(const std::weak_ptr<Connection>& one, const std::weak_ptr<Connection
 
 }  // namespace
 
-class KelSatellite::Impl::Turn {
-public:
-    explicit Turn(Impl& impl) : impl_(impl) {
-        PMutexHold hold(impl_.standing_);
-        while (impl_.turnTaken_) impl_.standing_.wait();
-        impl_.turnTaken_ = true;
-    }
-    ~Turn() {
-        PMutexHold hold(impl_.standing_);
-        impl_.turnTaken_ = false;
-        impl_.standing_.broadcast();
-    }
-    Turn(const Turn&) = delete;
-    Turn& operator=(const Turn&) = delete;
-
-private:
-    Impl& impl_;
-};
-
 // Names taken off what is due, before it is looked up how things stand: a change after that is due again. Those that
 // are still here at the end are due as before.
 class KelSatellite::Impl::Taken {
@@ -113,14 +94,27 @@ bool KelSatellite::Impl::IsRegistered() {
     return registered_;
 }
 
+Outcome KelSatellite::Impl::CallAt(Link& link, const Address& directory, const char* method, const tagVARIANT& in,
+                                   std::chrono::milliseconds timeout) {
+    return link.endpoint.outbound().Call(directory, method, link.self, in, std::chrono::steady_clock::now() + timeout);
+}
+
 Outcome KelSatellite::Impl::CallDirectory(Link& link, const char* method, const tagVARIANT& in,
                                           std::chrono::milliseconds timeout) {
-    return link.endpoint.outbound().Call(link.addresses.directory(), method, link.self, in,
-                                         std::chrono::steady_clock::now() + timeout);
+    return CallAt(link, link.addresses.directory(), method, in, timeout);
+}
+
+ScopedVariant KelSatellite::Impl::Record(Link& link, const kel::Services& services) {
+    int satId;
+    {
+        PMutexHold hold(standing_);
+        satId = satId_;
+    }
+    return RecordWithId(link, services, satId);
 }
 
 // The record of seven that "Register", "UnRegister" and "RemoveSatellite" take.
-ScopedVariant KelSatellite::Impl::Record(Link& link, const kel::Services& services) {
+ScopedVariant KelSatellite::Impl::RecordWithId(Link& link, const kel::Services& services, int satId) {
     const int count = static_cast<int>(services.size());
     ScopedVariant list;
     VUtil::CreateArray(list, VT_VARIANT, services.size());
@@ -130,11 +124,6 @@ ScopedVariant KelSatellite::Impl::Record(Link& link, const kel::Services& servic
         VUtil::PutElement(entry, 0, services[i].name);
         VUtil::PutElement(entry, 1, services[i].description);
         VUtil::PutElement(list, i, static_cast<const tagVARIANT&>(entry));
-    }
-    int satId;
-    {
-        PMutexHold hold(standing_);
-        satId = satId_;
     }
     ScopedVariant record;
     VUtil::CreateArray(record, VT_VARIANT, 7);
@@ -151,9 +140,13 @@ ScopedVariant KelSatellite::Impl::Record(Link& link, const kel::Services& servic
 // --- Registering and leaving -----------------------------------------------------------------------------------------
 
 // In a turn. `isNew` says whether the record at the directory is: then it has the services given here and nothing else.
-int KelSatellite::Impl::RegisterThese(Link& link, const kel::Services& services, bool& isNew) {
+// What registers `elsewhere` has moved there; if that fails, nothing has changed.
+int KelSatellite::Impl::RegisterThese(Link& link, const kel::Services& services, bool& isNew,
+                                      const Elsewhere& elsewhere) {
     isNew = false;
-    const Outcome outcome = CallDirectory(link, "Register", Record(link, services), callTimeout);
+    const Outcome outcome = elsewhere
+                                ? CallAt(link, *elsewhere, "Register", RecordWithId(link, services, 0), callTimeout)
+                                : CallDirectory(link, "Register", Record(link, services), callTimeout);
     const int code = CodeOf(outcome);
     if (outcome.end == Outcome::End::failed) {
         CBBLog::error(LibraryLogger(), "libkel: the directory cannot register %s: %s", link.self.c_str(),
@@ -171,7 +164,11 @@ int KelSatellite::Impl::RegisterThese(Link& link, const kel::Services& services,
     }
     {
         PMutexHold hold(standing_);
-        isNew = !registered_ || reportedGone_ || satId != satId_ || serverId != serverId_;
+        isNew = elsewhere || !registered_ || reportedGone_ || satId != satId_ || serverId != serverId_;
+    }
+    if (elsewhere) {
+        ReportGone(link, elsewhere);
+        link.addresses.MoveTo(*elsewhere);
     }
     if (isNew) BeginStanding(link, satId, serverId, services, outcome);
     return KEL_OK;
@@ -214,12 +211,12 @@ bool KelSatellite::Impl::EndStanding() {
 }
 
 // In a turn.
-int KelSatellite::Impl::RegisterAll(Link& link) {
+int KelSatellite::Impl::RegisterAll(Link& link, const Elsewhere& elsewhere) {
     {
         Taken taken(*this, &Due::services);
         const kel::Services services = methods_.All();
         bool isNew;
-        const int code = RegisterThese(link, services, isNew);
+        const int code = RegisterThese(link, services, isNew, elsewhere);
         if (code != KEL_OK) return code;
         for (const kel::Service& service : services) taken.names.erase(service.name);
         if (isNew) taken.names.clear();  // what went is not in it
@@ -398,15 +395,20 @@ void KelSatellite::Impl::Heed(Link& link, int satId, const Outcome& answer) {
 }
 
 // Once for each loss; returns whether it was this time.
-bool KelSatellite::Impl::ReportGone(Link& link) {
+bool KelSatellite::Impl::ReportGone(Link& link, const Elsewhere& elsewhere) {
     int satId;
     {
         PMutexHold hold(standing_);
         if (std::exchange(reportedGone_, true)) return false;
         satId = satId_;
     }
-    CBBLog::warn(LibraryLogger(), "libkel: the directory no longer knows %s (satId %d); registering again",
-                 link.self.c_str(), satId);
+    if (elsewhere) {
+        CBBLog::warn(LibraryLogger(), "libkel: %s (satId %d) moves from the directory at %s to the one at %s",
+                     link.self.c_str(), satId, link.addresses.directory().text().c_str(), elsewhere->text().c_str());
+    } else {
+        CBBLog::warn(LibraryLogger(), "libkel: the directory no longer knows %s (satId %d); registering again",
+                     link.self.c_str(), satId);
+    }
     Report(link, satId, KELSTATUS_GONE);
     return true;
 }

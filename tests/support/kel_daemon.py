@@ -141,8 +141,9 @@ class Program:
 class SatelliteProcess(Program):
     """A satellite on libkel in a process of its own (tests/support/satellite.cc)."""
 
-    def __init__(self, daemon, name, services, output):
-        arguments = [os.environ["KEL_TEST_SATELLITE"], f"127.0.0.1:{daemon.port}", name, *services]
+    def __init__(self, daemon, name, services, output, directory, host):
+        arguments = [os.environ["KEL_TEST_SATELLITE"], directory or f"127.0.0.1:{daemon.port}", name, *services]
+        arguments = host.command(arguments) if host else arguments
         super().__init__(arguments, daemon.environment, output, stdin=subprocess.PIPE)
         self.satellite = name
         self.commands = 0
@@ -250,12 +251,12 @@ class Daemon:
         self.companions.append(Program(command, self.environment, output))
         return self.companions[-1]
 
-    def start_satellites(self, *described):
-        """Starts a process for each (name, service...) and returns when all of them are registered."""
+    def start_satellites(self, *described, directory=None, host=None):
+        """Starts a process for each (name, service...) and returns when all of them are registered, by default here."""
         started = []
         for name, *services in described:
             output = self.folder / f"{name}-{len(self.companions)}.txt"
-            started.append(SatelliteProcess(self, name, services, output))
+            started.append(SatelliteProcess(self, name, services, output, directory, host))
             self.companions.append(started[-1])
         return [satellite.wait_until_ready() for satellite in started]
 

@@ -1,6 +1,7 @@
 """Directories that announce themselves, and who finds them, on hosts and networks made for each test."""
 import pathlib
 import re
+import resource
 import select
 import socket
 import struct
@@ -130,6 +131,16 @@ class ADirectoryBetweenTwoNetworks(OnNetworks):
         self.assertEqual(self.on_right.pair()[1:], ("10.77.2.2", "10.77.2.1"))
         self.assertTrue(self.on_left.nothing_waits())
 
+    def test_tells_of_each_other_directory_once(self):
+        def notify(server_id):
+            users = ", ".join(f"[user{number},x,0]" for number in range(300))
+            return self.notify(self.directory, "10.77.1.2", users).replace(self.server_id(self.directory), server_id)
+        for server_id in ["another", "another", self.server_id(self.directory), "one more", "another", "the last"]:
+            self.on_left.send(notify(server_id).encode())
+        port = self.directory.port
+        self.directory.current.wait_for(f"another directory on the network, the last at 10.77.1.2 port {port}")
+        self.assertEqual(self.directory.log().count("another directory on the network"), 3)
+
     def test_announces_the_users_that_satellites_hand_it(self):
         self.on_left.pair()
         with self.directory.client() as client:
@@ -174,6 +185,33 @@ class ADirectoryBetweenTwoNetworks(OnNetworks):
             with self.home, self.directory.client_at(address) as client:
                 expected = "127.0.0.1" if address == "127.0.0.1" else address
                 self.assertEqual(client.call("GetSatelliteHost", "Local"), (0, [expected, local.port]))
+
+    def test_heeds_a_change_of_its_networks_at_once_and_goes_by_the_last_it_knows_without_descriptors(self):
+        with self.right:
+            asking = self.directory.client_at("10.77.2.1")
+        with self.home:
+            beside, local = self.directory.client_at("10.77.1.1"), self.directory.client_at("127.0.0.1")
+
+        def own_address():
+            return asking.call("GetSatelliteHost", "MainRegister")[1][0]
+        nearer = ["10.64.0.2/31", "dev", "eth0"]  # 10.77.0.2 has its one-bits; the kernel takes another way there
+        with asking, beside, local:
+            self.assertEqual(own_address(), "10.77.2.1")
+            for _ in range(20):
+                self.home.ip("route", "add", *nearer)
+                self.assertEqual(own_address(), "10.77.1.1")
+                self.home.ip("link", "set", "eth0", "down")  # takes the route away without saying so
+                self.assertEqual(own_address(), "10.77.2.1")
+                self.home.ip("link", "set", "eth0", "up")
+            process = self.directory.current.process.pid
+            _, most = resource.prlimit(process, resource.RLIMIT_NOFILE)
+            resource.prlimit(process, resource.RLIMIT_NOFILE, (3, most))
+            self.home.ip("route", "add", *nearer)
+            self.assertEqual(own_address(), "10.77.2.1")
+            beside.register("Local", 4711)
+            self.assertEqual(local.call("GetSatelliteHost", "Local"), (0, ["127.0.0.1", 4711]))
+            resource.prlimit(process, resource.RLIMIT_NOFILE, (most, most))
+            self.assertEqual(own_address(), "10.77.1.1")
 
     def test_is_found_by_satellites_that_were_told_no_address(self):
         recorder = self.directory.companion("recorder", "auto")
@@ -296,9 +334,26 @@ class AHostWhoseInterfacesComeAndGo(OnNetworks):
             listener.send(SEARCH)
             self.assertEqual(listener.pair()[1:], (f"{prefix}.2", f"{prefix}.1"), interface)
             listener.socket.close()
-            for host in [home, other]:
-                if interface in host.ip("-br", "link"):
+            if interface == "eth1":
+                for host in [home, other]:
                     host.ip("link", "delete", interface)
+
+    def test_hears_searches_once_the_program_that_has_the_port_gives_it_up(self):
+        home, other = self.lab.host("home"), self.lab.host("other")
+        self.lab.network("10.77.1", home, other)
+        with home:
+            holder = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        with holder:
+            holder.bind(("", PORT))
+            directory = self.daemon(level=1, host=home).start()
+            directory.current.wait_for("cannot be searched for, on UDP port 1901: Address already in use")
+        with directory.client() as client:  # brings the next announcement forward, and with it the next try
+            client.call("AddKelUsers", ["al"])
+        directory.current.wait_for("can be searched for now")
+        listener = self.listener(other, "10.77.1.2")
+        listener.send(SEARCH)
+        while listener.receive()[1] != "10.77.1.2":
+            pass  # announcements to the group
 
 
 class ANetworkWithSeveralDirectories(OnNetworks):
@@ -347,6 +402,36 @@ class ANetworkWithSeveralDirectories(OnNetworks):
         wait_until(lie_was_tried, "the player to try one of them")
         directory.start()
         wait_until(found, "the player to connect to the directory that there is")
+
+
+class ASatelliteThatWasToldNoAddress(OnNetworks):
+    def test_moves_to_its_own_machines_directory_when_there_is_one_and_to_a_neighbours_when_that_has_ended(self):
+        studio, desk = self.lab.host("studio"), self.lab.host("desk")
+        self.lab.network("10.77.6", studio, desk)
+        neighbours, own = self.daemon(host=studio).start(), self.daemon(host=desk)
+        recorder, = own.start_satellites(("Recorder", "Tune"), directory="auto", host=desk)
+        self.assertEqual(recorder.tell("listen", "News"), 0)
+        player = own.companion("player", "auto", host=desk)
+
+        def is_only_at(directory, other=None):
+            with directory.client() as client:
+                if client.id_of("Recorder") is None or client.providers("Tune") != ["Recorder"]:
+                    return False
+                client.register("Provider", 4711, [("News", "")])
+            if other:
+                with other.client() as client:
+                    return client.id_of("Recorder") is None
+            return True
+        self.assertTrue(is_only_at(neighbours))
+        own.start()
+        wait_until(lambda: is_only_at(own, neighbours), "the satellite to move to its own machine's directory", 180)
+        wait_until(lambda: recorder.events("News").count(("News", "Provider", 1)) > 1,
+                   "the satellite to hear there of what it listens for")
+        own.stop()
+        wait_until(lambda: is_only_at(neighbours), "the satellite to move to the neighbour's", 180)
+        wait_until(lambda: recorder.standings() == [0, 1, 0, 1], "the satellite to hear of both moves")
+        heard = player.output().count("nobody serves")
+        wait_until(lambda: player.output().count("nobody serves") > heard, "the player to ask there", 180)
 
 
 class TheChoiceOfAnAddress(OnNetworks):

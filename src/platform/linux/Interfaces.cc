@@ -1,19 +1,28 @@
 #include "platform/Interfaces.h"
 
+#include "platform/linux/Netlink.h"
+
+#include <arpa/inet.h>
 #include <ifaddrs.h>
+#include <linux/if_addr.h>
+#include <linux/rtnetlink.h>
 #include <net/if.h>
 #include <net/if_arp.h>
+#include <netlink/attr.h>
 #include <netpacket/packet.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <memory>
-#include <string>
+#include <new>
 
 namespace kel::platform {
 namespace {
+
+constexpr unsigned addressBits = 32;
 
 using AddressList = std::unique_ptr<ifaddrs, decltype(&freeifaddrs)>;
 
@@ -23,42 +32,31 @@ AddressList AllAddresses() {
     return AddressList(first, &freeifaddrs);
 }
 
-bool IsIpv4(const ifaddrs& entry) { return entry.ifa_addr && entry.ifa_addr->sa_family == AF_INET; }
-
-in_addr In(const sockaddr* from) {
-    sockaddr_in address{};
-    std::memcpy(&address, from, sizeof address);
-    return address.sin_addr;
+in_addr MaskOf(unsigned prefixLength) {
+    return in_addr{prefixLength == 0 ? 0 : htonl(~uint32_t{0} << (addressBits - std::min(prefixLength, addressBits)))};
 }
-
-in_addr AddressOf(const ifaddrs& entry) { return In(entry.ifa_addr); }
 
 // An address with a label is listed under that, which is the interface's name, a colon and more.
-std::string InterfaceName(const ifaddrs& entry) {
-    const std::string name = entry.ifa_name;
-    return name.substr(0, name.find(':'));
-}
+bool HasLabelOfItsOwn(nlattr* label) { return label && std::strchr(nla_get_string(label), ':'); }
 
-// The list has the indexes of interfaces with link-layer addresses. Of others, tunnels for instance, it has the names
-// only, and to ask takes a descriptor. 0 when there is none to be had.
-unsigned IndexOf(const AddressList& all, const std::string& interface) {
-    for (const ifaddrs* entry = all.get(); entry; entry = entry->ifa_next) {
-        if (!entry->ifa_addr || entry->ifa_addr->sa_family != AF_PACKET || entry->ifa_name != interface) continue;
-        sockaddr_ll link{};
-        std::memcpy(&link, entry->ifa_addr, sizeof link);
-        return static_cast<unsigned>(link.sll_ifindex);
+// libnl calls it for each address of a reading. No exception may pass through libnl.
+int AddAddress(nl_msg* message, void* entries) {
+    nlattr* attributes[IFA_MAX + 1] = {};
+    if (nlmsg_parse(nlmsg_hdr(message), sizeof(ifaddrmsg), attributes, IFA_MAX, nullptr) < 0) return NL_SKIP;
+    const auto* const head = static_cast<const ifaddrmsg*>(nlmsg_data(nlmsg_hdr(message)));
+    nlattr* const own = attributes[IFA_LOCAL];
+    if (head->ifa_family != AF_INET || !own || nla_len(own) != sizeof(in_addr)) return NL_SKIP;
+    InterfaceAddress entry;
+    std::memcpy(&entry.address, nla_data(own), sizeof entry.address);
+    entry.netmask = MaskOf(head->ifa_prefixlen);
+    entry.interface = head->ifa_index;
+    entry.hasLabel = HasLabelOfItsOwn(attributes[IFA_LABEL]);
+    try {
+        static_cast<std::vector<InterfaceAddress>*>(entries)->push_back(entry);
+    } catch (const std::bad_alloc&) {
+        return -NLE_NOMEM;
     }
-    return if_nametoindex(interface.c_str());
-}
-
-// The first address of the interface in the list, with a label or without.
-std::optional<InterfaceNet> FirstNet(const std::string& interface) {
-    const AddressList all = AllAddresses();
-    for (const ifaddrs* entry = all.get(); entry; entry = entry->ifa_next) {
-        if (!IsIpv4(*entry) || !entry->ifa_netmask || InterfaceName(*entry) != interface) continue;
-        return InterfaceNet{AddressOf(*entry), In(entry->ifa_netmask)};
-    }
-    return std::nullopt;
+    return NL_OK;
 }
 
 // Questions about one interface, by its index.
@@ -76,12 +74,6 @@ public:
 
     bool Ask(unsigned long what) { return exists_ && ioctl(socket_, what, &request_) == 0; }
 
-    in_addr address() const {
-        sockaddr_in answer{};
-        std::memcpy(&answer, &request_.ifr_addr, sizeof answer);
-        return answer.sin_addr;
-    }
-    std::string name() const { return exists_ ? request_.ifr_name : ""; }
     unsigned short linkType() const { return request_.ifr_hwaddr.sa_family; }
 
 private:
@@ -92,32 +84,10 @@ private:
 
 }  // namespace
 
-std::vector<in_addr> InterfaceAddresses() {
-    std::vector<in_addr> addresses;
-    const AddressList all = AllAddresses();
-    for (const ifaddrs* entry = all.get(); entry; entry = entry->ifa_next) {
-        if (IsIpv4(*entry)) addresses.push_back(AddressOf(*entry));
-    }
-    return addresses;
-}
-
-unsigned InterfaceWith(in_addr address) {
-    const AddressList all = AllAddresses();
-    for (const ifaddrs* entry = all.get(); entry; entry = entry->ifa_next) {
-        if (IsIpv4(*entry) && AddressOf(*entry).s_addr == address.s_addr) return IndexOf(all, InterfaceName(*entry));
-    }
-    return 0;
-}
-
-std::optional<InterfaceNet> NetOfInterface(unsigned index) {
-    InterfaceQuestion question(index);
-    InterfaceNet net;
-    // The question is for addresses without a label, and fails where each has one.
-    if (!question.Ask(SIOCGIFADDR)) return FirstNet(question.name());
-    net.address = question.address();
-    if (!question.Ask(SIOCGIFNETMASK)) return std::nullopt;
-    net.netmask = question.address();
-    return net;
+int ReadInterfaceAddresses(std::vector<InterfaceAddress>& out) {
+    ifaddrmsg request{};
+    request.ifa_family = AF_INET;
+    return ReadNetlinkList(RTM_GETADDR, request, AddAddress, out);
 }
 
 bool IsEthernet(unsigned index) {

@@ -2,9 +2,11 @@
 #pragma once
 
 #include <netlink/cache.h>
+#include <netlink/msg.h>
 #include <netlink/netlink.h>
 
 #include <memory>
+#include <vector>
 
 namespace kel::platform {
 
@@ -24,6 +26,29 @@ NetlinkTable ReadNetlinkTable(Read read, int& error) {
     nl_cache* table = nullptr;
     if (error >= 0) error = read(socket.get(), &table);
     return NetlinkTable(error < 0 ? nullptr : table);
+}
+
+// Replaces `out` by what `add`, a callback of libnl's, makes of each message of a table: the answers to `request`,
+// which is of `type`. Unlike libnl's caches it keeps entries that have much in common. Returns 0, or a negative error;
+// `out` is then empty.
+template <typename Request, typename Entry>
+int ReadNetlinkList(int type, Request request, nl_recvmsg_msg_cb_t add, std::vector<Entry>& out) {
+    constexpr int readings = 5;  // of a table that changes while it is read
+    const auto readOnce = [&] {
+        out.clear();
+        const NetlinkSocket socket(nl_socket_alloc());
+        if (!socket) return -NLE_NOMEM;
+        int error = nl_socket_modify_cb(socket.get(), NL_CB_VALID, NL_CB_CUSTOM, add, &out);
+        if (error >= 0) error = nl_connect(socket.get(), NETLINK_ROUTE);
+        if (error >= 0) error = nl_send_simple(socket.get(), type, NLM_F_DUMP, &request, sizeof request);
+        return error < 0 ? error : nl_recvmsgs_default(socket.get());
+    };
+    int error = -NLE_DUMP_INTR;
+    for (int i = 0; i < readings && error == -NLE_DUMP_INTR; ++i) error = readOnce();
+    // A table that never rests is taken as it was read last: an entry in change may be missing or there twice.
+    if (error >= 0 || error == -NLE_DUMP_INTR) return 0;
+    out.clear();
+    return error;
 }
 
 }  // namespace kel::platform

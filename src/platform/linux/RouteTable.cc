@@ -4,7 +4,6 @@
 
 #include <linux/rtnetlink.h>
 #include <netlink/addr.h>
-#include <netlink/msg.h>
 #include <netlink/route/nexthop.h>
 #include <netlink/route/route.h>
 
@@ -16,7 +15,6 @@ namespace kel::platform {
 namespace {
 
 constexpr unsigned addressBits = 32;
-constexpr int readings = 5;  // of a table that changes while it is read
 
 struct RouteFree {
     void operator()(rtnl_route* route) const { rtnl_route_put(route); }
@@ -70,29 +68,12 @@ int AddRoute(nl_msg* message, void* entries) {
     return NL_OK;
 }
 
-// Not through libnl's cache of routes, which keeps one of those that have destination, priority, TOS and table in
-// common.
-int ReadOnce(std::vector<RouteEntry>& out) {
-    out.clear();
-    const NetlinkSocket socket(nl_socket_alloc());
-    if (!socket) return -NLE_NOMEM;
-    rtmsg request{};
-    request.rtm_family = AF_INET;
-    int error = nl_socket_modify_cb(socket.get(), NL_CB_VALID, NL_CB_CUSTOM, AddRoute, &out);
-    if (error >= 0) error = nl_connect(socket.get(), NETLINK_ROUTE);
-    if (error >= 0) error = nl_send_simple(socket.get(), RTM_GETROUTE, NLM_F_DUMP, &request, sizeof request);
-    return error < 0 ? error : nl_recvmsgs_default(socket.get());
-}
-
 }  // namespace
 
 int ReadRouteTable(std::vector<RouteEntry>& out) {
-    int error = -NLE_DUMP_INTR;
-    for (int i = 0; i < readings && error == -NLE_DUMP_INTR; ++i) error = ReadOnce(out);
-    // A table that never rests is taken as it was read last: a route in change may be missing or there twice.
-    if (error >= 0 || error == -NLE_DUMP_INTR) return 0;
-    out.clear();
-    return error;
+    rtmsg request{};
+    request.rtm_family = AF_INET;
+    return ReadNetlinkList(RTM_GETROUTE, request, AddRoute, out);
 }
 
 }  // namespace kel::platform

@@ -15,32 +15,45 @@ constexpr size_t maxKnown = 100'000;
 }  // namespace
 
 AddressBook::AddressBook(Outbound& outbound, Address directory, std::string self)
-    : outbound_(outbound), directory_(std::move(directory)), self_(std::move(self)) {}
+    : outbound_(outbound), self_(std::move(self)), directory_(std::move(directory)) {}
+
+Address AddressBook::directory() {
+    PMutexHold hold(lock_);
+    return directory_;
+}
+
+void AddressBook::MoveTo(const Address& directory) {
+    PMutexHold hold(lock_);
+    directory_ = directory;
+    known_.clear();
+}
 
 std::optional<Address> AddressBook::Remembered(const std::string& satellite) {
-    if (ssicmp(satellite.c_str(), directoryName) == 0) return directory_;
     PMutexHold hold(lock_);
+    if (ssicmp(satellite.c_str(), directoryName) == 0) return directory_;
     const auto found = known_.find(satellite);
     if (found == known_.end()) return std::nullopt;
     return found->second;
 }
 
 AddressBook::Entry AddressBook::Ask(const std::string& satellite, Deadline deadline) {
-    Outcome outcome = outbound_.Call(directory_, askMethod, self_, MakeString(satellite.c_str()), deadline);
-    return Learn(satellite, outcome);
+    const Address from = directory();
+    Outcome outcome = outbound_.Call(from, askMethod, self_, MakeString(satellite.c_str()), deadline);
+    return Learn(satellite, from, outcome);
 }
 
 void AddressBook::AskAsync(const std::string& satellite, Handler handler) {
-    outbound_.CallAsync(directory_, askMethod, self_, MakeString(satellite.c_str()), callTimeout,
-                        [this, satellite, handler = std::move(handler)](Outcome& outcome) {
+    const Address from = directory();
+    outbound_.CallAsync(from, askMethod, self_, MakeString(satellite.c_str()), callTimeout,
+                        [this, satellite, from, handler = std::move(handler)](Outcome& outcome) {
                             Entry entry;
-                            if (!Quietly([&] { entry = Learn(satellite, outcome); }))
+                            if (!Quietly([&] { entry = Learn(satellite, from, outcome); }))
                                 entry = {std::nullopt, KEL_UNREACHABLE, "no memory"};
                             handler(std::move(entry));
                         });
 }
 
-AddressBook::Entry AddressBook::Learn(const std::string& satellite, Outcome& outcome) {
+AddressBook::Entry AddressBook::Learn(const std::string& satellite, const Address& from, Outcome& outcome) {
     Entry entry;
     if (outcome.end != Outcome::End::answered) {
         entry.code = outcome.end == Outcome::End::noAnswer ? KEL_NO_ANSWER : KEL_UNREACHABLE;
@@ -58,7 +71,7 @@ AddressBook::Entry AddressBook::Learn(const std::string& satellite, Outcome& out
         PMutexHold hold(lock_);
         if (known_.size() >= maxKnown)
             known_.clear();  // satellites come and go; those that are left are asked for again
-        known_.insert_or_assign(satellite, address);
+        if (from == directory_) known_.insert_or_assign(satellite, address);
         entry.address = std::move(address);
     } catch (const KelException& error) {
         entry.code = KEL_UNREACHABLE;

@@ -19,7 +19,9 @@ public:
     // `self` is the caller's name that the directory sees.
     AddressBook(Outbound& outbound, Address directory, std::string self);
 
-    const Address& directory() const { return directory_; }
+    Address directory();
+    // Another one is asked from now on; what the one before said of satellites is forgotten.
+    void MoveTo(const Address& directory);
 
     struct Entry {
         std::optional<Address> address;
@@ -40,13 +42,13 @@ public:
     void Forget(const std::string& satellite);
 
 private:
-    Entry Learn(const std::string& satellite, Outcome& outcome);
+    Entry Learn(const std::string& satellite, const Address& from, Outcome& outcome);
 
     Outbound& outbound_;
-    const Address directory_;
     const std::string self_;
 
     PMutex lock_;
+    Address directory_ GUARDED_BY(lock_);
     std::map<CStdStr, Address, CaseInsensitiveLess> known_ GUARDED_BY(lock_);
 };
 

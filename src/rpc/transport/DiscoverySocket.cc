@@ -17,6 +17,14 @@
 namespace kel::transport {
 namespace {
 
+constexpr size_t maxFurther = 16;  // sockets for memberships
+
+int MakeSocket() {
+    const int made = ::socket(AF_INET, SOCK_DGRAM, IPPROTO_UDP);
+    if (made >= 0) fcntl(made, F_SETFD, FD_CLOEXEC);
+    return made;
+}
+
 void SwitchOn(int socket, int option) {
     const int on = 1;
     setsockopt(socket, SOL_SOCKET, option, &on, sizeof on);
@@ -50,56 +58,90 @@ std::vector<in_addr> NetworkAddresses() {
 }
 
 DiscoverySocket::~DiscoverySocket() {
+    LeaveAll();
     if (socket_ >= 0) close(socket_);
 }
 
 int DiscoverySocket::Open() {
-    socket_ = ::socket(AF_INET, SOCK_DGRAM, IPPROTO_UDP);
-    if (socket_ < 0) return errno;
-    fcntl(socket_, F_SETFD, FD_CLOEXEC);
-    SwitchOn(socket_, SO_REUSEADDR);
-    SwitchOn(socket_, SO_REUSEPORT);
-    yar::networkutils::ReportArrivals(socket_);
+    if (isBound_) return 0;
+    const int made = MakeSocket();
+    if (made < 0) return errno;
+    SwitchOn(made, SO_REUSEADDR);
+    SwitchOn(made, SO_REUSEPORT);
+    yar::networkutils::ReportArrivals(made);
     const sockaddr_in everywhere = DiscoveryPortAt(in_addr{INADDR_ANY});
-    return bind(socket_, reinterpret_cast<const sockaddr*>(&everywhere), sizeof everywhere) == 0 ? 0 : errno;
+    isBound_ = bind(made, reinterpret_cast<const sockaddr*>(&everywhere), sizeof everywhere) == 0;
+    const int error = isBound_ ? 0 : errno;
+    if (socket_ < 0) {
+        socket_ = made;
+        return error;
+    }
+    if (isBound_) {
+        LeaveAll();
+        dup2(made, socket_);
+        fcntl(socket_, F_SETFD, FD_CLOEXEC);
+    }
+    close(made);
+    return error;
 }
 
-void DiscoverySocket::Join(in_addr group, const std::vector<in_addr>& interfaces) {
-    if (!JoinEach(group, interfaces) && LeaveVanished()) JoinEach(group, interfaces);
+bool DiscoverySocket::Join(in_addr group, const std::vector<in_addr>& interfaces) {
+    return JoinEach(group, interfaces, false) || (LeaveVanished() && JoinEach(group, interfaces, false)) ||
+           JoinEach(group, interfaces, true);
 }
 
 // False when the system allows no more memberships. Where the system does not tell the interface's index the next call
 // may: a membership without it could not be told from one whose interface has gone.
-bool DiscoverySocket::JoinEach(in_addr group, const std::vector<in_addr>& interfaces) {
+bool DiscoverySocket::JoinEach(in_addr group, const std::vector<in_addr>& interfaces, bool mayOpen) {
     bool isRoom = true;
     for (const in_addr address : interfaces) {
         const unsigned interface = yar::networkutils::GetInterfaceWith(address);
         if (interface == 0) continue;
-        const ip_mreqn membership{group, address, static_cast<int>(interface)};
-        if (setsockopt(socket_, IPPROTO_IP, IP_ADD_MEMBERSHIP, &membership, sizeof membership) == 0) {
-            memberships_.push_back({group, address, interface});
-        } else if (errno == ENOBUFS) {
-            isRoom = false;
+        int error = JoinOn(socket_, group, address, interface);
+        for (size_t i = 0; error == ENOBUFS && i < further_.size(); ++i) {
+            error = JoinOn(further_[i], group, address, interface);
         }
+        if (error == ENOBUFS && mayOpen && further_.size() < maxFurther) {
+            if (const int made = MakeSocket(); made >= 0) {
+                further_.push_back(made);
+                error = JoinOn(made, group, address, interface);
+            }
+        }
+        isRoom = isRoom && error != ENOBUFS;
     }
     return isRoom;
 }
 
+// Returns 0 or an error number: EADDRINUSE where it was joined before, ENOBUFS when the socket may join no more.
+int DiscoverySocket::JoinOn(int socket, in_addr group, in_addr address, unsigned interface) {
+    const ip_mreqn membership{group, address, static_cast<int>(interface)};
+    if (setsockopt(socket, IPPROTO_IP, IP_ADD_MEMBERSHIP, &membership, sizeof membership) != 0) return errno;
+    memberships_.push_back({group, address, interface, socket});
+    return 0;
+}
+
 // By the interface's index: one that went and came back, with the address it had, is another to the system.
 bool DiscoverySocket::LeaveVanished() {
-    const auto leave = [this](const Membership& one) {
+    const auto leave = [](const Membership& one) {
         if (yar::networkutils::GetInterfaceWith(one.address) == one.interface) return false;
         group_req request{};
         request.gr_interface = one.interface;
         const sockaddr_in group = DiscoveryPortAt(one.group);
         std::memcpy(&request.gr_group, &group, sizeof group);
-        setsockopt(socket_, IPPROTO_IP, MCAST_LEAVE_GROUP, &request, sizeof request);
+        setsockopt(one.socket, IPPROTO_IP, MCAST_LEAVE_GROUP, &request, sizeof request);
         return true;
     };
     const auto left = std::remove_if(memberships_.begin(), memberships_.end(), leave);
     const bool isAny = left != memberships_.end();
     memberships_.erase(left, memberships_.end());
     return isAny;
+}
+
+// The memberships of a socket go with it.
+void DiscoverySocket::LeaveAll() {
+    for (const int socket : further_) close(socket);
+    further_.clear();
+    memberships_.clear();
 }
 
 bool DiscoverySocket::SelectInterface(in_addr address) {

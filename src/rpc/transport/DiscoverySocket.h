@@ -5,6 +5,7 @@
 #include <netinet/in.h>
 #include <sys/types.h>
 
+#include <atomic>
 #include <cstddef>
 #include <string_view>
 #include <vector>
@@ -25,15 +26,17 @@ public:
     DiscoverySocket(const DiscoverySocket&) = delete;
     DiscoverySocket& operator=(const DiscoverySocket&) = delete;
 
-    // Opens the socket and binds it to the discovery port. Returns 0 or an error number; a socket that could not be
-    // bound is open all the same, and sends.
+    // Opens the socket and binds it to the discovery port; does nothing when that was done before. Returns 0 or an
+    // error number; a socket that could not be bound is open all the same, and sends. Another one takes its place when
+    // a later call has more luck.
     int Open();
-    bool IsOpen() const { return socket_ >= 0; }
 
     // Joins the group on each interface with one of these addresses; harmless where it was joined already, or cannot
     // be. What was joined stays so, until the system allows no more (igmp_max_memberships): then those of interfaces
-    // that have gone, or have lost the address, make room.
-    void Join(in_addr group, const std::vector<in_addr>& interfaces);
+    // that have gone, or have lost the address, make room, and after that further sockets do. These hold memberships
+    // and nothing else, for the system gives a socket the datagrams of groups that others of its machine have joined.
+    // False when there is no room all the same.
+    bool Join(in_addr group, const std::vector<in_addr>& interfaces);
     // Has datagrams to the group leave by the interface with that address. False when there is none.
     bool SelectInterface(in_addr address);
     // Sends one datagram to the discovery port at `to`. Returns 0 or an error number.
@@ -53,12 +56,17 @@ private:
         in_addr group;
         in_addr address;
         unsigned interface;
+        int socket;
     };
 
-    bool JoinEach(in_addr group, const std::vector<in_addr>& interfaces);
+    bool JoinEach(in_addr group, const std::vector<in_addr>& interfaces, bool mayOpen);
+    int JoinOn(int socket, in_addr group, in_addr address, unsigned interface);
     bool LeaveVanished();
+    void LeaveAll();
 
-    int socket_ = -1;
+    std::atomic<int> socket_{-1};  // once it is open, its number stays the same
+    bool isBound_ = false;
+    std::vector<int> further_;
     std::vector<Membership> memberships_;
 };
 

@@ -106,16 +106,41 @@ TEST_F(AnAnnouncer, SpeaksAtOnceHoweverLongTheMachineIsUp) {
     EXPECT_EQ(first_.size(), 2U);
 }
 
-TEST_F(AnAnnouncer, UsesAnInterfaceThatAppearsFromTheNextAnnouncementOn) {
+TEST_F(AnAnnouncer, AnnouncesAnAddressThatComesOrGoesWithinTwoSecondsAndNotMoreOftenThanOnceASecond) {
     Start({});
     EXPECT_TRUE(first_.empty());
     network_->Receive("10.0.0.9", search);
     EXPECT_EQ(SentTo(), Names{});
     network_->SetInterfaces({"10.0.0.1"});
-    EXPECT_EQ(AnnouncementsWithin(22000), 1);
+    EXPECT_EQ(AnnouncementsWithin(2000), 1);
     EXPECT_TRUE(network_->IsJoined("10.0.0.1"));
     network_->Receive("10.0.0.9", search);
     EXPECT_EQ(SentTo(), Names{"10.0.0.9"});
+    EXPECT_EQ(AnnouncementsWithin(17000), 0);
+    EXPECT_EQ(AnnouncementsWithin(3000), 1);
+    const uint32_t start = network_->now();
+    unsigned count = 0;
+    for (unsigned i = 0; i < 100; ++i) {
+        network_->SetInterfaces({i % 2 ? "10.0.0.1" : "10.0.0.2"});
+        network_->Receive("10.0.0.9", "");  // has the thread look
+        count += static_cast<unsigned>(AnnouncementsWithin(100));
+    }
+    EXPECT_GE(count, 3U);
+    EXPECT_LE(count, (network_->now() - start) / 1000 + 1);
+}
+
+TEST(OtherDirectories, AreNewsOnceAnHourAndNotInAnyNumber) {
+    kel::discovery::OtherDirectories others;
+    const uint32_t start = 0u - 1000;
+    EXPECT_TRUE(others.IsNews("a", start));
+    EXPECT_FALSE(others.IsNews("a", start + 5000));
+    for (int i = 0; i < 100; ++i) others.IsNews("b" + std::to_string(i), start + 6000);
+    EXPECT_TRUE(others.IsFull());
+    EXPECT_FALSE(others.IsNews("c", start + 6000));
+    others.Forget(start + 3600 * 1000 - 1);
+    EXPECT_FALSE(others.IsNews("a", start + 3600 * 1000 - 1));
+    others.Forget(start + 3600 * 1000);
+    EXPECT_TRUE(others.IsNews("a", start + 3600 * 1000));
 }
 
 TEST_F(AnAnnouncer, SaysFarewellOnEachNetworkAndNothingAfterIt) {

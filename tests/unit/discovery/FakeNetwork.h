@@ -85,7 +85,6 @@ public:
     // --- The announcer's side ---
 
     int Open() override { return 0; }
-    bool IsOpen() const override { return true; }
     in_addr Group() const override { return Address("239.255.255.251"); }
 
     std::vector<in_addr> LocalAddresses() override {
@@ -98,9 +97,10 @@ public:
         PMutexHold hold(lock_);
         return route_;
     }
-    void Join(const std::vector<in_addr>& interfaces) override {
+    bool Join(const std::vector<in_addr>& interfaces) override {
         PMutexHold hold(lock_);
         for (const in_addr interface : interfaces) joined_.insert(Text(interface));
+        return true;
     }
     bool SelectInterface(in_addr address) override {
         PMutexHold hold(lock_);

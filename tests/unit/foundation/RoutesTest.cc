@@ -4,11 +4,9 @@
 
 #include <arpa/inet.h>
 
-#include <map>
 #include <string>
 
 using namespace yar::networkutils;
-using kel::platform::InterfaceNet;
 using kel::platform::RouteEntry;
 
 namespace {
@@ -29,19 +27,21 @@ protected:
     }
 
     std::vector<Route> Routes() const {
-        return UsableRoutes(table_, [](unsigned index) -> std::optional<InterfaceNet> {
-            if (index == 0) return std::nullopt;
-            return InterfaceNet{in_addr{htonl(0x0a000000 + index)}, Address("255.255.255.0")};
-        });
+        std::unordered_map<unsigned, InterfaceNet> nets;
+        for (unsigned index = 1; index < 10; ++index) {
+            nets[index] = {in_addr{htonl(0x0a000000 + index)}, Address("255.255.255.0")};
+        }
+        return UsableRoutes(table_, nets);
     }
 
     // The interface that is chosen; 0 for none.
     int Interface(const char* destination) const {
-        const std::vector<Route> routes = Routes();
-        const Route* const route = RouteTo(routes, Address(destination));
-        if (!route) return 0;
-        EXPECT_EQ(route->mask, "255.255.255.0");
-        return std::stoi(route->ip.substr(route->ip.rfind('.') + 1));
+        const RouteChoice choice(Routes());
+        const RouteChoice::Interface* const interface = choice.To(Address(destination));
+        EXPECT_EQ(choice.To(Address(destination)), interface) << "what it remembers is another";
+        if (!interface) return 0;
+        EXPECT_EQ(interface->mask, "255.255.255.0");
+        return std::stoi(interface->ip.substr(interface->ip.rfind('.') + 1));
     }
 
     std::vector<RouteEntry> table_;
