@@ -27,6 +27,7 @@ constexpr int nameIsTaken = 0x40010;  // the directory's answer to "Register"
 constexpr std::chrono::seconds standingPeriod{10};
 constexpr std::chrono::seconds foundTimeout{2};  // of an address that may be out of reach, while others wait
 constexpr long registrationGraceMs = 2000;
+constexpr size_t maxKeptBytes = 64 * 1024;  // of the answer that a thread gave last
 
 constexpr const char* availabilityMethod = "OnServiceAvailabilityChanged";
 
@@ -250,6 +251,11 @@ int KelSatellite::Impl::RemoveService(const char* name) {
 void KelSatellite::Impl::OnCall(const ConnectionPtr& connection, wire::Message& call) {
     const bool wantsAnswer = call.kind == wire::MessageKind::request;
     thread_local std::string bytes;
+    const struct Large {  // is given back; there may be hundreds of threads
+        ~Large() {
+            if (bytes.capacity() > maxKeptBytes) bytes = std::string();
+        }
+    } givenBack;
     ScopedVariant out;
     int code = 0;
     CStdStr problem;

@@ -1,18 +1,24 @@
 #include "rpc/transport/Endpoint.h"
 
 #include "rpc/KelSatellite.h"
+#include "rpc/LibraryLog.h"
+#include "rpc/transport/Quietly.h"
 #include "rpc/wire/Codec.h"
 
 #include <boost/asio/post.hpp>
 
 #include <algorithm>
 #include <thread>
+#include <vector>
 
 namespace kel::transport {
 
 namespace {
 constexpr std::chrono::seconds lastAnswersTimeout{5};  // for peers to read what methods answered last
 constexpr int maxPortsTried = 100;
+constexpr std::chrono::seconds lookPeriod{5};
+constexpr int maxLooks = maxStall / lookPeriod;
+constexpr std::chrono::minutes cutWarningPeriod{1};
 }  // namespace
 
 Endpoint::Endpoint(CallReceiver& receiver)
@@ -24,7 +30,8 @@ Endpoint::Endpoint(CallReceiver& receiver)
           pool_, [this](Socket socket) { OnAccepted(std::move(socket)); },
           [this](const auto& shortage) { outbound_.MakeRoom(shortage); }),
       outbound_(pool_, [this](Socket socket, const std::string& peer) { return Adopt(std::move(socket), peer); }),
-      timer_(pool_.io().get_executor()) {}
+      timer_(pool_.io().get_executor()),
+      lookTimer_(pool_.io().get_executor()) {}
 
 Endpoint::~Endpoint() { Close(); }
 
@@ -73,6 +80,79 @@ void Endpoint::OnClosed(const ConnectionPtr& connection) {
     outbound_.Forget(connection);
     PMutexHold hold(lock_);
     connections_.erase(connection);
+}
+
+// Peers that owe the rest of a message, or do not read, hold too much together.
+void Endpoint::OnBuffersOver() {
+    while (memory_.BuffersAreOver()) {
+        const ConnectionPtr largest = WriteOffLargest();
+        if (!largest) return;
+        largest->Cut("others need the memory");
+    }
+}
+
+ConnectionPtr Endpoint::WriteOffLargest() {
+    ConnectionPtr largest;
+    ptrdiff_t held = 0;
+    bool warn = false;
+    {
+        PMutexHold hold(lock_);
+        for (const ConnectionPtr& connection : connections_) {
+            if (connection->bufferBytes() <= held) continue;
+            held = connection->bufferBytes();
+            largest = connection;
+        }
+        if (!largest) return nullptr;
+        largest->WriteOff();
+        const Deadline now = std::chrono::steady_clock::now();
+        warn = now >= nextCutWarning_;
+        if (warn) nextCutWarning_ = now + cutWarningPeriod;
+    }
+    if (warn) {
+        Quietly([&] {
+            CBBLog::warn(LibraryLogger(),
+                         "libkel: unfinished messages and unread answers take more than %zu MiB; those that hold the "
+                         "most are disconnected, %s with %zu MiB first",
+                         maxBufferBytes >> 20, largest->peer().c_str(), static_cast<size_t>(held) >> 20);
+        });
+    }
+    return largest;
+}
+
+void Endpoint::OnUnfinished() {
+    if (!looking_.load(std::memory_order_relaxed) && !looking_.exchange(true)) pool_.Do(armLook_);
+}
+
+void Endpoint::ArmLook() {
+    PMutexHold hold(timerLock_);
+    lookTimer_.expires_after(lookPeriod);
+    lookTimer_.async_wait([this](const boost::system::error_code& cancelled) {
+        if (!cancelled) LookAtUnfinished();
+    });
+}
+
+// Cuts connections whose peers have owed the same bytes for maxStall. Looks are counted, not time: while this process
+// stands still, nobody can do anything about it.
+void Endpoint::LookAtUnfinished() {
+    looking_ = false;  // first, so that whoever is unfinished from here on sees to the next look
+    bool again = false;
+    std::vector<ConnectionPtr> stalled;
+    {
+        PMutexHold hold(lock_);
+        for (const ConnectionPtr& connection : connections_) {
+            const int looks = connection->LookAtUnfinished();
+            again |= looks > 0;
+            if (looks > maxLooks) Quietly([&] { stalled.push_back(connection); });
+        }
+    }
+    if (again) OnUnfinished();
+    if (stalled.empty()) return;
+    Quietly([&] {
+        CBBLog::warn(LibraryLogger(),
+                     "libkel: disconnecting %zu peers that sent nothing more of a message for %lld s: %s",
+                     stalled.size(), static_cast<long long>(maxStall.count()), stalled.front()->peer().c_str());
+    });
+    for (const ConnectionPtr& connection : stalled) connection->Close("the rest of a message did not come");
 }
 
 // Runs `code` as a method is run; false, without running it, when the endpoint is quiescing.
@@ -163,6 +243,7 @@ void Endpoint::Close() {
     for (const ConnectionPtr& connection : connections) connection->Close("this endpoint closes");
     outbound_.Close();
     pool_.Stop();
+    memory_.Close();
 }
 
 }  // namespace kel::transport

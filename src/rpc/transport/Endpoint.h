@@ -4,6 +4,7 @@
 #include "foundation/Locks.h"
 #include "rpc/transport/Connection.h"
 #include "rpc/transport/Listener.h"
+#include "rpc/transport/MemoryBudget.h"
 #include "rpc/transport/Outbound.h"
 #include "rpc/transport/WorkerPool.h"
 
@@ -53,6 +54,12 @@ public:
 private:
     void OnCall(const ConnectionPtr& connection, wire::Message& call) override;
     void OnClosed(const ConnectionPtr& connection) override;
+    MemoryBudget& memory() override { return memory_; }
+    void OnBuffersOver() override;
+    void OnUnfinished() override;
+    ConnectionPtr WriteOffLargest();
+    void ArmLook();
+    void LookAtUnfinished();
     ConnectionPtr Adopt(Socket socket, const std::string& peer);
     void OnAccepted(Socket socket);
     bool HasBacklog();
@@ -61,6 +68,7 @@ private:
     void ArmTimer();
 
     CallReceiver& receiver_;
+    MemoryBudget memory_{[this] { pool_.TidySoon(); }};
     WorkerPool pool_;
     Listener listener_;
     Listener loopback_;  // where the other one is bound to another address
@@ -76,9 +84,14 @@ private:
     PMutex timerLock_;
     Timer timer_ GUARDED_BY(timerLock_);
 
+    std::atomic<bool> looking_{false};  // at unfinished messages, from time to time
+    WorkerPool::Chore armLook_{[this] { ArmLook(); }};
+    Timer lookTimer_ GUARDED_BY(timerLock_);
+
     PMutex lock_;
     std::unordered_set<ConnectionPtr> connections_ GUARDED_BY(lock_);
     bool closed_ GUARDED_BY(lock_) = false;
+    Deadline nextCutWarning_ GUARDED_BY(lock_){};
 };
 
 }  // namespace kel::transport

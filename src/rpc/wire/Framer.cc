@@ -12,6 +12,8 @@
 //   ends at position_.
 // - textsEnd_ is where the latest array of texts ends. Its payload is not skipped: the texts in it are walked, since
 //   only their headers tell how many they are. texts_ counts them.
+// - kindAt_ is where the header of the message's kind stands and, once that has been walked, the last byte of the number;
+//   0 when it is none.
 // - decoded_ is what the message takes of memory, as far as it has been walked.
 //
 // The outer two levels, the message and its [caller, in], [rc, out] or [code, message], are no part of a variant, and
@@ -46,6 +48,7 @@ Framer::Status Framer::Scan(const char* data, size_t size) {
 void Framer::Reset() {
     position_ = 0;
     textsEnd_ = 0;
+    kindAt_ = 0;
     awaited_ = 1;
     depth_ = 0;
     decoded_ = {};
@@ -90,6 +93,11 @@ bool Framer::Take(const Header& header) {
     const size_t position = position_ + header.size + (isArray ? 0 : header.count);
     const size_t awaited = awaited_ - 1 + (isArray ? header.count : 0);
     if (position + awaited > maxMessageBytes || !CountMemory(header)) return false;
+    if (position_ == 0) {
+        kindAt_ = position;
+    } else if (position_ == kindAt_) {
+        kindAt_ = header.family == Family::scalar ? position - 1 : 0;
+    }
     position_ = position;
     awaited_ = awaited;
     if (header.family == Family::ext && header.extType == textArrayExt) {

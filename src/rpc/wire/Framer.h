@@ -29,6 +29,9 @@ public:
     // After `complete`: what the message will take of memory once it is decoded.
     size_t decodedBytes() const { return decoded_.bytes(); }
 
+    // After `complete`: whether `data`, that of the message, says that it is of this kind. It may be no message yet.
+    bool Is(MessageKind kind, const char* data) const { return data[kindAt_] == static_cast<char>(kind); }
+
     // Starts the next message.
     void Reset();
 
@@ -40,6 +43,7 @@ private:
     // src/rpc/wire/Framer.cc explains the state.
     size_t position_ = 0;
     size_t textsEnd_ = 0;
+    size_t kindAt_ = 0;
     size_t awaited_ = 1;
     unsigned depth_ = 0;
     std::array<uint32_t, maxNesting + 2> rest_{};  // in use: [0, depth_)
