@@ -48,12 +48,15 @@ using asio::ip::tcp;
 namespace {
 
 constexpr const char* noMessage = "the peer sent what is not a message";
-constexpr size_t smallInput = 4096;
+constexpr size_t smallInput = 1024;        // of a connection that is idle, or gets small messages one by one
+constexpr size_t ordinaryInput = 4096;     // of one that gets more at once
 constexpr size_t largeInput = 256 * 1024;  // a buffer that grew beyond this is given back once it is empty
 constexpr ptrdiff_t writtenOff = ptrdiff_t{1} << 48;
 
 // What a buffer counts towards the budget; every connection has a small one.
 ptrdiff_t Counting(size_t capacity) { return capacity > smallInput ? static_cast<ptrdiff_t>(capacity) : 0; }
+
+std::atomic<uint64_t> uses{0};  // of connections
 
 // Counts a call for as long as it lives.
 class Counted {
@@ -74,9 +77,10 @@ struct Connection::ReadHandler {
     void operator()(const boost::system::error_code& error, size_t size) const { connection->OnRead(error, size); }
 };
 
-Connection::Connection(Socket socket, ConnectionOwner& owner, std::string peer)
+Connection::Connection(Socket socket, ConnectionOwner& owner, std::string peer, Opener opener)
     : owner_(owner),
       peer_(std::move(peer)),
+      opener_(opener),
       descriptor_(socket.native_handle()),
       socket_(std::move(socket)),
       stallTimer_(socket_.get_executor()) {
@@ -115,6 +119,8 @@ void Connection::StartRead() {
     const auto space = asio::buffer(input_.get() + end_, capacity_ - end_);
     const bool isUnfinished = end_ > begin_;
     if (isUnfinished) unfinished_ = 1;
+    awaitsMessage_ = true;
+    lastUse_.store(uses.fetch_add(1, std::memory_order_relaxed), std::memory_order_relaxed);
     bool reads = false;
     {
         PMutexHold hold(lock_);
@@ -132,8 +138,13 @@ void Connection::StartRead() {
 void Connection::MakeRoom() {
     const size_t waiting = end_ - begin_;
     if (waiting == 0) {
+        const bool wasFull = end_ == capacity_;
         begin_ = end_ = 0;
-        if (capacity_ == 0 || capacity_ > largeInput) SetCapacity(smallInput);
+        if (capacity_ == 0 || capacity_ > largeInput) {
+            SetCapacity(smallInput);
+        } else if (wasFull && capacity_ < ordinaryInput) {
+            SetCapacity(ordinaryInput);
+        }
         return;
     }
     if (end_ < capacity_) return;
@@ -142,7 +153,7 @@ void Connection::MakeRoom() {
         begin_ = 0;
         end_ = waiting;
     } else {
-        SetCapacity(capacity_ * 2);
+        SetCapacity(std::max(capacity_ * 2, ordinaryInput));
     }
 }
 
@@ -166,10 +177,10 @@ void Connection::DropInput() {
 
 void Connection::OnRead(const boost::system::error_code& error, size_t size) {
     if (unfinished_.load(std::memory_order_relaxed) != 0) unfinished_ = 0;
-    if (error) {
+    if (!awaitsMessage_.exchange(false) || error) {
         DropInput();
         OrFail([&] { Close(error == asio::error::eof ? "the peer hung up" : error.message().c_str()); });
-        return;
+        return;  // without an error: CloseIfIdle was faster
     }
     end_ += size;
     OrFail([this] { ProcessInput(); });
@@ -603,11 +614,25 @@ void Connection::End(Say&& say) {
     for (const Drain& drain : undrained) drain.closed();
 }
 
+bool Connection::IsIdle() {
+    const bool isUsed = openedByPeer() || used_;
+    if (closed_ || !isUsed || !awaitsMessage_ || outstanding_ > 0 || notificationBytes_ > 0 || HasBacklog())
+        return false;
+    PMutexHold hold(callsLock_);
+    return calls_.empty();
+}
+
+// Whether the system has bytes of the peer that have not been read.
+bool Connection::HasUnread() {
+    char byte;
+    return ::recv(descriptor_, &byte, 1, MSG_PEEK | MSG_DONTWAIT) > 0;
+}
+
 bool Connection::CloseIfIdle() {
-    if (!used_ || outstanding_ > 0 || HasBacklog()) return false;
+    if (!IsIdle() || HasUnread()) return false;
     {
         PMutexHold hold(callsLock_);
-        if (!calls_.empty()) return false;
+        if (!calls_.empty() || !awaitsMessage_.exchange(false)) return false;
         callsClosed_ = true;
     }
     gaveRoom_ = true;

@@ -53,8 +53,9 @@ public:
 // members may be called from any thread.
 class Connection : public std::enable_shared_from_this<Connection> {
 public:
+    enum class Opener { peer, us };
     // `peer` names the other side in log lines: "address:port".
-    Connection(Socket socket, ConnectionOwner& owner, std::string peer);
+    Connection(Socket socket, ConnectionOwner& owner, std::string peer, Opener opener);
     ~Connection();
 
     // Begins to read. Once, after construction.
@@ -86,9 +87,13 @@ public:
     // level.
     void Close(const char* reason);
 
-    // Closes it if it has been used and nothing is under way in either direction; a call that comes later finds it
-    // closed. Returns whether.
+    // Whether nothing is under way in either direction but, at the most, a message that is not complete. One that was
+    // opened here is not idle before it has been used.
+    bool IsIdle();
+    // Closes it if it is idle; a call that comes later finds it closed. Returns whether.
     bool CloseIfIdle();
+    // Larger the later it was that its peer sent something.
+    uint64_t lastUse() const { return lastUse_.load(std::memory_order_relaxed); }
 
     // What its buffers hold; 0 once it has been written off.
     ptrdiff_t bufferBytes() const { return std::max<ptrdiff_t>(bufferBytes_, 0); }
@@ -108,6 +113,7 @@ public:
     const std::string& peer() const { return peer_; }
     // The other side's address, in network order.
     in_addr peerAddress() const { return peerAddress_; }
+    bool openedByPeer() const { return opener_ == Opener::peer; }
     bool closed() const { return closed_; }
     // Whether CloseIfIdle has closed it.
     bool gaveRoom() const { return gaveRoom_; }
@@ -115,6 +121,7 @@ public:
 private:
     struct ReadHandler;
     enum class Frame { incomplete, complete, malformed };
+    bool HasUnread();
 
     // Runs `work`; an exception ends the connection.
     template <typename Work>
@@ -160,12 +167,15 @@ private:
 
     ConnectionOwner& owner_;
     const std::string peer_;
+    const Opener opener_;
     int descriptor_;
     in_addr peerAddress_{};
     std::atomic<bool> closed_{false};
     std::atomic<bool> used_{false};  // something was sent
     std::atomic<bool> gaveRoom_{false};
     std::atomic<ptrdiff_t> bufferBytes_{0};
+    std::atomic<uint64_t> lastUse_{0};
+    std::atomic<bool> awaitsMessage_{false};  // or the rest of one; whoever clears it decides what becomes of it
     std::atomic<int> unfinished_{0};  // one more than it was looked at while the peer owes the same bytes; 0: none
 
     // The reading turn's: touched only by the thread that holds it.

@@ -11,6 +11,7 @@
 #include <chrono>
 #include <functional>
 #include <unordered_set>
+#include <vector>
 
 namespace kel::transport {
 
@@ -60,7 +61,12 @@ private:
     ConnectionPtr WriteOffLargest();
     void ArmLook();
     void LookAtUnfinished();
-    ConnectionPtr Adopt(Socket socket, const std::string& peer);
+    ConnectionPtr Adopt(Socket socket, const std::string& peer, Connection::Opener opener);
+    Listener::Room HasRoom();
+    bool MakeRoom(Connection::Opener forOneOf, const boost::system::error_code& shortage);
+    bool CloseIdleInbound();
+    std::vector<ConnectionPtr> LongestIdle() REQUIRES(lock_);
+    bool IsCrowded();
     void OnAccepted(Socket socket);
     bool HasBacklog();
     template <typename Code>
@@ -90,8 +96,13 @@ private:
 
     PMutex lock_;
     std::unordered_set<ConnectionPtr> connections_ GUARDED_BY(lock_);
+    size_t inbound_ GUARDED_BY(lock_) = 0;  // of them
     bool closed_ GUARDED_BY(lock_) = false;
     Deadline nextCutWarning_ GUARDED_BY(lock_){};
+    Deadline nextRoomWarning_ GUARDED_BY(lock_){};
+
+    std::atomic<bool> scarce_{false};    // a connection has touched the reserve of descriptors, now or once
+    std::atomic<bool> madeRoom_{false};  // for it, by closing others, whose descriptors may still be open
 };
 
 }  // namespace kel::transport
