@@ -1,5 +1,6 @@
 #include "host/commonMain.h"
 
+#include "foundation/FreeMemory.h"
 #include "host/YarModuleBase.h"
 
 #include <fcntl.h>
@@ -32,6 +33,7 @@ void TakeStandardDescriptors() {
 int commonMain(const std::vector<CStdStr>& args) {
     TakeStandardDescriptors();
     RaiseDescriptorLimit();
+    yar::KeepLittleFreeMemory();
     const std::unique_ptr<YarModuleBase> module(createYarModuleInstance());
     if (module->init(args)) {
         module->run();

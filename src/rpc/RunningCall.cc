@@ -15,8 +15,12 @@ using transport::Connection;
 using transport::ConnectionPtr;
 
 namespace {
+
+constexpr size_t maxKeptBytes = 64 * 1024;  // of the answer that a thread gave last
+
 thread_local RunningCall* current = nullptr;
-}
+
+}  // namespace
 
 RunningCall::RunningCall(const ConnectionPtr& connection, const wire::Message& call)
     : connection_(connection), call_(call), outer_(std::exchange(current, this)) {}
@@ -25,6 +29,11 @@ RunningCall::~RunningCall() { current = outer_; }
 
 void RunningCall::Run(const Method& method) {
     thread_local std::string bytes;
+    const struct Large {  // is given back; there may be hundreds of threads
+        ~Large() {
+            if (bytes.capacity() > maxKeptBytes) bytes = std::string();
+        }
+    } givenBack;
     ScopedVariant out;
     int code = 0;
     CStdStr problem;

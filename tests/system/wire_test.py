@@ -5,6 +5,7 @@ import pathlib
 import re
 import resource
 import select
+import socket
 import struct
 import sys
 import threading
@@ -358,15 +359,26 @@ class WithNobodyAtItsOutput(SystemTest):
 
 
 class WithFewDescriptors(SystemTest):
-    def test_accepting_goes_on_after_descriptors_ran_out(self):
-        directory = self.daemon().start(limit_files=40)
-        first = self.client(directory)
-        crowd = [directory.client() for _ in range(60)]
-        first.register("Recorder", self.satellite().port, [("Schedule", "")])
-        for client in crowd:
-            client.close()
-        with directory.client() as late:
-            self.assertEqual(late.providers("Schedule"), ["Recorder"])
+    def setUp(self):
+        self.directory = self.daemon().start(limit_files=128)
+        self.first = self.client(self.directory)
+        self.assertIsNotNone(self.first.id_of("MainRegister"))
+
+    def crowd(self, data):
+        """More connections than there are descriptors, from another address, each with `data` sent."""
+        for _ in range(200):
+            stranger = socket.create_connection(("127.0.0.1", self.directory.port), DEADLINE, ("127.0.0.9", 0))
+            self.addCleanup(stranger.close)
+            stranger.sendall(data)
+            yield stranger
+
+    def test_idle_strangers_give_way_to_who_comes_and_leave_files_their_descriptors(self):
+        strangers = [*self.crowd(b""), *self.crowd(b"\x94")]
+        with self.directory.client() as late:
+            late.register("Recorder", self.satellite().port, [("Schedule", "")])
+        self.assertEqual(self.first.providers("Schedule"), ["Recorder"])  # idle the longest, but not one of many
+        self.assertIn("Schedule", self.directory.satellite_file("Recorder"))
+        self.assertEqual(strangers[0].recv(1), b"")
 
 
 @unittest.skipIf(os.environ.get("KEL_SANITIZERS"), "sanitizers reserve more addresses than a limit leaves")

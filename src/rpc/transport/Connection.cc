@@ -9,7 +9,9 @@
 // which they came, since a sender relies on it: the first thread to get one runs those that arrive meanwhile too.
 //
 // With maxOutstandingCalls taken and not answered, or with many bytes of notifications waiting, the turn is put aside
-// (paused_) and whoever finishes a call picks it up.
+// (paused_) and whoever finishes a call picks it up. With a message at the front for which there is no memory, the turn
+// waits in the memory budget's queue (Afford) and is given back from there (GoOn). Notifications wait as the bytes that
+// they came in, since there may be many of them; who runs them waits for memory likewise.
 //
 // Writing. Bytes are written straight to the socket by the thread that has them. What the system does not take becomes
 // the backlog, and everything else queues behind it until the socket is writable again.
@@ -45,8 +47,16 @@ using asio::ip::tcp;
 
 namespace {
 
-constexpr size_t smallInput = 4096;
+constexpr const char* noMessage = "the peer sent what is not a message";
+constexpr size_t smallInput = 1024;        // of a connection that is idle, or gets small messages one by one
+constexpr size_t ordinaryInput = 4096;     // of one that gets more at once
 constexpr size_t largeInput = 256 * 1024;  // a buffer that grew beyond this is given back once it is empty
+constexpr ptrdiff_t writtenOff = ptrdiff_t{1} << 48;
+
+// What a buffer counts towards the budget; every connection has a small one.
+ptrdiff_t Counting(size_t capacity) { return capacity > smallInput ? static_cast<ptrdiff_t>(capacity) : 0; }
+
+std::atomic<uint64_t> uses{0};  // of connections
 
 // Counts a call for as long as it lives.
 class Counted {
@@ -67,9 +77,10 @@ struct Connection::ReadHandler {
     void operator()(const boost::system::error_code& error, size_t size) const { connection->OnRead(error, size); }
 };
 
-Connection::Connection(Socket socket, ConnectionOwner& owner, std::string peer)
+Connection::Connection(Socket socket, ConnectionOwner& owner, std::string peer, Opener opener)
     : owner_(owner),
       peer_(std::move(peer)),
+      opener_(opener),
       descriptor_(socket.native_handle()),
       socket_(std::move(socket)),
       stallTimer_(socket_.get_executor()) {
@@ -81,6 +92,8 @@ Connection::Connection(Socket socket, ConnectionOwner& owner, std::string peer)
     yar::networkutils::GiveUpOnDeadPeers(descriptor_, static_cast<unsigned>(maxStall.count()));
     socket_.non_blocking(true, ignored);
 }
+
+Connection::~Connection() { CountBuffers(-bufferBytes()); }
 
 void Connection::Start() {
     OrFail([this] { StartRead(); });
@@ -104,38 +117,70 @@ void Connection::OrFail(Work&& work) {
 void Connection::StartRead() {
     MakeRoom();
     const auto space = asio::buffer(input_.get() + end_, capacity_ - end_);
-    PMutexHold hold(lock_);
-    if (!closed_) socket_.async_read_some(space, ReadHandler{shared_from_this()});
+    const bool isUnfinished = end_ > begin_;
+    if (isUnfinished) unfinished_ = 1;
+    awaitsMessage_ = true;
+    lastUse_.store(uses.fetch_add(1, std::memory_order_relaxed), std::memory_order_relaxed);
+    bool reads = false;
+    {
+        PMutexHold hold(lock_);
+        reads = !closed_;
+        if (reads) socket_.async_read_some(space, ReadHandler{shared_from_this()});
+    }
+    if (!reads) {
+        DropInput();
+    } else if (isUnfinished) {
+        owner_.OnUnfinished();
+    }
 }
 
 // Leaves free space behind the bytes that wait for the rest of their message.
 void Connection::MakeRoom() {
     const size_t waiting = end_ - begin_;
     if (waiting == 0) {
+        const bool wasFull = end_ == capacity_;
         begin_ = end_ = 0;
         if (capacity_ == 0 || capacity_ > largeInput) {
-            input_.reset(new char[smallInput]);
-            capacity_ = smallInput;
+            SetCapacity(smallInput);
+        } else if (wasFull && capacity_ < ordinaryInput) {
+            SetCapacity(ordinaryInput);
         }
         return;
     }
     if (end_ < capacity_) return;
     if (begin_ >= capacity_ / 2) {
         std::memmove(input_.get(), input_.get() + begin_, waiting);
+        begin_ = 0;
+        end_ = waiting;
     } else {
-        std::unique_ptr<char[]> larger(new char[capacity_ * 2]);
-        std::memcpy(larger.get(), input_.get() + begin_, waiting);
-        input_ = std::move(larger);
-        capacity_ *= 2;
+        SetCapacity(std::max(capacity_ * 2, ordinaryInput));
     }
-    begin_ = 0;
-    end_ = waiting;
+}
+
+// Gives the bytes that wait another buffer, in which they have room.
+void Connection::SetCapacity(size_t capacity) {
+    CountBuffers(Counting(capacity) - Counting(capacity_));
+    if (end_ == begin_) input_.reset();
+    std::unique_ptr<char[]> other(new char[capacity]);
+    if (end_ > begin_) std::memcpy(other.get(), input_.get() + begin_, end_ - begin_);
+    input_ = std::move(other);
+    end_ -= std::exchange(begin_, 0);
+    capacity_ = capacity;
+}
+
+// Of a connection that has closed.
+void Connection::DropInput() {
+    CountBuffers(-Counting(std::exchange(capacity_, 0)));
+    input_.reset();
+    begin_ = end_ = 0;
 }
 
 void Connection::OnRead(const boost::system::error_code& error, size_t size) {
-    if (error) {
+    if (unfinished_.load(std::memory_order_relaxed) != 0) unfinished_ = 0;
+    if (!awaitsMessage_.exchange(false) || error) {
+        DropInput();
         OrFail([&] { Close(error == asio::error::eof ? "the peer hung up" : error.message().c_str()); });
-        return;
+        return;  // without an error: CloseIfIdle was faster
     }
     end_ += size;
     OrFail([this] { ProcessInput(); });
@@ -157,29 +202,39 @@ Connection::Frame Connection::LookForMessage() {
 // Decodes the complete message at the front of the buffer; false when it is none after all.
 bool Connection::TakeMessage(wire::Message& message) {
     const bool good = wire::Decode(input_.get() + begin_, framer_.length(), message);
+    SkipMessage();
+    return good;
+}
+
+void Connection::SkipMessage() {
     begin_ += framer_.length();
     framer_.Reset();
-    return good;
 }
 
 void Connection::ProcessInput() {
     for (;;) {
         const Frame frame = LookForMessage();
         if (frame == Frame::incomplete) return StartRead();
-        wire::Message message;
-        const size_t length = framer_.length();
-        if (frame == Frame::malformed || !TakeMessage(message)) return Close("the peer sent what is not a message");
+        if (frame == Frame::malformed) return Close(noMessage);
 
-        if (message.kind == wire::MessageKind::response) {
-            CompleteCall(message);
+        if (framer_.Is(wire::MessageKind::notification, input_.get() + begin_)) {
+            const bool runs = QueueNotification({input_.get() + begin_, framer_.length()});
+            SkipMessage();
+            const bool paused = PauseIfFull();
+            if (runs) {
+                if (!paused) PassReadingTurn();
+                return RunNotifications();
+            }
+            if (paused) return;  // another thread runs it in its order
             continue;
         }
+        MemoryBudget::Share share;
+        const bool isResponse = framer_.Is(wire::MessageKind::response, input_.get() + begin_);
+        if (!isResponse && !Afford(framer_, MemoryBudget::Turn::reading, share)) return;
+        wire::Message message;
+        if (!TakeMessage(message)) return Close(noMessage);
         if (message.kind == wire::MessageKind::request) return RunRequest(message);
-        if (QueueNotification(message, length)) {
-            if (!PauseIfFull()) PassReadingTurn();
-            return RunNotifications();
-        }
-        if (PauseIfFull()) return;  // another thread runs it in its order
+        CompleteCall(message);
     }
 }
 
@@ -226,29 +281,119 @@ void Connection::EndLateCall() {
 // --- Notifications -------------------------------------------------------------------------------------------------
 
 // True when the caller is to run what is queued.
-bool Connection::QueueNotification(wire::Message& message, size_t size) {
-    notificationBytes_ += size;
-    PMutexHold hold(notificationLock_);
-    notifications_.push_back({std::move(message), size});
-    return !std::exchange(runningNotifications_, true);
+bool Connection::QueueNotification(std::string_view bytes) {
+    notificationBytes_ += bytes.size();
+    ptrdiff_t growth = 0;
+    bool runs = false;
+    {
+        PMutexHold hold(notificationLock_);
+        growth = -Counting(notifications_.capacity());
+        notifications_.append(bytes);
+        growth += Counting(notifications_.capacity());
+        runs = !std::exchange(runningNotifications_, true);
+    }
+    CountBuffers(growth);
+    return runs;
 }
 
 void Connection::RunNotifications() {
-    for (;;) {
-        Notification next;
-        {
-            PMutexHold hold(notificationLock_);
-            if (notifications_.empty()) {
-                runningNotifications_ = false;
-                return;
-            }
-            next = std::move(notifications_.front());
-            notifications_.pop_front();
-        }
-        owner_.OnCall(shared_from_this(), next.message);
-        notificationBytes_ -= next.size;
+    wire::Framer framer;
+    while (LookForNotification(framer)) {
+        MemoryBudget::Share share;
+        if (!Afford(framer, MemoryBudget::Turn::notifications, share)) return;
+        wire::Message message;
+        if (TakeNotification(framer.length(), message)) owner_.OnCall(shared_from_this(), message);
+        notificationBytes_ -= framer.length();
         Resume();
     }
+}
+
+// Measures the notification that is next; false when there is none, and the caller no longer runs them.
+bool Connection::LookForNotification(wire::Framer& framer) {
+    PMutexHold hold(notificationLock_);
+    runningNotifications_ = !notifications_.empty();
+    if (!runningNotifications_) return false;
+    framer.Reset();
+    (void)framer.Scan(notifications_.data() + notificationsBegin_, notifications_.size() - notificationsBegin_);
+    return true;
+}
+
+// Takes the next notification, of `length` bytes, off the queue. False when it has been forgotten meanwhile, or is no
+// message, whereupon the connection closes.
+bool Connection::TakeNotification(size_t length, wire::Message& message) {
+    std::string bytes;
+    ptrdiff_t growth = 0;
+    {
+        PMutexHold hold(notificationLock_);
+        if (notifications_.empty()) return false;
+        bytes = notifications_.substr(notificationsBegin_, length);
+        notificationsBegin_ += length;
+        if (notificationsBegin_ == notifications_.size()) {
+            growth = ClearNotifications();
+        } else if (notificationsBegin_ > notifications_.size() / 2) {
+            notifications_.erase(0, std::exchange(notificationsBegin_, 0));
+        }
+    }
+    CountBuffers(growth);
+    if (wire::Decode(bytes.data(), bytes.size(), message)) return true;
+    Cut(noMessage);
+    return false;
+}
+
+// Returns how much less they hold than before, as a negative number.
+ptrdiff_t Connection::ClearNotifications() {
+    const ptrdiff_t held = Counting(notifications_.capacity());
+    notifications_ = std::string();
+    notificationsBegin_ = 0;
+    return -held;
+}
+
+// --- Memory --------------------------------------------------------------------------------------------------------
+
+void Connection::CountBuffers(ptrdiff_t change) {
+    if (change == 0 || bufferBytes_.fetch_add(change) < 0) return;
+    owner_.memory().CountBuffers(change);
+    if (change > 0 && owner_.memory().BuffersAreOver()) owner_.OnBuffersOver();
+}
+
+void Connection::WriteOff() {
+    const ptrdiff_t held = bufferBytes_.fetch_sub(writtenOff);
+    if (held > 0) owner_.memory().CountBuffers(-held);
+}
+
+void Connection::Cut(const char* reason) {
+    ptrdiff_t growth = 0;
+    {
+        PMutexHold hold(notificationLock_);
+        growth = ClearNotifications();
+    }
+    CountBuffers(growth);
+    Close(reason);
+}
+
+// Takes a share for the complete message that `message` has found. False when there is none now: the turn is no longer
+// the caller's, and goes on by itself once there is.
+bool Connection::Afford(const wire::Framer& message, MemoryBudget::Turn turn, MemoryBudget::Share& share) {
+    if (message.decodedBytes() <= smallCallBytes) return true;
+    share = std::move(turn == MemoryBudget::Turn::reading ? readShare_ : notificationShare_);
+    return share || owner_.memory().Take(2 * message.decodedBytes(), share, shared_from_this(), turn);
+}
+
+void Connection::GoOn(MemoryBudget::Turn turn, MemoryBudget::Share share) {
+    OrFail([&] {
+        const bool reads = turn == MemoryBudget::Turn::reading;
+        PMutexHold hold(lock_);
+        if (reads && closed_) return;
+        (reads ? readShare_ : notificationShare_) = std::move(share);
+        asio::post(socket_.get_executor(), [self = shared_from_this(), reads] {
+            self->OrFail([&] { reads ? self->ProcessInput() : self->RunNotifications(); });
+        });
+    });
+}
+
+int Connection::LookAtUnfinished() {
+    int looks = unfinished_;
+    return looks > 0 && unfinished_.compare_exchange_strong(looks, looks + 1) ? looks : 0;
 }
 
 // --- Writing -------------------------------------------------------------------------------------------------------
@@ -261,6 +406,7 @@ Connection::Sent Connection::Send(std::string_view bytes, Bytes what) {
 }
 
 Connection::Sent Connection::WriteOrQueue(std::string_view bytes, Bytes what) {
+    ptrdiff_t growth = -1;
     {
         PMutexHold hold(lock_);
         if (closed_) return Sent::closed;
@@ -268,16 +414,26 @@ Connection::Sent Connection::WriteOrQueue(std::string_view bytes, Bytes what) {
         if (first && WriteSome(bytes) && bytes.empty()) return Sent::sent;
         if (what == Bytes::call || backlog_.size() - backlogSent_ <= maxBacklogBytes) {
             backlog_.append(bytes);
+            growth = what == Bytes::answer ? CountBacklog(backlog_.capacity()) : 0;
             if (first) {
                 StartWriteWait();
                 ArmStallTimer();
             }
-            return Sent::queued;
         }
+    }
+    if (growth >= 0) {
+        CountBuffers(growth);
+        return Sent::queued;
     }
     CBBLog::warn(LibraryLogger(), "libkel: %s does not read its answers; disconnecting it", peer_.c_str());
     Close("too many answers wait");
     return Sent::closed;
+}
+
+// Has the backlog counted with so many bytes and returns how many more that is. Bytes of calls count only where answers
+// are among them.
+ptrdiff_t Connection::CountBacklog(size_t bytes) {
+    return static_cast<ptrdiff_t>(bytes) - static_cast<ptrdiff_t>(std::exchange(backlogCounted_, bytes));
 }
 
 // Writes what the system takes and cuts it off the front of `bytes`. An error is left to the next read to find.
@@ -330,6 +486,7 @@ ssize_t Connection::WriteBacklog() {
 void Connection::OnWritable(const boost::system::error_code& error) {
     if (error) return;
     std::vector<Drain> ready;
+    ptrdiff_t growth = 0;
     {
         PMutexHold hold(lock_);
         if (closed_) return;
@@ -347,9 +504,11 @@ void Connection::OnWritable(const boost::system::error_code& error) {
         }
         backlog_ = std::string();
         backlogSent_ = 0;
+        growth = CountBacklog(0);
         stallTimer_.cancel();
         ready.swap(drains_);
     }
+    CountBuffers(growth);
     for (const Drain& drain : ready) drain.drained();
 }
 
@@ -441,26 +600,44 @@ void Connection::Fail(const char* problem) {
 template <typename Say>
 void Connection::End(Say&& say) {
     std::vector<Drain> undrained;
+    ptrdiff_t growth = 0;
     {
         PMutexHold hold(lock_);
         if (closed_.exchange(true)) return;
         undrained.swap(drains_);
+        backlog_ = std::string();
+        growth = CountBacklog(0);
         boost::system::error_code ignored;
         socket_.shutdown(Socket::shutdown_both, ignored);
         socket_.cancel(ignored);
         stallTimer_.cancel();
     }
+    CountBuffers(growth);
     Quietly(say);
     owner_.OnClosed(shared_from_this());
     LoseCalls();
     for (const Drain& drain : undrained) drain.closed();
 }
 
+bool Connection::IsIdle() {
+    const bool isUsed = openedByPeer() || used_;
+    if (closed_ || !isUsed || !awaitsMessage_ || outstanding_ > 0 || notificationBytes_ > 0 || HasBacklog())
+        return false;
+    PMutexHold hold(callsLock_);
+    return calls_.empty();
+}
+
+// Whether the system has bytes of the peer that have not been read.
+bool Connection::HasUnread() {
+    char byte;
+    return ::recv(descriptor_, &byte, 1, MSG_PEEK | MSG_DONTWAIT) > 0;
+}
+
 bool Connection::CloseIfIdle() {
-    if (!used_ || outstanding_ > 0 || HasBacklog()) return false;
+    if (!IsIdle() || HasUnread()) return false;
     {
         PMutexHold hold(callsLock_);
-        if (!calls_.empty()) return false;
+        if (!calls_.empty() || !awaitsMessage_.exchange(false)) return false;
         callsClosed_ = true;
     }
     gaveRoom_ = true;

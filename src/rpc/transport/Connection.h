@@ -2,15 +2,16 @@
 #pragma once
 
 #include "foundation/Locks.h"
+#include "rpc/transport/MemoryBudget.h"
 #include "rpc/transport/Sockets.h"
 #include "rpc/wire/Framer.h"
 #include "rpc/wire/Message.h"
 
 #include <netinet/in.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <deque>
 #include <functional>
 #include <memory>
 #include <string>
@@ -20,13 +21,10 @@
 
 namespace kel::transport {
 
-class Connection;
-using ConnectionPtr = std::shared_ptr<Connection>;
-
 constexpr int maxOutstandingCalls = 1024;                       // requests of a connection; beyond them reading pauses
 constexpr size_t maxNotificationBytes = wire::maxMessageBytes;  // of notifications that wait; likewise
 constexpr size_t maxBacklogBytes = wire::maxMessageBytes;       // answers that the peer does not read
-constexpr std::chrono::seconds maxStall{30};                    // without progress while a backlog waits
+constexpr std::chrono::seconds maxStall{30};                    // without progress while either side waits for the rest
 
 // How a call that this side made ended.
 enum class CallEnd {
@@ -36,10 +34,15 @@ enum class CallEnd {
 };
 using AnswerHandler = std::function<void(CallEnd, wire::Message&)>;  // throws nothing when the call is lost
 
-// What a connection needs of its endpoint; both members are called on worker threads, with no lock held.
+// What a connection needs of its endpoint; the members are called on worker threads, with no lock held.
 class ConnectionOwner {
 public:
     virtual ~ConnectionOwner() = default;
+    virtual MemoryBudget& memory() = 0;
+    // Buffers have grown beyond the limit.
+    virtual void OnBuffersOver() = 0;
+    // A connection waits for the rest of a message.
+    virtual void OnUnfinished() = 0;
     // A request or a notification has arrived; returns when it has been run and, if it is a request, answered.
     virtual void OnCall(const ConnectionPtr& connection, wire::Message& call) = 0;
     virtual void OnClosed(const ConnectionPtr& connection) = 0;
@@ -50,8 +53,10 @@ public:
 // members may be called from any thread.
 class Connection : public std::enable_shared_from_this<Connection> {
 public:
+    enum class Opener { peer, us };
     // `peer` names the other side in log lines: "address:port".
-    Connection(Socket socket, ConnectionOwner& owner, std::string peer);
+    Connection(Socket socket, ConnectionOwner& owner, std::string peer, Opener opener);
+    ~Connection();
 
     // Begins to read. Once, after construction.
     void Start();
@@ -86,14 +91,33 @@ public:
     // level.
     void Close(const char* reason);
 
-    // Closes it if it has been used and nothing is under way in either direction; a call that comes later finds it
-    // closed. Returns whether.
+    // Whether nothing is under way in either direction but, at the most, a message that is not complete. One that was
+    // opened here is not idle before it has been used.
+    bool IsIdle();
+    // Closes it if it is idle; a call that comes later finds it closed. Returns whether.
     bool CloseIfIdle();
+    // Larger the later it was that its peer sent something.
+    uint64_t lastUse() const { return lastUse_.load(std::memory_order_relaxed); }
+
+    // What its buffers hold; 0 once it has been written off.
+    ptrdiff_t bufferBytes() const { return std::max<ptrdiff_t>(bufferBytes_, 0); }
+    // Takes its buffers off the budget before they are freed; Cut must follow.
+    void WriteOff();
+    // Ends the connection and forgets the notifications that wait.
+    void Cut(const char* reason);
+
+    // To be called regularly: how often the peer has been found to owe the same bytes of a message, this time included;
+    // 0 when it owes none.
+    int LookAtUnfinished();
+
+    // There is memory for what `turn` stopped at.
+    void GoOn(MemoryBudget::Turn turn, MemoryBudget::Share share);
 
     int descriptor() const { return descriptor_; }
     const std::string& peer() const { return peer_; }
     // The other side's address, in network order.
     in_addr peerAddress() const { return peerAddress_; }
+    bool openedByPeer() const { return opener_ == Opener::peer; }
     bool closed() const { return closed_; }
     // Whether CloseIfIdle has closed it.
     bool gaveRoom() const { return gaveRoom_; }
@@ -101,6 +125,7 @@ public:
 private:
     struct ReadHandler;
     enum class Frame { incomplete, complete, malformed };
+    bool HasUnread();
 
     // Runs `work`; an exception ends the connection.
     template <typename Work>
@@ -113,20 +138,30 @@ private:
     void StartRead();
     void OnRead(const boost::system::error_code& error, size_t size);
     void MakeRoom();
+    void SetCapacity(size_t capacity);
+    void DropInput();
     void ProcessInput();
     void RunRequest(wire::Message& request);
     Frame LookForMessage();
     bool TakeMessage(wire::Message& message);
+    void SkipMessage();
     void PassReadingTurn();
     bool IsFull() const;
     bool PauseIfFull();
     void Resume();
-    bool QueueNotification(wire::Message& message, size_t size);
+    void CountBuffers(ptrdiff_t change);
+    bool Afford(const wire::Framer& message, MemoryBudget::Turn turn, MemoryBudget::Share& share);
+
+    bool QueueNotification(std::string_view bytes);
     void RunNotifications();
+    bool LookForNotification(wire::Framer& framer);
+    bool TakeNotification(size_t length, wire::Message& message);
+    ptrdiff_t ClearNotifications() REQUIRES(notificationLock_);
     void CompleteCall(wire::Message& answer);
     void LoseCalls();
 
     Sent WriteOrQueue(std::string_view bytes, Bytes what);
+    ptrdiff_t CountBacklog(size_t bytes) REQUIRES(lock_);
     void StartWriteWait() REQUIRES(lock_);
     void OnWritable(const boost::system::error_code& error);
     void ArmStallTimer() REQUIRES(lock_);
@@ -136,11 +171,16 @@ private:
 
     ConnectionOwner& owner_;
     const std::string peer_;
+    const Opener opener_;
     int descriptor_;
     in_addr peerAddress_{};
     std::atomic<bool> closed_{false};
     std::atomic<bool> used_{false};  // something was sent
     std::atomic<bool> gaveRoom_{false};
+    std::atomic<ptrdiff_t> bufferBytes_{0};
+    std::atomic<uint64_t> lastUse_{0};
+    std::atomic<bool> awaitsMessage_{false};  // or the rest of one; whoever clears it decides what becomes of it
+    std::atomic<int> unfinished_{0};  // one more than it was looked at while the peer owes the same bytes; 0: none
 
     // The reading turn's: touched only by the thread that holds it.
     std::unique_ptr<char[]> input_;
@@ -148,6 +188,7 @@ private:
     size_t begin_ = 0;
     size_t end_ = 0;
     wire::Framer framer_;
+    MemoryBudget::Share readShare_;  // for the message at the front
 
     std::atomic<int> outstanding_{0};
     std::atomic<bool> paused_{false};
@@ -155,18 +196,17 @@ private:
     std::atomic<size_t> notificationBytes_{0};
 
     PMutex notificationLock_;
-    struct Notification {
-        wire::Message message;
-        size_t size;  // bytes
-    };
-    std::deque<Notification> notifications_ GUARDED_BY(notificationLock_);
+    std::string notifications_ GUARDED_BY(notificationLock_);  // as they came, one behind the other
+    size_t notificationsBegin_ GUARDED_BY(notificationLock_) = 0;
     bool runningNotifications_ GUARDED_BY(notificationLock_) = false;
+    MemoryBudget::Share notificationShare_;  // for the next of them; touched only by who runs them
 
     PMutex lock_;
     Socket socket_ GUARDED_BY(lock_);
     Timer stallTimer_ GUARDED_BY(lock_);
     std::string backlog_ GUARDED_BY(lock_);
     size_t backlogSent_ GUARDED_BY(lock_) = 0;
+    size_t backlogCounted_ GUARDED_BY(lock_) = 0;  // of the budget
     struct Drain {
         std::function<void()> drained;
         std::function<void()> closed;

@@ -4,12 +4,14 @@
 #include "foundation/Locks.h"
 #include "rpc/transport/Connection.h"
 #include "rpc/transport/Listener.h"
+#include "rpc/transport/MemoryBudget.h"
 #include "rpc/transport/Outbound.h"
 #include "rpc/transport/WorkerPool.h"
 
 #include <chrono>
 #include <functional>
 #include <unordered_set>
+#include <vector>
 
 namespace kel::transport {
 
@@ -53,7 +55,18 @@ public:
 private:
     void OnCall(const ConnectionPtr& connection, wire::Message& call) override;
     void OnClosed(const ConnectionPtr& connection) override;
-    ConnectionPtr Adopt(Socket socket, const std::string& peer);
+    MemoryBudget& memory() override { return memory_; }
+    void OnBuffersOver() override;
+    void OnUnfinished() override;
+    ConnectionPtr WriteOffLargest();
+    void ArmLook();
+    void LookAtUnfinished();
+    ConnectionPtr Adopt(Socket socket, const std::string& peer, Connection::Opener opener);
+    Listener::Room HasRoom();
+    bool MakeRoom(Connection::Opener forOneOf, const boost::system::error_code& shortage);
+    bool CloseIdleInbound();
+    std::vector<ConnectionPtr> LongestIdle() REQUIRES(lock_);
+    bool IsCrowded();
     void OnAccepted(Socket socket);
     bool HasBacklog();
     template <typename Code>
@@ -61,6 +74,7 @@ private:
     void ArmTimer();
 
     CallReceiver& receiver_;
+    MemoryBudget memory_{[this] { pool_.TidySoon(); }};
     WorkerPool pool_;
     Listener listener_;
     Listener loopback_;  // where the other one is bound to another address
@@ -76,9 +90,19 @@ private:
     PMutex timerLock_;
     Timer timer_ GUARDED_BY(timerLock_);
 
+    std::atomic<bool> looking_{false};  // at unfinished messages, from time to time
+    WorkerPool::Chore armLook_{[this] { ArmLook(); }};
+    Timer lookTimer_ GUARDED_BY(timerLock_);
+
     PMutex lock_;
     std::unordered_set<ConnectionPtr> connections_ GUARDED_BY(lock_);
+    size_t inbound_ GUARDED_BY(lock_) = 0;  // of them
     bool closed_ GUARDED_BY(lock_) = false;
+    Deadline nextCutWarning_ GUARDED_BY(lock_){};
+    Deadline nextRoomWarning_ GUARDED_BY(lock_){};
+
+    std::atomic<bool> scarce_{false};    // a connection has touched the reserve of descriptors, now or once
+    std::atomic<bool> madeRoom_{false};  // for it, by closing others, whose descriptors may still be open
 };
 
 }  // namespace kel::transport

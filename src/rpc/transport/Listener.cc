@@ -17,9 +17,10 @@ constexpr int maxAtOnce = 16;
 
 }  // namespace
 
-Listener::Listener(WorkerPool& pool, std::function<void(Socket)> accepted, Pausing pausing)
+Listener::Listener(WorkerPool& pool, std::function<void(Socket)> accepted, HasRoom hasRoom, Pausing pausing)
     : pool_(pool),
       accepted_(std::move(accepted)),
+      hasRoom_(std::move(hasRoom)),
       pausing_(std::move(pausing)),
       acceptor_(pool.io().get_executor()),
       retry_(pool.io().get_executor()) {}
@@ -71,6 +72,8 @@ void Listener::OnReady() {
 // Accepts what waits, unless that is so much that others should have the thread in between.
 boost::system::error_code Listener::AcceptWaiting() {
     for (int i = 0; i < maxAtOnce; ++i) {
+        const Room room = hasRoom_();
+        if (room != Room::yes) return room == Room::no ? asio::error::no_descriptors : boost::system::error_code();
         boost::system::error_code error;
         Socket socket = AcceptOne(error);
         if (error) return error;

@@ -16,7 +16,11 @@ class Listener {
 public:
     // `pausing` is called each time that accepting fails for that reason.
     using Pausing = std::function<void(const boost::system::error_code& shortage)>;
-    Listener(WorkerPool& pool, std::function<void(Socket)> accepted, Pausing pausing);
+    // Is asked before each connection is accepted: `no` has accepting pause, `soon` has it wait for what other handlers
+    // do.
+    enum class Room { yes, soon, no };
+    using HasRoom = std::function<Room()>;
+    Listener(WorkerPool& pool, std::function<void(Socket)> accepted, HasRoom hasRoom, Pausing pausing);
 
     // Binds and listens; port 0 takes a free one. Nothing is accepted before Start.
     boost::system::error_code Open(const Address& at);
@@ -36,6 +40,7 @@ private:
 
     WorkerPool& pool_;
     std::function<void(Socket)> accepted_;
+    HasRoom hasRoom_;
     Pausing pausing_;
     std::atomic<uint16_t> port_{0};
     WorkerPool::Chore wait_{[this] { Wait(); }};

@@ -1,11 +1,8 @@
 #include "rpc/transport/Outbound.h"
 
-#include "rpc/LibraryLog.h"
 #include "rpc/transport/Quietly.h"
 
 #include <boost/asio/ip/basic_resolver.hpp>
-
-#include <sys/resource.h>
 
 #include <algorithm>
 #include <condition_variable>
@@ -22,12 +19,10 @@ using asio::ip::tcp;
 namespace {
 
 constexpr std::chrono::milliseconds retryAfter{50};
-constexpr std::chrono::minutes shortageWarningPeriod{1};
 constexpr size_t maxLookedAt = 64;
 constexpr std::chrono::milliseconds lateness{10};
 constexpr std::chrono::milliseconds timeToRead{500};
 constexpr int maxBeginnings = 5;
-constexpr rlim_t maxRoomKept = 32;  // descriptors
 
 // One value that a thread waits for and another one brings. Waits on the monotonic clock: a wall clock that is set must
 // not end a call early.
@@ -135,7 +130,7 @@ private:
 
     // Without a descriptor: makes room and tries again soon; false when that went on for long enough.
     bool TryAgain(const tcp::endpoint& endpoint, const boost::system::error_code& shortage) {
-        outbound_.MakeRoom(shortage);
+        outbound_.shortage_(shortage);
         PMutexHold hold(lock_);
         if (finished_ || std::chrono::steady_clock::now() > shortageEnd_) return false;
         boost::system::error_code ignored;
@@ -173,7 +168,8 @@ private:
     Deadline shortageEnd_ GUARDED_BY(lock_);
 };
 
-Outbound::Outbound(WorkerPool& pool, Adopt adopt) : pool_(pool), adopt_(std::move(adopt)) {}
+Outbound::Outbound(WorkerPool& pool, Adopt adopt, Shortage shortage)
+    : pool_(pool), adopt_(std::move(adopt)), shortage_(std::move(shortage)) {}
 
 void Outbound::WithConnection(const Address& to, ConnectHandler handler) {
     ConnectionPtr connection;
@@ -204,10 +200,7 @@ void Outbound::WithConnection(const Address& to, ConnectHandler handler) {
 // Throws nothing: whoever waits for the connection hears of it.
 void Outbound::Connected(const Address& to, boost::system::error_code error, Socket* socket) {
     ConnectionPtr connection;
-    if (socket && !Quietly([&] {
-            KeepRoom(*socket);
-            connection = adopt_(std::move(*socket), to.text());
-        })) {
+    if (socket && !Quietly([&] { connection = adopt_(std::move(*socket), to.text()); })) {
         error = asio::error::no_memory;
     }
     ConnectionPtr refused;
@@ -233,24 +226,10 @@ void Outbound::Connected(const Address& to, boost::system::error_code error, Soc
     for (const ConnectHandler& handler : waiting) handler(connection, error);
 }
 
-// Files need descriptors too: before the last are taken, a new connection takes the place of an old one.
-void Outbound::KeepRoom(Socket& socket) {
-    rlimit limit{};
-    if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
-    const rlim_t kept = std::min(maxRoomKept, limit.rlim_cur / 8);
-    // The system gives out the lowest free number.
-    if (static_cast<rlim_t>(socket.native_handle()) + kept >= limit.rlim_cur) MakeRoom(asio::error::no_descriptors);
-}
-
-// Closes one connection that nobody uses, looking at a few more each time.
-void Outbound::MakeRoom(const boost::system::error_code& shortage) {
+bool Outbound::CloseIdle() {
     std::vector<ConnectionPtr> candidates;
-    bool warn;
     {
         PMutexHold hold(lock_);
-        const Deadline now = std::chrono::steady_clock::now();
-        warn = now >= nextShortageWarning_;
-        if (warn) nextShortageWarning_ = now + shortageWarningPeriod;
         for (size_t i = std::min(slots_.bucket_count(), maxLookedAt); i > 0; --i) {
             nextBucket_ = (nextBucket_ + 1) % slots_.bucket_count();
             for (auto slot = slots_.begin(nextBucket_); slot != slots_.end(nextBucket_); ++slot) {
@@ -258,13 +237,8 @@ void Outbound::MakeRoom(const boost::system::error_code& shortage) {
             }
         }
     }
-    if (warn) {
-        CBBLog::warn(LibraryLogger(), "libkel: no room for a further connection: %s; idle ones are closed",
-                     shortage.message().c_str());
-    }
-    for (const ConnectionPtr& candidate : candidates) {
-        if (candidate->CloseIfIdle()) return;
-    }
+    return std::any_of(candidates.begin(), candidates.end(),
+                       [](const ConnectionPtr& candidate) { return candidate->CloseIfIdle(); });
 }
 
 // The connection for a call, waiting for it if need be; null with the outcome filled in.

@@ -1,5 +1,4 @@
-// Calls to other endpoints, over one connection for each that is kept and reused. When descriptors run out, connections
-// that nobody uses make room for those that are needed.
+// Calls to other endpoints, over one connection for each that is kept and reused.
 #pragma once
 
 #include "foundation/Locks.h"
@@ -45,8 +44,10 @@ public:
     using CallHandler = std::function<void(Outcome& outcome)>;
     // Makes a connection of a connected socket and starts it.
     using Adopt = std::function<ConnectionPtr(Socket socket, const std::string& peer)>;
+    // Is called when a descriptor could not be had.
+    using Shortage = std::function<void(const boost::system::error_code& shortage)>;
 
-    Outbound(WorkerPool& pool, Adopt adopt);
+    Outbound(WorkerPool& pool, Adopt adopt, Shortage shortage);
 
     // The connection to `to`, connecting first when there is none; null with an error when that fails.
     void WithConnection(const Address& to, ConnectHandler handler);
@@ -62,10 +63,8 @@ public:
     // A connection has closed: the next call makes a new one.
     void Forget(const ConnectionPtr& connection);
 
-    // A descriptor could not be had: closes a connection that nobody uses, if there is one.
-    void MakeRoom(const boost::system::error_code& shortage);
-    // A descriptor was taken: likewise if few are left.
-    void KeepRoom(Socket& socket);
+    // Closes a connection that nobody uses, looking at a few more each time; whether it found one.
+    bool CloseIdle();
 
     // Refuses further connections, gives up those being made and ends those that there are.
     void Close();
@@ -97,13 +96,13 @@ private:
 
     WorkerPool& pool_;
     const Adopt adopt_;
+    const Shortage shortage_;
 
     PMutex lock_;
     std::unordered_map<Address, Slot, HashAddress> slots_ GUARDED_BY(lock_);
     std::unordered_map<const Connection*, Address> addresses_ GUARDED_BY(lock_);
     bool closed_ GUARDED_BY(lock_) = false;
     size_t nextBucket_ GUARDED_BY(lock_) = 0;  // of the slots, to look at when room is needed
-    Deadline nextShortageWarning_ GUARDED_BY(lock_){};
 };
 
 }  // namespace kel::transport

@@ -22,6 +22,7 @@
 // cannot be started is tried again at the next look, and the monitor repeats the chores that failed.
 #include "rpc/transport/WorkerPool.h"
 
+#include "foundation/FreeMemory.h"
 #include "rpc/LibraryLog.h"
 #include "rpc/transport/Quietly.h"
 
@@ -39,6 +40,7 @@ namespace {
 
 constexpr auto tick = std::chrono::milliseconds(1);
 constexpr int idleTicksBeforeSleep = 100;
+constexpr int ticksBetweenTidying = 1000;
 constexpr size_t maxParked = 16;  // threads kept for the next burst; what is more ends
 
 constexpr uint64_t placeMask = 3;
@@ -217,10 +219,23 @@ unsigned int WorkerPool::MonitorMain(void*) {
         }
         std::this_thread::sleep_for(tick);
         const bool hadChores = DoChores();
-        idleTicks = Inspect() || hadChores ? 0 : idleTicks + 1;
+        const bool busy = Inspect() || hadChores;
+        idleTicks = busy || untidy_ ? 0 : idleTicks + 1;
+        TidyIfDue();
         Quietly([this] { JoinEnded(); });
     }
     return 0;
+}
+
+void WorkerPool::TidySoon() {
+    if (!untidy_.exchange(true) && monitorAsleep_) WakeMonitor();
+}
+
+// At most once a second, since it holds up whoever needs memory meanwhile.
+void WorkerPool::TidyIfDue() {
+    if (++ticksSinceTidy_ < ticksBetweenTidying || !untidy_.exchange(false)) return;
+    ticksSinceTidy_ = 0;
+    yar::ReturnFreeMemory();
 }
 
 void WorkerPool::Do(Chore& chore) {
@@ -293,7 +308,8 @@ void WorkerPool::WakeMonitor() {
 void WorkerPool::SleepUntilWork() {
     PMutexHold hold(monitorLock_);
     monitorAsleep_ = true;
-    if (chores_ || Inspect()) monitorAsleep_ = false;  // that came before it could be seen that the monitor sleeps
+    if (chores_ || untidy_ || Inspect())
+        monitorAsleep_ = false;  // that came before it could be seen that the monitor sleeps
     while (monitorAsleep_ && !stopping_) monitorLock_.wait();
 }
 

@@ -74,6 +74,9 @@ public:
     // The same for whoever does not know of which pool the thread is, if it is of one.
     static void ThisThreadBlocks();
 
+    // Much memory has been freed: the monitor's thread returns it to the system within a second or two. Throws nothing.
+    void TidySoon();
+
 private:
     unsigned int WorkerMain(void* worker);
     unsigned int MonitorMain(void*);
@@ -85,11 +88,10 @@ private:
     void WakeMonitor();
     bool DoChores();
     void SleepUntilWork();
+    void TidyIfDue();
     void PromoteOne() REQUIRES(lock_);
     bool StartWorker() REQUIRES(lock_);
 
-    boost::asio::io_context io_;
-    boost::asio::executor_work_guard<boost::asio::io_context::executor_type> work_;
     std::atomic<bool> stopping_{false};
 
     PMutex lock_;
@@ -102,7 +104,13 @@ private:
     PCondMutex monitorLock_;
     Chore* chores_ GUARDED_BY(monitorLock_) = nullptr;  // that are due
     std::atomic<bool> monitorAsleep_{false};
+    std::atomic<bool> untidy_{false};
+    int ticksSinceTidy_ = 0;  // the monitor's
     std::unique_ptr<PThread> monitor_;
+
+    // Last: what its handlers hold goes first, and may still call TidySoon.
+    boost::asio::io_context io_;
+    boost::asio::executor_work_guard<boost::asio::io_context::executor_type> work_;
 };
 
 }  // namespace kel::transport

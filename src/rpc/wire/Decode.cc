@@ -1,6 +1,7 @@
 #include "rpc/wire/Codec.h"
 
 #include "rpc/SafeArray.h"
+#include "rpc/wire/DecodedSize.h"
 #include "rpc/wire/ExtTypes.h"
 #include "rpc/wire/Header.h"
 
@@ -62,19 +63,23 @@ private:
     const char* end_;
 };
 
-// How many texts the payload is made of; none when it is anything else, or they are over the limit.
-std::optional<size_t> CountTexts(const char* payload, size_t size) {
+// How many texts the payload is made of; none when it is anything else, or they are over a limit.
+std::optional<size_t> CountTexts(const char* payload, size_t size, DecodedSize& decoded) {
     Texts texts(payload, size);
     size_t count = 0;
     size_t length = 0;
-    while (texts.Next(&length) != nullptr) ++count;
-    if (!texts.AtEnd() || count > maxArrayElements) return std::nullopt;
+    while (texts.Next(&length) != nullptr) {
+        if (++count > maxArrayElements || !decoded.AddElements(1, sizeof(BSTR)) || !decoded.AddText(length)) {
+            return std::nullopt;
+        }
+    }
+    if (!texts.AtEnd()) return std::nullopt;
     return count;
 }
 
-bool DecodeTextArray(const char* payload, size_t size, tagVARIANT& v) {
-    const std::optional<size_t> count = CountTexts(payload, size);
-    if (!count) return false;
+bool DecodeTextArray(const char* payload, size_t size, tagVARIANT& v, DecodedSize& decoded) {
+    const std::optional<size_t> count = CountTexts(payload, size, decoded);
+    if (!count || !decoded.AddArray()) return false;
     BSTR* elements = nullptr;
     if (!MakeArray(v, VT_BSTR, *count, &elements)) return false;
     Texts texts(payload, size);
@@ -87,17 +92,17 @@ bool DecodeTextArray(const char* payload, size_t size, tagVARIANT& v) {
     return true;
 }
 
-bool DecodeNumberArray(int elementVt, const char* payload, size_t size, tagVARIANT& v) {
+bool DecodeNumberArray(int elementVt, const char* payload, size_t size, tagVARIANT& v, DecodedSize& decoded) {
     const size_t elementSize = NumberSize(elementVt);
     const size_t count = size / elementSize;
-    if (size % elementSize != 0 || count > maxArrayElements) return false;
+    if (size % elementSize != 0 || count > maxArrayElements || !decoded.AddNumbers(size)) return false;
     char* elements = nullptr;
     if (!MakeArray(v, elementVt, count, &elements)) return false;
     CopyBigEndian(payload, elements, elementSize, count);
     return true;
 }
 
-bool DecodeExt(int type, const char* payload, size_t size, tagVARIANT& v) {
+bool DecodeExt(int type, const char* payload, size_t size, tagVARIANT& v, DecodedSize& decoded) {
     if (ScalarIsExt(type)) {
         if (size != NumberSize(type)) return false;
         v.vt = static_cast<VARTYPE>(type);
@@ -106,8 +111,8 @@ bool DecodeExt(int type, const char* payload, size_t size, tagVARIANT& v) {
     }
     const int elementVt = type - arrayExt;
     if (!ArrayIsExt(elementVt)) return false;
-    if (elementVt == VT_BSTR) return DecodeTextArray(payload, size, v);
-    return DecodeNumberArray(elementVt, payload, size, v);
+    if (elementVt == VT_BSTR) return DecodeTextArray(payload, size, v, decoded);
+    return DecodeNumberArray(elementVt, payload, size, v, decoded);
 }
 
 // Fills a Message. A message's shape is fixed up to its variant, so one state says which value must come next; inside
@@ -186,7 +191,7 @@ public:
     }
 
     bool visit_str(const char* text, uint32_t size) {
-        if (!Spend(size)) return false;
+        if (!Spend(size) || !decoded_.AddText(size)) return false;
         switch (expected_) {
             case Expected::method:
                 return AssignText(message_.method, text, size) && Expect(Expected::parameters);
@@ -208,7 +213,7 @@ public:
     }
 
     bool visit_bin(const char* bytes, uint32_t size) {
-        if (expected_ != Expected::value || !Spend(size)) return false;
+        if (expected_ != Expected::value || !Spend(size) || !decoded_.AddNumbers(size)) return false;
         char* elements = nullptr;
         if (!MakeArray(NextValue(), VT_UI1, size, &elements)) return false;
         if (size != 0) std::memcpy(elements, bytes, size);
@@ -218,7 +223,7 @@ public:
     bool visit_ext(const char* typeAndPayload, uint32_t size) {
         if (expected_ != Expected::value || !Spend(size)) return false;
         const int type = static_cast<uint8_t>(typeAndPayload[0]);  // no type of ours is negative
-        return DecodeExt(type, typeAndPayload + 1, size - 1, NextValue()) && ValueTaken();
+        return DecodeExt(type, typeAndPayload + 1, size - 1, NextValue(), decoded_) && ValueTaken();
     }
 
     bool start_array(uint32_t count) {
@@ -307,6 +312,7 @@ private:
 
     bool OpenArray(uint32_t count) {
         if (depth_ == maxNesting || count > maxArrayElements || !Spend(count)) return false;
+        if (!decoded_.AddArray() || !decoded_.AddElements(count, sizeof(tagVARIANT))) return false;
         tagVARIANT& v = NextValue();
         return MakeArray(v, VT_VARIANT, count, &elements_[depth_++]);
     }
@@ -318,6 +324,7 @@ private:
 
     Message& message_;
     size_t budget_;
+    DecodedSize decoded_;
     Expected expected_ = Expected::message;
     uint32_t parts_ = 0;                            // elements of the message's own array
     unsigned depth_ = 0;                            // open arrays in the variant

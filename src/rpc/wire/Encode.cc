@@ -1,6 +1,7 @@
 #include "rpc/wire/Codec.h"
 
 #include "rpc/SafeArray.h"
+#include "rpc/wire/DecodedSize.h"
 #include "rpc/wire/ExtTypes.h"
 
 #include <msgpack/pack.hpp>
@@ -82,6 +83,7 @@ private:
 
     MessageBytes bytes_;
     msgpack::packer<MessageBytes> packer_;
+    DecodedSize decoded_;
     bool finished_ = false;
 };
 
@@ -93,6 +95,7 @@ bool Encoder::Call(std::string_view method, std::string_view caller, const tagVA
 
 bool Encoder::Text(std::string_view text) {
     if (text.size() > maxMessageBytes || text.find('\0') != std::string_view::npos) return false;
+    if (!decoded_.AddText(text.size())) return false;
     packer_.pack_str(static_cast<uint32_t>(text.size()));
     packer_.pack_str_body(text.data(), static_cast<uint32_t>(text.size()));
     return true;
@@ -154,6 +157,7 @@ bool Encoder::Array(const tagVARIANT& v, unsigned depth) {
 }
 
 bool Encoder::Bytes(const char* elements, uint32_t count) {
+    if (!decoded_.AddNumbers(count)) return false;
     packer_.pack_bin(count);
     packer_.pack_bin_body(elements, count);
     return true;
@@ -161,6 +165,7 @@ bool Encoder::Bytes(const char* elements, uint32_t count) {
 
 bool Encoder::Variants(const tagVARIANT* elements, uint32_t count, unsigned depth) {
     if (depth == maxNesting) return false;
+    if (!decoded_.AddArray() || !decoded_.AddElements(count, sizeof(tagVARIANT))) return false;
     packer_.pack_array(count);
     for (size_t i = 0; i < count; ++i) {
         if (!Value(elements[i], depth + 1) || !bytes_.Whole()) return false;
@@ -169,12 +174,13 @@ bool Encoder::Variants(const tagVARIANT* elements, uint32_t count, unsigned dept
 }
 
 bool Encoder::Texts(const BSTR* elements, uint32_t count) {
+    if (!decoded_.AddArray() || !decoded_.AddElements(count, sizeof(BSTR))) return false;
     size_t payloadSize = 0;
     for (size_t i = 0; i < count; ++i) {
         const size_t length = TextOf(elements[i]).size();
         payloadSize += TextHeaderSize(length) + length;
     }
-    if (!ExtHeader(arrayExt + VT_BSTR, payloadSize)) return false;
+    if (!ExtHeader(textArrayExt, payloadSize)) return false;
     for (size_t i = 0; i < count; ++i) {
         if (!Text(TextOf(elements[i]))) return false;
     }
@@ -183,7 +189,7 @@ bool Encoder::Texts(const BSTR* elements, uint32_t count) {
 
 bool Encoder::Numbers(int elementVt, const char* elements, uint32_t count) {
     const size_t size = NumberSize(elementVt);
-    if (!ExtHeader(arrayExt + elementVt, count * size)) return false;
+    if (!decoded_.AddNumbers(count * size) || !ExtHeader(arrayExt + elementVt, count * size)) return false;
     char* payload = bytes_.Extend(count * size);
     if (payload != nullptr) CopyBigEndian(elements, payload, size, count);
     return payload != nullptr;

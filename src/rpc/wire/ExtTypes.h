@@ -16,6 +16,7 @@ static_assert(std::endian::native == std::endian::little, "CopyBigEndian swaps")
 
 // The ext type of an array is this plus its elements' type code.
 constexpr int arrayExt = 64;
+constexpr int textArrayExt = arrayExt + VT_BSTR;
 
 constexpr bool ScalarIsExt(int vt) {
     switch (vt) {

@@ -10,6 +10,11 @@
 //   have not started. Each takes a byte at least, so position_ + awaited_ is the least size that the message can have,
 //   and a message whose announcements do not fit is refused at the header that says so. When awaited_ is 0 the message
 //   ends at position_.
+// - textsEnd_ is where the latest array of texts ends. Its payload is not skipped: the texts in it are walked, since
+//   only their headers tell how many they are. texts_ counts them.
+// - kindAt_ is where the header of the message's kind stands and, once that has been walked, the last byte of the number;
+//   0 when it is none.
+// - decoded_ is what the message takes of memory, as far as it has been walked.
 //
 // The outer two levels, the message and its [caller, in], [rc, out] or [code, message], are no part of a variant, and
 // variants stand only inside the second level: maxNesting + 2 levels in all give a variant exactly maxNesting.
@@ -18,21 +23,62 @@
 #include "rpc/wire/ExtTypes.h"
 #include "rpc/wire/Header.h"
 
+#include <algorithm>
+
 namespace kel::wire {
 
+namespace {
+constexpr unsigned partLevels = 2;  // that are open around a variant
+}
+
 Framer::Status Framer::Scan(const char* data, size_t size) {
-    while (awaited_ > 0) {
+    while (awaited_ > 0 || position_ < textsEnd_) {
+        if (position_ >= size) return Status::incomplete;
+        const bool inTexts = position_ < textsEnd_;
+        const size_t end = inTexts ? std::min(size, textsEnd_) : size;
         Header header;
-        if (position_ >= size || !ReadHeader(data + position_, size - position_, header)) return Status::incomplete;
-        if (!Take(header)) return Status::malformed;
+        if (!ReadHeader(data + position_, end - position_, header)) {
+            return end < size ? Status::malformed : Status::incomplete;
+        }
+        if (!(inTexts ? TakeText(header) : Take(header))) return Status::malformed;
     }
     return position_ <= size ? Status::complete : Status::incomplete;
 }
 
 void Framer::Reset() {
     position_ = 0;
+    textsEnd_ = 0;
+    kindAt_ = 0;
     awaited_ = 1;
     depth_ = 0;
+    decoded_ = {};
+}
+
+// One of the texts in the payload of an array of texts. False when it is none.
+bool Framer::TakeText(const Header& header) {
+    const size_t position = position_ + header.size + header.count;
+    if (header.family != Family::text || position > textsEnd_ || ++texts_ > maxArrayElements) return false;
+    if (!decoded_.AddElements(1, sizeof(BSTR)) || !decoded_.AddText(header.count)) return false;
+    position_ = position;
+    return true;
+}
+
+// Counts what a header announces; false when that is over a limit.
+bool Framer::CountMemory(const Header& header) {
+    switch (header.family) {
+        case Family::text:
+            return decoded_.AddText(header.count);
+        case Family::bytes:
+            return decoded_.AddNumbers(header.count);
+        case Family::array:
+            return depth_ < partLevels ||
+                   (decoded_.AddArray() && decoded_.AddElements(header.count, sizeof(tagVARIANT)));
+        case Family::ext:
+            if (header.extType == textArrayExt) return decoded_.AddArray();
+            return ScalarIsExt(header.extType) || decoded_.AddNumbers(header.count);
+        default:
+            return true;
+    }
 }
 
 // Steps over a header and its body; false, with the state as it was, when the message cannot go on with it.
@@ -46,9 +92,19 @@ bool Framer::Take(const Header& header) {
     // All three terms are far below 2^33: nothing wraps.
     const size_t position = position_ + header.size + (isArray ? 0 : header.count);
     const size_t awaited = awaited_ - 1 + (isArray ? header.count : 0);
-    if (position + awaited > maxMessageBytes) return false;
+    if (position + awaited > maxMessageBytes || !CountMemory(header)) return false;
+    if (position_ == 0) {
+        kindAt_ = position;
+    } else if (position_ == kindAt_) {
+        kindAt_ = header.family == Family::scalar ? position - 1 : 0;
+    }
     position_ = position;
     awaited_ = awaited;
+    if (header.family == Family::ext && header.extType == textArrayExt) {
+        textsEnd_ = position;
+        position_ -= header.count;
+        texts_ = 0;
+    }
 
     if (depth_ > 0) --rest_[depth_ - 1];
     if (isArray) rest_[depth_++] = header.count;

@@ -1,6 +1,7 @@
 // Finds where messages end in a byte stream that has no other framing than MessagePack's own.
 #pragma once
 
+#include "rpc/wire/DecodedSize.h"
 #include "rpc/wire/Message.h"
 
 #include <array>
@@ -25,17 +26,29 @@ public:
 
     size_t length() const { return position_; }
 
+    // After `complete`: what the message will take of memory once it is decoded.
+    size_t decodedBytes() const { return decoded_.bytes(); }
+
+    // After `complete`: whether `data`, that of the message, says that it is of this kind. It may be no message yet.
+    bool Is(MessageKind kind, const char* data) const { return data[kindAt_] == static_cast<char>(kind); }
+
     // Starts the next message.
     void Reset();
 
 private:
     bool Take(const Header& header);
+    bool TakeText(const Header& header);
+    bool CountMemory(const Header& header);
 
     // src/rpc/wire/Framer.cc explains the state.
     size_t position_ = 0;
+    size_t textsEnd_ = 0;
+    size_t kindAt_ = 0;
     size_t awaited_ = 1;
     unsigned depth_ = 0;
     std::array<uint32_t, maxNesting + 2> rest_{};  // in use: [0, depth_)
+    size_t texts_ = 0;
+    DecodedSize decoded_;
 };
 
 }  // namespace kel::wire

@@ -13,6 +13,8 @@ namespace kel::wire {
 constexpr size_t maxMessageBytes = 16u << 20;   // a whole message
 constexpr unsigned maxNesting = 32;             // arrays inside arrays in one variant
 constexpr size_t maxArrayElements = 1'048'576;  // elements of one array; byte arrays are bounded by the message
+constexpr size_t maxElements = 2'097'152;       // of all arrays of variants and of texts
+constexpr size_t maxDecodedBytes = 48u << 20;   // of the reader's memory (DecodedSize.h)
 
 // The number that a message opens with.
 enum class MessageKind : uint8_t { request = 0, response = 1, notification = 2 };

@@ -292,6 +292,14 @@ TEST(ACodec, HoldsBothDirectionsToTheLimits) {
     EXPECT_EQ(Encoded(ArrayOf(VT_UI1, room + 1)), "refused");
     EXPECT_EQ(Encoded(MakeString(std::string(maxMessageBytes, 'x').c_str())), "refused");
     EXPECT_EQ(Encoded(Variants(ArrayOf(VT_R8, most), ArrayOf(VT_R8, most))), "refused");
+
+    // Both stop at the same amount of the reader's memory.
+    EXPECT_EQ(Encoded(Variants(ArrayOf(VT_BSTR, most), ArrayOf(VT_BSTR, most / 4))), "refused");
+    EXPECT_EQ(Encoded(Variants(ArrayOf(VT_VARIANT, most), ArrayOf(VT_VARIANT, most))), "refused");
+    const std::string texts = Encoded(Variants(ArrayOf(VT_BSTR, most), ArrayOf(VT_BSTR, most / 8)));
+    ASSERT_NE(texts, "refused");
+    EXPECT_TRUE(ValueDecodes(texts));
+    EXPECT_FALSE(ValueDecodes("\xdd\x00\x10\x00\x00"s + std::string(most, '\xa0')));
 }
 
 TEST(ACodec, CutsAnErrorTextThatDoesNotFit) {

@@ -87,14 +87,30 @@ TEST(AFramer, AllowsAMessageOfExactlyTheLimit) {
     EXPECT_EQ(FeedByteByByte(announcing(body + 1)).first, Status::malformed);
 }
 
-TEST(AFramer, CountsWhatEarlierHeadersAnnouncedTowardsTheLimit) {
-    // Sixteen arrays of 1,048,576 values each stand open, one in the other: that many bytes must still come.
-    const std::string array = "\xdd\x00\x10\x00\x00"s;
-    std::string bytes = RequestWith("");
-    for (int i = 0; i < 15; ++i) bytes += array;
-    EXPECT_EQ(FeedByteByByte(bytes).first, Status::incomplete);
-    bytes += array;
-    EXPECT_EQ(FeedByteByByte(bytes), std::make_pair(Status::malformed, bytes.size()));
+TEST(AFramer, CountsWhatEarlierHeadersAnnouncedTowardsTheLimits) {
+    const std::string array = "\xdd\x00\x10\x00\x00"s;  // 1,048,576 values that must still come
+    const std::string most = RequestWith(array + array);
+    EXPECT_EQ(FeedByteByByte(most).first, Status::incomplete);
+    EXPECT_EQ(FeedByteByByte(most + array), std::make_pair(Status::malformed, most.size() + array.size()));
+    EXPECT_EQ(FeedByteByByte(RequestWith(array + "\xc6\x00\xe0\x00\x00"s)).first, Status::incomplete);
+    EXPECT_EQ(FeedByteByByte(RequestWith(array + "\xc6\x00\xf0\x00\x00"s)).first, Status::malformed);
+}
+
+TEST(AFramer, RefusesAMessageWhoseValuesTakeTooMuchMemory) {
+    // Empty texts take 48 bytes each: that many of them are over the limit before their array is complete.
+    const size_t fits = (maxDecodedBytes - (16u << 20)) / 32 - 10;
+    std::string bytes = RequestWith("\xdd\x00\x10\x00\x00"s + std::string(fits, '\xa0'));
+    Framer framer;
+    EXPECT_EQ(framer.Scan(bytes.data(), bytes.size()), Status::incomplete);
+    bytes.append(10, '\xa0');
+    EXPECT_EQ(framer.Scan(bytes.data(), bytes.size()), Status::malformed);
+
+    // In an array of texts, however its bytes come, likewise; what it announces is not all that it takes.
+    const std::string texts = RequestWith("\x92\xc9\x00\x10\x00\x00\x48"s + std::string(1u << 20, '\xa0'));
+    EXPECT_EQ(FeedByteByByte(texts).first, Status::incomplete);
+    bytes = texts + "\xc9\x00\x04\x00\x00\x48"s + std::string(1u << 18, '\xa0');
+    EXPECT_EQ(FeedByteByByte(bytes).first, Status::malformed);
+    EXPECT_EQ(FeedByteByByte(RequestWith("\xc7\3\x48\xa1z\xd9"s) + '\0').first, Status::malformed) << "cut text";
 }
 
 TEST(AFramer, AllowsAVariantThirtyTwoArraysInsideEachOtherAndNoMore) {
