@@ -1,4 +1,4 @@
-"""What strangers can make the directory hold: memory stays bounded, others are served meanwhile, and it is given back."""
+"""What strangers can make the directory hold: its memory stays bounded and is given back, and others are served."""
 import os
 import pathlib
 import re
@@ -46,8 +46,8 @@ class Strangers(SystemTest):
             pass  # cut off
 
     def attack(self, messages, calls=()):
-        """Sends each over a connection of its own, all at once, while a bystander asks. Checks the memory at its highest,
-        that the calls are answered, which is when nobody hangs any more, and that the memory is given back."""
+        """Sends each over a connection of its own, all at once, while a bystander asks. Checks the memory at its
+        highest, that the calls are answered once nobody hangs any more, and that the memory is given back."""
         clients = [self.stranger() for _ in [*messages, *calls]]
         threads = [threading.Thread(target=self.send, args=pair) for pair in zip(clients, [*messages, *calls])]
         for thread in threads:
