@@ -61,7 +61,7 @@ constexpr int KEL_NO_ANSWER = 0x20006;           // the satellite did not answer
 constexpr int KEL_NOT_CONNECTED = 0x20007;       // this satellite is not connected to a directory
 constexpr int KEL_TOO_LARGE = 0x20008;           // the parameters do not fit a message (16 MiB, 32 deep)
 constexpr int KEL_NO_RESOURCES = 0x20009;        // no descriptor or memory to ask with, or no place at the directory
-constexpr int KEL_LIMIT_REACHED = 0x2000a;        // the directory keeps no more of that kind for one satellite
+constexpr int KEL_LIMIT_REACHED = 0x2000a;       // the directory keeps no more of that kind for one satellite
 
 // Why a ping was not answered.
 constexpr int KEL_PING_SILENT = -1;   // in time: nothing came back, or a connection and no answer on it

@@ -12,7 +12,8 @@
 //   ends at position_.
 // - textsEnd_ is where the latest array of texts ends. Its payload is not skipped: the texts in it are walked, since
 //   only their headers tell how many they are. texts_ counts them.
-// - kindAt_ is where the header of the message's kind stands and, once that has been walked, the last byte of the number;
+// - kindAt_ is where the header of the message's kind stands and, once that has been walked, the last byte of the
+// number;
 //   0 when it is none.
 // - decoded_ is what the message takes of memory, as far as it has been walked.
 //

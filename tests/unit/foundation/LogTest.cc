@@ -288,7 +288,8 @@ TEST_F(ALog, IsLedNowhereElseAndThenSpeaksOnStandardError) {
              fs::remove(folder);
              fs::create_directory_symlink(elsewhere, folder);
          }},
-        {folder + " is not used: it is a folder of another user", [&] { EXPECT_EQ(chown(folder.c_str(), 4711, 0), 0); }},
+        {folder + " is not used: it is a folder of another user",
+         [&] { EXPECT_EQ(chown(folder.c_str(), 4711, 0), 0); }},
         {logPath() + " cannot be opened: Not a directory",
          [&] {
              fs::remove_all(fs::path(folder).parent_path());
