@@ -111,6 +111,7 @@ int FileReplacement::PutInPlace() {
 
 int SyncContents(const std::vector<const FileReplacement*>& files) {
     std::vector<int> descriptors;
+    descriptors.reserve(files.size());
     for (const FileReplacement* const file : files) descriptors.push_back(file->file_);
     return descriptors.empty() ? 0 : kel::platform::SyncFiles(descriptors);
 }

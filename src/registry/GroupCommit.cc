@@ -149,6 +149,7 @@ void GroupCommit::StageFirst(Staged& first) const {
 int GroupCommit::Sync(const Staged& first) const {
     if (!syncs_) return 0;
     std::vector<const FileReplacement*> files;
+    files.reserve(round_.size() + 1);
     if (first.HasText()) files.push_back(&*first.replacement);
     for (const Member* const member : round_) {
         if (member->staged.HasText()) files.push_back(&*member->staged.replacement);
