@@ -19,7 +19,7 @@
 class KEL_API CFileTools {
 public:
     // The data folder that all processes of the product share, "/Library/Tessaly". Made on first use, with mode 0777;
-    // one that exists keeps its mode. Throws std::logic_error when it cannot be made.
+    // one that exists keeps its mode. Throws std::logic_error, with the reason in errno, when it cannot be made.
     static CStdStr GetYarDataFolder();
     // The folder `name` in the data folder, made likewise.
     static CStdStr GetYarDataSubFolder(const CStdStr& name);

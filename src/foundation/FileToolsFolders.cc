@@ -10,6 +10,7 @@
 
 #include <boost/filesystem.hpp>
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <stdexcept>
@@ -37,6 +38,15 @@ bool CreateSharedFolder(const CStdStr& path) {
     return !fs::create_directory(fs::path(path)) || chmod(path.c_str(), kSharedFolderMode) == 0;
 }
 
+// Why a folder could not be made: where those above it are missing too, it is the lowest that exists which tells.
+int ReasonFor(int error, fs::path folder) {
+    boost::system::error_code ignored;
+    if (error != ENOENT) return error;
+    do folder = folder.parent_path();
+    while (!folder.empty() && !fs::exists(folder, ignored));
+    return access(folder.c_str(), W_OK | X_OK) == 0 ? error : errno;
+}
+
 bool IsInside(const fs::path& path, const fs::path& folder) {
     boost::system::error_code ignored;
     const fs::path outer = fs::canonical(folder, ignored);
@@ -53,7 +63,8 @@ CStdStr CFileTools::GetYarDataFolder() {
     bool isOpenToAll = false;
     try {
         isOpenToAll = CreateSharedFolder(path);
-    } catch (const fs::filesystem_error&) {
+    } catch (const fs::filesystem_error& failure) {
+        errno = ReasonFor(failure.code().value(), path.c_str());
         throw std::logic_error("Failed to create /Library/Tessaly folder");
     }
     if (!isOpenToAll) throw std::logic_error("Couldn't set access rights on /Library/Tessalyfolder");
