@@ -9,8 +9,10 @@
 //   3. renames the first file into its place and then, unless that failed, all others, and deletes what is to go,
 //   4. syncs the folders, that of the first file first,
 //
-// and then wakes them. Who comes meanwhile waits for the next round, which one of them leads. After a round of several
-// the next leader waits a moment for as many to come: those who were answered are about to ask again.
+// and then wakes them. Each holds a descriptor meanwhile, and descriptors may be short, so there are places for so many
+// only, and the others come when one is free; a folder is open once for all of them. Who comes meanwhile waits for the
+// next round, which one of them leads. After a round of several the next leader waits a moment for as many to come:
+// those who were answered are about to ask again.
 #include "registry/GroupCommit.h"
 
 #include "foundation/FileReplacement.h"
@@ -31,13 +33,14 @@ namespace {
 
 constexpr auto gatherPause = std::chrono::microseconds(100);
 constexpr int gatherPauses = 4;
+constexpr size_t maxPlaces = 24;  // less than libkel keeps free of connections
 
 }  // namespace
 
 // A change whose text, if it has one, lies beside its file.
 struct GroupCommit::Staged {
-    void Stage(const FileChange& change) {
-        folder.emplace(change.folder());
+    void Stage(const FileChange& change, FolderPtr opened) {
+        folder = std::move(opened);
         if (!change.text) {
             name = change.name;
             return;
@@ -54,7 +57,7 @@ struct GroupCommit::Staged {
 
     bool HasText() const { return replacement && error == 0; }
 
-    std::optional<Folder> folder;  // outlives the replacement
+    FolderPtr folder;  // outlives the replacement
     std::optional<FileReplacement> replacement;
     CStdStr name;  // of what is to go
     int error = 0;
@@ -65,6 +68,23 @@ struct GroupCommit::Member {
     bool wantsFirst = false;
     bool isDone = false;
     int firstError = 0;
+    CStdStr problem;
+};
+
+// A place among those who take part, while it lives.
+class GroupCommit::Place {
+public:
+    explicit Place(GroupCommit& commit) : commit_(commit) { commit_.TakePlace(); }
+    ~Place() {
+        PMutexHold hold(commit_.lock_);
+        --commit_.places_;
+        commit_.lock_.broadcast();
+    }
+    Place(const Place&) = delete;
+    Place& operator=(const Place&) = delete;
+
+private:
+    GroupCommit& commit_;
 };
 
 GroupCommit::GroupCommit(bool syncs, std::function<FileChange()> first) : syncs_(syncs), first_(std::move(first)) {}
@@ -72,22 +92,40 @@ GroupCommit::GroupCommit(bool syncs, std::function<FileChange()> first) : syncs_
 GroupCommit::~GroupCommit() = default;
 
 GroupCommit::Outcome GroupCommit::WriteAfterFirst(const FileChange* change) {
+    const Place place(*this);
     Member member;
     member.wantsFirst = true;
-    if (change) member.staged.Stage(*change);
+    if (change) Stage(*change, member.staged);
     Commit(member);
-    return {member.firstError, member.firstError != 0 ? member.firstError : member.staged.error};
+    return {member.firstError, member.firstError != 0 ? member.firstError : member.staged.error, member.problem};
 }
 
 int GroupCommit::Write(const FileChange& change) {
+    const Place place(*this);
     Member member;
-    member.staged.Stage(change);
+    Stage(change, member.staged);
     Commit(member);
     return member.staged.error;
 }
 
-void GroupCommit::Commit(Member& member) {
+void GroupCommit::TakePlace() {
     RunningCall::AboutToBlock();
+    PMutexHold hold(lock_);
+    while (places_ >= maxPlaces) lock_.wait();
+    ++places_;
+}
+
+GroupCommit::FolderPtr GroupCommit::Open(Folder (*folder)()) {
+    PMutexHold hold(foldersLock_);
+    std::weak_ptr<const Folder>& known = folders_[folder];
+    FolderPtr open = known.lock();
+    if (!open) known = open = std::make_shared<const Folder>(folder());
+    return open;
+}
+
+void GroupCommit::Stage(const FileChange& change, Staged& staged) { staged.Stage(change, Open(change.folder)); }
+
+void GroupCommit::Commit(Member& member) {
     if (!LeadsUnlessServed(member)) return;
     struct AtEnd {
         GroupCommit& commit;
@@ -137,11 +175,12 @@ void GroupCommit::RunRound() {
     if (syncs_) SyncFolders(first);
 }
 
-void GroupCommit::StageFirst(Staged& first) const {
+void GroupCommit::StageFirst(Staged& first) {
     try {
-        first.Stage(first_());
-    } catch (const FolderError&) {
-        first.error = errno != 0 ? errno : EIO;
+        Stage(first_(), first);
+    } catch (const FolderError& failure) {
+        first.error = EIO;
+        for (Member* const member : round_) member->problem = TextOf(failure);
     }
 }
 

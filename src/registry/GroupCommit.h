@@ -8,6 +8,7 @@
 
 #include <cstddef>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <vector>
@@ -38,8 +39,10 @@ public:
     struct Outcome {
         int first = 0;
         int change = 0;
+        CStdStr problem;  // with the folder of the first file; empty when it could be used
     };
-    // Has the first file written, and then, unless that fails, `change` (null: only the first). Throws FolderError.
+    // Has the first file written, and then, unless that fails, `change` (null: only the first). Throws FolderError when
+    // the folder of the change cannot be used.
     Outcome WriteAfterFirst(const FileChange* change);
     // Makes the change alone. Throws FolderError.
     int Write(const FileChange& change);
@@ -47,14 +50,19 @@ public:
 private:
     struct Staged;
     struct Member;
+    class Place;
     using Members = std::vector<Member*>;
+    using FolderPtr = std::shared_ptr<const Folder>;
 
+    void TakePlace() EXCLUDES(lock_);
+    FolderPtr Open(Folder (*folder)()) EXCLUDES(foldersLock_);
+    void Stage(const FileChange& change, Staged& staged) EXCLUDES(foldersLock_);
     void Commit(Member& member) EXCLUDES(lock_);
     bool LeadsUnlessServed(Member& member) EXCLUDES(lock_);
     void Gather() REQUIRES(lock_);
     void End() EXCLUDES(lock_);
     void RunRound();
-    void StageFirst(Staged& first) const;
+    void StageFirst(Staged& first);
     int Sync(const Staged& first) const;
     void PutInPlace(Staged& first, int syncError);
     void SyncFolders(const Staged& first);
@@ -62,10 +70,14 @@ private:
     const bool syncs_;
     const std::function<FileChange()> first_;
 
-    PCondMutex lock_;  // broadcast at the end of a round
+    PCondMutex lock_;  // broadcast at the end of a round, and when a place is free
     Members waiting_ GUARDED_BY(lock_);
     bool isRunning_ GUARDED_BY(lock_) = false;
     size_t expected_ GUARDED_BY(lock_) = 1;  // as many as took part in the last round
+    size_t places_ GUARDED_BY(lock_) = 0;    // that are taken
+
+    PMutex foldersLock_;
+    std::map<Folder (*)(), std::weak_ptr<const Folder>> folders_ GUARDED_BY(foldersLock_);
 
     Members round_;  // the leader's
 };

@@ -64,7 +64,7 @@ void CRegistration::NoticeDeletedFolder() {
 // Nothing is written, for the reason given.
 void CRegistration::SayUnusable(const std::exception& failure) {
     if (isFolderMissed_.exchange(true)) return;
-    CBBLog::error("The registry is kept in memory only, and tried again every 5 seconds: %s", failure.what());
+    CBBLog::error("The registry is kept in memory only, and tried again every 5 seconds: %s", TextOf(failure).c_str());
 }
 
 // --- Writing ---
@@ -100,6 +100,7 @@ bool CRegistration::Store(const CStdStr& name) {
 // The registration file and then `change`, if any; false when one of them is not on the disk.
 bool CRegistration::WriteFiles(const FileChange* change) {
     const GroupCommit::Outcome outcome = commit_.WriteAfterFirst(change);
+    if (!outcome.problem.empty()) throw FolderError(outcome.problem);
     if (isFolderMissed_.exchange(false)) CBBLog::note("The registry's files can be written again");
     if (!registrationFails_.Take(outcome.first, "write", RegistrationFolder, registrationFile) || !change) return false;
     return satelliteFails_.Take(outcome.change, "write", change->folder, change->name);

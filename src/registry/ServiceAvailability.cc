@@ -173,13 +173,15 @@ void ServiceAvailability::SaveList() {
         Replace();
     } catch (const std::exception& failure) {
         CBBLog::error("CRegistration::SaveList data directory not found");
-        if (!isFolderMissed_.exchange(true)) CBBLog::error("The listeners are kept in memory only: %s", failure.what());
+        if (!isFolderMissed_.exchange(true))
+            CBBLog::error("The listeners are kept in memory only: %s", TextOf(failure).c_str());
     }
 }
 
 void ServiceAvailability::Replace() {
-    RegistrationFolder();  // says what is wrong with it
-    fileFails_.Take(commit_.WriteAfterFirst(nullptr).first, "write", RegistrationFolder, listFile);
+    const GroupCommit::Outcome outcome = commit_.WriteAfterFirst(nullptr);
+    if (!outcome.problem.empty()) throw FolderError(outcome.problem);
+    fileFails_.Take(outcome.first, "write", RegistrationFolder, listFile);
     isFolderMissed_ = false;
 }
 
