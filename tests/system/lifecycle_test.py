@@ -1,4 +1,5 @@
 """The directory as a process: signals, second instances, ports and folders that are not there for it, its log."""
+import os
 import pathlib
 import plistlib
 import random
