@@ -45,13 +45,11 @@ CStdStr DataFolder() {
     try {
         return CFileTools::GetYarDataFolder();
     } catch (const std::logic_error& failure) {
-        throw FolderError(TextOf(failure) + ": " + std::strerror(errno));
+        throw FolderError(CStdStr(failure.what()) + ": " + std::strerror(errno));
     }
 }
 
 }  // namespace
-
-__attribute__((no_sanitize("vptr"))) CStdStr TextOf(const std::exception& failure) { return failure.what(); }
 
 Folder::Folder(const CStdStr& path) : path_(path), descriptor_(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
     if (descriptor_ < 0) RefuseWithErrno(path_);

@@ -25,9 +25,6 @@ public:
     using runtime_error::runtime_error;
 };
 
-// What it says. A sanitizer looks at an exception through a descriptor, and that there is none may be what it says.
-CStdStr TextOf(const std::exception& failure);
-
 // An open folder.
 class Folder {
 public:

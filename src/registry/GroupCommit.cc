@@ -180,7 +180,7 @@ void GroupCommit::StageFirst(Staged& first) {
         Stage(first_(), first);
     } catch (const FolderError& failure) {
         first.error = EIO;
-        for (Member* const member : round_) member->problem = TextOf(failure);
+        for (Member* const member : round_) member->problem = failure.what();
     }
 }
 

@@ -64,7 +64,7 @@ void CRegistration::NoticeDeletedFolder() {
 // Nothing is written, for the reason given.
 void CRegistration::SayUnusable(const std::exception& failure) {
     if (isFolderMissed_.exchange(true)) return;
-    CBBLog::error("The registry is kept in memory only, and tried again every 5 seconds: %s", TextOf(failure).c_str());
+    CBBLog::error("The registry is kept in memory only, and tried again every 5 seconds: %s", failure.what());
 }
 
 // --- Writing ---

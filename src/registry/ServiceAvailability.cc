@@ -173,8 +173,7 @@ void ServiceAvailability::SaveList() {
         Replace();
     } catch (const std::exception& failure) {
         CBBLog::error("CRegistration::SaveList data directory not found");
-        if (!isFolderMissed_.exchange(true))
-            CBBLog::error("The listeners are kept in memory only: %s", TextOf(failure).c_str());
+        if (!isFolderMissed_.exchange(true)) CBBLog::error("The listeners are kept in memory only: %s", failure.what());
     }
 }
 
