@@ -1,10 +1,9 @@
 #include "directory/CommandLine.h"
 
 #include "directory/SelfCheck.h"
+#include "foundation/LogText.h"
 #include "foundation/Settings.h"
 
-#include <algorithm>
-#include <cctype>
 #include <cstdio>
 
 namespace {
@@ -50,16 +49,16 @@ int PrintHelp() {
 }
 
 // Names of files come from strangers.
-CStdStr Printable(CStdStr text) {
-    std::replace_if(
-        text.begin(), text.end(), [](unsigned char c) { return c < ' ' || c == 0x7f; }, '?');
-    return text;
+void Print(const char* before, const CStdStr& text) {
+    CStdStr line(before);
+    kel::AppendPrintable(line, text);
+    std::printf("%s\n", line.c_str());
 }
 
 int Check() {
     const SelfCheck check;
-    for (const CStdStr& line : check.notes()) std::printf("%s\n", Printable(line).c_str());
-    for (const CStdStr& line : check.faults()) std::printf("wrong: %s\n", Printable(line).c_str());
+    for (const CStdStr& line : check.notes()) Print("", line);
+    for (const CStdStr& line : check.faults()) Print("wrong: ", line);
     if (!check.faults().empty()) return 1;
     std::printf("KelDirectory %s: nothing is wrong\n", KEL_VERSION);
     return 0;

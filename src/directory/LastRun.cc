@@ -2,6 +2,7 @@
 
 #include "foundation/FileTools.h"
 #include "foundation/Log.h"
+#include "registry/DataFiles.h"
 #include "registry/FilesCheck.h"
 #include "registry/XmlTags.h"
 
@@ -59,6 +60,7 @@ void SyncFolder() {
 CStdStr LastRun::Begin(bool hasRegistry) {
     path_ = MarkPath();
     if (path_.empty()) return "how the last run ended is not known";
+    kel::registry::RemoveLeftovers(kel::registry::Folder(CFileTools::GetLogsDirectory()));
     CFileTools file(path_);
     const CStdStr end = EndOf(file, hasRegistry);
     mark_ = Mark();

@@ -235,8 +235,10 @@ CStdStr CBBLog::openFiles() {
     const auto open = [&](int& fd, const CStdStr& path, const char* what) {
         bool isNew = false;
         fd = openFile(path, isNew);
-        // Processes of other users append as well, whatever this one's umask. What was there before keeps its mode.
-        if (isNew) fchmod(fd, 0666);
+        // Processes of other users append as well, whatever this one's umask. What is somebody else's keeps its mode.
+        struct stat info {};
+        const bool isOwn = fd >= 0 && fstat(fd, &info) == 0 && info.st_uid == geteuid() && info.st_nlink == 1;
+        if (isNew || isOwn) fchmod(fd, 0666);
         if (fd >= 0) return true;
         const int reason = errno;
         CStdStr line;
@@ -491,6 +493,14 @@ void CBBLog::note(const char* fmt, ...) {
     if (!isEnabled(LOGLEVEL_NOTE)) return;
     const boost::shared_ptr<CBBLog> logger = instance();
     if (!logger) return;
+    va_list arguments;
+    va_start(arguments, fmt);
+    logger->_AddLog(fmt, arguments, LOGLEVEL_NOTE);
+    va_end(arguments);
+}
+
+void CBBLog::note(const boost::shared_ptr<CBBLog>& logger, const char* fmt, ...) {
+    if (!logger || !isEnabledAt(logger->level_, LOGLEVEL_NOTE)) return;
     va_list arguments;
     va_start(arguments, fmt);
     logger->_AddLog(fmt, arguments, LOGLEVEL_NOTE);

@@ -120,6 +120,8 @@ public:
         __attribute__((format(printf, 2, 3)));
     static void error(const boost::shared_ptr<CBBLog>& logger, const char* fmt, ...)
         __attribute__((format(printf, 2, 3)));
+    static void note(const boost::shared_ptr<CBBLog>& logger, const char* fmt, ...)
+        __attribute__((format(printf, 2, 3)));
     static void warn(const boost::shared_ptr<CBBLog>& logger, const char* fmt, ...)
         __attribute__((format(printf, 2, 3)));
     static void info(const boost::shared_ptr<CBBLog>& logger, const char* fmt, ...)

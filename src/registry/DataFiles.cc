@@ -1,5 +1,6 @@
 #include "registry/DataFiles.h"
 
+#include "foundation/FileReplacement.h"
 #include "foundation/FileTools.h"
 #include "foundation/Log.h"
 #include "foundation/Registry.h"
@@ -9,6 +10,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <memory>
@@ -67,7 +69,9 @@ Folder::Folder(const Folder& parent, const char* name) : path_(parent.PathOf(nam
         Refuse(path_, "it is " + OwnedBy(info) + " and not used; give it to root or to the directory's own user");
     }
     descriptor_ = opened;
-    if (isMadeHere) fchmod(descriptor_, fileMode);
+    if (!isMadeHere) return;
+    fchmod(descriptor_, fileMode);
+    fsync(parent.descriptor_);
 }
 
 Folder::~Folder() {
@@ -78,6 +82,24 @@ Folder::~Folder() {
 
 Folder::Folder(Folder&& other) noexcept
     : path_(std::move(other.path_)), descriptor_(std::exchange(other.descriptor_, -1)) {}
+
+Folder& Folder::operator=(Folder&& other) noexcept {
+    std::swap(path_, other.path_);
+    std::swap(descriptor_, other.descriptor_);
+    return *this;
+}
+
+bool Folder::IsSame(const Folder& other) const {
+    struct stat mine {};
+    struct stat its {};
+    return fstat(descriptor_, &mine) == 0 && fstat(other.descriptor_, &its) == 0 && mine.st_ino == its.st_ino &&
+           mine.st_dev == its.st_dev;
+}
+
+bool Folder::IsDeleted() const {
+    struct stat info {};
+    return fstat(descriptor_, &info) != 0 || info.st_nlink == 0;
+}
 
 std::vector<CStdStr> Folder::Names() const {
     std::vector<CStdStr> names;
@@ -112,9 +134,31 @@ int Folder::Remove(const CStdStr& name) const {
 }
 
 CStdStr Folder::KeepDamaged(const CStdStr& name) const {
-    const CStdStr kept = name + ".damaged";
-    unlinkat(descriptor_, kept.c_str(), 0);
+    CStdStr kept = name + ".damaged";
+    CStdStr text;
+    FileReplacement copy(descriptor_, kept);
+    if (Read(name, text) == 0) {
+        const int error = copy.Write(text.data(), text.size(), fileMode);
+        return error == 0 && copy.PutInPlace() == 0 ? kept : CStdStr();
+    }
+    unlinkat(descriptor_, kept.c_str(), 0);  // what cannot be read gets a second name
     return linkat(descriptor_, name.c_str(), descriptor_, kept.c_str(), 0) == 0 ? kept : CStdStr();
+}
+
+std::vector<CStdStr> SatelliteFileNames(const Folder& folder) {
+    std::vector<CStdStr> names = folder.Names();
+    std::erase_if(names, [](const CStdStr& name) {
+        const size_t dot = name.rfind('.');
+        return dot == CStdStr::npos || name.compare(dot, CStdStr::npos, ".xml") != 0;
+    });
+    std::sort(names.begin(), names.end(), CaseInsensitiveLess());
+    return names;
+}
+
+void RemoveLeftovers(const Folder& folder) {
+    for (const CStdStr& name : folder.Names()) {
+        if (IsLeftover(name)) folder.Remove(name);
+    }
 }
 
 Folder SatellitesFolder() { return Folder(Folder(DataFolder()), "Satellites"); }

@@ -34,11 +34,15 @@ public:
     Folder(const Folder& parent, const char* name);
     ~Folder();
     Folder(Folder&& other) noexcept;
-    Folder& operator=(Folder&&) = delete;
+    Folder& operator=(Folder&& other) noexcept;
 
     int descriptor() const { return descriptor_; }
     const CStdStr& path() const { return path_; }
     CStdStr PathOf(const CStdStr& name) const { return path_ + "/" + name; }
+
+    // Whether the two are one.
+    bool IsSame(const Folder& other) const;
+    bool IsDeleted() const;
 
     // The names of everything in it.
     std::vector<CStdStr> Names() const;
@@ -46,14 +50,21 @@ public:
     int Read(const CStdStr& name, CStdStr& text) const;
     // Removes a file: 0, also when there is none, or an error number.
     int Remove(const CStdStr& name) const;
-    // Gives a damaged file, which is going to be replaced, a second name, under which it stays: that name, or an empty
-    // text when that could not be done. Of several of one name the last is kept.
+    // Keeps a copy of a damaged file, which is going to be replaced, under a second name: that name, or an empty text
+    // when that could not be done. Of several of one name the last is kept.
     CStdStr KeepDamaged(const CStdStr& name) const;
 
 private:
     CStdStr path_;
     int descriptor_ = -1;
 };
+
+// The names of the satellite files in a folder. In the order of the registry's map, so that loading them adds each
+// record beside the one before: with many, looking for its place would otherwise cost more than reading the file.
+std::vector<CStdStr> SatelliteFileNames(const Folder& folder);
+
+// Deletes what a killed process has left behind on its way to a file's place.
+void RemoveLeftovers(const Folder& folder);
 
 // The folder of the satellite files, and below it the one of the other two. They throw FolderError.
 Folder SatellitesFolder();

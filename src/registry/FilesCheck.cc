@@ -61,29 +61,10 @@ CStdStr FolderFault(const CStdStr& path, bool isShared, int mode = R_OK | W_OK |
     return fault.empty() ? AccessFault(path, mode) : fault;
 }
 
-bool IsSatelliteFile(const CStdStr& name) {
-    const size_t dot = name.rfind('.');
-    return dot != CStdStr::npos && name.compare(dot, CStdStr::npos, ".xml") == 0;
-}
-
-std::vector<CStdStr> SatelliteFiles(const Folder& folder) {
-    std::vector<CStdStr> names = folder.Names();
-    std::erase_if(names, [](const CStdStr& name) { return !IsSatelliteFile(name); });
-    std::sort(names.begin(), names.end());
-    return names;
-}
-
 Fault SatelliteFault(const CStdStr& text) {
     KelSatelliteInfo satellite;
     const Fault fault = ReadSatellite(text, satellite);
     return fault.empty() ? ReadServices(text, satellite) : fault;
-}
-
-Fault RegistrationFault(const CStdStr& text) {
-    if (text.empty()) return "it is empty";
-    const RegistrationRecord record = ReadRegistration(text);
-    if (!record.lastSatId) return "it does not name the last id";
-    return record.serverId ? "" : "it does not name the server";
 }
 
 bool HasOne(const CStdStr& text, const char* tag) {
@@ -115,7 +96,7 @@ void CheckFilesIn(const CStdStr& satellitesPath, const CStdStr& registrationPath
     struct stat info {};
     if (lstat(registrationPath.c_str(), &info) != 0) return;  // to be made, with nothing in it
     const Folder satellites(satellitesPath);
-    const std::vector<CStdStr> names = SatelliteFiles(satellites);
+    const std::vector<CStdStr> names = SatelliteFileNames(satellites);
     for (const CStdStr& name : names) CheckFile(satellites, name, SatelliteFault, faults);
     const Folder registration(registrationPath);
     if (!CheckFile(registration, "Registration.xml", RegistrationFault, faults) && !names.empty()) {

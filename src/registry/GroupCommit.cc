@@ -119,7 +119,7 @@ GroupCommit::FolderPtr GroupCommit::Open(Folder (*folder)()) {
     PMutexHold hold(foldersLock_);
     std::weak_ptr<const Folder>& known = folders_[folder];
     FolderPtr open = known.lock();
-    if (!open) known = open = std::make_shared<const Folder>(folder());
+    if (!open || open->IsDeleted()) known = open = std::make_shared<const Folder>(folder());
     return open;
 }
 

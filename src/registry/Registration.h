@@ -195,9 +195,11 @@ private:
     using Complaint = kel::registry::Complaint;
     static constexpr const char* registrationFile = "Registration.xml";
     void CreateFolders();
-    void NoticeDeletedFolder() EXCLUDES(lock_, unstoredLock_);
+    void OpenFolders();
+    bool HaveFoldersGone() const;
+    void LookAfterFolders() EXCLUDES(lock_, unstoredLock_);
     void SayUnusable(const std::exception& failure);
-    FileChange RegistrationChange() const EXCLUDES(lock_);
+    FileChange RegistrationChange() EXCLUDES(lock_);
     bool Store(const CStdStr& name) EXCLUDES(lock_, unstoredLock_);
     bool WriteFiles(const FileChange* change) EXCLUDES(lock_);
     void NoteUnstored(const CStdStr& name) EXCLUDES(unstoredLock_);
@@ -209,9 +211,9 @@ private:
         EXCLUDES(lock_, unstoredLock_);
 
     // SatelliteLoading.cc
-    static void RemoveLeftovers(const Folder& folder);
-    bool LoadRegistrationFile() EXCLUDES(lock_);
-    void BoundCounter(const Folder& folder, const std::vector<CStdStr>& fileNames) EXCLUDES(lock_);
+    bool LoadRegistrationFile(bool& isDamaged) EXCLUDES(lock_);
+    void TakeOverUnread() EXCLUDES(lock_);
+    int32_t BoundCounter(const Folder& folder, const std::vector<CStdStr>& fileNames) EXCLUDES(lock_);
     void LoadSatellite(const Folder& folder, const CStdStr& fileName, const CStdStr& text) EXCLUDES(lock_);
     void DeleteLoser(const Folder& folder, const CStdStr& fileName) EXCLUDES(unstoredLock_);
 
@@ -232,7 +234,10 @@ private:
     SatellitePtr unstarted_ GUARDED_BY(unstartedLock_);  // its check was begun without a thread
     RecentRemovals removals_;                            // by checks
 
-    std::optional<Folder> folder_;  // of the satellites, locked against other directories; SaveIfFailed's
+    // Of the satellites, locked against other directories, and of the registration file; empty while they cannot be
+    // used.
+    std::vector<Folder> folders_;        // SaveIfFailed's
+    std::atomic<bool> isUnread_{false};  // the files could not be looked at when they were to be loaded
     kel::registry::GroupCommit commit_{kel::registry::SyncsFiles(), [this] { return RegistrationChange(); }};
     NameTurns turns_;
     std::atomic<bool> isFolderMissed_{false};

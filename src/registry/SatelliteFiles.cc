@@ -4,6 +4,7 @@
 
 #include "foundation/Log.h"
 #include "registry/SatelliteText.h"
+#include "registry/ServiceAvailability.h"
 
 #include <limits.h>
 #include <sys/file.h>
@@ -34,31 +35,47 @@ const char* NameFault(const CStdStr& name) {
 
 void CRegistration::CreateFolders() {
     try {
-        folder_.emplace(SatellitesFolder());
-        const Folder registration = RegistrationFolder();
-        for (const Folder* const folder : {static_cast<const Folder*>(&*folder_), &registration}) {
-            if (fchmod(folder->descriptor(), fileMode) == 0) continue;
-            CBBLog::error("CRegistration::CRegistration chmod failed %s", std::strerror(errno));
-        }
-        if (flock(folder_->descriptor(), LOCK_EX | LOCK_NB) != 0) return;  // another directory is at work there
-        RemoveLeftovers(*folder_);
-        RemoveLeftovers(registration);
+        OpenFolders();
     } catch (const std::exception& failure) {
         CBBLog::error("CRegistration::CRegistration data directory not found");
         SayUnusable(failure);
     }
 }
 
-// With the folder all files have gone: they are due again, and it is made anew.
-void CRegistration::NoticeDeletedFolder() {
-    struct stat info {};
-    if (!folder_ || fstat(folder_->descriptor(), &info) != 0 || info.st_nlink > 0) return;
-    CBBLog::error("%s was deleted; it is made again, with the files of all satellites", folder_->path().c_str());
-    folder_.reset();
-    CreateFolders();
-    PReadHold hold(lock_);
-    PMutexHold holdUnstored(unstoredLock_);
-    for (const auto& [name, satellite] : satellites_) unstored_.insert(name);
+// Takes the folders for this registry's own, unless another directory is at work there. Throws FolderError.
+void CRegistration::OpenFolders() {
+    folders_.clear();
+    for (Folder (*const folder)() : {SatellitesFolder, RegistrationFolder}) {
+        const Folder& opened = folders_.emplace_back(folder());
+        if (fchmod(opened.descriptor(), fileMode) == 0) continue;
+        CBBLog::error("CRegistration::CRegistration chmod failed %s", std::strerror(errno));
+    }
+    if (flock(folders_.front().descriptor(), LOCK_EX | LOCK_NB) != 0) return;
+    for (const Folder& folder : folders_) RemoveLeftovers(folder);
+}
+
+// Whether the folders are no longer those that were opened. With them the files have gone. Throws FolderError.
+bool CRegistration::HaveFoldersGone() const {
+    return folders_.size() == 2 &&
+           !(folders_[0].IsSame(SatellitesFolder()) && folders_[1].IsSame(RegistrationFolder()));
+}
+
+// Folders that could not be used at the start may be usable by now, and those that could may have been deleted: then
+// everything in them is due again.
+void CRegistration::LookAfterFolders() {
+    const bool haveGone = HaveFoldersGone();
+    if (haveGone) {
+        CBBLog::error("%s was deleted or moved away; it is made again, with the files of all satellites",
+                      folders_.front().path().c_str());
+    }
+    if (haveGone || folders_.size() < 2) OpenFolders();
+    if (!haveGone) return;
+    {
+        PReadHold hold(lock_);
+        PMutexHold holdUnstored(unstoredLock_);
+        for (const auto& [name, satellite] : satellites_) unstored_.insert(name);
+    }
+    if (availability_) availability_->SaveList();
 }
 
 // Nothing is written, for the reason given.
@@ -106,7 +123,8 @@ bool CRegistration::WriteFiles(const FileChange* change) {
     return satelliteFails_.Take(outcome.change, "write", change->folder, change->name);
 }
 
-FileChange CRegistration::RegistrationChange() const {
+FileChange CRegistration::RegistrationChange() {
+    if (isUnread_) TakeOverUnread();
     PReadHold hold(lock_);
     return {&RegistrationFolder, registrationFile, RegistrationText(serverId_, lastSatId_)};
 }
@@ -117,7 +135,10 @@ void CRegistration::NoteUnstored(const CStdStr& name) {
 }
 
 void CRegistration::SaveIfFailed() {
-    NoticeDeletedFolder();
+    try {
+        LookAfterFolders();
+    } catch (const std::exception&) {  // which was said when they were first missed
+    }
     std::set<CStdStr, CaseInsensitiveLess> names;
     std::set<CStdStr> undeleted;
     {

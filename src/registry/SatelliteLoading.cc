@@ -2,7 +2,6 @@
 // aside, what a killed process left behind goes.
 #include "registry/Registration.h"
 
-#include "foundation/FileReplacement.h"
 #include "foundation/Log.h"
 #include "registry/SatelliteText.h"
 
@@ -26,20 +25,6 @@ namespace {
 constexpr std::string_view xmlEnding = ".xml";
 constexpr const char* damagedFolder = "Damaged";
 constexpr size_t keptDamaged = 20;  // files
-
-bool IsSatelliteFile(const CStdStr& fileName) {
-    const size_t dot = fileName.rfind('.');
-    return dot != CStdStr::npos && fileName.compare(dot, CStdStr::npos, xmlEnding) == 0;
-}
-
-// The names of the satellite files. In the order of the registry's map, so that loading them adds each record beside
-// the one before: with many, looking for its place would otherwise cost more than reading the file.
-std::vector<CStdStr> SatelliteFileNames(const Folder& folder) {
-    std::vector<CStdStr> names = folder.Names();
-    std::erase_if(names, [](const CStdStr& name) { return !IsSatelliteFile(name); });
-    std::sort(names.begin(), names.end(), CaseInsensitiveLess());
-    return names;
-}
 
 // Notes that the satellite's record is in `fileName`, where that is not the file it would be written to.
 void RememberFile(KelSatelliteInfo& satellite, const CStdStr& fileName) {
@@ -65,9 +50,7 @@ int64_t ArrivalOf(const Folder& folder, const CStdStr& name) {
 
 void RemoveOldest(const Folder& folder) {
     std::vector<std::pair<int64_t, CStdStr>> files;
-    for (CStdStr& name : folder.Names()) {
-        if (IsSatelliteFile(name)) files.emplace_back(ArrivalOf(folder, name), std::move(name));
-    }
+    for (CStdStr& name : SatelliteFileNames(folder)) files.emplace_back(ArrivalOf(folder, name), std::move(name));
     if (files.size() <= keptDamaged) return;
     std::sort(files.begin(), files.end());
     files.resize(files.size() - keptDamaged);
@@ -93,20 +76,21 @@ void PutAside(const Folder& satellites, const CStdStr& fileName, const Fault& fa
 
 }  // namespace
 
-void CRegistration::RemoveLeftovers(const Folder& folder) {
-    for (const CStdStr& name : folder.Names()) {
-        if (IsLeftover(name)) folder.Remove(name);
-    }
-}
-
 int CRegistration::LoadAllSatFiles() {
     try {
         const Folder folder = SatellitesFolder();
         const std::vector<CStdStr> fileNames = SatelliteFileNames(folder);
-        if (!LoadRegistrationFile()) {
-            BoundCounter(folder, fileNames);
+        bool isDamaged = false;
+        if (!LoadRegistrationFile(isDamaged)) {
+            const int32_t highest = BoundCounter(folder, fileNames);
+            if (fileNames.empty()) return noRegistrationFile;
+            CBBLog::error(
+                "%s has the files of %zu satellites and no readable %s: they are loaded at the next start; ids "
+                "go on from %d, the highest in them",
+                folder.path().c_str(), fileNames.size(), registrationFile, highest);
             return noRegistrationFile;
         }
+        if (isDamaged) BoundCounter(folder, fileNames);
         CStdStr text;
         for (const CStdStr& fileName : fileNames) {
             if (const int error = folder.Read(fileName, text)) {
@@ -117,6 +101,7 @@ int CRegistration::LoadAllSatFiles() {
         }
         return 0;
     } catch (const std::exception& failure) {
+        isUnread_ = true;
         CBBLog::error("CRegistration::LoadAllSatFiles data directory not found");
         SayUnusable(failure);
         return -1;
@@ -124,7 +109,7 @@ int CRegistration::LoadAllSatFiles() {
 }
 
 // False when it does not tell the last id. Then what there is of it is kept, for it is about to be written anew.
-bool CRegistration::LoadRegistrationFile() {
+bool CRegistration::LoadRegistrationFile(bool& isDamaged) {
     const Folder folder = RegistrationFolder();
     CStdStr text;
     const int error = folder.Read(registrationFile, text);
@@ -134,34 +119,47 @@ bool CRegistration::LoadRegistrationFile() {
         if (record.serverId) serverId_ = *record.serverId;
         if (record.lastSatId) lastSatId_ = *record.lastSatId;
     }
-    if (record.lastSatId) return true;
-    if (error == ENOENT) return false;
+    const Fault fault = error != 0 ? Fault(std::strerror(error)) : RegistrationFault(text);
+    if (fault.empty() || error == ENOENT) return record.lastSatId.has_value();
+    isDamaged = true;
     const CStdStr kept = folder.KeepDamaged(registrationFile);
-    CBBLog::error("%s is damaged: %s; no satellite is loaded%s%s", folder.PathOf(registrationFile).c_str(),
-                  error != 0     ? std::strerror(error)
-                  : text.empty() ? "it is empty"
-                                 : "it does not name the last id",
+    CBBLog::error("%s is damaged: %s%s%s%s", folder.PathOf(registrationFile).c_str(), fault.c_str(),
+                  record.lastSatId ? "" : "; no satellite is loaded",
                   kept.empty() ? "" : "; what there is of it is kept as ", kept.c_str());
-    return false;
+    return record.lastSatId.has_value();
 }
 
 // Without the registration file only the satellites' files tell which ids were given out: none of them is given out
 // again. Nothing is loaded from them.
-void CRegistration::BoundCounter(const Folder& folder, const std::vector<CStdStr>& fileNames) {
-    if (fileNames.empty()) return;
+int32_t CRegistration::BoundCounter(const Folder& folder, const std::vector<CStdStr>& fileNames) {
     int32_t highest = 0;
     CStdStr text;
     for (const CStdStr& fileName : fileNames) {
         if (folder.Read(fileName, text) == 0) highest = std::max(highest, IdIn(text));
     }
+    PWriteHold hold(lock_);
+    return lastSatId_ = std::max(lastSatId_, highest);
+}
+
+// The folders could not be used at the start and are about to be written to: what the registration file says of ids
+// holds, and the rest of it is kept.
+void CRegistration::TakeOverUnread() {
+    const Folder satellites = SatellitesFolder();
+    const Folder folder = RegistrationFolder();
+    CStdStr text;
+    const int error = folder.Read(registrationFile, text);
+    const int32_t known = ReadRegistration(text).lastSatId.value_or(0);
     {
         PWriteHold hold(lock_);
-        lastSatId_ = std::max(lastSatId_, highest);
+        lastSatId_ = std::max(lastSatId_, known);
     }
-    CBBLog::error(
-        "%s has the files of %zu satellites and no readable %s: they are loaded at the next start; ids go on "
-        "from %d, the highest in them",
-        folder.path().c_str(), fileNames.size(), registrationFile, highest);
+    const int32_t highest = BoundCounter(satellites, SatelliteFileNames(satellites));
+    const CStdStr kept = error == ENOENT ? CStdStr() : folder.KeepDamaged(registrationFile);
+    isUnread_ = false;
+    if (error == ENOENT) return;
+    CBBLog::error("%s was there before this start, which could not read it, and is written anew; ids go on from %d%s%s",
+                  folder.PathOf(registrationFile).c_str(), highest, kept.empty() ? "" : "; it is kept as ",
+                  kept.c_str());
 }
 
 // Takes a satellite over from the text of its file. A damaged file is put aside; of two that hold the same satellite

@@ -116,4 +116,12 @@ RegistrationRecord ReadRegistration(const CStdStr& text) {
     return record;
 }
 
+Fault RegistrationFault(const CStdStr& text) {
+    if (text.empty()) return "it is empty";
+    const std::optional<CStdStr> last = FirstValue(text, "lastSatId");
+    if (!last) return "it does not name the last id";
+    if (last->empty() || last->find_first_not_of("0123456789") != CStdStr::npos) return "its last id is no number";
+    return FirstValue(text, "serverId") ? "" : "it does not name the server";
+}
+
 }  // namespace kel::registry

@@ -31,5 +31,7 @@ struct RegistrationRecord {
 
 CStdStr RegistrationText(const CStdStr& serverId, int32_t lastSatId);
 RegistrationRecord ReadRegistration(const CStdStr& text);
+// What is wrong with it; it may name the last id all the same.
+Fault RegistrationFault(const CStdStr& text);
 
 }  // namespace kel::registry

@@ -184,7 +184,13 @@ void ServiceAvailability::Replace() {
     isFolderMissed_ = false;
 }
 
-FileChange ServiceAvailability::FileText() { return {&RegistrationFolder, listFile, Text()}; }
+FileChange ServiceAvailability::FileText() {
+    if (isUnread_) {
+        RegistrationFolder().KeepDamaged(listFile);
+        isUnread_ = false;
+    }
+    return {&RegistrationFolder, listFile, Text()};
+}
 
 void ServiceAvailability::SaveIfFailed() {
     if (!fileFails_.IsOpen() && !isFolderMissed_) return;
@@ -230,6 +236,7 @@ int ServiceAvailability::LoadList() {
         if (Count() > 0 && Text() != text) SaveList();
         return result;
     } catch (const std::exception&) {
+        isUnread_ = true;
         CBBLog::error("CRegistration::LoadList data directory not found");
         return 0;
     }

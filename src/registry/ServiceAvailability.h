@@ -128,5 +128,6 @@ private:
     kel::registry::GroupCommit commit_{kel::registry::SyncsFiles(), [this] { return FileText(); }};
     kel::registry::Complaint fileFails_;
     std::atomic<bool> isFolderMissed_{false};
-    std::atomic<bool> isLeft_{false};  // the file says what could not be read, and nothing has been added since
+    std::atomic<bool> isUnread_{false};  // the file could not be looked at when it was to be loaded
+    std::atomic<bool> isLeft_{false};    // the file says what could not be read, and nothing has been added since
 };

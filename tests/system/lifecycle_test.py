@@ -316,7 +316,7 @@ class FilesFromBefore(SystemTest):
         with directory.client() as client:
             self.assertEqual({client.id_of(f"Filler{number}") for number in range(1, 21)}, set(range(1, 21)))
 
-    def test_that_are_damaged_are_deleted_and_block_no_other(self):
+    def test_that_are_damaged_are_put_aside_and_block_no_other(self):
         directory = self.daemon()
         directory.fill(2)
         port = self.satellite().port

@@ -78,7 +78,7 @@ boost::system::error_code Listener::AcceptWaiting() {
         Socket socket = AcceptOne(error);
         if (error) return error;
         if (std::exchange(paused_, false)) {
-            CBBLog::warn(LibraryLogger(), "libkel: accepting connections on port %u again", unsigned{port_});
+            CBBLog::note(LibraryLogger(), "libkel: accepting connections on port %u again", unsigned{port_});
         }
         accepted_(std::move(socket));
     }
@@ -93,7 +93,7 @@ Socket Listener::AcceptOne(boost::system::error_code& error) {
 void Listener::Pause(const boost::system::error_code& error) {
     if (!std::exchange(paused_, true)) {
         Quietly([&] {
-            CBBLog::warn(LibraryLogger(), "libkel: accepting connections on port %u pauses: %s", unsigned{port_},
+            CBBLog::note(LibraryLogger(), "libkel: accepting connections on port %u pauses: %s", unsigned{port_},
                          error.message().c_str());
         });
     }

@@ -97,11 +97,12 @@ TEST_F(SatelliteFiles, AreLoadedOnlyWithTheRegistrationFileButTheirIdsAreNotGive
     Registry before;
     Register(before, "Foo");
     const std::string registration = Registration();
-    for (const std::string& text : {std::string(), std::string(Changed(registration, "lastSatId", "last"))}) {
+    const std::string noNumber = Changed(registration, "Id>1<", "Id>one<");
+    for (const std::string& text : {std::string(), std::string(Changed(registration, "lastSatId", "last")), noNumber}) {
         Write(registrationPath_, text);
         Registry registry;
-        EXPECT_EQ(registry.LoadAllSatFiles(), 11);
-        EXPECT_EQ(IdOf(registry, "Foo"), -1);
+        EXPECT_EQ(registry.LoadAllSatFiles(), text == noNumber ? 0 : 11);
+        EXPECT_EQ(IdOf(registry, "Foo"), text == noNumber ? 1 : -1);
         EXPECT_EQ(TextOf(registrationPath_ + ".damaged"), text);
         int satId = 0;
         registry.AddSatellite("Bar", "127.0.0.1", 1, "studio", 1, &satId);
@@ -221,11 +222,39 @@ TEST_F(SatelliteFiles, ComeBackWithTheirFolder) {
     Registry registry;
     Register(registry, "Foo");
     Register(registry, "Bar");
+    const auto isBack = [&] {
+        registry.SaveIfFailed();
+        EXPECT_EQ(Files(), (Set{"Bar.xml", "Foo.xml"}));
+        EXPECT_EQ(IdAfterRestart("Foo"), 1);
+    };
     fs::remove_all(folder_);
     Register(registry, "Bar");
+    isBack();
+    fs::rename(folder_, folder_ + ".moved");
+    isBack();
+    fs::remove_all(folder_ + "/Registration");
+    isBack();
+}
+
+TEST_F(SatelliteFiles, OfAFolderThatWasUnusableAtTheStartAreNotWrittenOver) {
+    Registry before;
+    for (int i = 0; i < 5; ++i) before.RemoveSatellite("Gone", Register(before, "Gone"));
+    Register(before, "Foo");
+    const std::string registration = Registration();
+    fs::rename(folder_, folder_ + ".away");
+    std::ofstream(folder_) << "in its place";
+    Registry registry;
+    EXPECT_EQ(registry.LoadAllSatFiles(), -1);
+    fs::remove(folder_);
+    fs::rename(folder_ + ".away", folder_);
+    EXPECT_EQ(Register(registry, "Bar"), 1);
+    EXPECT_EQ(Register(registry, "Baz"), 7) << "behind the last that was given out before";
+    EXPECT_EQ(TextOf(registrationPath_ + ".damaged"), registration);
+    EXPECT_EQ(Files(), (Set{"Bar.xml", "Baz.xml", "Foo.xml"}));
     registry.SaveIfFailed();
-    EXPECT_EQ(Files(), (Set{"Bar.xml", "Foo.xml"}));
-    EXPECT_EQ(IdAfterRestart("Foo"), 1);
+    fs::remove_all(folder_);
+    registry.SaveIfFailed();
+    EXPECT_EQ(Files(), (Set{"Bar.xml", "Baz.xml"})) << "it has taken the folder for its own";
 }
 
 TEST_F(SatelliteFiles, AreRidOfWhatAKilledDirectoryLeftBehindUnlessOneIsAtWork) {
