@@ -116,6 +116,8 @@ int SyncContents(const std::vector<const FileReplacement*>& files) {
     return descriptors.empty() ? 0 : kel::platform::SyncFiles(descriptors);
 }
 
+int SyncFolders(const std::vector<int>& folders) { return folders.empty() ? 0 : kel::platform::SyncFolders(folders); }
+
 bool IsLeftover(const CStdStr& name) {
     constexpr size_t beginSize = sizeof kTemporaryBegin - 1;
     constexpr size_t endSize = sizeof kTemporaryEnd - 1;

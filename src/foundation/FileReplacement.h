@@ -40,5 +40,8 @@ private:
 // number.
 int SyncContents(const std::vector<const FileReplacement*>& files);
 
+// Likewise for the entries of open folders of one file system, in this order.
+int SyncFolders(const std::vector<int>& folders);
+
 // Whether a file's name is that of one which a killed process has left behind on its way.
 bool IsLeftover(const CStdStr& name);

@@ -24,7 +24,6 @@
 #include <cerrno>
 #include <chrono>
 #include <exception>
-#include <set>
 #include <thread>
 #include <utility>
 
@@ -32,8 +31,8 @@ namespace kel::registry {
 namespace {
 
 constexpr auto gatherPause = std::chrono::microseconds(100);
-constexpr int gatherPauses = 4;
-constexpr size_t maxPlaces = 24;  // less than libkel keeps free of connections
+constexpr int gatherPauses = 8;
+constexpr size_t maxPlaces = 30;  // with two folders as many descriptors as libkel keeps free of connections
 
 }  // namespace
 
@@ -209,14 +208,15 @@ void GroupCommit::PutInPlace(Staged& first, int syncError) {
 }
 
 void GroupCommit::SyncFolders(const Staged& first) {
-    std::set<CStdStr> synced;
-    int error = 0;
-    const auto sync = [&](const Staged& staged) {
-        if (staged.error != 0 || !staged.folder || !synced.insert(staged.folder->path()).second) return;
-        if (fsync(staged.folder->descriptor()) != 0) error = errno;
+    std::vector<int> changed;
+    const auto add = [&](const Staged& staged) {
+        if (staged.error != 0 || !staged.folder) return;
+        const int folder = staged.folder->descriptor();
+        if (std::find(changed.begin(), changed.end(), folder) == changed.end()) changed.push_back(folder);
     };
-    sync(first);
-    for (const Member* const member : round_) sync(member->staged);
+    add(first);
+    for (const Member* const member : round_) add(member->staged);
+    const int error = ::SyncFolders(changed);
     if (error == 0) return;
     for (Member* const member : round_) {
         if (member->wantsFirst) member->firstError = error;

@@ -47,11 +47,20 @@ int SyncEach(const std::vector<int>& files) {
     return 0;
 }
 
+bool SyncAll(const std::vector<int>& descriptors) {
+    return descriptors.size() > 1 && IsLittleDirty() && syncfs(descriptors.front()) == 0;
+}
+
 }  // namespace
 
-int SyncFiles(const std::vector<int>& files) {
-    if (files.size() > 1 && IsLittleDirty() && syncfs(files.front()) == 0) return 0;
-    return SyncEach(files);
+int SyncFiles(const std::vector<int>& files) { return SyncAll(files) ? 0 : SyncEach(files); }
+
+int SyncFolders(const std::vector<int>& folders) {
+    if (SyncAll(folders)) return 0;
+    for (const int folder : folders) {
+        if (fsync(folder) != 0) return errno;
+    }
+    return 0;
 }
 
 }  // namespace kel::platform
