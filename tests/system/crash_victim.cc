@@ -43,9 +43,10 @@ std::atomic<bool> armed{false};
 
 // Writes over what the allocator keeps behind a block; it finds out inside malloc, with its lock held.
 [[gnu::noinline]] void CorruptHeapOfVictim() {
-    void* volatile block = std::malloc(24);
-    std::memset(block, 0x7e, 64);
     std::vector<void*> blocks;
+    blocks.reserve(20'000);
+    for (int i = 0; i < 10'000; ++i) blocks.push_back(std::malloc(24));  // beyond what is free between others
+    std::memset(static_cast<char*>(blocks.back()), 0x7e, 64);
     for (size_t size = 0x1000; size < 0x20000; size += 0x1000) blocks.push_back(std::malloc(size));
 }
 
