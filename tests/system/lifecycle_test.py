@@ -278,7 +278,7 @@ class TheCommandLine(SystemTest):
         files = directory.tree()
         status, text = self.run_with(directory, "--check")
         wrong = [line for line in text.splitlines() if line.startswith("wrong: ")]
-        for expected in ["com.tessaly.yar.plist cannot be read: it does not end with", "A?B.xml: Too many levels",
+        for expected in ["com.tessaly.yar.plist cannot be read: it does not end with", "A\\nB.xml: Too many levels",
                          "Filler1.xml: it is empty", "Filler3.xml: in a service <name> is empty",
                          "Registration.xml: it does not name the last id", "<serviceListener> is not closed",
                          "errors.log: it is a link", f"127.0.0.1:{directory.port}: another program holds the port"]:
