@@ -64,7 +64,7 @@ void DiscoveryServer::initSocket() {
     if (error == openError_) return;
     openError_ = error;
     if (error == 0) {
-        CBBLog::note("Discovery: the directory can be searched for now, on UDP port %d", kel::wire::discoveryPort);
+        CBBLog::note("Discovery: searches reach the directory from here on, on UDP port %d", kel::wire::discoveryPort);
     } else {
         CBBLog::error("Discovery: the directory cannot be searched for, on UDP port %d: %s%s; trying every 20 seconds",
                       kel::wire::discoveryPort, std::strerror(error),

@@ -349,7 +349,7 @@ class AHostWhoseInterfacesComeAndGo(OnNetworks):
             directory.current.wait_for("cannot be searched for, on UDP port 1901: Address already in use")
         with directory.client() as client:  # brings the next announcement forward, and with it the next try
             client.call("AddKelUsers", ["al"])
-        directory.current.wait_for("can be searched for now")
+        directory.current.wait_for("searches reach the directory from here on")
         listener = self.listener(other, "10.77.1.2")
         listener.send(SEARCH)
         while listener.receive()[1] != "10.77.1.2":
