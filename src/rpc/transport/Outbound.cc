@@ -168,6 +168,77 @@ private:
     Deadline shortageEnd_ GUARDED_BY(lock_);
 };
 
+// A call that no thread waits for: it ends once, with an answer, without a connection or when its time is up. Kept
+// alive by its timer and by whatever may still end it.
+class Outbound::AsyncCall : public std::enable_shared_from_this<AsyncCall> {
+public:
+    AsyncCall(WorkerPool& pool, Address peer, std::string called, std::string by, ScopedVariant with,
+              CallHandler handler)
+        : to(std::move(peer)),
+          method(std::move(called)),
+          caller(std::move(by)),
+          in(std::move(with)),
+          handler_(std::move(handler)),
+          timer_(pool.io().get_executor()) {}
+
+    const Address to;
+    const std::string method;
+    const std::string caller;
+    const ScopedVariant in;
+
+    void ExpireAfter(std::chrono::milliseconds timeout) {
+        PMutexHold hold(lock_);
+        timer_.expires_after(timeout);
+        timer_.async_wait([self = shared_from_this()](const boost::system::error_code& error) {
+            if (!error) self->Expire();
+        });
+    }
+
+    // It was sent, and `connection` keeps it under `id`: also when nobody wants the answer any more, so it says so
+    // then.
+    void WaitsOn(const ConnectionPtr& connection, uint32_t id) {
+        {
+            PMutexHold hold(lock_);
+            over_ = connection;
+            id_ = id;
+            if (!finished_) return;
+        }
+        connection->Abandon(id);
+    }
+
+    void Finish(Outcome& outcome) {
+        {
+            PMutexHold hold(lock_);
+            if (std::exchange(finished_, true)) return;
+            timer_.cancel();
+        }
+        handler_(outcome);
+    }
+
+private:
+    void Expire() {
+        Outcome outcome;
+        outcome.end = Outcome::End::noAnswer;
+        Quietly([&] { outcome.problem = to.text() + " did not answer in time"; });
+        Finish(outcome);
+        ConnectionPtr connection;
+        uint32_t id;
+        {
+            PMutexHold hold(lock_);
+            connection = over_.lock();
+            id = id_;
+        }
+        if (connection) connection->Abandon(id);
+    }
+
+    const CallHandler handler_;
+    PMutex lock_;
+    bool finished_ GUARDED_BY(lock_) = false;
+    Timer timer_ GUARDED_BY(lock_);
+    std::weak_ptr<Connection> over_ GUARDED_BY(lock_);  // once it was sent
+    uint32_t id_ GUARDED_BY(lock_) = 0;                 // there
+};
+
 Outbound::Outbound(WorkerPool& pool, Adopt adopt, Shortage shortage)
     : pool_(pool), adopt_(std::move(adopt)), shortage_(std::move(shortage)) {}
 
@@ -313,42 +384,9 @@ Outcome Outbound::Call(const Address& to, std::string_view method, std::string_v
 
 void Outbound::CallAsync(const Address& to, std::string method, std::string caller, ScopedVariant in,
                          std::chrono::milliseconds timeout, CallHandler handler) {
-    struct Pending {
-        Pending(WorkerPool& pool, Address peer, CallHandler done)
-            : to(std::move(peer)), handler(std::move(done)), timer(pool.io().get_executor()) {}
-
-        void Expire() {
-            Outcome outcome;
-            outcome.end = Outcome::End::noAnswer;
-            Quietly([&] { outcome.problem = to.text() + " did not answer in time"; });
-            Finish(outcome);
-        }
-
-        void Finish(Outcome& outcome) {
-            {
-                PMutexHold hold(lock);
-                if (std::exchange(finished, true)) return;
-                timer.cancel();
-            }
-            handler(outcome);
-        }
-
-        const Address to;
-        const CallHandler handler;
-        PMutex lock;
-        bool finished GUARDED_BY(lock) = false;
-        Timer timer GUARDED_BY(lock);
-    };
-    const auto pending = std::make_shared<Pending>(pool_, to, std::move(handler));
-    const auto call = std::make_shared<AsyncCall>(AsyncCall{to, std::move(method), std::move(caller), std::move(in),
-                                                            [pending](Outcome& outcome) { pending->Finish(outcome); }});
-    {
-        PMutexHold hold(pending->lock);
-        pending->timer.expires_after(timeout);
-        pending->timer.async_wait([pending](const boost::system::error_code& error) {
-            if (!error) pending->Expire();
-        });
-    }
+    const auto call =
+        std::make_shared<AsyncCall>(pool_, to, std::move(method), std::move(caller), std::move(in), std::move(handler));
+    call->ExpireAfter(timeout);
     Begin(call, maxBeginnings);
 }
 
@@ -364,7 +402,7 @@ void Outbound::Begin(const std::shared_ptr<AsyncCall>& call, int attempts) {
     Outcome outcome;
     outcome.shortage = true;
     outcome.problem = "no memory";
-    call->handler(outcome);
+    call->Finish(outcome);
 }
 
 void Outbound::CallOn(const ConnectionPtr& connection, const boost::system::error_code& error,
@@ -373,6 +411,7 @@ void Outbound::CallOn(const ConnectionPtr& connection, const boost::system::erro
     Outcome outcome;
     outcome.error = error;
     outcome.shortage = IsShortage(error);
+    uint32_t id = 0;
     Quietly([&] {
         outcome.problem = call->to.text() + " cannot be reached: " + error.message();
         if (!connection) return;
@@ -381,16 +420,16 @@ void Outbound::CallOn(const ConnectionPtr& connection, const boost::system::erro
             [call](CallEnd end, wire::Message& message) {
                 Outcome ended;
                 Quietly([&] { Settle(ended, end, message, call->to.text()); });
-                call->handler(ended);
+                call->Finish(ended);
             },
-            nullptr);
+            &id);
     });
-    if (begun == Connection::Begun::begun) return;
+    if (begun == Connection::Begun::begun) return call->WaitsOn(connection, id);
     if (begun == Connection::Begun::closed) {
         Forget(connection);
         if (connection->gaveRoom() && attempts > 1) return Begin(call, attempts - 1);
     }
-    call->handler(outcome);
+    call->Finish(outcome);
 }
 
 void Outbound::Forget(const ConnectionPtr& connection) {

@@ -80,13 +80,7 @@ private:
         }
     };
     class Attempt;
-    struct AsyncCall {
-        Address to;
-        std::string method;
-        std::string caller;
-        ScopedVariant in;
-        CallHandler handler;
-    };
+    class AsyncCall;
 
     void Connected(const Address& to, boost::system::error_code error, Socket* socket);
     ConnectionPtr Connect(const Address& to, Deadline deadline, Outcome& outcome);
