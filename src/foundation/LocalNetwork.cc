@@ -17,6 +17,9 @@ using NetworkPtr = std::shared_ptr<const LocalNetwork>;
 // say that it did. What is read within this time after a change is not kept.
 constexpr std::chrono::milliseconds unrest{100};
 
+// The system is asked for changes once in this time: a look-up in a crowd costs no system call.
+constexpr std::chrono::milliseconds betweenQuestions{1};
+
 // Null when the system does not tell.
 NetworkPtr Read() {
     std::vector<kel::platform::InterfaceAddress> addresses;
@@ -29,12 +32,15 @@ NetworkPtr Read() {
 class Keeper {
 public:
     NetworkPtr Current() EXCLUDES(lock_) {
+        const Clock::time_point now = Clock::now();
         {
             PMutexHold hold(lock_);
-            if (changes_.HaveHappened()) settled_ = Clock::now() + unrest;
+            if (now - askedAt_ >= betweenQuestions) {
+                if (changes_.HaveHappened()) settled_ = now + unrest;
+                askedAt_ = now;
+            }
             if (readAt_ >= settled_) return network_;
         }
-        const Clock::time_point now = Clock::now();
         const NetworkPtr read = Read();  // by each thread that finds it changed: none waits for another
         PMutexHold hold(lock_);
         if (read && now >= readAt_) {
@@ -47,6 +53,7 @@ public:
 private:
     PMutex lock_;
     kel::platform::NetworkChanges changes_ GUARDED_BY(lock_);
+    Clock::time_point askedAt_ GUARDED_BY(lock_){};  // when the system was last asked for changes
     Clock::time_point settled_ GUARDED_BY(lock_){};  // what is read from then on holds
     Clock::time_point readAt_ GUARDED_BY(lock_){};   // when that reading began
     NetworkPtr network_ GUARDED_BY(lock_){new LocalNetwork{{}, RouteChoice({})}};
