@@ -1,8 +1,8 @@
 #include "directory/CommandLine.h"
 
 #include "directory/SelfCheck.h"
+#include "foundation/CheckedSettings.h"
 #include "foundation/LogText.h"
-#include "foundation/Settings.h"
 
 #include <cstdio>
 

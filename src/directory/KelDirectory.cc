@@ -1,10 +1,10 @@
 #include "directory/KelDirectory.h"
 
 #include "directory/DirectorySink.h"
+#include "foundation/CheckedSettings.h"
 #include "foundation/FileTools.h"
 #include "foundation/Log.h"
 #include "foundation/NetworkUtils.h"
-#include "foundation/Settings.h"
 #include "host/commonMain.h"
 #include "platform/ProcessPaths.h"
 #include "registry/FilesCheck.h"

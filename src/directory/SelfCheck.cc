@@ -1,7 +1,7 @@
 #include "directory/SelfCheck.h"
 
+#include "foundation/CheckedSettings.h"
 #include "foundation/FileTools.h"
-#include "foundation/Settings.h"
 #include "platform/ProcessPaths.h"
 #include "registry/FilesCheck.h"
 #include "rpc/wire/Codec.h"

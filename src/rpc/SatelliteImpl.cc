@@ -1,6 +1,6 @@
 #include "rpc/SatelliteImpl.h"
 
-#include "foundation/Settings.h"
+#include "foundation/CheckedSettings.h"
 #include "rpc/FindDirectory.h"
 #include "rpc/LibraryLog.h"
 #include "rpc/RunningCall.h"

@@ -1,4 +1,4 @@
-#include "foundation/Settings.h"
+#include "foundation/CheckedSettings.h"
 
 #include "support/TempRoot.h"
 

@@ -1,4 +1,4 @@
-#include "foundation/Settings.h"
+#include "foundation/CheckedSettings.h"
 
 #include "foundation/Registry.h"
 #include "platform/PreferencesStore.h"
