@@ -1,6 +1,6 @@
 #include "foundation/CheckedSettings.h"
 
-#include "foundation/Registry.h"
+#include "foundation/Settings.h"
 #include "platform/PreferencesStore.h"
 
 #include <arpa/inet.h>

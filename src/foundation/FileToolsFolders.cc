@@ -1,7 +1,7 @@
 #include "foundation/FileTools.h"
 
 #include "foundation/Log.h"
-#include "foundation/Registry.h"
+#include "foundation/Settings.h"
 #include "foundation/StdPath.h"
 #include "platform/ProcessPaths.h"
 

@@ -3,7 +3,7 @@
 #include "foundation/LogFolder.h"
 #include "foundation/LogFolding.h"
 #include "foundation/LogText.h"
-#include "foundation/Registry.h"
+#include "foundation/Settings.h"
 #include "foundation/StandardStreams.h"
 #include "foundation/Thread.h"
 #include "platform/ProcessPaths.h"

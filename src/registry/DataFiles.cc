@@ -3,7 +3,7 @@
 #include "foundation/FileReplacement.h"
 #include "foundation/FileTools.h"
 #include "foundation/Log.h"
-#include "foundation/Registry.h"
+#include "foundation/Settings.h"
 
 #include <dirent.h>
 #include <fcntl.h>

@@ -1,7 +1,7 @@
 #include "rpc/transport/DiscoverySocket.h"
 
 #include "foundation/NetworkUtils.h"
-#include "foundation/Registry.h"
+#include "foundation/Settings.h"
 #include "rpc/wire/Announcement.h"
 
 #include <arpa/inet.h>

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "directory/KelDirectory.h"
-#include "foundation/Registry.h"
+#include "foundation/Settings.h"
 #include "rpc/VUtil.h"
 #include "support/ReservedPort.h"
 #include "support/TempRoot.h"

@@ -1,6 +1,6 @@
 #include "foundation/Log.h"
 
-#include "foundation/Registry.h"
+#include "foundation/Settings.h"
 #include "support/TempRoot.h"
 
 #include <fcntl.h>

@@ -1,4 +1,4 @@
-#include "foundation/Registry.h"
+#include "foundation/Settings.h"
 
 #include "platform/PreferencesStore.h"
 #include "support/TempRoot.h"

@@ -1,6 +1,6 @@
 #include "registry/Registration.h"
 
-#include "foundation/Registry.h"
+#include "foundation/Settings.h"
 #include "support/TempRoot.h"
 
 #include <gtest/gtest.h>

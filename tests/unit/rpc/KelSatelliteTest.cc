@@ -1,6 +1,6 @@
 #include "rpc/KelSatellite.h"
 
-#include "foundation/Registry.h"
+#include "foundation/Settings.h"
 #include "rpc/VUtil.h"
 #include "rpc/wire/Codec.h"
 #include "rpc/wire/Framer.h"

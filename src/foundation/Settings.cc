@@ -1,4 +1,4 @@
-#include "foundation/Registry.h"
+#include "foundation/Settings.h"
 
 #include "foundation/StandardStreams.h"
 #include "platform/PreferencesStore.h"
