@@ -1,7 +1,7 @@
 #include "rpc/EventQueue.h"
 
 #include "rpc/KelException.h"
-#include "rpc/LibraryLog.h"
+#include "rpc/transport/LibraryLog.h"
 
 #include <utility>
 

@@ -2,7 +2,7 @@
 
 #include "foundation/StdString.h"
 #include "rpc/KelDirectoryFinder.h"
-#include "rpc/LibraryLog.h"
+#include "rpc/transport/LibraryLog.h"
 
 #include <chrono>
 #include <set>

@@ -1,7 +1,7 @@
 // The directories that a finder has heard of. Times are milliseconds of up-time, 32 bits, wrapping. For one thread.
 #pragma once
 
-#include "rpc/KelDirectoryFinder.h"
+#include "rpc/KelFoundDirectory.h"
 
 #include <cstdint>
 #include <vector>

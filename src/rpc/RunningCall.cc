@@ -1,8 +1,9 @@
 #include "rpc/RunningCall.h"
 
-#include "rpc/KelSatellite.h"
-#include "rpc/LibraryLog.h"
+#include "rpc/KelException.h"
+#include "rpc/KelResult.h"
 #include "rpc/transport/Connection.h"
+#include "rpc/transport/LibraryLog.h"
 #include "rpc/transport/Quietly.h"
 #include "rpc/transport/WorkerPool.h"
 #include "rpc/wire/Codec.h"

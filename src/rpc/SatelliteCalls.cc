@@ -42,6 +42,8 @@ int CodeOf(const Outcome& outcome) {
 
 }  // namespace kel
 
+using kel::AddressBook;
+using kel::callTimeout;
 using kel::CodeOf;
 using kel::IsDirectoryName;
 

@@ -2,9 +2,9 @@
 
 #include "foundation/CheckedSettings.h"
 #include "rpc/FindDirectory.h"
-#include "rpc/LibraryLog.h"
 #include "rpc/RunningCall.h"
 #include "rpc/VUtil.h"
+#include "rpc/transport/LibraryLog.h"
 
 #include <unistd.h>
 

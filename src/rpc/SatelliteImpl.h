@@ -4,9 +4,9 @@
 #include "rpc/EventQueue.h"
 #include "rpc/KelSatellite.h"
 #include "rpc/MethodTable.h"
-#include "rpc/transport/AddressBook.h"
+#include "rpc/satellite/AddressBook.h"
+#include "rpc/satellite/OneWayQueues.h"
 #include "rpc/transport/Endpoint.h"
-#include "rpc/transport/OneWayQueues.h"
 
 #include <memory>
 #include <optional>
@@ -57,8 +57,8 @@ private:
         const CStdStr self;    // the caller's name that others see
         bool listens = false;  // has a port and may be registered; set before the link is shared
         kel::transport::Endpoint endpoint;
-        kel::transport::AddressBook addresses;
-        kel::transport::OneWayQueues oneWay;
+        kel::AddressBook addresses;
+        kel::OneWayQueues oneWay;
         kel::EventQueue news;  // of services, over whichever connection it comes
         kel::EventQueue standings;
 

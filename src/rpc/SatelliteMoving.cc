@@ -9,8 +9,8 @@
 #include "rpc/SatelliteImpl.h"
 
 #include "rpc/FindDirectory.h"
-#include "rpc/LibraryLog.h"
 #include "rpc/VUtil.h"
+#include "rpc/transport/LibraryLog.h"
 
 #include <utility>
 

@@ -9,8 +9,8 @@
 // the directory, which answers them without waiting for this satellite, but never while the author's code runs.
 #include "rpc/SatelliteImpl.h"
 
-#include "rpc/LibraryLog.h"
 #include "rpc/VUtil.h"
+#include "rpc/transport/LibraryLog.h"
 
 #include <unistd.h>
 
@@ -18,6 +18,7 @@
 #include <utility>
 
 using namespace kel::transport;
+using kel::callTimeout;
 using kel::CodeOf;
 using kel::shortTimeout;
 

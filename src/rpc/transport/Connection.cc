@@ -25,7 +25,7 @@
 #include "rpc/transport/Connection.h"
 
 #include "foundation/NetworkUtils.h"
-#include "rpc/LibraryLog.h"
+#include "rpc/transport/LibraryLog.h"
 #include "rpc/transport/Quietly.h"
 #include "rpc/wire/Codec.h"
 

@@ -1,8 +1,8 @@
 #include "rpc/transport/Endpoint.h"
 
-#include "rpc/KelSatellite.h"
-#include "rpc/LibraryLog.h"
+#include "rpc/KelResult.h"
 #include "rpc/transport/DescriptorReserve.h"
+#include "rpc/transport/LibraryLog.h"
 #include "rpc/transport/Quietly.h"
 #include "rpc/wire/Codec.h"
 

@@ -1,6 +1,6 @@
 #include "rpc/transport/Listener.h"
 
-#include "rpc/LibraryLog.h"
+#include "rpc/transport/LibraryLog.h"
 #include "rpc/transport/Quietly.h"
 
 #include <utility>

@@ -23,7 +23,7 @@
 #include "rpc/transport/WorkerPool.h"
 
 #include "foundation/FreeMemory.h"
-#include "rpc/LibraryLog.h"
+#include "rpc/transport/LibraryLog.h"
 #include "rpc/transport/Quietly.h"
 
 #include <algorithm>

@@ -2,7 +2,7 @@
 // sockets.
 #pragma once
 
-#include "rpc/KelDirectoryFinder.h"
+#include "rpc/KelFoundDirectory.h"
 
 #include <cstddef>
 #include <cstdint>

@@ -1,11 +1,17 @@
-#include "rpc/transport/AddressBook.h"
+#include "rpc/satellite/AddressBook.h"
 
 #include "foundation/StdString.h"
-#include "rpc/KelSatellite.h"
+#include "rpc/KelResult.h"
 #include "rpc/VUtil.h"
 #include "rpc/transport/Quietly.h"
 
-namespace kel::transport {
+namespace kel {
+
+using transport::Address;
+using transport::Deadline;
+using transport::Outbound;
+using transport::Outcome;
+using transport::Quietly;
 
 namespace {
 
@@ -91,4 +97,4 @@ void AddressBook::Forget(const std::string& satellite) {
     known_.erase(satellite);
 }
 
-}  // namespace kel::transport
+}  // namespace kel

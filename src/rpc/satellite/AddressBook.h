@@ -8,7 +8,7 @@
 #include <optional>
 #include <string>
 
-namespace kel::transport {
+namespace kel {
 
 constexpr std::chrono::seconds callTimeout{30};
 constexpr const char* directoryName = "MainRegister";
@@ -17,39 +17,39 @@ constexpr const char* directoryName = "MainRegister";
 class AddressBook {
 public:
     // `self` is the caller's name that the directory sees.
-    AddressBook(Outbound& outbound, Address directory, std::string self);
+    AddressBook(transport::Outbound& outbound, transport::Address directory, std::string self);
 
-    Address directory();
+    transport::Address directory();
     // Another one is asked from now on; what the one before said of satellites is forgotten.
-    void MoveTo(const Address& directory);
+    void MoveTo(const transport::Address& directory);
 
     struct Entry {
-        std::optional<Address> address;
+        std::optional<transport::Address> address;
         int code = 0;         // without an address: the directory's answer, or KEL_UNREACHABLE, KEL_NO_ANSWER
         std::string problem;  // for people
     };
     using Handler = std::function<void(Entry entry)>;
 
     // The remembered address; the directory's own is always known.
-    std::optional<Address> Remembered(const std::string& satellite);
+    std::optional<transport::Address> Remembered(const std::string& satellite);
     // Asks, waits and remembers.
-    Entry Ask(const std::string& satellite, Deadline deadline);
+    Entry Ask(const std::string& satellite, transport::Deadline deadline);
     // Asks without waiting. The handler is called exactly once, unless this throws.
     void AskAsync(const std::string& satellite, Handler handler);
     // A call to `address` failed.
-    void Forget(const std::string& satellite, const Address& address);
+    void Forget(const std::string& satellite, const transport::Address& address);
     // It may have moved.
     void Forget(const std::string& satellite);
 
 private:
-    Entry Learn(const std::string& satellite, const Address& from, Outcome& outcome);
+    Entry Learn(const std::string& satellite, const transport::Address& from, transport::Outcome& outcome);
 
-    Outbound& outbound_;
+    transport::Outbound& outbound_;
     const std::string self_;
 
     PMutex lock_;
-    Address directory_ GUARDED_BY(lock_);
-    std::map<CStdStr, Address, CaseInsensitiveLess> known_ GUARDED_BY(lock_);
+    transport::Address directory_ GUARDED_BY(lock_);
+    std::map<CStdStr, transport::Address, CaseInsensitiveLess> known_ GUARDED_BY(lock_);
 };
 
-}  // namespace kel::transport
+}  // namespace kel

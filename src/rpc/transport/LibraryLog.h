@@ -5,3 +5,6 @@
 
 // The log, or null when none was given or its owner has let it go. Any thread.
 boost::shared_ptr<CBBLog> LibraryLogger();
+
+// It is not kept alive. Any thread.
+void SetLibraryLogger(const boost::shared_ptr<CBBLog>& logger);

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "foundation/StdString.h"
-#include "rpc/transport/AddressBook.h"
+#include "rpc/satellite/AddressBook.h"
 
 #include <chrono>
 #include <condition_variable>
@@ -11,7 +11,7 @@
 #include <memory>
 #include <string>
 
-namespace kel::transport {
+namespace kel {
 
 constexpr size_t maxOneWayWaiting = 1024;  // for one satellite; beyond them the oldest is dropped with a warning
 
@@ -24,7 +24,7 @@ constexpr size_t maxIdleQueues = 16384;  // of satellites to which nothing is un
 // from any thread.
 class OneWayQueues {
 public:
-    OneWayQueues(Outbound& outbound, AddressBook& addresses);
+    OneWayQueues(transport::Outbound& outbound, AddressBook& addresses);
 
     // Queues the bytes of one notification for `satellite`.
     void Post(const std::string& satellite, std::string bytes);
@@ -47,7 +47,7 @@ private:
         // The runner's.
         bool retried = false;
         bool failing = false;  // the latest calls were dropped, which is said once
-        Address address;
+        transport::Address address;
     };
     using QueuePtr = std::shared_ptr<Queue>;
 
@@ -57,14 +57,14 @@ private:
     template <typename Step>
     void Proceed(const QueuePtr& queue, Step&& step);
     void Run(const QueuePtr& queue);
-    void RunAt(const QueuePtr& queue, const Address& address);
-    void SendAll(const QueuePtr& queue, const ConnectionPtr& connection);
+    void RunAt(const QueuePtr& queue, const transport::Address& address);
+    void SendAll(const QueuePtr& queue, const transport::ConnectionPtr& connection);
     bool TakeNext(Queue& queue, std::string& bytes);
     void PutBack(Queue& queue, std::string bytes);
     void Failed(const QueuePtr& queue, const std::string& problem);
     void Drop(Queue& queue, const char* problem);
 
-    Outbound& outbound_;
+    transport::Outbound& outbound_;
     AddressBook& addresses_;
 
     PMutex lock_;
@@ -72,4 +72,4 @@ private:
     size_t retireAt_ GUARDED_BY(lock_) = maxIdleQueues;
 };
 
-}  // namespace kel::transport
+}  // namespace kel

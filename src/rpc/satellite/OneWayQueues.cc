@@ -1,11 +1,18 @@
-#include "rpc/transport/OneWayQueues.h"
+#include "rpc/satellite/OneWayQueues.h"
 
-#include "rpc/LibraryLog.h"
+#include "rpc/transport/LibraryLog.h"
 #include "rpc/transport/Quietly.h"
 
 #include <utility>
 
-namespace kel::transport {
+namespace kel {
+
+using transport::Address;
+using transport::Connection;
+using transport::ConnectionPtr;
+using transport::Deadline;
+using transport::Outbound;
+using transport::Quietly;
 
 OneWayQueues::OneWayQueues(Outbound& outbound, AddressBook& addresses) : outbound_(outbound), addresses_(addresses) {}
 
@@ -181,4 +188,4 @@ void OneWayQueues::Drop(Queue& queue, const char* problem) {
     });
 }
 
-}  // namespace kel::transport
+}  // namespace kel
