@@ -2,7 +2,7 @@
 #include "rpc/wire/Codec.h"
 #include "rpc/wire/Framer.h"
 
-#include "rpc/Variant.h"
+#include "rpc/values/Variant.h"
 
 #include <benchmark/benchmark.h>
 

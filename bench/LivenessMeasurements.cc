@@ -3,7 +3,7 @@
 #include "Measurements.h"
 
 #include "Requests.h"
-#include "rpc/VUtil.h"
+#include "rpc/values/VUtil.h"
 
 #include <sys/socket.h>
 

@@ -1,6 +1,6 @@
 #include "Requests.h"
 
-#include "rpc/VUtil.h"
+#include "rpc/values/VUtil.h"
 #include "rpc/wire/Codec.h"
 #include "rpc/wire/Framer.h"
 

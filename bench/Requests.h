@@ -3,7 +3,7 @@
 
 #include "FileLoop.h"
 #include "LoadClient.h"
-#include "rpc/Variant.h"
+#include "rpc/values/Variant.h"
 
 #include <cstdint>
 #include <optional>

@@ -1,5 +1,5 @@
 // The cost of building and reading parameters: what every remote call pays on both of its ends.
-#include "rpc/VUtil.h"
+#include "rpc/values/VUtil.h"
 
 #include <benchmark/benchmark.h>
 

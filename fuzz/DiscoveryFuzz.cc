@@ -1,6 +1,6 @@
 // The datagrams of discovery: what a directory and what a searcher reads, on anything at all.
 #include "discovery/DiscoveryMessage.h"
-#include "rpc/wire/Announcement.h"
+#include "rpc/finder/Announcement.h"
 
 #include "Require.h"
 

@@ -4,8 +4,8 @@
 #include "discovery/DiscoveryServer.h"
 #include "foundation/Log.h"
 #include "foundation/NetworkUtils.h"
-#include "rpc/RunningCall.h"
-#include "rpc/VUtil.h"
+#include "rpc/satellite/RunningCall.h"
+#include "rpc/values/VUtil.h"
 
 #include <netinet/in.h>
 #include <sys/socket.h>

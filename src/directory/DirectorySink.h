@@ -7,7 +7,7 @@
 
 #include "foundation/Locks.h"
 #include "registry/SatelliteChannel.h"
-#include "rpc/KelSatellite.h"
+#include "rpc/satellite/KelSatellite.h"
 
 #include <atomic>
 #include <memory>

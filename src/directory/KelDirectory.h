@@ -14,7 +14,7 @@
 #include "host/YarModuleBase.h"
 #include "registry/Registration.h"
 #include "registry/ServiceAvailability.h"
-#include "rpc/Variant.h"
+#include "rpc/values/Variant.h"
 
 #include <boost/shared_ptr.hpp>
 

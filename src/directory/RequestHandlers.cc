@@ -4,9 +4,9 @@
 
 #include "directory/DirectorySink.h"
 #include "foundation/Log.h"
-#include "rpc/RunningCall.h"
-#include "rpc/VUtil.h"
+#include "rpc/satellite/RunningCall.h"
 #include "rpc/transport/Quietly.h"
+#include "rpc/values/VUtil.h"
 
 #include <algorithm>
 #include <optional>

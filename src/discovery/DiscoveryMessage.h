@@ -3,7 +3,7 @@
 #pragma once
 
 #include "foundation/StdString.h"
-#include "rpc/wire/Announcement.h"
+#include "rpc/finder/Announcement.h"
 
 #include <netinet/in.h>
 

@@ -18,7 +18,7 @@ class DiscoveryNetwork {
 public:
     virtual ~DiscoveryNetwork() = default;
 
-    // As those of transport::DiscoverySocket.
+    // As those of DiscoverySocket.
     virtual int Open() = 0;
     virtual in_addr Group() const = 0;
 
@@ -27,7 +27,7 @@ public:
     // The dotted local address from which `destination` is reached; empty when no route leads there.
     virtual CStdStr AddressTowards(const CStdStr& destination) = 0;
 
-    // As those of transport::DiscoverySocket.
+    // As those of DiscoverySocket.
     virtual bool Join(const std::vector<in_addr>& interfaces) = 0;
     virtual bool SelectInterface(in_addr address) = 0;
     virtual int Send(const CStdStr& text, in_addr to) = 0;

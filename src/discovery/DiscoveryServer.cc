@@ -3,9 +3,9 @@
 #include "foundation/Log.h"
 #include "foundation/LogText.h"
 #include "foundation/NetworkUtils.h"
-#include "rpc/KelException.h"
-#include "rpc/KelSatellite.h"
-#include "rpc/wire/Announcement.h"
+#include "rpc/finder/Announcement.h"
+#include "rpc/satellite/KelSatellite.h"
+#include "rpc/values/KelException.h"
 
 #include <arpa/inet.h>
 

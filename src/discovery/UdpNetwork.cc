@@ -1,7 +1,7 @@
 #include "discovery/DiscoveryNetwork.h"
 #include "foundation/NetworkUtils.h"
 #include "foundation/UpTime.h"
-#include "rpc/transport/DiscoverySocket.h"
+#include "rpc/finder/DiscoverySocket.h"
 
 #include <unistd.h>
 
@@ -13,7 +13,7 @@ public:
     int Open() override { return socket_.Open(); }
     in_addr Group() const override { return group_; }
 
-    std::vector<in_addr> LocalAddresses() override { return transport::NetworkAddresses(); }
+    std::vector<in_addr> LocalAddresses() override { return NetworkAddresses(); }
     CStdStr AddressTowards(const CStdStr& destination) override {
         return yar::networkutils::GetIPForDestination(destination).first;
     }
@@ -32,8 +32,8 @@ public:
     void Pause(unsigned milliseconds) override { usleep(milliseconds * 1000); }
 
 private:
-    const in_addr group_ = transport::DiscoveryGroup();
-    transport::DiscoverySocket socket_;
+    const in_addr group_ = DiscoveryGroup();
+    DiscoverySocket socket_;
 };
 
 }  // namespace

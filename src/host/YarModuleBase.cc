@@ -3,7 +3,7 @@
 #include "crash/FaultSignals.h"
 #include "foundation/Log.h"
 #include "foundation/StandardStreams.h"
-#include "rpc/KelSatellite.h"
+#include "rpc/satellite/KelSatellite.h"
 
 #include <boost/make_shared.hpp>
 

@@ -16,7 +16,7 @@
 #include "registry/GroupCommit.h"
 
 #include "foundation/FileReplacement.h"
-#include "rpc/RunningCall.h"
+#include "rpc/satellite/RunningCall.h"
 
 #include <unistd.h>
 

@@ -3,7 +3,7 @@
 #pragma once
 
 #include "foundation/StdString.h"
-#include "rpc/KelSatellite.h"
+#include "rpc/satellite/KelSatellite.h"
 
 class SatelliteChannel {
 public:

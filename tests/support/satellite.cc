@@ -6,8 +6,8 @@
 //     event SERVICE SATELLITE STATUS, standing SATID STATUS                             printed as they come
 //
 // It prints "ready SATID" when it is connected, and leaves the directory and ends at the end of its input.
-#include "rpc/KelSatellite.h"
-#include "rpc/VUtil.h"
+#include "rpc/satellite/KelSatellite.h"
+#include "rpc/values/VUtil.h"
 
 #include <cstdlib>
 #include <iostream>

@@ -8,10 +8,10 @@
 //                                     calls the directory there, one call after the other, and prints how many it made
 //     network_probe routes ADDRESS... prints for each address the local one from which it is reached, and its netmask
 #include "foundation/NetworkUtils.h"
-#include "rpc/KelDirectoryFinder.h"
-#include "rpc/KelSatellite.h"
-#include "rpc/VUtil.h"
-#include "rpc/wire/Announcement.h"
+#include "rpc/finder/Announcement.h"
+#include "rpc/finder/KelDirectoryFinder.h"
+#include "rpc/satellite/KelSatellite.h"
+#include "rpc/values/VUtil.h"
 
 #include <arpa/inet.h>
 #include <sys/socket.h>

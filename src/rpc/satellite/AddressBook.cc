@@ -1,9 +1,9 @@
 #include "rpc/satellite/AddressBook.h"
 
 #include "foundation/StdString.h"
-#include "rpc/KelResult.h"
-#include "rpc/VUtil.h"
 #include "rpc/transport/Quietly.h"
+#include "rpc/values/KelResult.h"
+#include "rpc/values/VUtil.h"
 
 namespace kel {
 

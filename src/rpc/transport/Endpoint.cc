@@ -1,9 +1,9 @@
 #include "rpc/transport/Endpoint.h"
 
-#include "rpc/KelResult.h"
 #include "rpc/transport/DescriptorReserve.h"
 #include "rpc/transport/LibraryLog.h"
 #include "rpc/transport/Quietly.h"
+#include "rpc/values/KelResult.h"
 #include "rpc/wire/Codec.h"
 
 #include <boost/asio/post.hpp>

@@ -1,6 +1,6 @@
 #include "rpc/wire/Codec.h"
 
-#include "rpc/SafeArray.h"
+#include "rpc/values/SafeArray.h"
 #include "rpc/wire/DecodedSize.h"
 #include "rpc/wire/ExtTypes.h"
 

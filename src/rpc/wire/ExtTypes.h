@@ -2,7 +2,7 @@
 // own. docs/wire-protocol.md holds the table in words.
 #pragma once
 
-#include "rpc/SafeArray.h"
+#include "rpc/values/SafeArray.h"
 #include "rpc/wire/Message.h"
 
 #include <bit>

@@ -1,7 +1,7 @@
 // The messages that endpoints exchange, as values. What they look like in bytes: Codec.h.
 #pragma once
 
-#include "rpc/Variant.h"
+#include "rpc/values/Variant.h"
 
 #include <cstddef>
 #include <cstdint>

@@ -3,7 +3,7 @@
 
 #include "directory/KelDirectory.h"
 #include "foundation/Settings.h"
-#include "rpc/VUtil.h"
+#include "rpc/values/VUtil.h"
 #include "support/ReservedPort.h"
 #include "support/TempRoot.h"
 

@@ -1,7 +1,7 @@
 #include "discovery/DiscoveryMessage.h"
 
 #include "discovery/ReplyLimits.h"
-#include "rpc/wire/Announcement.h"
+#include "rpc/finder/Announcement.h"
 
 #include <gtest/gtest.h>
 

@@ -1,7 +1,7 @@
 #include "discovery/DiscoveryServer.h"
 
 #include "FakeNetwork.h"
-#include "rpc/KelSatellite.h"
+#include "rpc/satellite/KelSatellite.h"
 
 #include <gtest/gtest.h>
 

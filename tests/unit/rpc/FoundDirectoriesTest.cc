@@ -1,4 +1,4 @@
-#include "rpc/FoundDirectories.h"
+#include "rpc/finder/FoundDirectories.h"
 
 #include <gtest/gtest.h>
 

@@ -1,7 +1,7 @@
-#include "rpc/KelSatellite.h"
+#include "rpc/satellite/KelSatellite.h"
 
 #include "foundation/Settings.h"
-#include "rpc/VUtil.h"
+#include "rpc/values/VUtil.h"
 #include "rpc/wire/Codec.h"
 #include "rpc/wire/Framer.h"
 #include "support/ReservedPort.h"

@@ -1,4 +1,4 @@
-#include "rpc/VUtil.h"
+#include "rpc/values/VUtil.h"
 
 #include <gtest/gtest.h>
 

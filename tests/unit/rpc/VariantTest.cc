@@ -1,4 +1,4 @@
-#include "rpc/Variant.h"
+#include "rpc/values/Variant.h"
 
 #include <gtest/gtest.h>
 

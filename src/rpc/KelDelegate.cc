@@ -1,3 +1,0 @@
-#include "rpc/KelDelegate.h"
-
-KelSatelliteDelegateGeneric::~KelSatelliteDelegateGeneric() = default;

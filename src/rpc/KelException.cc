@@ -1,4 +1,0 @@
-#include "rpc/KelException.h"
-
-KelException::~KelException() = default;
-KelInvalidParameterException::~KelInvalidParameterException() = default;

@@ -1,0 +1,3 @@
+#include "rpc/satellite/KelDelegate.h"
+
+KelSatelliteDelegateGeneric::~KelSatelliteDelegateGeneric() = default;

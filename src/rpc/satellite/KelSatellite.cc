@@ -1,0 +1,77 @@
+#include "rpc/satellite/KelSatellite.h"
+
+#include "rpc/satellite/SatelliteImpl.h"
+#include "rpc/transport/LibraryLog.h"
+
+#include <utility>
+
+void KelSatellite::setLogger(const boost::shared_ptr<CBBLog>& logger) { SetLibraryLogger(logger); }
+
+KelSatellite::KelSatellite() : impl_(std::make_unique<Impl>(*this)) {}
+
+KelSatellite::~KelSatellite() { impl_->Disconnect(); }
+
+int KelSatellite::Connect(const char* host, const char* name) { return impl_->Connect(host, name); }
+
+int KelSatellite::ConnectUser(const char* host, const char* user) { return impl_->ConnectUser(host, user); }
+
+void KelSatellite::Disconnect() { impl_->Disconnect(); }
+
+int KelSatellite::Request(const char* satellite, const char* method, const tagVARIANT& in, tagVARIANT* out,
+                          KELFLAGS flags, tagVARIANT* extra) {
+    return impl_->Request(satellite, method, in, out, flags, extra);
+}
+
+bool KelSatellite::WaitForOneWayRoom(const char* satellite, int milliseconds) {
+    return impl_->WaitForOneWayRoom(satellite, milliseconds);
+}
+
+void KelSatellite::ForgetAddress(const char* satellite) { impl_->ForgetAddress(satellite); }
+
+int KelSatellite::DirectoryPingSatellite(const char* name, const char* host, unsigned short port, int satId,
+                                         KELSTATUS* status) {
+    return impl_->Ping(name, host, port, satId, status);
+}
+
+void KelSatellite::PingLater(const char* name, const char* host, unsigned short port, int satId, PingHandler heard) {
+    impl_->PingLater(name, host, port, satId, std::move(heard));
+}
+
+int KelSatellite::GetSatelliteId(int* id) { return impl_->GetSatelliteId(id); }
+
+int KelSatellite::AddServiceAvailabilityListener(const char* service) { return impl_->Listen(service); }
+
+int KelSatellite::RemoveServiceAvailabilityListener(const char* service) { return impl_->StopListening(service); }
+
+void KelSatellite::CreateServices() {}
+
+int KelSatellite::RegisterServices() { return impl_->Register(); }
+
+int KelSatellite::UnregisterServices(bool leave) { return impl_->Unregister(leave); }
+
+int KelSatellite::AddService(const char* name, const char* description, KelSatelliteDelegateGeneric* delegate) {
+    return impl_->AddService(name, description, delegate);
+}
+
+int KelSatellite::AddService(const char* name, const char* description,
+                             int (*function)(const char*, const tagVARIANT&, tagVARIANT*)) {
+    return AddService(name, description, function ? new KelSatelliteDelegateFunction(function) : nullptr);
+}
+
+int KelSatellite::RemoveService(const char* name) { return impl_->RemoveService(name); }
+
+int KelSatellite::OnServiceRequested(int socket, const char* caller, const char* method, tagVARIANT in, tagVARIANT* out,
+                                     int* result) {
+    const kel::MethodPtr published = impl_->FindMethod(method);
+    if (!published) return KEL_UNKNOWN_METHOD;
+    *result = published->Invoke(socket, caller, in, out);
+    return KEL_OK;
+}
+
+void KelSatellite::OnServiceAvailabilityChanged(const char*, const char*, int) {}
+
+void KelSatellite::OnStatusChange(int, KELSTATUS) {}
+
+const char* KelSatellite::getSatelliteName() const { return impl_->name(); }
+
+unsigned short KelSatellite::getSatellitePort() const { return impl_->port(); }

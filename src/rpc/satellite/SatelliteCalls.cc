@@ -1,0 +1,233 @@
+// What a satellite asks of others: requests, one-way calls and pings.
+#include "rpc/satellite/SatelliteImpl.h"
+
+#include "rpc/transport/Quietly.h"
+#include "rpc/values/VUtil.h"
+#include "rpc/wire/Codec.h"
+
+#include <algorithm>
+#include <optional>
+#include <utility>
+
+using namespace kel::transport;
+namespace wire = kel::wire;
+
+namespace {
+
+constexpr std::chrono::seconds pingTimeout{10};
+constexpr std::chrono::seconds stoodStill{1};  // later than that nobody wakes who merely waited for a processor
+constexpr int maxPings = 3;
+
+}  // namespace
+
+namespace kel {
+
+bool IsDirectoryName(const CStdStr& name) { return ssicmp(name.c_str(), directoryName) == 0; }
+
+int CodeOf(const Outcome& outcome) {
+    switch (outcome.end) {
+        case Outcome::End::answered:
+        case Outcome::End::failed:
+            return outcome.message.code;
+        case Outcome::End::unreachable:
+        case Outcome::End::lost:
+            return KEL_UNREACHABLE;
+        case Outcome::End::noAnswer:
+            return KEL_NO_ANSWER;
+        case Outcome::End::tooLarge:
+            break;
+    }
+    return KEL_TOO_LARGE;
+}
+
+}  // namespace kel
+
+using kel::AddressBook;
+using kel::callTimeout;
+using kel::CodeOf;
+using kel::IsDirectoryName;
+
+int KelSatellite::Impl::Request(const char* satellite, const char* method, const tagVARIANT& in, tagVARIANT* out,
+                                KELFLAGS flags, tagVARIANT* extra) {
+    if (!satellite || !*satellite || !method || !*method) {
+        throw KelInvalidParameterException("Request: a satellite and a method are needed");
+    }
+    if (out) VariantClear(out);
+    if (extra) VariantClear(extra);
+    std::string problem;
+    int code = KEL_NOT_CONNECTED;
+    if (const LinkPtr current = link()) {
+        ScopedVariant value;
+        code = flags & KELFLAG_ONE_WAY ? PostOneWay(*current, satellite, method, in, problem)
+                                       : CallSatellite(*current, satellite, method, in, value, problem);
+        if (out) *out = value.release();
+    } else {
+        problem = "not connected to a directory";
+    }
+    if (extra && !problem.empty()) *extra = MakeString(problem.c_str()).release();
+    return code;
+}
+
+int KelSatellite::Impl::CallSatellite(Link& link, const std::string& satellite, const char* method,
+                                      const tagVARIANT& in, ScopedVariant& value, std::string& problem) {
+    const Deadline deadline = std::chrono::steady_clock::now() + callTimeout;
+    std::optional<Address> address = link.addresses.Remembered(satellite);
+    bool mayAskAgain = address && !IsDirectoryName(satellite);
+    for (;;) {
+        if (!address) {
+            AddressBook::Entry entry = link.addresses.Ask(satellite, deadline);
+            problem = entry.problem;
+            if (!entry.address) return entry.code;
+            address = entry.address;
+        }
+        Outcome outcome = link.endpoint.outbound().Call(*address, method, link.self, in, deadline);
+        problem = outcome.problem;
+        switch (outcome.end) {
+            case Outcome::End::answered:
+                value = std::move(outcome.message.value);
+                return outcome.message.code;
+            case Outcome::End::failed:
+                if (outcome.message.code == KEL_UNREACHABLE) break;  // it is leaving; nothing ran
+                throw KelException(outcome.message.errorText.c_str(), outcome.message.code);
+            case Outcome::End::tooLarge:
+                return KEL_TOO_LARGE;
+            default:
+                break;
+        }
+        link.addresses.Forget(satellite, *address);
+        // Only a call that was not sent is made again: the method must not run twice.
+        if (!mayAskAgain || outcome.end != Outcome::End::unreachable) return CodeOf(outcome);
+        mayAskAgain = false;
+        address.reset();
+    }
+}
+
+int KelSatellite::Impl::PostOneWay(Link& link, const std::string& satellite, const char* method, const tagVARIANT& in,
+                                   std::string& problem) {
+    std::string bytes;
+    if (!wire::EncodeNotification(bytes, method, link.self, in)) {
+        problem = "the parameters are too large or of a type that cannot travel";
+        return KEL_TOO_LARGE;
+    }
+    link.oneWay.Post(satellite, std::move(bytes));
+    return KEL_OK;
+}
+
+bool KelSatellite::Impl::WaitForOneWayRoom(const char* satellite, int milliseconds) {
+    const LinkPtr current = link();
+    return current && current->oneWay.AwaitRoom(satellite, std::chrono::milliseconds(milliseconds));
+}
+
+void KelSatellite::Impl::ForgetAddress(const char* satellite) {
+    if (const LinkPtr current = link()) current->addresses.Forget(satellite);
+}
+
+// --- Pings -----------------------------------------------------------------------------------------------------------
+
+namespace {
+
+ScopedVariant WhoItShouldBe(const char* name, int satId) {
+    ScopedVariant in;
+    VUtil::CreateArray(in, VT_VARIANT, 2);
+    VUtil::PutElement(in, 0, name);
+    VUtil::PutElement(in, 1, satId);
+    return in;
+}
+
+// When this process, or the machine, stood still for long, no answer says nothing about the other side, which may have
+// stood still as well: it is asked anew.
+bool StoodStill(const Outcome& outcome, Deadline deadline) {
+    const bool ended = outcome.end == Outcome::End::answered || outcome.end == Outcome::End::failed;
+    return !ended && std::chrono::steady_clock::now() > deadline + stoodStill;
+}
+
+// Whether the other side closed the connection: perhaps one that was idle, and it is there or was restarted.
+bool HungUp(const Outcome& outcome) {
+    return outcome.end == Outcome::End::lost || (outcome.end == Outcome::End::unreachable && !outcome.error);
+}
+
+int WhyNoAnswer(const Outcome& outcome) {
+    if (HungUp(outcome)) return KEL_PING_HUNG_UP;
+    if (outcome.end == Outcome::End::noAnswer || outcome.error == boost::asio::error::timed_out) return KEL_PING_SILENT;
+    if (outcome.error == boost::asio::error::connection_refused) return KEL_PING_REFUSED;
+    if (outcome.error == boost::asio::error::connection_reset) return KEL_PING_HUNG_UP;
+    return KEL_PING_NO_WAY;
+}
+
+// A ping's result, and the status that it found.
+int ResultOfPing(const Outcome& outcome, KELSTATUS* status) {
+    *status = KELSTATUS_GONE;
+    if (outcome.end == Outcome::End::failed) return KEL_OK;
+    if (outcome.end == Outcome::End::answered) {
+        const tagVARIANT& answer = outcome.message.value;
+        if (outcome.message.code == KEL_OK && answer.vt == VT_I4 && answer.lVal == 1) *status = KELSTATUS_ALIVE;
+        return KEL_OK;
+    }
+    if (!outcome.shortage) return *status = WhyNoAnswer(outcome);
+    *status = KELSTATUS_ALIVE;  // nothing is known against it
+    return KEL_NO_RESOURCES;
+}
+
+}  // namespace
+
+int KelSatellite::Impl::Ping(const char* name, const char* host, unsigned short port, int satId, KELSTATUS* status) {
+    *status = KEL_PING_NO_WAY;
+    const LinkPtr current = link();
+    if (!current) return KEL_PING_NO_WAY;
+    return ResultOfPing(AskWhoItIs(*current, {host, port}, WhoItShouldBe(name, satId)), status);
+}
+
+Outcome KelSatellite::Impl::AskWhoItIs(Link& link, const Address& address, const tagVARIANT& in) {
+    for (int pings = 1;; ++pings) {
+        const Deadline deadline = std::chrono::steady_clock::now() + pingTimeout;
+        Outcome outcome;
+        do outcome = link.endpoint.outbound().Call(address, "kel.Ping", link.self, in, deadline);
+        while (outcome.end == Outcome::End::lost && outcome.reused);  // it closed while it was idle, or was restarted
+        if (!StoodStill(outcome, deadline) || pings == maxPings) return outcome;
+    }
+}
+
+// A ping that no thread waits for.
+struct KelSatellite::Impl::LatePing {
+    const Address address;
+    const CStdStr name;
+    const int satId;
+    PingHandler heard;
+    Deadline deadline;
+    int pings = 0;
+};
+
+void KelSatellite::Impl::PingLater(const char* name, const char* host, unsigned short port, int satId,
+                                   PingHandler heard) {
+    const LinkPtr current = link();
+    if (!current) return;
+    const Deadline deadline = std::chrono::steady_clock::now() + pingTimeout;
+    AskLater(*current, std::make_shared<LatePing>(LatePing{{host, port}, name, satId, std::move(heard), deadline}));
+}
+
+void KelSatellite::Impl::AskLater(Link& link, const std::shared_ptr<LatePing>& ping) {
+    using std::chrono::milliseconds;
+    const auto left = ping->deadline - std::chrono::steady_clock::now();
+    const auto timeout = std::max(std::chrono::duration_cast<milliseconds>(left), milliseconds(0));
+    ++ping->pings;
+    link.endpoint.outbound().CallAsync(ping->address, "kel.Ping", link.self,
+                                       WhoItShouldBe(ping->name.c_str(), ping->satId), timeout,
+                                       [this, &link, ping](Outcome& outcome) {
+                                           if (AskAgain(link, ping, outcome)) return;
+                                           KELSTATUS status;
+                                           const int result = ResultOfPing(outcome, &status);
+                                           // Taken out of the ping, which may live for a while: what nobody calls has
+                                           // to go now.
+                                           Quietly([&, heard = std::move(ping->heard)] {
+                                               link.endpoint.Post([heard, result, status] { heard(result, status); });
+                                           });
+                                       });
+}
+
+// Asks once more where that may bring an answer after all; false when it does not.
+bool KelSatellite::Impl::AskAgain(Link& link, const std::shared_ptr<LatePing>& ping, const Outcome& outcome) {
+    const bool stood = StoodStill(outcome, ping->deadline);
+    if (ping->pings == maxPings || (!stood && !HungUp(outcome))) return false;
+    if (stood) ping->deadline = std::chrono::steady_clock::now() + pingTimeout;
+    return Quietly([&] { AskLater(link, ping); });
+}

@@ -1,0 +1,4 @@
+#include "rpc/values/KelException.h"
+
+KelException::~KelException() = default;
+KelInvalidParameterException::~KelInvalidParameterException() = default;
