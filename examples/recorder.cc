@@ -3,8 +3,8 @@
 //
 //     recorder [DIRECTORY]     DIRECTORY is host[:port], or "auto" to have it found on the network;
 //                            127.0.0.1 when left out
-#include "rpc/satellite/KelSatellite.h"
-#include "rpc/values/VUtil.h"
+#include <kel/KelSatellite.h>
+#include <kel/VUtil.h>
 
 #include <atomic>
 #include <csignal>

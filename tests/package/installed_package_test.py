@@ -49,6 +49,16 @@ class AnInstalledLibrary(unittest.TestCase):
                 *flags.split(), f"-Wl,-rpath,{self.library_folder}")
         self.check_programs(build)
 
+    def test_has_its_headers_in_one_folder_and_still_where_they_were(self):
+        headers = [f"kel/{file.name}" for file in (self.prefix / "include" / "kel").glob("*.h")]
+        self.assertIn("kel/KelResult.h", headers)
+        former = [f"foundation/{name}.h" for name in "Export Locks Log StdString Thread ThreadSafety".split()] + [
+            f"rpc/{name}.h" for name in "KelDelegate KelDirectoryFinder KelException KelSatellite VUtil Variant".split()]
+        both = self.folder / "both.cc"
+        both.write_text("".join(f"#include <{header}>\n" for header in headers + former))
+        flags = run("pkg-config", "--cflags", "kel", PKG_CONFIG_PATH=str(self.library_folder / "pkgconfig"))
+        run(os.environ["CXX"], "-std=c++17", "-Wall", "-Werror", "-fsyntax-only", *flags.split(), both)
+
     def test_carries_its_version_in_its_name(self):
         dynamic = run("readelf", "--dynamic", self.library_folder / "libkel.so")
         self.assertIn("Library soname: [libkel.so.1]", dynamic)
