@@ -115,7 +115,7 @@ void OneWayQueues::RunAt(const QueuePtr& queue, const Address& address) {
 void OneWayQueues::SendAll(const QueuePtr& queue, const ConnectionPtr& connection) {
     std::string bytes;
     while (TakeNext(*queue, bytes)) {
-        switch (connection->Send(bytes, Connection::Bytes::call)) {
+        switch (connection->Send(bytes, Connection::WhenFull::queue)) {
             case Connection::Sent::sent:
                 queue->retried = queue->failing = false;
                 break;

@@ -43,7 +43,7 @@ void RunningCall::Run(const Method& method) {
         bytes.clear();
         if (!WantsAnswer()) return;
         if (wire::EncodeResponse(bytes, call_.id, code, out)) {
-            connection_->Send(bytes, Connection::Bytes::answer);
+            connection_->Send(bytes, Connection::WhenFull::disconnect);
             return;
         }
         code = KEL_METHOD_FAILED;
@@ -66,7 +66,7 @@ void RunningCall::Run(const Method& method) {
     if (!WantsAnswer()) return;
     bytes.clear();
     wire::EncodeError(bytes, call_.id, code, problem);
-    connection_->Send(bytes, Connection::Bytes::answer);
+    connection_->Send(bytes, Connection::WhenFull::disconnect);
 }
 
 std::optional<in_addr> RunningCall::PeerOn(int socket) {

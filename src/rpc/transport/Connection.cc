@@ -1,23 +1,31 @@
 // How threads take turns on a connection
 //
-// Reading. At any moment at most one thread, or one read operation under way, holds the reading turn: it alone touches
-// the input buffer. The holder takes one message out of the buffer and, before it runs the method, passes the turn on:
-// to a further task when another message is there already, else to the next read. So a method that blocks never holds
-// up the calls behind it on the same connection, and a short one is run by the thread that read it.
+// Reading. At any moment at most one thread has the reading turn: it alone touches the input buffer and takes bytes
+// from the system. The system tells a worker that there are some; it takes the turn, reads what is there with one call,
+// runs the messages one after the other and puts the turn down when the system has no more. What comes while somebody
+// has the turn is marked in it, and he reads again before he puts it down.
 //
-// Requests run as they come, several at once. Notifications of one connection run one after the other, in the order in
-// which they came, since a sender relies on it: the first thread to get one runs those that arrive meanwhile too.
+// While a method runs the turn is on offer (WorkerPool::Offer). If the method blocks, whoever gives the worker up takes
+// the turn over: what was read and not run is kept with the connection, and a worker that is free goes on with it. So a
+// method that blocks never holds up the calls behind it on the same connection, and short ones are run by the thread
+// that read them. After maxBatch messages the turn goes to the end of the queue of work: others have their turn then.
+//
+// Requests run as they come, several at once if one blocks. Notifications of one connection run one after the other, in
+// the order in which they came, since a sender relies on it: the first thread to get one runs those that arrive
+// meanwhile too, from the buffer as long as it has the reading turn, from NotificationQueue once it has lost it.
 //
 // With maxOutstandingCalls taken and not answered, or with many bytes of notifications waiting, the turn is put aside
 // (paused_) and whoever finishes a call picks it up. With a message at the front for which there is no memory, the turn
-// waits in the memory budget's queue (Afford) and is given back from there (GoOn). Notifications wait as the bytes that
-// they came in, since there may be many of them; who runs them waits for memory likewise.
+// waits in the memory budget's queue (Afford) and is given back from there (GoOn).
 //
-// Writing. Bytes are written straight to the socket by the thread that has them. What the system does not take becomes
-// the backlog, and everything else queues behind it until the socket is writable again.
+// A thread that has made a call over a connection that nobody else uses reads it itself (ReadAnswer): it takes the
+// turn, has the system tell the workers of nothing but the end, and waits inside the system until its answer is there.
 //
-// Closing shuts the socket down and cancels what is under way, but leaves the descriptor open: the destructor closes
-// it.
+// Writing is Outbox. The answers of messages that were read together leave together: they are held back from the first
+// of them on until the last has been run, or until the turn changes hands.
+//
+// Closing shuts the socket down, but leaves the descriptor open: the destructor closes it. The turn of a connection
+// that has closed is never put down again.
 //
 // Without memory. A thread that an exception throws out of the library's part takes the reading turn with it, or leaves
 // half a message sent, and nobody would ever pick that up. So an exception there ends the connection (OrFail), and
@@ -29,32 +37,24 @@
 #include "rpc/transport/Quietly.h"
 #include "rpc/wire/Codec.h"
 
-#include <boost/asio/buffer.hpp>
-#include <boost/asio/post.hpp>
-
+#include <netinet/tcp.h>
+#include <poll.h>
 #include <sys/socket.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <exception>
 #include <new>
+#include <utility>
 
 namespace kel::transport {
-
-namespace asio = boost::asio;
-using asio::ip::tcp;
 
 namespace {
 
 constexpr const char* noMessage = "the peer sent what is not a message";
-constexpr size_t smallInput = 1024;        // of a connection that is idle, or gets small messages one by one
-constexpr size_t ordinaryInput = 4096;     // of one that gets more at once
-constexpr size_t largeInput = 256 * 1024;  // a buffer that grew beyond this is given back once it is empty
+constexpr int maxBatch = 32;
+constexpr std::chrono::seconds longWait{1};  // inside one call of the system
 constexpr ptrdiff_t writtenOff = ptrdiff_t{1} << 48;
-
-// What a buffer counts towards the budget; every connection has a small one.
-ptrdiff_t Counting(size_t capacity) { return capacity > smallInput ? static_cast<ptrdiff_t>(capacity) : 0; }
 
 std::atomic<uint64_t> uses{0};  // of connections
 
@@ -70,39 +70,50 @@ private:
     std::atomic<int>& count_;
 };
 
+void SetUp(int socket, Connection::Opener opener) {
+    const int on = 1;
+    CloseOnExec(socket);
+    ::setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    yar::networkutils::GiveUpOnDeadPeers(socket, static_cast<unsigned>(maxStall.count()));
+    if (opener == Connection::Opener::peer) return;
+    // For ReadAnswer; everything else asks not to wait each time.
+    const timeval timeout{longWait.count(), 0};
+    ::fcntl(socket, F_SETFL, ::fcntl(socket, F_GETFL) & ~O_NONBLOCK);
+    ::setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+}
+
 }  // namespace
 
-struct Connection::ReadHandler {
-    ConnectionPtr connection;
-    void operator()(const boost::system::error_code& error, size_t size) const { connection->OnRead(error, size); }
+// What a thread runs before others have their turn.
+struct Connection::Batch {
+    int left = maxBatch;
+    bool runsNotifications = false;  // is the one who does
 };
 
-Connection::Connection(Socket socket, ConnectionOwner& owner, std::string peer, Opener opener)
+Connection::Connection(Descriptor socket, ConnectionOwner& owner, std::string peer, Opener opener)
     : owner_(owner),
       peer_(std::move(peer)),
       opener_(opener),
-      descriptor_(socket.native_handle()),
       socket_(std::move(socket)),
-      stallTimer_(socket_.get_executor()) {
-    CloseOnExec(descriptor_);
-    boost::system::error_code ignored;
-    const tcp::endpoint remote = socket_.remote_endpoint(ignored);
-    if (!ignored) peerAddress_.s_addr = htonl(remote.address().to_v4().to_uint());
-    socket_.set_option(tcp::no_delay(true), ignored);
-    yar::networkutils::GiveUpOnDeadPeers(descriptor_, static_cast<unsigned>(maxStall.count()));
-    socket_.non_blocking(true, ignored);
+      input_(opener == Opener::peer ? InputBuffer::Reads::byThread : InputBuffer::Reads::byItself),
+      outbox_(socket_.get(), owner.pool().io().get_executor(), *this) {
+    SetUp(socket_.get(), opener);
+    sockaddr_in remote{};
+    socklen_t size = sizeof remote;
+    if (::getpeername(socket_.get(), reinterpret_cast<sockaddr*>(&remote), &size) == 0) peerAddress_ = remote.sin_addr;
 }
 
 Connection::~Connection() { CountBuffers(-bufferBytes()); }
 
 void Connection::Start() {
-    OrFail([this] { StartRead(); });
+    OrFail([this] { owner_.pool().queue().Watch(descriptor(), shared_from_this(), WorkQueue::For::reading); });
+    if (closed_) owner_.pool().queue().Unwatch(descriptor());
 }
 
-template <typename Work>
-void Connection::OrFail(Work&& work) {
+template <typename Code>
+void Connection::OrFail(Code&& code) {
     try {
-        work();
+        code();
     } catch (const std::bad_alloc&) {
         Fail("no memory");
     } catch (const std::exception& error) {
@@ -112,83 +123,205 @@ void Connection::OrFail(Work&& work) {
     }
 }
 
+void Connection::Watch(bool reading) {
+    const WorkQueue::For atLeast = reading ? WorkQueue::For::reading : WorkQueue::For::end;
+    owner_.pool().queue().Change(descriptor(), watchesWriting_ ? WorkQueue::For::readingAndWriting : atLeast);
+}
+
+void Connection::WatchWritable() {
+    watchesWriting_ = true;
+    Watch(true);
+}
+
+// --- The reading turn ----------------------------------------------------------------------------------------------
+
+void Connection::Run(unsigned reasons) {
+    OrFail([&] {
+        if (reasons & ended) peerEnded_ = true;
+        if (reasons & writable) outbox_.OnWritable();
+        const bool tookTurn = (reasons & readable) && TakeTurn();
+        const bool reads = tookTurn || (reasons & readOn);
+        if ((reasons & runNotifications) && !reads) return RunQueuedNotifications();
+        if (reasons & runNotifications) Due(runNotifications);
+        if (reads) ReadOn();
+    });
+}
+
+// Takes the turn, or has whoever has it read again.
+bool Connection::TakeTurn() {
+    int turn = isFree;
+    while (!turn_.compare_exchange_weak(turn, turn == isFree ? isTaken : isTakenAndMoreCame)) {
+    }
+    if (turn != isFree) return false;
+    isDrained_ = false;
+    return true;
+}
+
+// False when more came and the turn is still the caller's.
+bool Connection::PutTurnDown() {
+    if (closed_) {
+        DropInput();
+        return true;
+    }
+    CountBuffers(input_.Keep());
+    const bool isUnfinished = input_.size() > 0;
+    int none = 0;
+    if (isUnfinished) unfinished_.compare_exchange_strong(none, 1);
+    int taken = isTaken;
+    if (!turn_.compare_exchange_strong(taken, isFree)) {
+        turn_ = isTaken;
+        isDrained_ = false;
+        return false;
+    }
+    if (isUnfinished) owner_.OnUnfinished();
+    return true;
+}
+
+void Connection::PassTurn() {
+    CountBuffers(input_.Keep());
+    Due(readOn);
+}
+
+// The thread that had the turn is held up.
+void Connection::TakeOver() {
+    OrFail([this] {
+        EndHold();
+        PassTurn();
+    });
+}
+
+void Connection::DropInput() { CountBuffers(input_.Drop()); }
+
 // --- Reading -------------------------------------------------------------------------------------------------------
 
-void Connection::StartRead() {
-    MakeRoom();
-    const auto space = asio::buffer(input_.get() + end_, capacity_ - end_);
-    const bool isUnfinished = end_ > begin_;
-    if (isUnfinished) unfinished_ = 1;
-    awaitsMessage_ = true;
-    lastUse_.store(uses.fetch_add(1, std::memory_order_relaxed), std::memory_order_relaxed);
-    bool reads = false;
-    {
-        PMutexHold hold(lock_);
-        reads = !closed_;
-        if (reads) socket_.async_read_some(space, ReadHandler{shared_from_this()});
-    }
-    if (!reads) {
-        DropInput();
-    } else if (isUnfinished) {
-        owner_.OnUnfinished();
+void Connection::ReadOn() {
+    Batch batch;
+    while (RunMessages(batch)) {
+        if (isDrained_ && PutTurnDown()) return;
+        const Received received = Receive();
+        if (received == Received::theEnd) return;
+        isDrained_ |= received == Received::nothing;
     }
 }
 
-// Leaves free space behind the bytes that wait for the rest of their message.
-void Connection::MakeRoom() {
-    const size_t waiting = end_ - begin_;
-    if (waiting == 0) {
-        const bool wasFull = end_ == capacity_;
-        begin_ = end_ = 0;
-        if (capacity_ == 0 || capacity_ > largeInput) {
-            SetCapacity(smallInput);
-        } else if (wasFull && capacity_ < ordinaryInput) {
-            SetCapacity(ordinaryInput);
+Connection::Received Connection::Receive() {
+    CountBuffers(input_.MakeRoom());
+    ssize_t result;
+    do result = ::recv(descriptor(), input_.space(), input_.spaceSize(), MSG_DONTWAIT);
+    while (result < 0 && errno == EINTR);
+    return Account(result);
+}
+
+// Waits as well; `nothing` at the deadline.
+Connection::Received Connection::WaitAndReceive(Deadline deadline) {
+    using std::chrono::milliseconds;
+    CountBuffers(input_.MakeRoom());
+    for (;;) {
+        const auto left = std::chrono::ceil<milliseconds>(deadline - std::chrono::steady_clock::now());
+        if (left <= milliseconds(0)) return Received::nothing;
+        const bool isLong = left > 2 * longWait;
+        pollfd waited{descriptor(), POLLIN, 0};
+        if (!isLong) (void)::poll(&waited, 1, static_cast<int>(left.count()));
+        const ssize_t result = ::recv(descriptor(), input_.space(), input_.spaceSize(), isLong ? 0 : MSG_DONTWAIT);
+        const bool isInVain = result < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR);
+        if (!isInVain) return Account(result);
+    }
+}
+
+// Of what recv returned. A stream that gave less than was asked for has no more.
+Connection::Received Connection::Account(ssize_t result) {
+    if (result > 0) {
+        const auto size = static_cast<size_t>(result);
+        isDrained_ = size < input_.spaceSize() && !peerEnded_;
+        input_.Got(size);
+        if (unfinished_.load(std::memory_order_relaxed) != 0) unfinished_ = 0;
+        lastUse_.store(uses.fetch_add(1, std::memory_order_relaxed), std::memory_order_relaxed);
+        return Received::bytes;
+    }
+    if (result < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return Received::nothing;
+    Close(result == 0 ? "the peer hung up" : std::strerror(errno));
+    DropInput();
+    return Received::theEnd;
+}
+
+// Runs the messages that are complete. False when the turn is no longer the caller's.
+bool Connection::RunMessages(Batch& batch) {
+    for (;;) {
+        const Frame frame = closed_ ? Frame::incomplete : LookForMessage();
+        if (frame == Frame::complete && batch.left-- > 0) {
+            if (RunNext(batch)) continue;
+            return false;
         }
-        return;
-    }
-    if (end_ < capacity_) return;
-    if (begin_ >= capacity_ / 2) {
-        std::memmove(input_.get(), input_.get() + begin_, waiting);
-        begin_ = 0;
-        end_ = waiting;
-    } else {
-        SetCapacity(std::max(capacity_ * 2, ordinaryInput));
+        EndBatch(batch);
+        if (closed_) {
+            DropInput();
+            return false;
+        }
+        if (frame == Frame::incomplete) return true;
+        if (frame == Frame::complete) {
+            PassTurn();
+            return false;
+        }
+        Close(noMessage);
     }
 }
 
-// Gives the bytes that wait another buffer, in which they have room.
-void Connection::SetCapacity(size_t capacity) {
-    CountBuffers(Counting(capacity) - Counting(capacity_));
-    if (end_ == begin_) input_.reset();
-    std::unique_ptr<char[]> other(new char[capacity]);
-    if (end_ > begin_) std::memcpy(other.get(), input_.get() + begin_, end_ - begin_);
-    input_ = std::move(other);
-    end_ -= std::exchange(begin_, 0);
-    capacity_ = capacity;
+void Connection::EndBatch(Batch& batch) {
+    EndNotifications(batch);
+    EndHold();
 }
 
-// Of a connection that has closed.
-void Connection::DropInput() {
-    CountBuffers(-Counting(std::exchange(capacity_, 0)));
-    input_.reset();
-    begin_ = end_ = 0;
+// Nobody can have queued one meanwhile: the reading turn was here.
+void Connection::EndNotifications(Batch& batch) {
+    wire::Framer none;
+    if (std::exchange(batch.runsNotifications, false)) (void)notifications_.Next(none);
 }
 
-void Connection::OnRead(const boost::system::error_code& error, size_t size) {
-    if (unfinished_.load(std::memory_order_relaxed) != 0) unfinished_ = 0;
-    if (!awaitsMessage_.exchange(false) || error) {
-        DropInput();
-        OrFail([&] { Close(error == asio::error::eof ? "the peer hung up" : error.message().c_str()); });
-        return;  // without an error: CloseIfIdle was faster
+void Connection::EndHold() {
+    if (std::exchange(holds_, false)) outbox_.Release();
+}
+
+bool Connection::RunNext(Batch& batch) {
+    if (IsOf(wire::MessageKind::notification)) return RunNotification(batch);
+    if (!IsOf(wire::MessageKind::response)) return RunRequest(batch);
+    wire::Message answer;
+    if (TakeMessage(answer)) CompleteCall(answer);
+    return true;
+}
+
+bool Connection::RunRequest(Batch& batch) {
+    EndNotifications(batch);
+    MemoryBudget::Share share;
+    if (!AffordFirst(batch, share)) return false;
+    wire::Message request;
+    if (!TakeMessage(request)) return true;
+    bool isMine = false;
+    {
+        const Counted outstanding(outstanding_);
+        if (PauseIfFull(batch)) {
+            owner_.OnCall(shared_from_this(), request);
+        } else {
+            if (!holds_ && LookForMessage() == Frame::complete) {
+                holds_ = true;
+                outbox_.Hold();
+            }
+            isMine = RunWhileOffered(request);
+        }
     }
-    end_ += size;
-    OrFail([this] { ProcessInput(); });
+    if (!isMine) Resume();
+    return isMine;
+}
+
+// Whether the turn is still the caller's.
+bool Connection::RunWhileOffered(wire::Message& call) {
+    WorkerPool::Offer offer(owner_.pool(), *this);
+    owner_.OnCall(shared_from_this(), call);
+    return offer.Withdraw();
 }
 
 Connection::Frame Connection::LookForMessage() {
-    if (begin_ == end_) return Frame::incomplete;
-    switch (framer_.Scan(input_.get() + begin_, end_ - begin_)) {
+    if (input_.size() == 0) return Frame::incomplete;
+    switch (framer_.Scan(input_.data(), input_.size())) {
         case wire::Framer::Status::incomplete:
             return Frame::incomplete;
         case wire::Framer::Status::complete:
@@ -199,65 +332,27 @@ Connection::Frame Connection::LookForMessage() {
     return Frame::malformed;
 }
 
-// Decodes the complete message at the front of the buffer; false when it is none after all.
+// Decodes the complete message at the front of the buffer; false, and the connection ends, when it is none after all.
 bool Connection::TakeMessage(wire::Message& message) {
-    const bool good = wire::Decode(input_.get() + begin_, framer_.length(), message);
+    const bool good = wire::Decode(input_.data(), framer_.length(), message);
     SkipMessage();
+    if (!good) {
+        EndHold();
+        Close(noMessage);
+    }
     return good;
 }
 
 void Connection::SkipMessage() {
-    begin_ += framer_.length();
+    input_.Use(framer_.length());
     framer_.Reset();
 }
 
-void Connection::ProcessInput() {
-    for (;;) {
-        const Frame frame = LookForMessage();
-        if (frame == Frame::incomplete) return StartRead();
-        if (frame == Frame::malformed) return Close(noMessage);
-
-        if (framer_.Is(wire::MessageKind::notification, input_.get() + begin_)) {
-            const bool runs = QueueNotification({input_.get() + begin_, framer_.length()});
-            SkipMessage();
-            const bool paused = PauseIfFull();
-            if (runs) {
-                if (!paused) PassReadingTurn();
-                return RunNotifications();
-            }
-            if (paused) return;  // another thread runs it in its order
-            continue;
-        }
-        MemoryBudget::Share share;
-        const bool isResponse = framer_.Is(wire::MessageKind::response, input_.get() + begin_);
-        if (!isResponse && !Afford(framer_, MemoryBudget::Turn::reading, share)) return;
-        wire::Message message;
-        if (!TakeMessage(message)) return Close(noMessage);
-        if (message.kind == wire::MessageKind::request) return RunRequest(message);
-        CompleteCall(message);
-    }
-}
-
-void Connection::RunRequest(wire::Message& request) {
-    {
-        const Counted outstanding(outstanding_);
-        if (!PauseIfFull()) PassReadingTurn();
-        owner_.OnCall(shared_from_this(), request);
-    }
-    Resume();
-}
-
-void Connection::PassReadingTurn() {
-    if (LookForMessage() == Frame::incomplete) return StartRead();
-    PMutexHold hold(lock_);
-    if (closed_) return;
-    asio::post(socket_.get_executor(),
-               [self = shared_from_this()] { self->OrFail([&self] { self->ProcessInput(); }); });
-}
-
-// Puts the reading turn aside when enough calls are under way; true when the caller no longer holds it.
-bool Connection::PauseIfFull() {
+// Puts the turn aside when enough calls are under way; true when the caller no longer has it.
+bool Connection::PauseIfFull(Batch& batch) {
     if (!IsFull()) return false;
+    EndBatch(batch);
+    CountBuffers(input_.Keep());
     paused_ = true;
     // A call that finished in between has not seen the flag: take the turn back, unless somebody did.
     return IsFull() || !paused_.exchange(false);
@@ -265,12 +360,12 @@ bool Connection::PauseIfFull() {
 
 // Notifications do not count as calls: a peer that sends many while one of them blocks is still asked and answered.
 bool Connection::IsFull() const {
-    return outstanding_ >= maxOutstandingCalls || notificationBytes_ > maxNotificationBytes;
+    return outstanding_ >= maxOutstandingCalls || notifications_.waiting() > maxNotificationBytes;
 }
 
 // A call has been run.
 void Connection::Resume() {
-    if (paused_ && !IsFull() && paused_.exchange(false)) PassReadingTurn();
+    if (paused_ && !IsFull() && paused_.exchange(false)) Due(readOn);
 }
 
 void Connection::EndLateCall() {
@@ -280,72 +375,48 @@ void Connection::EndLateCall() {
 
 // --- Notifications -------------------------------------------------------------------------------------------------
 
-// True when the caller is to run what is queued.
-bool Connection::QueueNotification(std::string_view bytes) {
-    notificationBytes_ += bytes.size();
-    ptrdiff_t growth = 0;
-    bool runs = false;
-    {
-        PMutexHold hold(notificationLock_);
-        growth = -Counting(notifications_.capacity());
-        notifications_.append(bytes);
-        growth += Counting(notifications_.capacity());
-        runs = !std::exchange(runningNotifications_, true);
-    }
-    CountBuffers(growth);
-    return runs;
-}
-
-void Connection::RunNotifications() {
-    wire::Framer framer;
-    while (LookForNotification(framer)) {
-        MemoryBudget::Share share;
-        if (!Afford(framer, MemoryBudget::Turn::notifications, share)) return;
-        wire::Message message;
-        if (TakeNotification(framer.length(), message)) owner_.OnCall(shared_from_this(), message);
-        notificationBytes_ -= framer.length();
-        Resume();
-    }
-}
-
-// Measures the notification that is next; false when there is none, and the caller no longer runs them.
-bool Connection::LookForNotification(wire::Framer& framer) {
-    PMutexHold hold(notificationLock_);
-    runningNotifications_ = !notifications_.empty();
-    if (!runningNotifications_) return false;
-    framer.Reset();
-    (void)framer.Scan(notifications_.data() + notificationsBegin_, notifications_.size() - notificationsBegin_);
-    return true;
-}
-
-// Takes the next notification, of `length` bytes, off the queue. False when it has been forgotten meanwhile, or is no
-// message, whereupon the connection closes.
-bool Connection::TakeNotification(size_t length, wire::Message& message) {
-    std::string bytes;
-    ptrdiff_t growth = 0;
-    {
-        PMutexHold hold(notificationLock_);
-        if (notifications_.empty()) return false;
-        bytes = notifications_.substr(notificationsBegin_, length);
-        notificationsBegin_ += length;
-        if (notificationsBegin_ == notifications_.size()) {
-            growth = ClearNotifications();
-        } else if (notificationsBegin_ > notifications_.size() / 2) {
-            notifications_.erase(0, std::exchange(notificationsBegin_, 0));
-        }
-    }
-    CountBuffers(growth);
-    if (wire::Decode(bytes.data(), bytes.size(), message)) return true;
-    Cut(noMessage);
+bool Connection::RunNotification(Batch& batch) {
+    const bool isSmall = framer_.decodedBytes() <= smallCallBytes;
+    if (!isSmall || !(batch.runsNotifications || notifications_.Begin())) return QueueNotification(batch);
+    batch.runsNotifications = true;
+    wire::Message notification;
+    if (!TakeMessage(notification)) return true;
+    if (RunWhileOffered(notification)) return true;
+    RunQueuedNotifications();
     return false;
 }
 
-// Returns how much less they hold than before, as a negative number.
-ptrdiff_t Connection::ClearNotifications() {
-    const ptrdiff_t held = Counting(notifications_.capacity());
-    notifications_ = std::string();
-    notificationsBegin_ = 0;
-    return -held;
+bool Connection::QueueNotification(Batch& batch) {
+    EndBatch(batch);
+    bool runs = false;
+    CountBuffers(notifications_.Add({input_.data(), framer_.length()}, runs));
+    SkipMessage();
+    const bool isPaused = PauseIfFull(batch);
+    if (!runs) return !isPaused;
+    if (!isPaused) PassTurn();
+    RunQueuedNotifications();
+    return false;
+}
+
+void Connection::RunQueuedNotifications() {
+    wire::Framer framer;
+    while (notifications_.Next(framer)) {
+        MemoryBudget::Share share;
+        if (!Afford(framer, MemoryBudget::Turn::notifications, share)) return;
+        std::string bytes;
+        ptrdiff_t growth = 0;
+        if (notifications_.Take(framer.length(), bytes, growth)) {
+            CountBuffers(growth);
+            wire::Message message;
+            if (wire::Decode(bytes.data(), bytes.size(), message)) {
+                owner_.OnCall(shared_from_this(), message);
+            } else {
+                Cut(noMessage);
+            }
+        }
+        notifications_.Ran(framer.length());
+        Resume();
+    }
 }
 
 // --- Memory --------------------------------------------------------------------------------------------------------
@@ -362,13 +433,15 @@ void Connection::WriteOff() {
 }
 
 void Connection::Cut(const char* reason) {
-    ptrdiff_t growth = 0;
-    {
-        PMutexHold hold(notificationLock_);
-        growth = ClearNotifications();
-    }
-    CountBuffers(growth);
+    CountBuffers(notifications_.Forget());
+    ResetOnClose();
     Close(reason);
+}
+
+// Has the peer hear of the end at once, though it does not read, or still sends. What it has not taken is lost.
+void Connection::ResetOnClose() {
+    const linger atOnce{1, 0};
+    ::setsockopt(descriptor(), SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce);
 }
 
 // Takes a share for the complete message that `message` has found. False when there is none now: the turn is no longer
@@ -379,16 +452,19 @@ bool Connection::Afford(const wire::Framer& message, MemoryBudget::Turn turn, Me
     return share || owner_.memory().Take(2 * message.decodedBytes(), share, shared_from_this(), turn);
 }
 
+// The same for the message at the front of the buffer.
+bool Connection::AffordFirst(Batch& batch, MemoryBudget::Share& share) {
+    if (framer_.decodedBytes() > smallCallBytes) {
+        EndBatch(batch);
+        CountBuffers(input_.Keep());
+    }
+    return Afford(framer_, MemoryBudget::Turn::reading, share);
+}
+
 void Connection::GoOn(MemoryBudget::Turn turn, MemoryBudget::Share share) {
-    OrFail([&] {
-        const bool reads = turn == MemoryBudget::Turn::reading;
-        PMutexHold hold(lock_);
-        if (reads && closed_) return;
-        (reads ? readShare_ : notificationShare_) = std::move(share);
-        asio::post(socket_.get_executor(), [self = shared_from_this(), reads] {
-            self->OrFail([&] { reads ? self->ProcessInput() : self->RunNotifications(); });
-        });
-    });
+    const bool reads = turn == MemoryBudget::Turn::reading;
+    (reads ? readShare_ : notificationShare_) = std::move(share);
+    Due(reads ? readOn : runNotifications);
 }
 
 int Connection::LookAtUnfinished() {
@@ -398,190 +474,92 @@ int Connection::LookAtUnfinished() {
 
 // --- Writing -------------------------------------------------------------------------------------------------------
 
-Connection::Sent Connection::Send(std::string_view bytes, Bytes what) {
+Connection::Sent Connection::Send(std::string_view bytes, WhenFull whenFull) {
     if (!used_.load(std::memory_order_relaxed)) used_ = true;
     Sent sent = Sent::closed;
-    OrFail([&] { sent = WriteOrQueue(bytes, what); });
+    OrFail([&] { sent = outbox_.Send(bytes, whenFull); });
     return sent;
 }
 
-Connection::Sent Connection::WriteOrQueue(std::string_view bytes, Bytes what) {
-    ptrdiff_t growth = -1;
-    {
-        PMutexHold hold(lock_);
-        if (closed_) return Sent::closed;
-        const bool first = backlog_.empty();
-        if (first && WriteSome(bytes) && bytes.empty()) return Sent::sent;
-        if (what == Bytes::call || backlog_.size() - backlogSent_ <= maxBacklogBytes) {
-            backlog_.append(bytes);
-            growth = what == Bytes::answer ? CountBacklog(backlog_.capacity()) : 0;
-            if (first) {
-                StartWriteWait();
-                ArmStallTimer();
-            }
+void Connection::OnUnread(Unread what) {
+    Quietly([&] {
+        if (what == Unread::tooMuch) {
+            CBBLog::warn(LibraryLogger(), "libkel: %s does not read its answers; disconnecting it", peer_.c_str());
+        } else {
+            CBBLog::warn(LibraryLogger(), "libkel: %s took nothing for %lld s; disconnecting it", peer_.c_str(),
+                         static_cast<long long>(maxStall.count()));
         }
-    }
-    if (growth >= 0) {
-        CountBuffers(growth);
-        return Sent::queued;
-    }
-    CBBLog::warn(LibraryLogger(), "libkel: %s does not read its answers; disconnecting it", peer_.c_str());
-    Close("too many answers wait");
-    return Sent::closed;
-}
-
-// Has the backlog counted with so many bytes and returns how many more that is. Bytes of calls count only where answers
-// are among them.
-ptrdiff_t Connection::CountBacklog(size_t bytes) {
-    return static_cast<ptrdiff_t>(bytes) - static_cast<ptrdiff_t>(std::exchange(backlogCounted_, bytes));
-}
-
-// Writes what the system takes and cuts it off the front of `bytes`. An error is left to the next read to find.
-bool Connection::WriteSome(std::string_view& bytes) {
-    ssize_t written;
-    do written = ::send(descriptor_, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-    while (written < 0 && errno == EINTR);
-    if (written < 0) return errno == EAGAIN || errno == EWOULDBLOCK;
-    bytes.remove_prefix(static_cast<size_t>(written));
-    return true;
-}
-
-void Connection::StartWriteWait() {
-    socket_.async_wait(Socket::wait_write, [self = shared_from_this()](const boost::system::error_code& error) {
-        self->OrFail([&] { self->OnWritable(error); });
     });
-}
-
-void Connection::ArmStallTimer() {
-    stallTimer_.expires_after(maxStall);
-    stallTimer_.async_wait([weak = weak_from_this()](const boost::system::error_code& error) {
-        const ConnectionPtr self = weak.lock();
-        if (!error && self) self->OrFail([&self] { self->OnStalled(); });
-    });
-}
-
-// Nothing was written for maxStall. That is the peer's doing unless this process stood still, in which case the peer
-// may have made room that nobody has looked at.
-void Connection::OnStalled() {
-    {
-        PMutexHold hold(lock_);
-        const bool outdated = stallTimer_.expiry() > std::chrono::steady_clock::now();  // armed anew in between
-        if (closed_ || backlog_.empty() || outdated) return;
-        if (WriteBacklog() > 0) return ArmStallTimer();  // the wait for the socket is under way and finds the rest
-    }
-    CBBLog::warn(LibraryLogger(), "libkel: %s took nothing for %lld s; disconnecting it", peer_.c_str(),
-                 static_cast<long long>(maxStall.count()));
-    Close("the peer does not read");
-}
-
-// Writes what the system takes of the backlog and returns how many bytes that is; -1 for an error.
-ssize_t Connection::WriteBacklog() {
-    std::string_view rest(backlog_.data() + backlogSent_, backlog_.size() - backlogSent_);
-    const size_t before = rest.size();
-    if (!WriteSome(rest)) return -1;
-    backlogSent_ += before - rest.size();
-    return static_cast<ssize_t>(before - rest.size());
-}
-
-void Connection::OnWritable(const boost::system::error_code& error) {
-    if (error) return;
-    std::vector<Drain> ready;
-    ptrdiff_t growth = 0;
-    {
-        PMutexHold hold(lock_);
-        if (closed_) return;
-        const ssize_t written = WriteBacklog();
-        if (written < 0) return;
-        const size_t left = backlog_.size() - backlogSent_;
-        if (left > 0) {
-            if (backlogSent_ > left) {  // a peer that is always a little behind must not make it grow
-                backlog_.erase(0, backlogSent_);
-                backlogSent_ = 0;
-            }
-            if (written > 0) ArmStallTimer();
-            StartWriteWait();
-            return;
-        }
-        backlog_ = std::string();
-        backlogSent_ = 0;
-        growth = CountBacklog(0);
-        stallTimer_.cancel();
-        ready.swap(drains_);
-    }
-    CountBuffers(growth);
-    for (const Drain& drain : ready) drain.drained();
+    ResetOnClose();
+    Close(what == Unread::tooMuch ? "too many answers wait" : "the peer does not read");
 }
 
 bool Connection::WhenDrained(std::function<void()> drained, std::function<void()> closed) {
-    PMutexHold hold(lock_);
-    if (closed_) return false;
-    if (backlog_.empty()) {
-        asio::post(socket_.get_executor(), std::move(drained));
-    } else {
-        drains_.push_back({std::move(drained), std::move(closed)});
-    }
-    return true;
-}
-
-bool Connection::HasBacklog() {
-    PMutexHold hold(lock_);
-    return !closed_ && !backlog_.empty();
+    Outbox::Drain drain{std::move(drained), std::move(closed)};
+    const Outbox::State state = outbox_.WhenDrained(drain);
+    if (state == Outbox::State::empty) owner_.pool().Post(std::move(drain.drained));
+    return state != Outbox::State::closed;
 }
 
 // --- Calls of this side --------------------------------------------------------------------------------------------
 
 Connection::Begun Connection::Call(std::string_view method, std::string_view caller, const tagVARIANT& in,
                                    AnswerHandler handler, uint32_t* id) {
-    uint32_t call;
-    {
-        PMutexHold hold(callsLock_);
-        call = nextCall_++;
-    }
+    *id = calls_.NewId();
     std::string bytes;
-    if (!wire::EncodeRequest(bytes, call, method, caller, in)) return Begun::tooLarge;
-    {
-        PMutexHold hold(callsLock_);
-        if (callsClosed_) return Begun::closed;
-        calls_.emplace(call, std::move(handler));
-    }
-    if (id) *id = call;
-    if (Send(bytes, Bytes::call) == Sent::closed) {
-        PMutexHold hold(callsLock_);
-        if (calls_.erase(call) > 0) return Begun::closed;  // else LoseCalls has it
-    }
-    return Begun::begun;
-}
-
-void Connection::Abandon(uint32_t id) {
-    AnswerHandler forgotten;
-    PMutexHold hold(callsLock_);
-    const auto found = calls_.find(id);
-    if (found == calls_.end()) return;
-    forgotten = std::move(found->second);
-    calls_.erase(found);
+    if (!wire::EncodeRequest(bytes, *id, method, caller, in)) return Begun::tooLarge;
+    const CallTable::Added added = calls_.Add(*id, std::move(handler));
+    if (added == CallTable::Added::closed) return Begun::closed;
+    Sent sent = Sent::closed;
+    used_ = true;
+    OrFail([&] {
+        sent = added == CallTable::Added::theOnlyOne ? outbox_.Send(bytes, WhenFull::queue)
+                                                     : outbox_.SendWithOthers(bytes);
+    });
+    const bool isLost = sent == Sent::closed && calls_.Take(*id);  // else its handler has been told
+    return isLost ? Begun::closed : Begun::begun;
 }
 
 void Connection::CompleteCall(wire::Message& answer) {
-    AnswerHandler handler;
-    {
-        PMutexHold hold(callsLock_);
-        const auto found = calls_.find(answer.id);
-        if (found == calls_.end()) return;
-        handler = std::move(found->second);
-        calls_.erase(found);
-    }
-    handler(answer.failed ? CallEnd::failed : CallEnd::answered, answer);
+    const AnswerHandler handler = calls_.Take(answer.id);
+    if (handler) handler(answer.failed ? CallEnd::failed : CallEnd::answered, answer);
 }
 
-void Connection::LoseCalls() {
-    std::unordered_map<uint32_t, AnswerHandler> lost;
-    {
-        PMutexHold hold(callsLock_);
-        callsClosed_ = true;
-        lost.swap(calls_);
+void Connection::ReadAnswer(const std::function<bool()>& isThere, Deadline deadline) {
+    if (openedByPeer() || calls_.size() != 1 || !TakeTurn()) return;
+    Watch(false);
+    bool isMine = true;
+    OrFail([&] { isMine = ReadAnswers(isThere, deadline); });
+    if (!isMine) return;
+    OrFail([this] {
+        while (!PutTurnDown()) {
+        }
+    });
+    Watch(true);  // which tells of what came meanwhile
+}
+
+// False when the turn is no longer the caller's.
+bool Connection::ReadAnswers(const std::function<bool()>& isThere, Deadline deadline) {
+    do {
+        if (!CompleteCalls()) {
+            Watch(true);
+            PassTurn();
+            return false;
+        }
+    } while (!isThere() && WaitAndReceive(deadline) == Received::bytes);
+    return true;
+}
+
+// Takes the answers that are complete; false when there is something else to run.
+bool Connection::CompleteCalls() {
+    for (;;) {
+        const Frame frame = LookForMessage();
+        if (frame == Frame::malformed) Close(noMessage);
+        if (frame != Frame::complete || closed_) return true;
+        if (!IsOf(wire::MessageKind::response)) return false;
+        wire::Message answer;
+        if (TakeMessage(answer)) CompleteCall(answer);
     }
-    wire::Message nothing;
-    for (auto& [id, handler] : lost) handler(CallEnd::lost, nothing);
 }
 
 // --- Closing -------------------------------------------------------------------------------------------------------
@@ -599,47 +577,33 @@ void Connection::Fail(const char* problem) {
 
 template <typename Say>
 void Connection::End(Say&& say) {
-    std::vector<Drain> undrained;
-    ptrdiff_t growth = 0;
-    {
-        PMutexHold hold(lock_);
-        if (closed_.exchange(true)) return;
-        undrained.swap(drains_);
-        backlog_ = std::string();
-        growth = CountBacklog(0);
-        boost::system::error_code ignored;
-        socket_.shutdown(Socket::shutdown_both, ignored);
-        socket_.cancel(ignored);
-        stallTimer_.cancel();
-    }
-    CountBuffers(growth);
+    if (closed_.exchange(true)) return;
+    const std::vector<Outbox::Drain> undrained = outbox_.Close();
+    ::shutdown(descriptor(), SHUT_RDWR);
+    owner_.pool().queue().Unwatch(descriptor());
+    if (TakeTurn()) DropInput();
     Quietly(say);
     owner_.OnClosed(shared_from_this());
-    LoseCalls();
-    for (const Drain& drain : undrained) drain.closed();
+    calls_.Close();
+    for (const Outbox::Drain& drain : undrained) drain.closed();
 }
 
 bool Connection::IsIdle() {
     const bool isUsed = openedByPeer() || used_;
-    if (closed_ || !isUsed || !awaitsMessage_ || outstanding_ > 0 || notificationBytes_ > 0 || HasBacklog())
-        return false;
-    PMutexHold hold(callsLock_);
-    return calls_.empty();
+    const bool isBusy = turn_ != isFree || outstanding_ > 0 || notifications_.waiting() > 0;
+    return !closed_ && isUsed && !isBusy && !HasBacklog() && calls_.size() == 0;
 }
 
 // Whether the system has bytes of the peer that have not been read.
 bool Connection::HasUnread() {
     char byte;
-    return ::recv(descriptor_, &byte, 1, MSG_PEEK | MSG_DONTWAIT) > 0;
+    return ::recv(descriptor(), &byte, 1, MSG_PEEK | MSG_DONTWAIT) > 0;
 }
 
 bool Connection::CloseIfIdle() {
     if (!IsIdle() || HasUnread()) return false;
-    {
-        PMutexHold hold(callsLock_);
-        if (!calls_.empty() || !awaitsMessage_.exchange(false)) return false;
-        callsClosed_ = true;
-    }
+    if (!calls_.CloseIfEmpty([this] { return TakeTurn(); })) return false;
+    DropInput();
     gaveRoom_ = true;
     Close("its descriptor is needed");
     return true;

@@ -1,9 +1,13 @@
 // One TCP connection between two endpoints, in either role. Connection.cc opens with how its threads take turns.
 #pragma once
 
-#include "foundation/Locks.h"
+#include "rpc/transport/CallTable.h"
+#include "rpc/transport/InputBuffer.h"
 #include "rpc/transport/MemoryBudget.h"
+#include "rpc/transport/NotificationQueue.h"
+#include "rpc/transport/Outbox.h"
 #include "rpc/transport/Sockets.h"
+#include "rpc/transport/WorkerPool.h"
 #include "rpc/wire/Framer.h"
 #include "rpc/wire/Message.h"
 
@@ -16,76 +20,71 @@
 #include <memory>
 #include <string>
 #include <string_view>
-#include <unordered_map>
-#include <vector>
 
 namespace kel::transport {
 
 constexpr int maxOutstandingCalls = 1024;                       // requests of a connection; beyond them reading pauses
 constexpr size_t maxNotificationBytes = wire::maxMessageBytes;  // of notifications that wait; likewise
-constexpr size_t maxBacklogBytes = wire::maxMessageBytes;       // answers that the peer does not read
-constexpr std::chrono::seconds maxStall{30};                    // without progress while either side waits for the rest
 
-// How a call that this side made ended.
-enum class CallEnd {
-    answered,  // the method ran: code and value
-    failed,    // an error answer: code and errorText
-    lost,      // the connection closed before the answer came; the message is empty
-};
-using AnswerHandler = std::function<void(CallEnd, wire::Message&)>;  // throws nothing when the call is lost
-
-// What a connection needs of its endpoint; the members are called on worker threads, with no lock held.
+// What a connection needs of its endpoint; the members are called with no lock held.
 class ConnectionOwner {
 public:
     virtual ~ConnectionOwner() = default;
+    virtual WorkerPool& pool() = 0;
     virtual MemoryBudget& memory() = 0;
     // Buffers have grown beyond the limit.
     virtual void OnBuffersOver() = 0;
     // A connection waits for the rest of a message.
     virtual void OnUnfinished() = 0;
-    // A request or a notification has arrived; returns when it has been run and, if it is a request, answered.
+    // On a worker thread: a request or a notification has arrived; returns when it has been run and, if it is a
+    // request, answered.
     virtual void OnCall(const ConnectionPtr& connection, wire::Message& call) = 0;
     virtual void OnClosed(const ConnectionPtr& connection) = 0;
 };
 
-// Held by shared pointers: by its owner, by the operations under way, and by each call that runs; the descriptor stays
-// open until the last of them lets go, so that a running method never sees another connection under its number. All
-// members may be called from any thread.
-class Connection : public std::enable_shared_from_this<Connection> {
+// Held by shared pointers: by its owner, by the queue of work while it is watched or due, and by each call that runs;
+// the descriptor stays open until the last of them lets go, so that a running method never sees another connection
+// under its number. All members may be called from any thread.
+class Connection : public std::enable_shared_from_this<Connection>,
+                   public Work,
+                   private WorkerPool::Relay,
+                   private Outbox::Owner {
 public:
     enum class Opener { peer, us };
     // `peer` names the other side in log lines: "address:port".
-    Connection(Socket socket, ConnectionOwner& owner, std::string peer, Opener opener);
-    ~Connection();
+    Connection(Descriptor socket, ConnectionOwner& owner, std::string peer, Opener opener);
+    ~Connection() override;
 
     // Begins to read. Once, after construction.
     void Start();
 
-    enum class Sent { sent, queued, closed };
-    enum class Bytes { answer, call };
-    // Hands the bytes of one message to the system, or queues what it does not take. A peer that lets too many answers
-    // wait is disconnected; calls of this side do not count, since whoever makes them waits or queues himself. Without
-    // memory to queue them the connection ends.
-    Sent Send(std::string_view bytes, Bytes what);
+    using Sent = Outbox::Sent;
+    using WhenFull = Outbox::WhenFull;
+    // Hands the bytes of one message to the system, or queues what it does not take. Without memory to queue them the
+    // connection ends.
+    Sent Send(std::string_view bytes, WhenFull whenFull);
 
-    // Calls `drained` on a worker thread once nothing is queued any more, or `closed` when the connection ends before
-    // that. False, and neither is called, when it has ended already. The two throw nothing.
+    // Calls `drained` once nothing is queued any more, or `closed` when the connection ends before that. False, and
+    // neither is called, when it has ended already. The two throw nothing.
     bool WhenDrained(std::function<void()> drained, std::function<void()> closed);
 
     enum class Begun { begun, tooLarge, closed };
-    // Sends a request; `handler` is called exactly once, on a worker thread, unless the result is not `begun` or the
-    // call is abandoned. `id`, when not null, receives what Abandon takes.
+    // Sends a request; `handler` is called exactly once, by a thread that reads the connection or closes it, unless the
+    // result is not `begun` or the call is abandoned. `id` receives what Abandon takes.
     Begun Call(std::string_view method, std::string_view caller, const tagVARIANT& in, AnswerHandler handler,
                uint32_t* id);
     // Forgets a call: its answer is ignored.
-    void Abandon(uint32_t id);
+    void Abandon(uint32_t id) { calls_.Take(id); }
+    // For the thread that has just made a call and has nothing else to do: reads the connection, when nobody else needs
+    // to, until `isThere` says that its answer came, or until `deadline`. May return earlier.
+    void ReadAnswer(const std::function<bool()>& isThere, Deadline deadline);
 
     // A call that is answered after it has been run counts as outstanding from one to the other.
     void BeginLateCall() { ++outstanding_; }
     void EndLateCall();
 
     // Whether something is queued that the peer may still read.
-    bool HasBacklog();
+    bool HasBacklog() { return outbox_.HasBacklog(); }
 
     // Ends the connection, for which no memory is needed; calls under way are lost. `reason` goes to the log at debug
     // level.
@@ -113,7 +112,7 @@ public:
     // There is memory for what `turn` stopped at.
     void GoOn(MemoryBudget::Turn turn, MemoryBudget::Share share);
 
-    int descriptor() const { return descriptor_; }
+    int descriptor() const { return socket_.get(); }
     const std::string& peer() const { return peer_; }
     // The other side's address, in network order.
     in_addr peerAddress() const { return peerAddress_; }
@@ -123,100 +122,97 @@ public:
     bool gaveRoom() const { return gaveRoom_; }
 
 private:
-    struct ReadHandler;
+    // Reasons to run, besides those of the socket.
+    static constexpr unsigned readOn = firstOwn;  // whoever runs it has the reading turn
+    static constexpr unsigned runNotifications = firstOwn << 1;
+
     enum class Frame { incomplete, complete, malformed };
-    bool HasUnread();
+    enum class Received { bytes, nothing, theEnd };
+    struct Batch;
+
+    // Work, Relay and Outbox::Owner.
+    void Run(unsigned reasons) override;
+    void TakeOver() override;
+    void WatchWritable() override;
+    void CountBuffers(ptrdiff_t change) override;
+    void OnUnread(Unread what) override;
+    std::weak_ptr<Outbox> Reference() override { return std::shared_ptr<Outbox>(shared_from_this(), &outbox_); }
 
     // Runs `work`; an exception ends the connection.
-    template <typename Work>
-    void OrFail(Work&& work);
+    template <typename Code>
+    void OrFail(Code&& code);
     // Ends the connection because of `problem`, which goes to the log.
     void Fail(const char* problem);
     template <typename Say>
     void End(Say&& say);
+    void Due(unsigned reason) { owner_.pool().queue().Add(shared_from_this(), reason); }
+    void Watch(bool reading);
 
-    void StartRead();
-    void OnRead(const boost::system::error_code& error, size_t size);
-    void MakeRoom();
-    void SetCapacity(size_t capacity);
+    bool TakeTurn();
+    bool PutTurnDown();
+    void PassTurn();  // to whichever worker is free
     void DropInput();
-    void ProcessInput();
-    void RunRequest(wire::Message& request);
+    void ResetOnClose();
+    bool HasUnread();
+    Received Receive();
+    Received WaitAndReceive(Deadline deadline);
+    Received Account(ssize_t result);
+    void ReadOn();
+    bool RunMessages(Batch& batch);
+    bool RunNext(Batch& batch);
+    bool RunRequest(Batch& batch);
+    bool RunNotification(Batch& batch);
+    bool QueueNotification(Batch& batch);
+    bool RunWhileOffered(wire::Message& call);
+    void EndBatch(Batch& batch);
+    void EndNotifications(Batch& batch);
+    void EndHold();
+    bool ReadAnswers(const std::function<bool()>& isThere, Deadline deadline);
+    bool CompleteCalls();
+
     Frame LookForMessage();
+    bool IsOf(wire::MessageKind kind) const { return framer_.Is(kind, input_.data()); }
     bool TakeMessage(wire::Message& message);
     void SkipMessage();
-    void PassReadingTurn();
     bool IsFull() const;
-    bool PauseIfFull();
+    bool PauseIfFull(Batch& batch);
     void Resume();
-    void CountBuffers(ptrdiff_t change);
     bool Afford(const wire::Framer& message, MemoryBudget::Turn turn, MemoryBudget::Share& share);
-
-    bool QueueNotification(std::string_view bytes);
-    void RunNotifications();
-    bool LookForNotification(wire::Framer& framer);
-    bool TakeNotification(size_t length, wire::Message& message);
-    ptrdiff_t ClearNotifications() REQUIRES(notificationLock_);
+    bool AffordFirst(Batch& batch, MemoryBudget::Share& share);
+    void RunQueuedNotifications();
     void CompleteCall(wire::Message& answer);
-    void LoseCalls();
-
-    Sent WriteOrQueue(std::string_view bytes, Bytes what);
-    ptrdiff_t CountBacklog(size_t bytes) REQUIRES(lock_);
-    void StartWriteWait() REQUIRES(lock_);
-    void OnWritable(const boost::system::error_code& error);
-    void ArmStallTimer() REQUIRES(lock_);
-    void OnStalled();
-    ssize_t WriteBacklog() REQUIRES(lock_);
-    bool WriteSome(std::string_view& bytes) REQUIRES(lock_);
 
     ConnectionOwner& owner_;
     const std::string peer_;
     const Opener opener_;
-    int descriptor_;
+    const Descriptor socket_;
     in_addr peerAddress_{};
     std::atomic<bool> closed_{false};
     std::atomic<bool> used_{false};  // something was sent
     std::atomic<bool> gaveRoom_{false};
+    std::atomic<bool> peerEnded_{false};  // the system has said so; there may be bytes before the end
+    std::atomic<bool> watchesWriting_{false};
     std::atomic<ptrdiff_t> bufferBytes_{0};
     std::atomic<uint64_t> lastUse_{0};
-    std::atomic<bool> awaitsMessage_{false};  // or the rest of one; whoever clears it decides what becomes of it
     std::atomic<int> unfinished_{0};  // one more than it was looked at while the peer owes the same bytes; 0: none
 
-    // The reading turn's: touched only by the thread that holds it.
-    std::unique_ptr<char[]> input_;
-    size_t capacity_ = 0;
-    size_t begin_ = 0;
-    size_t end_ = 0;
+    enum Turn : int { isFree, isTaken, isTakenAndMoreCame };
+    std::atomic<int> turn_{isFree};
+    // The reading turn's: touched only by the thread that has it.
+    InputBuffer input_;
     wire::Framer framer_;
+    bool isDrained_ = false;         // the system had no more
+    bool holds_ = false;             // answers, in the outbox
     MemoryBudget::Share readShare_;  // for the message at the front
 
     std::atomic<int> outstanding_{0};
     std::atomic<bool> paused_{false};
 
-    std::atomic<size_t> notificationBytes_{0};
-
-    PMutex notificationLock_;
-    std::string notifications_ GUARDED_BY(notificationLock_);  // as they came, one behind the other
-    size_t notificationsBegin_ GUARDED_BY(notificationLock_) = 0;
-    bool runningNotifications_ GUARDED_BY(notificationLock_) = false;
+    NotificationQueue notifications_;
     MemoryBudget::Share notificationShare_;  // for the next of them; touched only by who runs them
 
-    PMutex lock_;
-    Socket socket_ GUARDED_BY(lock_);
-    Timer stallTimer_ GUARDED_BY(lock_);
-    std::string backlog_ GUARDED_BY(lock_);
-    size_t backlogSent_ GUARDED_BY(lock_) = 0;
-    size_t backlogCounted_ GUARDED_BY(lock_) = 0;  // of the budget
-    struct Drain {
-        std::function<void()> drained;
-        std::function<void()> closed;
-    };
-    std::vector<Drain> drains_ GUARDED_BY(lock_);
-
-    PMutex callsLock_;
-    std::unordered_map<uint32_t, AnswerHandler> calls_ GUARDED_BY(callsLock_);
-    uint32_t nextCall_ GUARDED_BY(callsLock_) = 0;
-    bool callsClosed_ GUARDED_BY(callsLock_) = false;
+    Outbox outbox_;
+    CallTable calls_;
 };
 
 }  // namespace kel::transport

@@ -1,12 +1,11 @@
 #include "rpc/transport/Endpoint.h"
 
+#include "foundation/NetworkUtils.h"
 #include "rpc/transport/DescriptorReserve.h"
 #include "rpc/transport/LibraryLog.h"
 #include "rpc/transport/Quietly.h"
 #include "rpc/values/KelResult.h"
 #include "rpc/wire/Codec.h"
-
-#include <boost/asio/post.hpp>
 
 #include <algorithm>
 #include <cstddef>
@@ -28,14 +27,14 @@ constexpr size_t maxConnections = 24'576;  // of both directions; each takes som
 Endpoint::Endpoint(CallReceiver& receiver)
     : receiver_(receiver),
       listener_(
-          pool_, [this](Socket socket) { OnAccepted(std::move(socket)); }, [this] { return HasRoom(); },
-          [this](const auto& shortage) { MakeRoom(Connection::Opener::peer, shortage); }),
+          pool_, [this](Descriptor socket, const sockaddr_in& peer) { OnAccepted(std::move(socket), peer); },
+          [this] { return HasRoom(); }, [this](const auto& shortage) { MakeRoom(Connection::Opener::peer, shortage); }),
       loopback_(
-          pool_, [this](Socket socket) { OnAccepted(std::move(socket)); }, [this] { return HasRoom(); },
-          [this](const auto& shortage) { MakeRoom(Connection::Opener::peer, shortage); }),
+          pool_, [this](Descriptor socket, const sockaddr_in& peer) { OnAccepted(std::move(socket), peer); },
+          [this] { return HasRoom(); }, [this](const auto& shortage) { MakeRoom(Connection::Opener::peer, shortage); }),
       outbound_(
           pool_,
-          [this](Socket socket, const std::string& peer) {
+          [this](Descriptor socket, const std::string& peer) {
               return Adopt(std::move(socket), peer, Connection::Opener::us);
           },
           [this](const auto& shortage) { MakeRoom(Connection::Opener::us, shortage); }),
@@ -67,8 +66,8 @@ void Endpoint::Accept() {
     loopback_.Start();
 }
 
-ConnectionPtr Endpoint::Adopt(Socket socket, const std::string& peer, Connection::Opener opener) {
-    if (IsOfReserve(socket.native_handle()) || IsCrowded()) {
+ConnectionPtr Endpoint::Adopt(Descriptor socket, const std::string& peer, Connection::Opener opener) {
+    if (IsOfReserve(socket.get()) || IsCrowded()) {
         scarce_ = true;
         madeRoom_ = MakeRoom(opener, boost::asio::error::no_descriptors);
     }
@@ -81,11 +80,8 @@ ConnectionPtr Endpoint::Adopt(Socket socket, const std::string& peer, Connection
     return connection;
 }
 
-void Endpoint::OnAccepted(Socket socket) {
-    boost::system::error_code gone;
-    const auto peer = socket.remote_endpoint(gone);
-    if (gone) return;
-    const std::string name = peer.address().to_string() + ":" + std::to_string(peer.port());
+void Endpoint::OnAccepted(Descriptor socket, const sockaddr_in& peer) {
+    const std::string name = yar::networkutils::inet_ntos(peer.sin_addr) + ":" + std::to_string(ntohs(peer.sin_port));
     if (const ConnectionPtr connection = Adopt(std::move(socket), name, Connection::Opener::peer)) connection->Start();
 }
 
@@ -263,12 +259,12 @@ void Endpoint::OnCall(const ConnectionPtr& connection, wire::Message& call) {
     if (call.kind != wire::MessageKind::request) return;
     std::string refusal;
     wire::EncodeError(refusal, call.id, KEL_UNREACHABLE, "the satellite is leaving");
-    connection->Send(refusal, Connection::Bytes::answer);
+    connection->Send(refusal, Connection::WhenFull::disconnect);
 }
 
 void Endpoint::Post(std::function<void()> task) {
     if (quiescing_) return;
-    boost::asio::post(pool_.io(), [this, task = std::move(task)] { RunCounted(task); });
+    pool_.Post([this, task = std::move(task)] { RunCounted(task); });
 }
 
 void Endpoint::Repeat(std::chrono::milliseconds period, std::function<void()> task) {
@@ -282,13 +278,16 @@ void Endpoint::ArmTimer() {
     if (quiescing_) return;
     timer_.expires_after(period_);
     timer_.async_wait([this](const boost::system::error_code& cancelled) {
-        if (cancelled) return;
-        const struct Again {  // whether the task throws or not
-            ~Again() { endpoint.pool_.Do(endpoint.armTimer_); }
-            Endpoint& endpoint;
-        } again{*this};
-        RunCounted([this] { task_(); });
+        if (!cancelled && !Quietly([this] { pool_.Post([this] { RunRepeated(); }); })) pool_.Do(armTimer_);
     });
+}
+
+void Endpoint::RunRepeated() {
+    const struct Again {  // whether the task throws or not
+        ~Again() { endpoint.pool_.Do(endpoint.armTimer_); }
+        Endpoint& endpoint;
+    } again{*this};
+    RunCounted([this] { task_(); });
 }
 
 void Endpoint::Quiesce() {

@@ -55,23 +55,25 @@ public:
 private:
     void OnCall(const ConnectionPtr& connection, wire::Message& call) override;
     void OnClosed(const ConnectionPtr& connection) override;
+    WorkerPool& pool() override { return pool_; }
     MemoryBudget& memory() override { return memory_; }
     void OnBuffersOver() override;
     void OnUnfinished() override;
     ConnectionPtr WriteOffLargest();
     void ArmLook();
     void LookAtUnfinished();
-    ConnectionPtr Adopt(Socket socket, const std::string& peer, Connection::Opener opener);
+    ConnectionPtr Adopt(Descriptor socket, const std::string& peer, Connection::Opener opener);
     Listener::Room HasRoom();
     bool MakeRoom(Connection::Opener forOneOf, const boost::system::error_code& shortage);
     bool CloseIdleInbound();
     std::vector<ConnectionPtr> LongestIdle() REQUIRES(lock_);
     bool IsCrowded();
-    void OnAccepted(Socket socket);
+    void OnAccepted(Descriptor socket, const sockaddr_in& peer);
     bool HasBacklog();
     template <typename Code>
     bool RunCounted(Code&& code);
     void ArmTimer();
+    void RunRepeated();
 
     CallReceiver& receiver_;
     MemoryBudget memory_{[this] { pool_.TidySoon(); }};

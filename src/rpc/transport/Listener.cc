@@ -3,6 +3,9 @@
 #include "rpc/transport/LibraryLog.h"
 #include "rpc/transport/Quietly.h"
 
+#include <sys/socket.h>
+
+#include <cerrno>
 #include <utility>
 
 namespace kel::transport {
@@ -17,7 +20,7 @@ constexpr int maxAtOnce = 16;
 
 }  // namespace
 
-Listener::Listener(WorkerPool& pool, std::function<void(Socket)> accepted, HasRoom hasRoom, Pausing pausing)
+Listener::Listener(WorkerPool& pool, Accepted accepted, HasRoom hasRoom, Pausing pausing)
     : pool_(pool),
       accepted_(std::move(accepted)),
       hasRoom_(std::move(hasRoom)),
@@ -34,9 +37,7 @@ boost::system::error_code Listener::Open(const Address& at) {
     if (error) return error;
     CloseOnExec(acceptor_.native_handle());
     acceptor_.set_option(asio::socket_base::reuse_address(true), error);
-    // The two let nothing keep a thread inside accept.
-    if (!error) acceptor_.set_option(asio::socket_base::enable_connection_aborted(true), error);
-    if (!error) acceptor_.non_blocking(true, error);
+    if (!error) acceptor_.non_blocking(true, error);  // nothing keeps the thread inside accept
     if (!error) acceptor_.bind(tcp::endpoint(address, at.port), error);
     if (!error) acceptor_.listen(asio::socket_base::max_listen_connections, error);
     if (!error) port_ = acceptor_.local_endpoint(error).port();
@@ -75,19 +76,31 @@ boost::system::error_code Listener::AcceptWaiting() {
         const Room room = hasRoom_();
         if (room != Room::yes) return room == Room::no ? asio::error::no_descriptors : boost::system::error_code();
         boost::system::error_code error;
-        Socket socket = AcceptOne(error);
+        sockaddr_in peer{};
+        Descriptor socket = AcceptOne(peer, error);
         if (error) return error;
         if (std::exchange(paused_, false)) {
             CBBLog::note(LibraryLogger(), "libkel: accepting connections on port %u again", unsigned{port_});
         }
-        accepted_(std::move(socket));
+        accepted_(std::move(socket), peer);
     }
     return {};
 }
 
-Socket Listener::AcceptOne(boost::system::error_code& error) {
+Descriptor Listener::AcceptOne(sockaddr_in& peer, boost::system::error_code& error) {
     PMutexHold hold(lock_);
-    return acceptor_.accept(error);
+    if (!acceptor_.is_open()) {
+        error = asio::error::operation_aborted;
+        return Descriptor();
+    }
+    socklen_t size = sizeof peer;
+    Descriptor socket;
+    do {
+        socket =
+            Descriptor(::accept4(acceptor_.native_handle(), reinterpret_cast<sockaddr*>(&peer), &size, SOCK_CLOEXEC));
+    } while (socket.get() < 0 && (errno == EINTR || errno == ECONNABORTED));
+    if (socket.get() < 0) error = {errno, boost::system::system_category()};
+    return socket;
 }
 
 void Listener::Pause(const boost::system::error_code& error) {

@@ -37,6 +37,11 @@ public:
         condition_.notify_one();
     }
 
+    bool IsThere() {
+        const std::lock_guard<std::mutex> hold(mutex_);
+        return value_.has_value();
+    }
+
     std::optional<T> Await(Deadline deadline) {
         std::unique_lock<std::mutex> hold(mutex_);
         condition_.wait_until(hold, deadline, [this] { return value_.has_value(); });
@@ -143,25 +148,28 @@ private:
     }
 
     void Finish(boost::system::error_code error) {
+        Descriptor connected;
         {
             PMutexHold hold(lock_);
             if (std::exchange(finished_, true)) return;
             timer_.cancel();
             retry_.cancel();
             resolver_.cancel();
+            boost::system::error_code ignored;
             if (error) {
-                boost::system::error_code ignored;
                 socket_.close(ignored);
+            } else {
+                connected = Descriptor(socket_.release(error));
             }
         }
-        outbound_.Connected(to_, error, error ? nullptr : &socket_);
+        outbound_.Connected(to_, error, std::move(connected));
     }
 
     Outbound& outbound_;
     const Address to_;
     PMutex lock_;
     bool finished_ GUARDED_BY(lock_) = false;
-    Socket socket_;  // guarded by the lock until finished, the finisher's afterwards
+    Socket socket_ GUARDED_BY(lock_);
     Resolver resolver_ GUARDED_BY(lock_);
     Timer timer_ GUARDED_BY(lock_);
     Timer retry_ GUARDED_BY(lock_);
@@ -262,16 +270,16 @@ void Outbound::WithConnection(const Address& to, ConnectHandler handler) {
         if (Quietly([&] { attempt = std::make_shared<Attempt>(*this, to); })) {
             attempt->Start();
         } else {
-            Connected(to, asio::error::no_memory, nullptr);
+            Connected(to, asio::error::no_memory, Descriptor());
         }
     }
     if (handler) handler(connection, connection ? boost::system::error_code() : asio::error::operation_aborted);
 }
 
 // Throws nothing: whoever waits for the connection hears of it.
-void Outbound::Connected(const Address& to, boost::system::error_code error, Socket* socket) {
+void Outbound::Connected(const Address& to, boost::system::error_code error, Descriptor socket) {
     ConnectionPtr connection;
-    if (socket && !Quietly([&] { connection = adopt_(std::move(*socket), to.text()); })) {
+    if (!error && !Quietly([&] { connection = adopt_(std::move(socket), to.text()); })) {
         error = asio::error::no_memory;
     }
     ConnectionPtr refused;
@@ -366,6 +374,7 @@ Outcome Outbound::Call(const Address& to, std::string_view method, std::string_v
             return outcome;
         }
         pool_.AboutToBlock();
+        connection->ReadAnswer([&awaited] { return awaited->IsThere(); }, deadline);
         std::optional<Answer> answer = awaited->Await(deadline);
         if (!answer && std::chrono::steady_clock::now() > deadline + lateness) {
             // This process stood still meanwhile: an answer may have come and not been read yet.

@@ -43,7 +43,7 @@ public:
     using ConnectHandler = std::function<void(const ConnectionPtr& connection, const boost::system::error_code& error)>;
     using CallHandler = std::function<void(Outcome& outcome)>;
     // Makes a connection of a connected socket and starts it.
-    using Adopt = std::function<ConnectionPtr(Socket socket, const std::string& peer)>;
+    using Adopt = std::function<ConnectionPtr(Descriptor socket, const std::string& peer)>;
     // Is called when a descriptor could not be had.
     using Shortage = std::function<void(const boost::system::error_code& shortage)>;
 
@@ -82,7 +82,7 @@ private:
     class Attempt;
     class AsyncCall;
 
-    void Connected(const Address& to, boost::system::error_code error, Socket* socket);
+    void Connected(const Address& to, boost::system::error_code error, Descriptor socket);
     ConnectionPtr Connect(const Address& to, Deadline deadline, Outcome& outcome);
     void Begin(const std::shared_ptr<AsyncCall>& call, int attempts);
     void CallOn(const ConnectionPtr& connection, const boost::system::error_code& error,

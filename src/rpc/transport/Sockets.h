@@ -1,5 +1,5 @@
-// The socket types of the transport. They are bound to the io_context's own executor, not to a type-erased one, so that
-// a completion costs no indirection.
+// The socket types of the transport. Those of Boost.Asio are bound to the io_context's own executor, not to a
+// type-erased one, so that a completion costs no indirection.
 #pragma once
 
 #include <boost/asio/basic_socket_acceptor.hpp>
@@ -10,16 +10,18 @@
 #include <boost/asio/ip/tcp.hpp>
 
 #include <fcntl.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <compare>
 #include <cstdint>
 #include <string>
+#include <utility>
 
 namespace kel::transport {
 
 using Executor = boost::asio::io_context::executor_type;
-using Socket = boost::asio::basic_stream_socket<boost::asio::ip::tcp, Executor>;
+using Socket = boost::asio::basic_stream_socket<boost::asio::ip::tcp, Executor>;  // until it is connected
 using Acceptor = boost::asio::basic_socket_acceptor<boost::asio::ip::tcp, Executor>;
 using Timer = boost::asio::basic_waitable_timer<std::chrono::steady_clock,
                                                 boost::asio::wait_traits<std::chrono::steady_clock>, Executor>;
@@ -36,6 +38,25 @@ struct Address {
 
 // Programs that this process starts do not get the descriptor.
 inline void CloseOnExec(int descriptor) { ::fcntl(descriptor, F_SETFD, FD_CLOEXEC); }
+
+// A descriptor that is closed with its owner.
+class Descriptor {
+public:
+    explicit Descriptor(int number = -1) : number_(number) {}
+    Descriptor(Descriptor&& other) noexcept : number_(std::exchange(other.number_, -1)) {}
+    Descriptor& operator=(Descriptor&& other) noexcept {
+        std::swap(number_, other.number_);
+        return *this;
+    }
+    ~Descriptor() {
+        if (number_ >= 0) ::close(number_);
+    }
+
+    int get() const { return number_; }
+
+private:
+    int number_;
+};
 
 // Whether a socket could not be had because the process or the system has none left.
 inline bool IsShortage(const boost::system::error_code& error) {

@@ -5,21 +5,28 @@
 // win nothing for short methods; it would only be woken and find nothing to do.
 //
 // A method that blocks must not stop the rest. So every worker says when it enters and leaves code that is not the
-// library's (DelegateScope, two atomic exchanges), and a monitor thread looks once a millisecond while there is work: a
+// library's (DelegateScope, two atomic exchanges), and the housekeeper looks once a millisecond while there is work: a
 // worker that is still inside the same method as at the last look is given up (it no longer counts as running), and
 // when nobody is left another leader is promoted: a parked thread, or a new one, up to maxThreads. A worker that knows
 // that it is going to wait says so itself (AboutToBlock) and is replaced at once.
 //
+// What a worker has at hand besides that method, further calls that came with it for instance, it offers meanwhile
+// (Offer): one word that holds the relay, is emptied by the worker when the method has returned, and by whoever gives
+// the worker up, who then sees to it that somebody else goes on. While he does so the word says `beingTaken`, and a
+// worker that comes back waits for him: what was offered is the worker's to destroy.
+//
 // A worker that was given up finds out when its method returns. It counts again then, and since a leader exists by that
-// time it parks until it is needed. With nothing to do for a while the monitor sleeps as well, and the first worker
-// that enters a method wakes it.
+// time it parks until it is needed.
 //
 // A worker's state is one word: two bits say where it is, the rest counts the methods that it has entered, so that the
-// monitor can tell one long method from two short ones. Whoever changes `inMethod` to `givenUp` (by compare-and-swap)
-// takes the worker off the count; the worker, leaving, sees that in what its exchange returns.
+// housekeeper can tell one long method from two short ones. Whoever changes `inMethod` to `givenUp` (by
+// compare-and-swap) takes the worker off the count; the worker, leaving, sees that in what its exchange returns.
+//
+// The housekeeper's thread also runs the handlers of the io_context, which are few: timers, connections that are made
+// or accepted. With nothing of all that to do it sleeps until a handler is due or a worker enters a method.
 //
 // No lack of memory ends a thread or loses one: what the threads need to be kept in is taken beforehand, a thread that
-// cannot be started is tried again at the next look, and the monitor repeats the chores that failed.
+// cannot be started is tried again at the next look, and the housekeeper repeats the chores that failed.
 #include "rpc/transport/WorkerPool.h"
 
 #include "foundation/FreeMemory.h"
@@ -39,8 +46,8 @@ namespace kel::transport {
 namespace {
 
 constexpr auto tick = std::chrono::milliseconds(1);
-constexpr int idleTicksBeforeSleep = 100;
-constexpr int ticksBetweenTidying = 1000;
+constexpr int quietLooksBeforeSleep = 3;
+constexpr auto tidyDelay = std::chrono::seconds(1);
 constexpr size_t maxParked = 16;  // threads kept for the next burst; what is more ends
 
 constexpr uint64_t placeMask = 3;
@@ -49,11 +56,16 @@ constexpr uint64_t inMethod = 1;
 constexpr uint64_t givenUp = 2;
 constexpr uint64_t oneMethod = 4;
 
+// What is offered: an address, or one of these.
+constexpr uintptr_t nothing = 0;
+constexpr uintptr_t beingTaken = 1;
+
 }  // namespace
 
 struct WorkerPool::Worker {
     std::atomic<uint64_t> state{inLibrary};
-    uint64_t lastSeen = inLibrary;  // the monitor's
+    std::atomic<uintptr_t> offered{nothing};
+    uint64_t lastSeen = inLibrary;  // the housekeeper's
     bool surplus = false;           // the worker's own
     bool ended = false;             // guarded by the pool's lock: its thread is to be joined
     PManualEvent promoted;
@@ -65,7 +77,10 @@ thread_local WorkerPool* currentPool = nullptr;
 thread_local void* currentWorker = nullptr;
 }  // namespace
 
-WorkerPool::WorkerPool() : work_(boost::asio::make_work_guard(io_)) { parked_.reserve(maxParked); }
+WorkerPool::WorkerPool() : work_(boost::asio::make_work_guard(io_)) {
+    parked_.reserve(maxParked);
+    relieved_.reserve(maxThreads);
+}
 
 WorkerPool::~WorkerPool() { Stop(); }
 
@@ -74,19 +89,17 @@ void WorkerPool::Start() {
         PMutexHold hold(lock_);
         if (!StartWorker()) throw std::runtime_error("no thread for the remote-call library");
     }
-    monitor_ =
-        std::make_unique<PThread>(new PThreadDelegateMember<WorkerPool>(this, &WorkerPool::MonitorMain), nullptr);
-    monitor_->Start();
+    housekeeper_ =
+        std::make_unique<PThread>(new PThreadDelegateMember<WorkerPool>(this, &WorkerPool::HousekeeperMain), nullptr);
+    housekeeper_->Start();
 }
 
 void WorkerPool::Stop() {
     if (stopping_.exchange(true)) return;
     work_.reset();
-    io_.stop();
-    if (monitor_) {
-        WakeMonitor();
-        monitor_->Join();
-    }
+    WakeHousekeeper();
+    queue_.Stop();
+    if (housekeeper_) housekeeper_->Join();
     std::vector<std::unique_ptr<Worker>> workers;
     {
         PMutexHold hold(lock_);
@@ -104,16 +117,23 @@ unsigned int WorkerPool::WorkerMain(void* argument) {
     currentPool = this;
     currentWorker = &worker;
     while (!stopping_.load(std::memory_order_relaxed)) {
-        try {
-            if (io_.run_one() == 0) break;
-        } catch (const std::exception& error) {
-            Quietly([&] { CBBLog::error(LibraryLogger(), "libkel: an exception ended a handler: %s", error.what()); });
-        } catch (...) {
-            Quietly([] { CBBLog::error(LibraryLogger(), "libkel: an exception of an unknown type ended a handler"); });
-        }
+        if (!RunWork(queue_.Take())) break;
         if (worker.surplus && !Park(worker)) break;
     }
     return 0;
+}
+
+// False when there is no more to come.
+bool WorkerPool::RunWork(const WorkQueue::Due& due) {
+    if (!due.work) return false;
+    try {
+        due.work->Run(due.reasons);
+    } catch (const std::exception& error) {
+        Quietly([&] { CBBLog::error(LibraryLogger(), "libkel: an exception ended a handler: %s", error.what()); });
+    } catch (...) {
+        Quietly([] { CBBLog::error(LibraryLogger(), "libkel: an exception of an unknown type ended a handler"); });
+    }
+    return true;
 }
 
 // Waits until the worker is needed again; false when its thread is to end.
@@ -177,9 +197,21 @@ void WorkerPool::GiveUp(Worker& worker) {
     uint64_t state = worker.state.load();
     if ((state & placeMask) != inMethod) return;
     if (!worker.state.compare_exchange_strong(state, (state & ~placeMask) | givenUp)) return;
-    PMutexHold hold(lock_);
-    --active_;
-    PromoteOne();
+    Relieve(worker);
+    {
+        PMutexHold hold(lock_);
+        --active_;
+        PromoteOne();
+    }
+    queue_.WakeOne();
+}
+
+// Takes over what a worker that has been given up offers.
+void WorkerPool::Relieve(Worker& worker) {
+    uintptr_t offered = worker.offered.load();
+    if (offered == nothing || !worker.offered.compare_exchange_strong(offered, beingTaken)) return;
+    reinterpret_cast<Relay*>(offered)->TakeOver();
+    worker.offered = nothing;
 }
 
 void WorkerPool::Rejoin(Worker& worker) {
@@ -201,7 +233,7 @@ WorkerPool::DelegateScope::DelegateScope(WorkerPool& pool)
     if (!worker_) return;
     const uint64_t before = worker_->state.load(std::memory_order_relaxed);
     worker_->state.exchange(((before & ~placeMask) + oneMethod) | inMethod);
-    if (pool_.monitorAsleep_.load()) pool_.WakeMonitor();
+    if (pool_.asleep_.load()) pool_.WakeHousekeeper();
 }
 
 WorkerPool::DelegateScope::~DelegateScope() {
@@ -210,47 +242,99 @@ WorkerPool::DelegateScope::~DelegateScope() {
     if ((worker_->state.exchange(current | inLibrary) & placeMask) == givenUp) pool_.Rejoin(*worker_);
 }
 
-unsigned int WorkerPool::MonitorMain(void*) {
-    int idleTicks = 0;
+WorkerPool::Offer::Offer(const WorkerPool& pool, Relay& relay)
+    : worker_(currentPool == &pool ? static_cast<Worker*>(currentWorker) : nullptr) {
+    if (worker_) worker_->offered = reinterpret_cast<uintptr_t>(&relay);
+}
+
+bool WorkerPool::Offer::Withdraw() {
+    Worker* const worker = std::exchange(worker_, nullptr);
+    if (!worker) return true;
+    uintptr_t offered = worker->offered.load();
+    if (offered > beingTaken && worker->offered.compare_exchange_strong(offered, nothing)) return true;
+    while (worker->offered == beingTaken) std::this_thread::yield();
+    return false;
+}
+
+unsigned int WorkerPool::HousekeeperMain(void*) {
+    int quietLooks = 0;
     while (!stopping_) {
-        if (idleTicks >= idleTicksBeforeSleep) {
-            SleepUntilWork();
-            idleTicks = 0;
-        }
-        std::this_thread::sleep_for(tick);
+        RunHandlers(quietLooks >= quietLooksBeforeSleep && MaySleep());
         const bool hadChores = DoChores();
         const bool busy = Inspect() || hadChores;
-        idleTicks = busy || untidy_ ? 0 : idleTicks + 1;
+        quietLooks = busy ? 0 : quietLooks + 1;
         TidyIfDue();
         Quietly([this] { JoinEnded(); });
     }
     return 0;
 }
 
-void WorkerPool::TidySoon() {
-    if (!untidy_.exchange(true) && monitorAsleep_) WakeMonitor();
+// Runs what is due of the io_context: for a tick, or until something was or until somebody wakes this thread.
+void WorkerPool::RunHandlers(bool untilWoken) {
+    io_.restart();
+    if (!asleep_ || stopping_) untilWoken = false;  // woken before it slept
+    try {
+        if (!untilWoken) {
+            io_.run_for(tick);
+        } else if (tidyAt_) {
+            io_.run_one_until(*tidyAt_);
+        } else {
+            io_.run_one();
+        }
+    } catch (const std::exception& error) {
+        Quietly([&] { CBBLog::error(LibraryLogger(), "libkel: an exception ended a handler: %s", error.what()); });
+    } catch (...) {
+        Quietly([] { CBBLog::error(LibraryLogger(), "libkel: an exception of an unknown type ended a handler"); });
+    }
+    asleep_ = false;
 }
 
-// At most once a second, since it holds up whoever needs memory meanwhile.
+// Says that the housekeeper sleeps, unless something came before that could be seen.
+bool WorkerPool::MaySleep() {
+    asleep_ = true;
+    bool chores = false;
+    {
+        PMutexHold hold(choresLock_);
+        chores = chores_ != nullptr;
+    }
+    if (chores || stopping_ || (untidy_ && !tidyAt_) || Inspect()) asleep_ = false;
+    return asleep_;
+}
+
+void WorkerPool::WakeHousekeeper() {
+    asleep_ = false;
+    io_.stop();  // until RunHandlers goes on
+}
+
+void WorkerPool::TidySoon() {
+    if (!untidy_.exchange(true) && asleep_) WakeHousekeeper();
+}
+
+// Some time after it was asked for, since it holds up whoever needs memory meanwhile.
 void WorkerPool::TidyIfDue() {
-    if (++ticksSinceTidy_ < ticksBetweenTidying || !untidy_.exchange(false)) return;
-    ticksSinceTidy_ = 0;
+    if (!untidy_) return;
+    const auto now = std::chrono::steady_clock::now();
+    if (!tidyAt_) tidyAt_ = now + tidyDelay;
+    if (now < *tidyAt_) return;
+    tidyAt_.reset();
+    untidy_ = false;
     yar::ReturnFreeMemory();
 }
 
 void WorkerPool::Do(Chore& chore) {
     if (Quietly(chore.work_)) return;
-    PMutexHold hold(monitorLock_);
-    chore.next_ = std::exchange(chores_, &chore);
-    monitorAsleep_ = false;
-    monitorLock_.signal();
+    {
+        PMutexHold hold(choresLock_);
+        chore.next_ = std::exchange(chores_, &chore);
+    }
+    WakeHousekeeper();
 }
 
 // Whether there were any.
 bool WorkerPool::DoChores() {
     Chore* due = nullptr;
     {
-        PMutexHold hold(monitorLock_);
+        PMutexHold hold(choresLock_);
         due = std::exchange(chores_, nullptr);
     }
     const bool any = due != nullptr;
@@ -280,7 +364,23 @@ void WorkerPool::JoinEnded() {
 // One look at all workers; whether any of them did or does anything.
 bool WorkerPool::Inspect() {
     bool busy = false;
-    PMutexHold hold(lock_);
+    {
+        PMutexHold hold(lock_);
+        busy = GiveUpThoseHeldUp();
+    }
+    for (Worker* const worker : relieved_) Relieve(*worker);
+    {
+        PMutexHold hold(lock_);
+        busy |= active_ == 0;
+        PromoteOne();
+    }
+    if (!relieved_.empty()) queue_.WakeOne();
+    relieved_.clear();
+    return busy;
+}
+
+bool WorkerPool::GiveUpThoseHeldUp() {
+    bool busy = false;
     for (const auto& worker : workers_) {
         uint64_t state = worker->state.load();
         const bool same = state == worker->lastSeen;
@@ -290,27 +390,11 @@ bool WorkerPool::Inspect() {
             continue;
         }
         busy = true;
-        if (same && worker->state.compare_exchange_strong(state, (state & ~placeMask) | givenUp)) --active_;
-    }
-    if (active_ == 0) {
-        busy = true;
-        PromoteOne();
+        if (!same || !worker->state.compare_exchange_strong(state, (state & ~placeMask) | givenUp)) continue;
+        --active_;
+        relieved_.push_back(worker.get());
     }
     return busy;
-}
-
-void WorkerPool::WakeMonitor() {
-    PMutexHold hold(monitorLock_);
-    monitorAsleep_ = false;
-    monitorLock_.signal();
-}
-
-void WorkerPool::SleepUntilWork() {
-    PMutexHold hold(monitorLock_);
-    monitorAsleep_ = true;
-    if (chores_ || untidy_ || Inspect())
-        monitorAsleep_ = false;  // that came before it could be seen that the monitor sleeps
-    while (monitorAsleep_ && !stopping_) monitorLock_.wait();
 }
 
 }  // namespace kel::transport

@@ -1,7 +1,6 @@
 #include "rpc/transport/WorkerPool.h"
 
 #include <gtest/gtest.h>
-#include <boost/asio/post.hpp>
 
 #include <chrono>
 #include <condition_variable>
@@ -58,7 +57,7 @@ TEST(AWorkerPool, RunsShortMethodsOnOneThread) {
     pool.Start();
     Gate done;
     for (int i = 0; i < 1000; ++i) {
-        boost::asio::post(pool.io(), [&] {
+        pool.Post([&] {
             const WorkerPool::DelegateScope scope(pool);
             done.Count();
         });
@@ -73,7 +72,7 @@ TEST(AWorkerPool, GrowsWhileMethodsBlockAndServesOthersMeanwhile) {
     Gate blocked;
     constexpr int blockers = 40;
     for (int i = 0; i < blockers; ++i) {
-        boost::asio::post(pool.io(), [&, sayso = i % 2 == 0] {
+        pool.Post([&, sayso = i % 2 == 0] {
             const WorkerPool::DelegateScope scope(pool);
             if (sayso) pool.AboutToBlock();
             blocked.Pass();
@@ -81,14 +80,14 @@ TEST(AWorkerPool, GrowsWhileMethodsBlockAndServesOthersMeanwhile) {
     }
     ASSERT_TRUE(blocked.AwaitArrivals(blockers)) << "all of them block at once, each on a thread of its own";
     Gate served;
-    boost::asio::post(pool.io(), [&] { served.Count(); });
+    pool.Post([&] { served.Count(); });
     EXPECT_TRUE(served.AwaitArrivals(1));
     blocked.Open();
 
     // The crowd goes home: what blocked runs on, and a second crowd is served as well.
     Gate again;
     for (int i = 0; i < blockers; ++i) {
-        boost::asio::post(pool.io(), [&] {
+        pool.Post([&] {
             const WorkerPool::DelegateScope scope(pool);
             again.Pass();
         });
@@ -103,7 +102,7 @@ TEST(AWorkerPool, WakesItsMonitorAfterAPause) {
     std::this_thread::sleep_for(std::chrono::milliseconds(400));  // long enough for the monitor to have gone to sleep
     Gate blocked;
     for (int i = 0; i < 3; ++i) {
-        boost::asio::post(pool.io(), [&] {
+        pool.Post([&] {
             const WorkerPool::DelegateScope scope(pool);
             blocked.Pass();
         });
@@ -118,7 +117,7 @@ TEST(AWorkerPool, StopsWhileHandlersAreQueuedAndWaitsForTheRunningOne) {
     {
         WorkerPool pool;
         pool.Start();
-        boost::asio::post(pool.io(), [&] {
+        pool.Post([&] {
             const WorkerPool::DelegateScope scope(pool);
             running.Pass();
             finished = true;
