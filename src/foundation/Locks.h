@@ -9,6 +9,7 @@
 #include <pthread.h>
 #include <time.h>
 
+#include <chrono>
 #include <utility>
 
 // A mutual-exclusion lock; not recursive.
@@ -37,6 +38,13 @@ public:
     // Waits until a signal or until `deadline` on the wall clock; false when the deadline passed.
     bool waitUntil(const timespec& deadline) REQUIRES(this) {
         return pthread_cond_timedwait(&condition_, &mutex_, &deadline) == 0;
+    }
+
+    // Likewise by a clock that nobody sets.
+    bool waitUntil(std::chrono::steady_clock::time_point deadline) REQUIRES(this) {
+        const auto since = std::chrono::duration_cast<std::chrono::nanoseconds>(deadline.time_since_epoch()).count();
+        const timespec at{since / 1000000000L, since % 1000000000L};
+        return pthread_cond_clockwait(&condition_, &mutex_, CLOCK_MONOTONIC, &at) == 0;
     }
 
     void signal() { pthread_cond_signal(&condition_); }

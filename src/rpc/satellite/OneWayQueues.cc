@@ -63,7 +63,7 @@ bool OneWayQueues::AwaitRoom(const std::string& satellite, std::chrono::millisec
     const Deadline deadline = std::chrono::steady_clock::now() + timeout;
     PMutexHold hold(queue->lock);
     while (queue->waiting.size() > maxOneWayWaiting / 2) {
-        if (queue->roomMade.wait_until(queue->lock, deadline) == std::cv_status::timeout) return false;
+        if (!queue->lock.waitUntil(deadline)) return false;
     }
     return true;
 }
@@ -143,7 +143,7 @@ bool OneWayQueues::TakeNext(Queue& queue, std::string& bytes) {
         if (!queue.waiting.empty()) {
             bytes = std::move(queue.waiting.front());
             queue.waiting.pop_front();
-            if (queue.waiting.size() == maxOneWayWaiting / 2) queue.roomMade.notify_all();
+            if (queue.waiting.size() == maxOneWayWaiting / 2) queue.lock.broadcast();
             return true;
         }
         queue.running = false;
@@ -177,7 +177,7 @@ void OneWayQueues::Drop(Queue& queue, const char* problem) {
         PMutexHold hold(queue.lock);
         dropped = queue.waiting.size() + std::exchange(queue.dropped, 0);
         queue.waiting.clear();
-        queue.roomMade.notify_all();
+        queue.lock.broadcast();
         queue.running = false;
     }
     if (!isNews) return;

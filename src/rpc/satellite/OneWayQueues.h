@@ -5,7 +5,6 @@
 #include "rpc/satellite/AddressBook.h"
 
 #include <chrono>
-#include <condition_variable>
 #include <deque>
 #include <map>
 #include <memory>
@@ -37,10 +36,9 @@ private:
         explicit Queue(std::string name) : satellite(std::move(name)) {}
 
         const std::string satellite;
-        PMutex lock;
+        PCondMutex lock;  // broadcast when half of it is free
         std::deque<std::string> waiting GUARDED_BY(lock);
         bool running GUARDED_BY(lock) = false;
-        std::condition_variable_any roomMade;   // half of it is free
         size_t dropped GUARDED_BY(lock) = 0;    // since the queue was last empty
         bool retired GUARDED_BY(lock) = false;  // no longer in the list
 

@@ -26,7 +26,7 @@ using namespace transport;
 namespace {
 
 constexpr int kelProtocolVersion = 1;
-constexpr long registrationGraceMs = 2000;
+constexpr std::chrono::seconds registrationGrace{2};
 constexpr int satelliteIsUnknown = 0x40002;  // the directory's answer to "GetSatelliteId"
 
 constexpr const char* listenMethod = "AddServiceAvailabilityListener";
@@ -150,7 +150,7 @@ bool Standing::IsDue(const CStdStr& service) {
 // is being told something the question waits a little. The directory's own registration is not waited for: it asks
 // itself from inside it whether the record that an earlier run left behind is alive.
 bool Standing::IsOwnId(int satId) {
-    const timespec deadline = DeadlineIn(registrationGraceMs);
+    const auto deadline = std::chrono::steady_clock::now() + registrationGrace;
     PMutexHold hold(lock_);
     while (turnTaken_ && satId != satId_ && !IsDirectoryName(link_.self) && lock_.waitUntil(deadline)) {
     }
