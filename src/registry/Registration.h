@@ -17,6 +17,7 @@
 
 #include "foundation/Locks.h"
 #include "foundation/StdString.h"
+#include "foundation/Turns.h"
 #include "foundation/UpTime.h"
 #include "registry/DataFiles.h"
 #include "registry/GroupCommit.h"
@@ -25,7 +26,6 @@
 #include "registry/SatelliteChannel.h"
 #include "registry/SatelliteInfo.h"
 #include "registry/ServiceIndex.h"
-#include "registry/Turns.h"
 
 #include <boost/shared_ptr.hpp>
 

@@ -54,14 +54,6 @@ void LogRemoval(const CStdStr& service, const CStdStr& satellite) {
 
 }  // namespace
 
-ServiceAvailability::Turn::Turn(ServiceAvailability* list, const CStdStr& service) : list_(list), service_(service) {
-    if (list_) list_->turns_.Begin(service_);
-}
-
-ServiceAvailability::Turn::~Turn() {
-    if (list_) list_->turns_.End(service_);
-}
-
 ServiceAvailability::Added ServiceAvailability::Add(const std::vector<CStdStr>& services, const CStdStr& satellite) {
     if (satellite.empty()) return Added::nobodyAsks;
     if (!HaveRoom(services, satellite)) {
@@ -150,7 +142,7 @@ bool ServiceAvailability::Notify(const CStdStr& service, const CStdStr& listener
 
 // Tells of the next providers behind `last` in their order, which becomes the last of them; false when that were all.
 bool ServiceAvailability::TellNext(const CStdStr& service, const CStdStr& listener, CStdStr& last) {
-    const Turn turn(this, service);
+    const NameTurns::Hold turn(turns_, service);
     std::list<CStdStr> providers;
     if (directory_->GetServices(service, providers) != 0) return false;
     size_t told = 0;

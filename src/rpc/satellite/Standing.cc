@@ -68,7 +68,8 @@ void Unsubscribe(Subscriptions& subscriptions, const CStdStr& service) {
     std::erase(subscriptions.value(), service);
 }
 
-// Has the turn to tell the directory something, for the length of a block.
+// Has the turn to tell the directory something, for the length of a block. There is one, IsOwnId waits for its end as
+// well as for a change, and leaving must not take memory: hence no NameTurns.
 class Standing::Turn {
 public:
     explicit Turn(Standing& standing) : standing_(standing) {
