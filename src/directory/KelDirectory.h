@@ -10,6 +10,7 @@
 #include "directory/LastRun.h"
 #include "foundation/Locks.h"
 #include "foundation/StdString.h"
+#include "foundation/Strand.h"
 #include "foundation/Thread.h"
 #include "host/YarModuleBase.h"
 #include "registry/Registration.h"
@@ -19,7 +20,6 @@
 #include <boost/shared_ptr.hpp>
 
 #include <atomic>
-#include <deque>
 #include <functional>
 #include <list>
 #include <memory>
@@ -93,8 +93,7 @@ private:
     bool HasOtherHolder(Registering& registering) const;
     int AskHolder(Registering& registering, tagVARIANT* out);
     int AskHolderLater(std::unique_ptr<Registering> registering);
-    void GoOn(std::function<void()> rest) EXCLUDES(goingOnLock_);
-    std::function<void()> NextToGoOn() EXCLUDES(goingOnLock_);
+    void GoOn(std::function<void()> rest);
     int HearOfHolder(const Registering& registering, int rc, int status, tagVARIANT* out);
     int Admit(const Registering& registering, tagVARIANT* out);
     bool AddToPending(const CStdStr& name) EXCLUDES(pendingLock_);
@@ -118,9 +117,9 @@ private:
     // Registrations that wait for a holder to answer, and what of them is in memory meanwhile.
     std::atomic<size_t> waitingRegistrations_{0};
     std::atomic<size_t> waitingBytes_{0};
-    PMutex goingOnLock_;
-    std::deque<std::function<void()>> goOn_ GUARDED_BY(goingOnLock_);  // whose holder was asked
-    int goingOn_ GUARDED_BY(goingOnLock_) = 0;                         // threads that run them
+    static constexpr int maxGoingOn =
+        8;  // of those whose holder was asked, at a time: enough to share a round of syncing
+    Strand<std::function<void()>> goOn_{SIZE_MAX, maxGoingOn};
 
     LastRun lastRun_;
     bool serves_ = false;  // since the last init; the main thread's
