@@ -9,6 +9,7 @@
 
 #include "directory/LastRun.h"
 #include "foundation/Locks.h"
+#include "foundation/SaidOnce.h"
 #include "foundation/StdString.h"
 #include "foundation/Strand.h"
 #include "foundation/Thread.h"
@@ -125,7 +126,7 @@ private:
     bool serves_ = false;  // since the last init; the main thread's
 
     std::unique_ptr<PThread> checkThread_;
-    bool checksFail_ = false;  // the latest round, which is said once; the check thread's
+    SaidOnce checksFail_;  // the latest round
     PCondMutex stopSignal_;
     bool stopping_ GUARDED_BY(stopSignal_) = false;
 };

@@ -173,7 +173,7 @@ bool SyncsFiles() {
 
 bool Complaint::Take(int error, const char* what, Folder (*folder)(), const CStdStr& name) {
     const bool failed = error != 0;
-    if (isOpen_.load(std::memory_order_relaxed) == failed || isOpen_.exchange(failed) == failed) return !failed;
+    if (!fails_.Changes(failed)) return !failed;
     const CStdStr path = folder().PathOf(name);
     if (failed)
         CBBLog::error("Could not %s %s: %s; trying again every 5 seconds", what, path.c_str(), std::strerror(error));

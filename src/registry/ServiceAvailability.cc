@@ -165,7 +165,7 @@ void ServiceAvailability::SaveList() {
         Replace();
     } catch (const std::exception& failure) {
         CBBLog::error("CRegistration::SaveList data directory not found");
-        if (!isFolderMissed_.exchange(true)) CBBLog::error("The listeners are kept in memory only: %s", failure.what());
+        if (isFolderMissed_.Begins()) CBBLog::error("The listeners are kept in memory only: %s", failure.what());
     }
 }
 
@@ -173,7 +173,7 @@ void ServiceAvailability::Replace() {
     const GroupCommit::Outcome outcome = commit_.WriteAfterFirst(nullptr);
     if (!outcome.problem.empty()) throw FolderError(outcome.problem);
     fileFails_.Take(outcome.first, "write", RegistrationFolder, listFile);
-    isFolderMissed_ = false;
+    isFolderMissed_.Ends();
 }
 
 FileChange ServiceAvailability::FileText() {
@@ -185,7 +185,7 @@ FileChange ServiceAvailability::FileText() {
 }
 
 void ServiceAvailability::SaveIfFailed() {
-    if (!fileFails_.IsOpen() && !isFolderMissed_) return;
+    if (!fileFails_.IsOpen() && !isFolderMissed_.isSo()) return;
     try {
         Replace();
     } catch (const std::exception&) {  // which was said when the folder was first missed

@@ -12,6 +12,7 @@
 #pragma once
 
 #include "foundation/Locks.h"
+#include "foundation/SaidOnce.h"
 #include "foundation/StdString.h"
 #include "foundation/Turns.h"
 #include "registry/DataFiles.h"
@@ -117,7 +118,7 @@ private:
 
     kel::registry::GroupCommit commit_{kel::registry::SyncsFiles(), [this] { return FileText(); }};
     kel::registry::Complaint fileFails_;
-    std::atomic<bool> isFolderMissed_{false};
+    SaidOnce isFolderMissed_;
     std::atomic<bool> isUnread_{false};  // the file could not be looked at when it was to be loaded
     std::atomic<bool> isLeft_{false};    // the file says what could not be read, and nothing has been added since
 };

@@ -66,7 +66,7 @@ void Mover::MoveTo(const Address& directory) {
         return;
     }
     missingSince_.reset();
-    saidRefusal_ = false;
+    refused_.Ends();
 }
 
 // Whether the directory there has this satellite's record, with the id and the port.
@@ -85,7 +85,7 @@ bool Mover::MoveRecord(const Address& directory) {
     const std::optional<int> code = standing_.MoveTo(directory);
     if (!code) return false;
     if (*code == KEL_OK) return true;
-    if (std::exchange(saidRefusal_, true)) return false;
+    if (!refused_.Begins()) return false;
     CBBLog::warn(LibraryLogger(), "libkel: %s cannot move to the directory at %s: %s; trying on", link_.self.c_str(),
                  directory.text().c_str(), KelResultText(*code).c_str());
     return false;

@@ -1,6 +1,7 @@
 // What the host "auto" does after connecting: a satellite that was to find its directory goes on looking.
 #pragma once
 
+#include "foundation/SaidOnce.h"
 #include "rpc/satellite/Link.h"
 #include "rpc/satellite/Standing.h"
 
@@ -34,7 +35,7 @@ private:
     Clock::time_point nextLookForOwn_{};
     std::optional<Clock::time_point> missingSince_;
     bool searchedInVain_ = false;
-    bool saidRefusal_ = false;
+    SaidOnce refused_;
 };
 
 }  // namespace kel

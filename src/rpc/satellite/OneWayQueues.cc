@@ -117,7 +117,8 @@ void OneWayQueues::SendAll(const QueuePtr& queue, const ConnectionPtr& connectio
     while (TakeNext(*queue, bytes)) {
         switch (connection->Send(bytes, Connection::Bytes::call)) {
             case Connection::Sent::sent:
-                queue->retried = queue->failing = false;
+                queue->retried = false;
+                queue->failing.Ends();
                 break;
             case Connection::Sent::queued:
                 // The rest waits here, where it can be counted, until the peer has read this one.
@@ -171,7 +172,7 @@ void OneWayQueues::Failed(const QueuePtr& queue, const std::string& problem) {
 
 // Drops what waits; the caller is no longer the runner.
 void OneWayQueues::Drop(Queue& queue, const char* problem) {
-    const bool isNews = !std::exchange(queue.failing, true);
+    const bool isNews = queue.failing.Begins();
     size_t dropped = 0;
     {
         PMutexHold hold(queue.lock);

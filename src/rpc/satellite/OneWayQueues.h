@@ -1,6 +1,7 @@
 // One-way calls: queued for each satellite, sent in order, never waited for by the caller.
 #pragma once
 
+#include "foundation/SaidOnce.h"
 #include "foundation/StdString.h"
 #include "rpc/satellite/AddressBook.h"
 
@@ -44,7 +45,7 @@ private:
 
         // The runner's.
         bool retried = false;
-        bool failing = false;  // the latest calls were dropped, which is said once
+        SaidOnce failing;  // the latest calls were dropped
         transport::Address address;
     };
     using QueuePtr = std::shared_ptr<Queue>;

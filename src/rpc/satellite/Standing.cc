@@ -137,11 +137,6 @@ bool Standing::IsEnding() {
     return ending_;
 }
 
-bool Standing::IsDirectoryMissing() {
-    PMutexHold hold(lock_);
-    return directoryMissing_;
-}
-
 bool Standing::IsDue(const CStdStr& service) {
     PMutexHold hold(lock_);
     return due_.services.count(service) != 0;
@@ -369,12 +364,7 @@ int Standing::TellSubscriptions(const Names& names) {
 void Standing::SettleAll() {
     int code = Settle(&Due::services);
     if (code == KEL_OK) code = Settle(&Due::subscriptions);
-    bool failedBefore;
-    {
-        PMutexHold hold(lock_);
-        failedBefore = std::exchange(settlingFailed_, code != KEL_OK);
-    }
-    if (code == KEL_OK || failedBefore) return;
+    if (!settlingFails_.Changes(code != KEL_OK) || code == KEL_OK) return;
     CBBLog::warn(LibraryLogger(), "libkel: %s could not tell the directory what it publishes and listens for: %s; %s",
                  link_.self.c_str(), KelResultText(code).c_str(), "trying on");
 }
@@ -404,10 +394,7 @@ void Standing::Check() {
 
 bool Standing::IsAnswered(const Outcome& answer) {
     const bool answered = answer.end == Outcome::End::answered;
-    {
-        PMutexHold hold(lock_);
-        if (std::exchange(directoryMissing_, !answered) == !answered) return answered;
-    }
+    if (!directoryMissing_.Changes(!answered)) return answered;
     if (answered) {
         CBBLog::warn(LibraryLogger(), "libkel: the directory at %s answers again",
                      link_.addresses.directory().text().c_str());
@@ -503,11 +490,10 @@ std::optional<int> Standing::MoveTo(const Address& directory) {
         {
             PMutexHold hold(lock_);
             if (!registered_ || ending_) return std::nullopt;
-            isGone = directoryMissing_;
+            isGone = directoryMissing_.isSo();
         }
         if (const int code = RegisterAll(directory)) return code;
-        PMutexHold hold(lock_);
-        directoryMissing_ = false;
+        directoryMissing_.Ends();
     }
     if (!isGone) link_.CallAt(before, "RemoveSatellite", farewell, shortTimeout);
     return KEL_OK;

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "foundation/Locks.h"
+#include "foundation/SaidOnce.h"
 #include "rpc/satellite/KelSatellite.h"
 #include "rpc/satellite/Link.h"
 #include "rpc/satellite/MethodTable.h"
@@ -51,7 +52,7 @@ public:
     bool IsOwnId(int satId);
     bool IsRegistered();
     bool IsEnding();
-    bool IsDirectoryMissing();  // when it was asked last
+    bool IsDirectoryMissing() const { return directoryMissing_.isSo(); }
 
     // Moves to `directory`, under a new id, and leaves the one before. Returns 0, or why the other does not take it,
     // and then nothing has changed; nothing when there is no standing to move.
@@ -90,6 +91,9 @@ private:
     Subscriptions& subscriptions_;
     const StatusHandler changed_;
 
+    SaidOnce directoryMissing_;  // when it was asked last
+    SaidOnce settlingFails_;     // when the directory was told last
+
     PCondMutex lock_;  // broadcast when the turn is free again and when `satId_` changes
     bool turnTaken_ GUARDED_BY(lock_) = false;
     bool registered_ GUARDED_BY(lock_) = false;  // changed only by who has the turn, like the two after it
@@ -97,9 +101,7 @@ private:
     CStdStr serverId_ GUARDED_BY(lock_);
     bool ending_ GUARDED_BY(lock_) = false;  // nothing registers it any more
     bool reportedGone_ GUARDED_BY(lock_) = false;
-    bool directoryMissing_ GUARDED_BY(lock_) = false;
     Due due_ GUARDED_BY(lock_);
-    bool settlingFailed_ GUARDED_BY(lock_) = false;  // when the directory was told last
     // Where the directory said last that it knows this satellite.
     std::weak_ptr<transport::Connection> knownOver_ GUARDED_BY(lock_);
 };
