@@ -18,6 +18,7 @@
 #include "foundation/FileReplacement.h"
 
 #include "platform/FileSync.h"
+#include "platform/Files.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -35,18 +36,6 @@ constexpr mode_t kDefaultMode = 0666;
 constexpr int kNameAttempts = 1000;
 constexpr char kTemporaryBegin[] = ".kel.";
 constexpr char kTemporaryEnd[] = ".new";
-
-int WriteAll(int fd, const void* data, size_t length) {
-    const char* from = static_cast<const char*>(data);
-    while (length > 0) {
-        const ssize_t count = write(fd, from, length);
-        if (count < 0 && errno == EINTR) continue;
-        if (count < 0) return errno;
-        from += count;
-        length -= static_cast<size_t>(count);
-    }
-    return 0;
-}
 
 // Whether what is there may be replaced: 0, or an error number.
 int CheckTarget(int folder, const CStdStr& name, const struct stat& info) {
@@ -82,7 +71,7 @@ int FileReplacement::Write(const void* data, size_t length, std::optional<mode_t
     }
     if (const int error = OpenTemporary(exactly.value_or(kDefaultMode))) return error;
     if (exactly && fchmod(file_, *exactly) != 0) return errno;
-    return WriteAll(file_, data, length);
+    return kel::platform::WriteWhole(file_, data, length);
 }
 
 int FileReplacement::OpenTemporary(mode_t mode) {
@@ -117,6 +106,13 @@ int SyncContents(const std::vector<const FileReplacement*>& files) {
 }
 
 int SyncFolders(const std::vector<int>& folders) { return folders.empty() ? 0 : kel::platform::SyncFolders(folders); }
+
+int ReadFile(int folder, const CStdStr& name, CStdStr& text) {
+    text.clear();
+    // Without waiting: a pipe must not hold up anybody.
+    const kel::platform::Descriptor file(openat(folder, name.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW));
+    return file.IsOpen() ? kel::platform::ReadWhole(file.Number(), text) : errno;
+}
 
 bool IsLeftover(const CStdStr& name) {
     constexpr size_t beginSize = sizeof kTemporaryBegin - 1;

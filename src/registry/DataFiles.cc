@@ -115,18 +115,7 @@ std::vector<CStdStr> Folder::Names() const {
 
 int Folder::Read(const CStdStr& name, CStdStr& text) const {
     text.clear();
-    // Without waiting: a pipe must not hold up the start.
-    const int file = openat(descriptor_, name.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW);
-    if (file < 0) return errno;
-    char part[16 * 1024];
-    ssize_t got = 0;
-    do {
-        got = read(file, part, sizeof part);
-        if (got > 0) text.append(part, static_cast<size_t>(got));
-    } while (got > 0 || (got < 0 && errno == EINTR));
-    const int error = got == 0 ? 0 : errno;
-    close(file);
-    return error;
+    return ReadFile(descriptor_, name, text);
 }
 
 int Folder::Remove(const CStdStr& name) const {
