@@ -20,15 +20,16 @@ constexpr size_t stackSize = 256 * 1024;  // enough for a ping and a removal, an
 struct CRegistration::CheckSatelliteData {
     CheckSatelliteData(const SatellitePtr& checked, SatelliteChannel* through,
                        const boost::shared_ptr<RunningChecks>& checks)
-        : satellite(checked), sink(through), running(checks), generation(checks->Begin()) {}
-    ~CheckSatelliteData() { running->End(generation); }
+        : satellite(checked), sink(through), running(checks) {
+        running->Begin();
+    }
+    ~CheckSatelliteData() { running->End(); }
     CheckSatelliteData(const CheckSatelliteData&) = delete;
     CheckSatelliteData& operator=(const CheckSatelliteData&) = delete;
 
     const SatellitePtr satellite;
     SatelliteChannel* const sink;
     const boost::shared_ptr<RunningChecks> running;
-    const unsigned generation;
 };
 
 void CRegistration::CheckSatellites(SatelliteChannel* sink) {
