@@ -7,8 +7,10 @@
 #include <signal.h>
 
 #include <atomic>
+#include <chrono>
 #include <memory>
 #include <stdexcept>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -145,6 +147,50 @@ TEST(AManualEvent, WakesAllWhoWaitAndIsTakenByOneOfThoseWhoTestAndResetIt) {
     waiter.event.set();
     waiter.event.reset();
     EXPECT_FALSE(waiter.event.waitSignalled(1));
+}
+
+// Those who pass something on, one to the next.
+class Relay {
+public:
+    // Comes, and returns when the next one has come; or after a while, since he may have to wait for the one who goes.
+    void Pass() {
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(100);
+        PMutexHold hold(come_);
+        const int mine = ++count_;
+        come_.broadcast();
+        while (count_ == mine && come_.waitUntil(deadline)) {
+        }
+    }
+    void Await(int count) {
+        PMutexHold hold(come_);
+        while (count_ < count) come_.wait();
+    }
+
+private:
+    PCondMutex come_;
+    int count_ GUARDED_BY(come_) = 0;
+};
+
+TEST(AReadWriteLock, LetsAWriterInWhereThereIsAlwaysAReader) {
+    PReadWriteLock lock;
+    Relay relay;
+    std::atomic<bool> ends{false};
+    const auto read = [&] {
+        while (!ends) {
+            PReadHold hold(lock);
+            relay.Pass();
+        }
+    };
+    std::thread readers[] = {std::thread(read), std::thread(read)};
+    relay.Await(10);
+    PManualEvent isIn;
+    std::thread writer([&] {
+        PWriteHold hold(lock);
+        isIn.set();
+    });
+    EXPECT_TRUE(isIn.waitSignalled(kDeadline));
+    ends = true;
+    for (std::thread* thread : {&readers[0], &readers[1], &writer}) thread->join();
 }
 
 }  // namespace
