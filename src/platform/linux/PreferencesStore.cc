@@ -27,9 +27,9 @@
 namespace kel::platform {
 namespace {
 
-constexpr mode_t kNewListMode = 0600;
-constexpr mode_t kNewFolderMode = 0700;
-constexpr off_t kLargestList = 64 * 1024 * 1024;
+constexpr mode_t newListMode = 0600;
+constexpr mode_t newFolderMode = 0700;
+constexpr off_t largestList = 64 * 1024 * 1024;
 
 struct PlistFree {
     void operator()(void* list) const { plist_free(list); }
@@ -43,7 +43,7 @@ struct CFree {
 // A list as it lies on disk; without a file `dictionary` is null.
 struct ListFile {
     Plist dictionary;
-    mode_t mode = kNewListMode;
+    mode_t mode = newListMode;
 };
 
 bool IsIdentifier(const std::string& identifier) {
@@ -90,7 +90,7 @@ bool ReadListText(const std::string& path, std::string& text, std::optional<mode
     const bool isKnown = fstat(file.Number(), &info) == 0;
     if (isKnown && !S_ISREG(info.st_mode)) {
         fault = "it is no regular file";
-    } else if (isKnown && info.st_size > kLargestList) {
+    } else if (isKnown && info.st_size > largestList) {
         fault = "it is larger than 64 MiB";
     } else if (isKnown && ReadWhole(file.Number(), text) == 0) {
         mode = info.st_mode & 07777;
@@ -125,7 +125,7 @@ bool ReplaceListFile(const std::string& path, const std::string& temporary, cons
     plist_to_xml(list.dictionary.get(), &xml, &length);
     const std::unique_ptr<char, decltype(&plist_to_xml_free)> owner(xml, &plist_to_xml_free);
     if (!xml) return false;
-    Descriptor file(open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, kNewListMode));
+    Descriptor file(open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, newListMode));
     if (!file.IsOpen()) return false;
     const bool written = fchmod(file.Number(), list.mode) == 0 && WriteWhole(file.Number(), xml, length) == 0;
     if (file.Close() == 0 && written && rename(temporary.c_str(), path.c_str()) == 0) return true;
@@ -136,9 +136,9 @@ bool ReplaceListFile(const std::string& path, const std::string& temporary, cons
 // Makes the folder with those above it; a failure shows when the lock file in it is opened.
 void MakeFolder(const std::string& folder) {
     for (size_t slash = folder.find('/', 1); slash != std::string::npos; slash = folder.find('/', slash + 1)) {
-        mkdir(folder.substr(0, slash).c_str(), kNewFolderMode);
+        mkdir(folder.substr(0, slash).c_str(), newFolderMode);
     }
-    mkdir(folder.c_str(), kNewFolderMode);
+    mkdir(folder.c_str(), newFolderMode);
 }
 
 bool WaitForLock(int fd) {
@@ -236,7 +236,7 @@ bool StorePreference(const std::string& identifier, const std::string& name, con
 
     MakeFolder(folder);
     const std::string lockPath = folder + "/." + identifier + ".lock";
-    const Descriptor lock(open(lockPath.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, kNewListMode));
+    const Descriptor lock(open(lockPath.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, newListMode));
     if (!lock.IsOpen() || !WaitForLock(lock.Number())) return false;
     const std::string path = folder + "/" + identifier + ".plist";
     std::string ignored;

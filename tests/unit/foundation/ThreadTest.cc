@@ -15,7 +15,7 @@
 
 namespace {
 
-constexpr long kDeadline = 30000;  // milliseconds
+constexpr long deadlineMs = 30000;  // milliseconds
 
 // Counts its live copies, so that a test sees when the last one is gone; its thread waits to be let go.
 class Work : public PThreadDelegateGeneric {
@@ -75,7 +75,7 @@ TEST(AThread, DestroyedUnjoinedRunsToTheEndAndFreesItsDelegate) {
     }
     EXPECT_EQ(alive, 1);
     go.set();
-    EXPECT_TRUE(done.waitSignalled(kDeadline));
+    EXPECT_TRUE(done.waitSignalled(deadlineMs));
     EXPECT_EQ(alive, 0);
     PThread(new Work(alive, go, done)).Join();
     EXPECT_EQ(alive, 0) << "one that was never started";
@@ -117,7 +117,7 @@ TEST(AThread, HasAStackForFaultsOfItsOwn) {
 }
 
 struct Waiter {
-    unsigned int wait(void*) { return event.waitSignalled(kDeadline); }
+    unsigned int wait(void*) { return event.waitSignalled(deadlineMs); }
     unsigned int take(void*) {
         go.waitSignalled();
         return event.testAndReset();
@@ -188,7 +188,7 @@ TEST(AReadWriteLock, LetsAWriterInWhereThereIsAlwaysAReader) {
         PWriteHold hold(lock);
         isIn.set();
     });
-    EXPECT_TRUE(isIn.waitSignalled(kDeadline));
+    EXPECT_TRUE(isIn.waitSignalled(deadlineMs));
     ends = true;
     for (std::thread* thread : {&readers[0], &readers[1], &writer}) thread->join();
 }
