@@ -17,7 +17,8 @@ public:
     // `what` names the events in log lines.
     EventQueue(transport::Endpoint& endpoint, std::string what);
 
-    // `bytes` are what the event takes while it waits; when those that wait take too many, the caller waits as well.
+    // `bytes` are what the event takes while it waits; when those that wait take too many, the caller waits as well:
+    // backpressure on the connection that brings them.
     void Append(std::function<void()> event, size_t bytes = 0);
     // Drops what waits and what comes. An event that runs goes on; the endpoint's Quiesce waits for it.
     void Stop();

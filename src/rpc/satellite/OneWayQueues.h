@@ -29,7 +29,7 @@ public:
     // Queues the bytes of one notification for `satellite`.
     void Post(const std::string& satellite, std::string bytes);
 
-    // Waits until at least half of the queue is free; false when that takes longer.
+    // Backpressure for those who want it: waits until at least half of the queue is free; false when that takes longer.
     bool AwaitRoom(const std::string& satellite, std::chrono::milliseconds timeout);
 
 private:

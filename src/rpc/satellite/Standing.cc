@@ -89,8 +89,9 @@ private:
     Standing& standing_;
 };
 
-// Names taken off what is due, before it is looked up how things stand: a change after that is due again. Those that
-// are still here at the end are due as before.
+// What is being told. The names are taken off what is due first, and how things stand is looked up then: so a change
+// that comes in between makes its name due again, and is not lost. Names that are left here at the end were not told,
+// and go back to what is due.
 class Standing::Taken {
 public:
     // All of them without `only`.
