@@ -42,7 +42,6 @@ constexpr const char* usage =
     "                 came and when the last of them was answered\n"
     "  notices COUNT  begins counting OnServiceAvailabilityChanged anew; with the COUNTth comes a further line, its "
     "time\n"
-    "  kill COUNT     the last COUNT satellites that still live close their ports and connections\n"
     "\n"
     "Times are nanoseconds of the monotonic clock.\n";
 
@@ -141,7 +140,7 @@ private:
 
 class Swarm {
 public:
-    Swarm(unsigned first, unsigned count) : epoll_(::epoll_create1(EPOLL_CLOEXEC)), pings_(count), living_(count) {
+    Swarm(unsigned first, unsigned count) : epoll_(::epoll_create1(EPOLL_CLOEXEC)), pings_(count) {
         Ports ports;
         for (unsigned i = 0; i < count; ++i) {
             const auto [listener, port] = ports.Listen();
@@ -277,7 +276,6 @@ private:
             noticesExpected_ = number;
             return Reply("counting");
         }
-        if (command == "kill") return Kill(number);
         Reply("unknown command");
     }
 
@@ -295,16 +293,6 @@ private:
         Reply(line.str());
     }
 
-    void Kill(unsigned count) {
-        living_ -= std::min(living_, count);
-        for (size_t i = 0; i < sockets_.size(); ++i) {
-            const Socket& socket = sockets_[i];
-            const bool isSatellites = socket.kind == Socket::Kind::listener || socket.kind == Socket::Kind::connection;
-            if (isSatellites && socket.satellite >= living_) Close(static_cast<int>(i));
-        }
-        Reply("killed");
-    }
-
     Descriptor epoll_;
     std::vector<Satellite> satellites_;
     std::vector<Socket> sockets_;  // by descriptor
@@ -313,7 +301,6 @@ private:
 
     std::vector<unsigned> pings_;  // of each satellite, since the last clear
     std::vector<Pass> passes_;
-    unsigned living_;  // the first so many
     unsigned notices_ = 0;
     unsigned noticesExpected_ = 0;
 };

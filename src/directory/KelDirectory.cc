@@ -113,9 +113,9 @@ void KelDirectory::StartChecks() {
         registration_.SaveIfFailed();
         serviceAvailability_->SaveIfFailed();
         registration_.CheckSatellites(sink_);
-        if (std::exchange(checksFail_, false)) CBBLog::warn("All satellites are checked again");
+        if (checksFail_.Ends()) CBBLog::warn("All satellites are checked again");
     } catch (const std::exception& failure) {
-        if (!std::exchange(checksFail_, true)) {
+        if (checksFail_.Begins()) {
             CBBLog::error("Not all satellites could be checked: %s; trying again every 5 seconds", failure.what());
         }
     }

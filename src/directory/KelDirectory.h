@@ -9,7 +9,9 @@
 
 #include "directory/LastRun.h"
 #include "foundation/Locks.h"
+#include "foundation/SaidOnce.h"
 #include "foundation/StdString.h"
+#include "foundation/Strand.h"
 #include "foundation/Thread.h"
 #include "host/YarModuleBase.h"
 #include "registry/Registration.h"
@@ -19,7 +21,6 @@
 #include <boost/shared_ptr.hpp>
 
 #include <atomic>
-#include <deque>
 #include <functional>
 #include <list>
 #include <memory>
@@ -93,8 +94,7 @@ private:
     bool HasOtherHolder(Registering& registering) const;
     int AskHolder(Registering& registering, tagVARIANT* out);
     int AskHolderLater(std::unique_ptr<Registering> registering);
-    void GoOn(std::function<void()> rest) EXCLUDES(goingOnLock_);
-    std::function<void()> NextToGoOn() EXCLUDES(goingOnLock_);
+    void GoOn(std::function<void()> rest);
     int HearOfHolder(const Registering& registering, int rc, int status, tagVARIANT* out);
     int Admit(const Registering& registering, tagVARIANT* out);
     bool AddToPending(const CStdStr& name) EXCLUDES(pendingLock_);
@@ -118,15 +118,15 @@ private:
     // Registrations that wait for a holder to answer, and what of them is in memory meanwhile.
     std::atomic<size_t> waitingRegistrations_{0};
     std::atomic<size_t> waitingBytes_{0};
-    PMutex goingOnLock_;
-    std::deque<std::function<void()>> goOn_ GUARDED_BY(goingOnLock_);  // whose holder was asked
-    int goingOn_ GUARDED_BY(goingOnLock_) = 0;                         // threads that run them
+    static constexpr int maxGoingOn =
+        8;  // of those whose holder was asked, at a time: enough to share a round of syncing
+    Strand<std::function<void()>> goOn_{SIZE_MAX, maxGoingOn};
 
     LastRun lastRun_;
     bool serves_ = false;  // since the last init; the main thread's
 
     std::unique_ptr<PThread> checkThread_;
-    bool checksFail_ = false;  // the latest round, which is said once; the check thread's
+    SaidOnce checksFail_;  // the latest round
     PCondMutex stopSignal_;
     bool stopping_ GUARDED_BY(stopSignal_) = false;
 };

@@ -17,7 +17,6 @@ namespace {
 
 constexpr size_t maxWaitingRegistrations = 1024;
 constexpr size_t maxWaitingBytes = 16u << 20;
-constexpr int maxGoingOn = 8;  // of these, at a time: enough to share a round of syncing
 
 // Reads the first `count` entries; there may be fewer, which throws. Nothing is reserved by what a caller claims.
 std::vector<KelService> ReadServices(tagVARIANT* entries, int count) {
@@ -264,25 +263,9 @@ int KelDirectory::AskHolderLater(std::unique_ptr<Registering> registering) {
 // Runs the rest of a registration, which waits for the disk, unless enough threads run others: then one of those does
 // it next. Many pings end at the same time, and who wants something else must not stand behind all that is left to do.
 void KelDirectory::GoOn(std::function<void()> rest) {
-    {
-        PMutexHold hold(goingOnLock_);
-        goOn_.push_back(std::move(rest));
-        if (goingOn_ == maxGoingOn) return;
-        ++goingOn_;
-    }
+    if (!goOn_.Append(std::move(rest))) return;
     kel::RunningCall::AboutToBlock();
-    while (const auto next = NextToGoOn()) kel::transport::Quietly(next);
-}
-
-std::function<void()> KelDirectory::NextToGoOn() {
-    PMutexHold hold(goingOnLock_);
-    if (goOn_.empty()) {
-        --goingOn_;
-        return nullptr;
-    }
-    std::function<void()> next = std::move(goOn_.front());
-    goOn_.pop_front();
-    return next;
+    while (const auto next = goOn_.Take()) kel::transport::Quietly(*next);
 }
 
 // The holder was asked, with the outcome of PingSat.

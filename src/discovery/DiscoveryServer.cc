@@ -83,11 +83,10 @@ void DiscoveryServer::refreshAddressList() {
     PMutexHold hold(addresses_);
     addresses_.value() = network_->LocalAddresses();
     const bool isJoined = network_->Join(addresses_.value());
-    if (!isJoined && !saidNoRoom_) {
+    if (noRoom_.Changes(!isJoined) && !isJoined) {
         CBBLog::error("Discovery: on some of the %zu networks searches to the group cannot be heard; %s",
                       addresses_.value().size(), "raise the sysctl net.ipv4.igmp_max_memberships");
     }
-    saidNoRoom_ = !isJoined;
 }
 
 // What comes and goes again and again is not told more often than the thread looks at anything else.
@@ -101,12 +100,12 @@ void DiscoveryServer::NoticeAddresses() {
 // --- The thread ----------------------------------------------------------------------------------------------------
 
 unsigned int DiscoveryServer::SelectLoop(void* /*argument*/) {
-    bool saidFailure = false;
+    SaidOnce fails;
     while (!stopping_) {
         try {
             if (!Pass()) break;
         } catch (const std::exception& failure) {  // memory runs out, and comes back
-            if (!std::exchange(saidFailure, true)) CBBLog::error("Discovery: %s", failure.what());
+            if (fails.Begins()) CBBLog::error("Discovery: %s", failure.what());
             network_->Pause(waitMs);
         }
     }
@@ -226,12 +225,11 @@ void DiscoveryServer::SendTwice(const CStdStr& text, in_addr to) {
 
 void DiscoveryServer::SendFirstCopy(const CStdStr& text, in_addr to) {
     const bool isTooLong = network_->Send(text, to) == EMSGSIZE;
-    if (isTooLong && !saidTooLong_) {
+    if (tooLong_.Changes(isTooLong) && isTooLong) {
         CBBLog::warn(
             "Discovery: with its users the announcement has %zu bytes, more than fit a datagram: nobody hears it",
             text.size());
     }
-    saidTooLong_ = isTooLong;
 }
 
 std::vector<in_addr> DiscoveryServer::Addresses() {

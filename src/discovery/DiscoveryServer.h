@@ -18,6 +18,7 @@
 #include "discovery/OtherDirectories.h"
 #include "discovery/ReplyLimits.h"
 #include "foundation/Locks.h"
+#include "foundation/SaidOnce.h"
 #include "foundation/StdString.h"
 #include "foundation/Thread.h"
 
@@ -104,8 +105,8 @@ private:
     // The thread's.
     uint32_t lastNotifyMs_ = 0;
     int openError_ = 0;  // why searches cannot be heard, as it was said last
-    bool saidNoRoom_ = false;
-    bool saidTooLong_ = false;
+    SaidOnce noRoom_;
+    SaidOnce tooLong_;
     kel::discovery::ReplyLimits limits_;
     kel::discovery::OtherDirectories others_;
     std::deque<SecondCopy> secondCopies_;  // in the order in which they are due

@@ -26,11 +26,12 @@ bool ReplyLimits::MayAnswer(const CStdStr& searcher, uint32_t now, uint32_t* toA
     return true;
 }
 
-// Every answer takes up its share of the time; how far ahead of the clock that may run is what can be given at once.
+// The bucket is kept as the time at which it will be full again: an answer puts that off by what an answer costs, and
+// when it is too far away the bucket is empty.
 bool ReplyLimits::TakeAnswer(uint32_t now) {
-    if (!answersUsedUntilMs_ || static_cast<int32_t>(*answersUsedUntilMs_ - now) < 0) answersUsedUntilMs_ = now;
-    if (*answersUsedUntilMs_ - now > (answersAtOnce - 1) * answerCostMs) return false;
-    *answersUsedUntilMs_ += answerCostMs;
+    if (!bucketFullAtMs_ || static_cast<int32_t>(*bucketFullAtMs_ - now) < 0) bucketFullAtMs_ = now;
+    if (*bucketFullAtMs_ - now > (answersAtOnce - 1) * answerCostMs) return false;
+    *bucketFullAtMs_ += answerCostMs;
     return true;
 }
 
@@ -51,7 +52,7 @@ void ReplyLimits::Forget(uint32_t now) {
         entry = IsOver(entry->second, now) ? lastReplyMs_.erase(entry) : std::next(entry);
     }
     if (lastToAllMs_ && IsOver(*lastToAllMs_, now)) lastToAllMs_.reset();
-    if (answersUsedUntilMs_ && static_cast<int32_t>(*answersUsedUntilMs_ - now) < 0) answersUsedUntilMs_.reset();
+    if (bucketFullAtMs_ && static_cast<int32_t>(*bucketFullAtMs_ - now) < 0) bucketFullAtMs_.reset();
 }
 
 }  // namespace kel::discovery

@@ -5,8 +5,8 @@
 //   - one that asks again in between is answered, when its two seconds have passed, by an announcement to all;
 //   - announcements to all for that reason are two seconds apart too, however many searchers wait for one: each of them
 //     hears the next;
-//   - all searchers together get 100 answers a second, `answersAtOnce` of them at once; whoever comes when these are
-//     used up waits for an announcement to all as well.
+//   - all searchers together have a token bucket: 100 answers a second, `answersAtOnce` of them at once; whoever comes
+//     when it is empty waits for an announcement to all as well.
 //
 // So memory is bounded too, for only who is answered is remembered, until Forget.
 //
@@ -46,8 +46,8 @@ private:
     bool TakeAnswer(uint32_t now);
 
     std::map<CStdStr, uint32_t> lastReplyMs_;
-    std::optional<uint32_t> answersUsedUntilMs_;  // the answers given take up the time until then
-    std::optional<uint32_t> lastToAllMs_;         // the last announcement to all that a search brought about
+    std::optional<uint32_t> bucketFullAtMs_;  // unless it is full
+    std::optional<uint32_t> lastToAllMs_;     // the last announcement to all that a search brought about
     bool somebodyWaits_ = false;
 };
 

@@ -18,6 +18,7 @@
 #include "foundation/FileReplacement.h"
 
 #include "platform/FileSync.h"
+#include "platform/Files.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -30,23 +31,11 @@
 
 namespace {
 
-constexpr mode_t kModeBits = 07777;
-constexpr mode_t kDefaultMode = 0666;
-constexpr int kNameAttempts = 1000;
-constexpr char kTemporaryBegin[] = ".kel.";
-constexpr char kTemporaryEnd[] = ".new";
-
-int WriteAll(int fd, const void* data, size_t length) {
-    const char* from = static_cast<const char*>(data);
-    while (length > 0) {
-        const ssize_t count = write(fd, from, length);
-        if (count < 0 && errno == EINTR) continue;
-        if (count < 0) return errno;
-        from += count;
-        length -= static_cast<size_t>(count);
-    }
-    return 0;
-}
+constexpr mode_t modeBits = 07777;
+constexpr mode_t defaultMode = 0666;
+constexpr int maxNameAttempts = 1000;
+constexpr char temporaryBegin[] = ".kel.";
+constexpr char temporaryEnd[] = ".new";
 
 // Whether what is there may be replaced: 0, or an error number.
 int CheckTarget(int folder, const CStdStr& name, const struct stat& info) {
@@ -76,22 +65,22 @@ int FileReplacement::Write(const void* data, size_t length, std::optional<mode_t
     struct stat info {};
     if (fstatat(folder_, name_.c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0) {
         if (const int error = CheckTarget(folder_, name_, info)) return error;
-        if (S_ISREG(info.st_mode)) exactly = info.st_mode & kModeBits;
+        if (S_ISREG(info.st_mode)) exactly = info.st_mode & modeBits;
     } else if (errno != ENOENT) {
         return errno;
     }
-    if (const int error = OpenTemporary(exactly.value_or(kDefaultMode))) return error;
+    if (const int error = OpenTemporary(exactly.value_or(defaultMode))) return error;
     if (exactly && fchmod(file_, *exactly) != 0) return errno;
-    return WriteAll(file_, data, length);
+    return kel::platform::WriteWhole(file_, data, length);
 }
 
 int FileReplacement::OpenTemporary(mode_t mode) {
     static std::atomic<unsigned> lastNumber{0};
     const size_t folderLength = name_.rfind('/') + 1;  // 0 when there is no "/"
-    for (int attempt = 0; attempt < kNameAttempts; ++attempt) {
+    for (int attempt = 0; attempt < maxNameAttempts; ++attempt) {
         char name[48];
-        std::snprintf(name, sizeof name, "%s%d.%u%s", kTemporaryBegin, static_cast<int>(getpid()), ++lastNumber,
-                      kTemporaryEnd);
+        std::snprintf(name, sizeof name, "%s%d.%u%s", temporaryBegin, static_cast<int>(getpid()), ++lastNumber,
+                      temporaryEnd);
         CStdStr path = name_.substr(0, folderLength) + name;
         file_ = openat(folder_, path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
         if (file_ >= 0) temporary_ = std::move(path);
@@ -118,9 +107,16 @@ int SyncContents(const std::vector<const FileReplacement*>& files) {
 
 int SyncFolders(const std::vector<int>& folders) { return folders.empty() ? 0 : kel::platform::SyncFolders(folders); }
 
+int ReadFile(int folder, const CStdStr& name, CStdStr& text) {
+    text.clear();
+    // Without waiting: a pipe must not hold up anybody.
+    const kel::platform::Descriptor file(openat(folder, name.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW));
+    return file.IsOpen() ? kel::platform::ReadWhole(file.Number(), text) : errno;
+}
+
 bool IsLeftover(const CStdStr& name) {
-    constexpr size_t beginSize = sizeof kTemporaryBegin - 1;
-    constexpr size_t endSize = sizeof kTemporaryEnd - 1;
-    return name.size() > beginSize + endSize && name.compare(0, beginSize, kTemporaryBegin) == 0 &&
-           name.compare(name.size() - endSize, endSize, kTemporaryEnd) == 0;
+    constexpr size_t beginSize = sizeof temporaryBegin - 1;
+    constexpr size_t endSize = sizeof temporaryEnd - 1;
+    return name.size() > beginSize + endSize && name.compare(0, beginSize, temporaryBegin) == 0 &&
+           name.compare(name.size() - endSize, endSize, temporaryEnd) == 0;
 }

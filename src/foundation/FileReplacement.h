@@ -43,5 +43,8 @@ int SyncContents(const std::vector<const FileReplacement*>& files);
 // Likewise for the entries of open folders of one file system, in this order.
 int SyncFolders(const std::vector<int>& folders);
 
+// Replaces `text` by what is in the file `name` of an open folder, following no link: 0, or an error number.
+int ReadFile(int folder, const CStdStr& name, CStdStr& text);
+
 // Whether a file's name is that of one which a killed process has left behind on its way.
 bool IsLeftover(const CStdStr& name);

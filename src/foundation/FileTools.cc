@@ -2,10 +2,10 @@
 
 #include "foundation/FileReplacement.h"
 #include "platform/FileTimes.h"
+#include "platform/Files.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -13,40 +13,9 @@
 #include <limits>
 #include <optional>
 
+using kel::platform::Descriptor;
+
 namespace {
-
-// A descriptor that is closed with its scope, leaving errno alone.
-class Descriptor {
-public:
-    explicit Descriptor(int fd) : fd_(fd) {}
-    ~Descriptor() {
-        const int kept = errno;
-        if (fd_ >= 0) close(fd_);
-        errno = kept;
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-
-    bool IsOpen() const { return fd_ >= 0; }
-    int Number() const { return fd_; }
-
-private:
-    const int fd_;
-};
-
-// Reads `length` bytes from `offset`, or as many as there are; the number read, or -1.
-ssize_t ReadAll(int fd, void* data, size_t length, size_t offset) {
-    char* to = static_cast<char*>(data);
-    size_t have = 0;
-    while (have < length) {
-        const ssize_t count = pread(fd, to + have, length - have, static_cast<off_t>(offset + have));
-        if (count < 0 && errno == EINTR) continue;
-        if (count < 0) return -1;
-        if (count == 0) break;
-        have += static_cast<size_t>(count);
-    }
-    return static_cast<ssize_t>(have);
-}
 
 // Opens for reading without ever waiting, which the opening of a pipe does otherwise.
 int OpenForReading(const CStdStr& path) { return open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK); }
@@ -98,9 +67,7 @@ CStdStr CFileTools::toString() const {
     const Descriptor file(OpenForReading(path_));
     const off_t size = file.IsOpen() ? RegularFileSize(file.Number()) : -1;
     if (size <= 0) return text;
-    text.resize(static_cast<size_t>(size));
-    const ssize_t count = ReadAll(file.Number(), text.data(), text.size(), 0);
-    text.resize(count > 0 ? static_cast<size_t>(count) : 0);
+    if (kel::platform::ReadWhole(file.Number(), text) != 0) text.clear();
     return text;
 }
 
@@ -117,7 +84,7 @@ bool CFileTools::getData(unsigned char** data, unsigned long* length, unsigned l
     const size_t from = std::min<size_t>(offset, static_cast<size_t>(size));
     const size_t wanted = std::min<size_t>(count, static_cast<size_t>(size) - from);
     void* buffer = std::malloc(std::max<size_t>(wanted, 1));
-    const ssize_t read = buffer ? ReadAll(file.Number(), buffer, wanted, from) : -1;
+    const ssize_t read = buffer ? kel::platform::ReadAt(file.Number(), buffer, wanted, from) : -1;
     if (read < 0) {
         std::free(buffer);
         return false;

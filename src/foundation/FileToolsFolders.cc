@@ -19,15 +19,15 @@ namespace fs = boost::filesystem;
 
 namespace {
 
-constexpr mode_t kSharedFolderMode = 0777;
-constexpr char kExecutablesInBundle[] = "Contents/MacOS";
+constexpr mode_t sharedFolderMode = 0777;
+constexpr char executablesInBundle[] = "Contents/MacOS";
 
 struct SpecialFolder {
     const char* name;
     const char* suffix;
 };
 
-constexpr SpecialFolder kSpecialFolders[] = {
+constexpr SpecialFolder specialFolders[] = {
     {"DESKTOP", "/Desktop"},     {"MYDOCUMENTS", "/Documents"}, {"MYMUSIC", "/Music"},
     {"MYPICTURES", "/Pictures"}, {"MYVIDEO", "/Videos"},
 };
@@ -35,7 +35,7 @@ constexpr SpecialFolder kSpecialFolders[] = {
 // Makes a folder that every user may write to. False when its mode could not be set; a failure to make it passes on the
 // file system's error. A folder that another process made meanwhile is that process's to open.
 bool CreateSharedFolder(const CStdStr& path) {
-    return !fs::create_directory(fs::path(path)) || chmod(path.c_str(), kSharedFolderMode) == 0;
+    return !fs::create_directory(fs::path(path)) || chmod(path.c_str(), sharedFolderMode) == 0;
 }
 
 // Why a folder could not be made: where those above it are missing too, it is the lowest that exists which tells.
@@ -103,11 +103,11 @@ CStdStr CFileTools::getYarBinFolderPath() {
     if (!CRegistry::getInstance()->ReadSettingImpl("Software\\Tessaly\\Yar", "InstallDir", installed)) {
         return getYarBinFolderPathMac();
     }
-    return CStdPath(installed).AppendPath(kExecutablesInBundle);
+    return CStdPath(installed).AppendPath(executablesInBundle);
 }
 
 CStdStr CFileTools::getYarBinFolderPathMac() {
-    const CStdStr folder = GetProcessBundleFolder() + "/" + kExecutablesInBundle;
+    const CStdStr folder = GetProcessBundleFolder() + "/" + executablesInBundle;
     return testYarBinPath(folder) ? folder : CStdStr("/Applications/Yar.app/Contents/MacOS");
 }
 
@@ -135,7 +135,7 @@ CStdStr CFileTools::GenerateTempFilePath() {
 }
 
 CStdStr CFileTools::resolveSpecialPath(const CStdStr& name) {
-    for (const SpecialFolder& folder : kSpecialFolders) {
+    for (const SpecialFolder& folder : specialFolders) {
         if (name == folder.name) return GetUserHomeFolder() + folder.suffix;
     }
     return name == "MYCOMPUTER" ? CStdStr("/") : name;

@@ -9,6 +9,7 @@
 #include <pthread.h>
 #include <time.h>
 
+#include <chrono>
 #include <utility>
 
 // A mutual-exclusion lock; not recursive.
@@ -39,6 +40,13 @@ public:
         return pthread_cond_timedwait(&condition_, &mutex_, &deadline) == 0;
     }
 
+    // Likewise by a clock that nobody sets.
+    bool waitUntil(std::chrono::steady_clock::time_point deadline) REQUIRES(this) {
+        const auto since = std::chrono::duration_cast<std::chrono::nanoseconds>(deadline.time_since_epoch()).count();
+        const timespec at{since / 1000000000L, since % 1000000000L};
+        return pthread_cond_clockwait(&condition_, &mutex_, CLOCK_MONOTONIC, &at) == 0;
+    }
+
     void signal() { pthread_cond_signal(&condition_); }
     void broadcast() { pthread_cond_broadcast(&condition_); }
 
@@ -59,10 +67,21 @@ inline timespec DeadlineIn(long milliseconds) {
     return deadline;
 }
 
-// A reader/writer lock: any number of readers or one writer.
+// A reader/writer lock: any number of readers or one writer, who comes before the readers that come after him. By
+// default he would come when there is no reader left, and where readers overlap there always is one.
+//
+// So nobody may take it for reading while he has it for reading: with a writer between the two he waits for himself.
+// Nor may two locks be taken for reading in either order. Who holds one here takes at most another kind of lock, or, of
+// the registry's, a satellite's after it.
 class KEL_API CAPABILITY("shared_mutex") PReadWriteLock {
 public:
-    PReadWriteLock() { pthread_rwlock_init(&lock_, nullptr); }
+    PReadWriteLock() {
+        pthread_rwlockattr_t kind;  // the C library's own, as POSIX has none that says who comes first
+        pthread_rwlockattr_init(&kind);
+        pthread_rwlockattr_setkind_np(&kind, PTHREAD_RWLOCK_PREFER_WRITER_NONRECURSIVE_NP);
+        pthread_rwlock_init(&lock_, &kind);
+        pthread_rwlockattr_destroy(&kind);
+    }
     virtual ~PReadWriteLock() { pthread_rwlock_destroy(&lock_); }
     PReadWriteLock(const PReadWriteLock&) = delete;
     PReadWriteLock& operator=(const PReadWriteLock&) = delete;

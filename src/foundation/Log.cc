@@ -28,13 +28,13 @@
 
 namespace {
 
-constexpr size_t kTimeBuffer = 1024;
-constexpr size_t kLineBuffer = 20480;
+constexpr size_t timeBuffer = 1024;
+constexpr size_t lineBuffer = 20480;
 
-constexpr LOGLEVEL kLevelMask = 0xff;
+constexpr LOGLEVEL levelMask = 0xff;
 
 // The level of a log at which a line of this level is written.
-constexpr LOGLEVEL levelNeeded(LOGLEVEL level) { return level < 0 ? level : level & kLevelMask; }
+constexpr LOGLEVEL levelNeeded(LOGLEVEL level) { return level < 0 ? level : level & levelMask; }
 
 const char* nameOf(LOGLEVEL level) {
     if (level == LOGLEVEL_NOTE) return "NOTE";
@@ -42,10 +42,10 @@ const char* nameOf(LOGLEVEL level) {
 }
 
 // In place of a level where there is no log: below any level, and not LOGLEVEL_UNREAD.
-constexpr LOGLEVEL kNoLogger = std::numeric_limits<LOGLEVEL>::min();
+constexpr LOGLEVEL noLogger = std::numeric_limits<LOGLEVEL>::min();
 
 // The local time to the millisecond.
-void formatTime(char (&buffer)[kTimeBuffer]) {
+void formatTime(char (&buffer)[timeBuffer]) {
     timeval now{};
     tm local{};
     gettimeofday(&now, nullptr);
@@ -110,7 +110,7 @@ const char* const g_logStr[5] = {"FATAL", "ERROR", "WARN", "INFO", "DEBUG"};
 PMutex& CBBLog::s_instanceLock = *new PMutex;
 boost::weak_ptr<CBBLog>& CBBLog::s_instance = *new boost::weak_ptr<CBBLog>;
 const CBBLog* CBBLog::s_published = nullptr;
-std::atomic<LOGLEVEL> CBBLog::s_level{kNoLogger};
+std::atomic<LOGLEVEL> CBBLog::s_level{noLogger};
 
 CBBLog::CBBLog(const CStdStr& name, bool showPid, long long maxFileSize)
     : name_(name),
@@ -124,7 +124,7 @@ CBBLog::~CBBLog() {
         PMutexHold hold(s_instanceLock);
         if (s_published == this) {
             s_published = nullptr;
-            s_level = kNoLogger;
+            s_level = noLogger;
         }
     }
     stopThread();
@@ -151,7 +151,7 @@ void CBBLog::setLogger(const boost::shared_ptr<CBBLog>& logger) {
     PMutexHold hold(s_instanceLock);
     s_instance = logger;
     s_published = logger.get();
-    s_level = logger ? logger->level_.load() : kNoLogger;
+    s_level = logger ? logger->level_.load() : noLogger;
 }
 
 boost::shared_ptr<CBBLog> CBBLog::instance() {
@@ -286,13 +286,13 @@ long long CBBLog::getFileSize() {
 // --- Writing a line
 
 CStdStr CBBLog::getTimeString() {
-    char time[kTimeBuffer];
+    char time[timeBuffer];
     formatTime(time);
     return time;
 }
 
 CStdStr CBBLog::buildLineHeader(LOGLEVEL level) const {
-    char time[kTimeBuffer];
+    char time[timeBuffer];
     formatTime(time);
     CStdStr header;
     if (showPid_) header.Format("%s [%-5.5s] %u - ", time, nameOf(level), pid_);
@@ -315,7 +315,7 @@ void CBBLog::_AddLog(const char* fmt, va_list arguments, LOGLEVEL level) try {
     const bool isBare = std::strcmp(fmt, "%s") == 0;
     LogVerdict verdict = isBare ? LogVerdict::write : judge(level, fmt);
     if (verdict == LogVerdict::drop) return;
-    char buffer[kLineBuffer];
+    char buffer[lineBuffer];
     const int length = vsnprintf(buffer, sizeof buffer, fmt, arguments);
     const std::string_view text(buffer, std::min(static_cast<size_t>(std::max(length, 0)), sizeof buffer - 1));
     if (isBare) verdict = judge(level, text);

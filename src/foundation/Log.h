@@ -184,7 +184,7 @@ private:
     void writeQueue() REQUIRES(queueLock_);
     unsigned int loggerThread(void*) EXCLUDES(queueLock_);
 
-    // The process's log, and its level (kNoLogger without one) where every thread can read it without a lock: skipping
+    // The process's log, and its level (noLogger without one) where every thread can read it without a lock: skipping
     // a line costs one load.
     static boost::weak_ptr<CBBLog>& s_instance GUARDED_BY(s_instanceLock);
     static const CBBLog* s_published GUARDED_BY(s_instanceLock);

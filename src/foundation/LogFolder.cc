@@ -9,7 +9,7 @@
 
 namespace {
 
-constexpr int kAttempts = 10;  // while others make and remove the file
+constexpr int maxAttempts = 10;  // while others make and remove the file
 
 // Closes the descriptor and fails for that reason.
 int Refuse(int fd, int reason) {
@@ -42,7 +42,7 @@ int LogFolder::OpenFile(const char* name, bool& isNew) const {
     int fd = -1;
     isNew = false;
     errno = problem_;
-    for (int attempt = 0; fd_ >= 0 && fd < 0 && attempt < kAttempts; ++attempt) {
+    for (int attempt = 0; fd_ >= 0 && fd < 0 && attempt < maxAttempts; ++attempt) {
         fd = openat(fd_, name, flags);
         if (fd >= 0 || errno != ENOENT) break;
         fd = openat(fd_, name, flags | O_CREAT | O_EXCL, 0666);

@@ -6,7 +6,7 @@
 
 namespace {
 
-constexpr uint64_t kSharedWindow = 0;
+constexpr uint64_t sharedWindow = 0;
 
 uint64_t KeyOf(LOGLEVEL level, std::string_view kind) {
     return std::hash<std::string_view>()(kind) * 31 + static_cast<uint64_t>(level);
@@ -40,7 +40,7 @@ LogFolding::Window& LogFolding::Find(LOGLEVEL level, std::string_view kind, Time
     if (windows_.size() >= mostKinds)
         std::erase_if(windows_,
                       [now](const auto& entry) { return entry.second.leftOut == 0 && entry.second.End() <= now; });
-    return windows_[windows_.size() < mostKinds ? key : kSharedWindow];
+    return windows_[windows_.size() < mostKinds ? key : sharedWindow];
 }
 
 LogVerdict LogFolding::Judge(LOGLEVEL level, std::string_view kind, Time now) {

@@ -5,12 +5,6 @@
 
 namespace {
 
-constexpr int kShift = 397;
-constexpr std::uint32_t kMatrix = 0x9908b0dfU;
-constexpr std::uint32_t kUpperBit = 0x80000000U;
-constexpr std::uint32_t kLowerBits = 0x7fffffffU;
-constexpr unsigned long kDefaultSeed = 5489;
-
 const char* alphabetOf(CRandom::StringType type) {
     switch (type) {
         case CRandom::alphanumeric:
@@ -27,32 +21,9 @@ const char* alphabetOf(CRandom::StringType type) {
 
 CRandom CRandom::s_random(static_cast<unsigned long>(std::time(nullptr)));
 
-void CRandom::init_genrand(unsigned long seed) {
-    state_[0] = static_cast<std::uint32_t>(seed);
-    for (mti_ = 1; mti_ < kWords; ++mti_) {
-        const std::uint32_t previous = state_[mti_ - 1];
-        state_[mti_] = 1812433253U * (previous ^ (previous >> 30)) + static_cast<std::uint32_t>(mti_);
-    }
-}
+void CRandom::init_genrand(unsigned long seed) { engine_.seed(static_cast<std::uint32_t>(seed)); }
 
-void CRandom::refill() {
-    for (int k = 0; k < kWords; ++k) {
-        const std::uint32_t y = (state_[k] & kUpperBit) | (state_[(k + 1) % kWords] & kLowerBits);
-        state_[k] = state_[(k + kShift) % kWords] ^ (y >> 1) ^ ((y & 1U) ? kMatrix : 0U);
-    }
-    mti_ = 0;
-}
-
-std::uint32_t CRandom::genrand_int32() {
-    if (mti_ > kWords) init_genrand(kDefaultSeed);
-    if (mti_ == kWords) refill();
-    std::uint32_t y = state_[mti_++];
-    y ^= y >> 11;
-    y ^= (y << 7) & 0x9d2c5680U;
-    y ^= (y << 15) & 0xefc60000U;
-    y ^= y >> 18;
-    return y;
-}
+std::uint32_t CRandom::genrand_int32() { return static_cast<std::uint32_t>(engine_()); }
 
 std::int32_t CRandom::genrand_int31() { return static_cast<std::int32_t>(genrand_int32() >> 1); }
 

@@ -1,5 +1,6 @@
 // CRandom: the Mersenne Twister MT19937 of Matsumoto and Nishimura, 32 bits a draw, with the seeding and the output
-// functions of their reference of 2002, and random texts. Not for secrets: 624 draws tell all that follow.
+// functions of their reference of 2002, which std::mt19937 has as well, and random texts. Not for secrets: 624 draws
+// tell all that follow.
 //
 // It has no lock: an instance, the shared one too, is for one thread at a time.
 #pragma once
@@ -7,6 +8,7 @@
 #include "foundation/StdString.h"
 
 #include <cstdint>
+#include <random>
 
 class CRandom {
 public:
@@ -39,10 +41,5 @@ public:
     static CRandom s_random;
 
 private:
-    static constexpr int kWords = 624;
-
-    void refill();
-
-    std::uint32_t state_[kWords] = {};
-    int mti_ = kWords + 1;  // the next word of the state; kWords + 1: never seeded
+    std::mt19937 engine_;
 };

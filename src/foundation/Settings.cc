@@ -15,8 +15,8 @@ using kel::platform::PreferenceValue;
 
 namespace {
 
-constexpr char kProductTree[] = "software\\tessaly\\yar";
-constexpr char kProductIdentifier[] = "com.tessaly.yar";
+constexpr char productTree[] = "software\\tessaly\\yar";
+constexpr char productIdentifier[] = "com.tessaly.yar";
 
 // `text` in another encoding; nothing when it cannot be expressed there.
 std::optional<CStdStr> Convert(const CStdStr& text, const char* from, const char* to) {
@@ -36,18 +36,18 @@ std::optional<CStdStr> Convert(const CStdStr& text, const char* from, const char
 }
 
 // Two characters of Mac Roman that the C library takes for others: theirs in UTF-8, and what they are.
-constexpr const char* kMistaken[][2] = {{"\u0394", "\u2206"}, {"\ue01e", "\uf8ff"}};
+constexpr const char* mistaken[][2] = {{"\u0394", "\u2206"}, {"\ue01e", "\uf8ff"}};
 
 std::optional<CStdStr> ToPlatform(const CStdStr& text) {
     std::optional<CStdStr> converted = Convert(text, "MACINTOSH", "UTF-8");
     if (!converted) return converted;
-    for (const auto& [theirs, right] : kMistaken) converted->Replace(theirs, right);
+    for (const auto& [theirs, right] : mistaken) converted->Replace(theirs, right);
     return converted;
 }
 
 CStdStr FromPlatform(const std::string& text) {
     CStdStr expected = text;
-    for (const auto& [theirs, right] : kMistaken) {
+    for (const auto& [theirs, right] : mistaken) {
         if (expected.find(theirs) != CStdStr::npos) return {};
         expected.Replace(right, theirs);
     }
@@ -105,7 +105,7 @@ boost::shared_ptr<CRegistry> CRegistry::getInstance() {
 CStdStr CRegistryImpl::createKey(const CStdStr& key) {
     CStdStr identifier = key;
     identifier.ToLower();
-    identifier.Replace(kProductTree, kProductIdentifier);
+    identifier.Replace(productTree, productIdentifier);
     identifier.Replace("\\", ".");
     return identifier;
 }

@@ -11,7 +11,7 @@
 namespace {
 
 // Most texts of the system fit; longer ones are formatted a second time into a buffer of their exact size.
-constexpr size_t kFirstBuffer = 128;
+constexpr size_t firstBuffer = 128;
 
 bool isSpace(char c) { return std::isspace(static_cast<unsigned char>(c)) != 0; }
 
@@ -37,7 +37,7 @@ void CStdStr::AppendFormat(const char* format, ...) {
 }
 
 void CStdStr::AppendFormatV(const char* format, va_list arguments) {
-    char first[kFirstBuffer];
+    char first[firstBuffer];
     va_list again;
     va_copy(again, arguments);
     const int length = vsnprintf(first, sizeof first, format, arguments);

@@ -11,7 +11,6 @@
 #define CAPABILITY(x) KEL_THREAD_ATTRIBUTE(capability(x))
 #define SCOPED_CAPABILITY KEL_THREAD_ATTRIBUTE(scoped_lockable)
 #define GUARDED_BY(x) KEL_THREAD_ATTRIBUTE(guarded_by(x))
-#define PT_GUARDED_BY(x) KEL_THREAD_ATTRIBUTE(pt_guarded_by(x))
 #define ACQUIRE(...) KEL_THREAD_ATTRIBUTE(acquire_capability(__VA_ARGS__))
 #define ACQUIRE_SHARED(...) KEL_THREAD_ATTRIBUTE(acquire_shared_capability(__VA_ARGS__))
 #define RELEASE(...) KEL_THREAD_ATTRIBUTE(release_capability(__VA_ARGS__))
@@ -20,5 +19,4 @@
 #define REQUIRES(...) KEL_THREAD_ATTRIBUTE(requires_capability(__VA_ARGS__))
 #define REQUIRES_SHARED(...) KEL_THREAD_ATTRIBUTE(requires_shared_capability(__VA_ARGS__))
 #define EXCLUDES(...) KEL_THREAD_ATTRIBUTE(locks_excluded(__VA_ARGS__))
-#define RETURN_CAPABILITY(x) KEL_THREAD_ATTRIBUTE(lock_returned(x))
 #define NO_THREAD_SAFETY_ANALYSIS KEL_THREAD_ATTRIBUTE(no_thread_safety_analysis)

@@ -115,18 +115,7 @@ std::vector<CStdStr> Folder::Names() const {
 
 int Folder::Read(const CStdStr& name, CStdStr& text) const {
     text.clear();
-    // Without waiting: a pipe must not hold up the start.
-    const int file = openat(descriptor_, name.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW);
-    if (file < 0) return errno;
-    char part[16 * 1024];
-    ssize_t got = 0;
-    do {
-        got = read(file, part, sizeof part);
-        if (got > 0) text.append(part, static_cast<size_t>(got));
-    } while (got > 0 || (got < 0 && errno == EINTR));
-    const int error = got == 0 ? 0 : errno;
-    close(file);
-    return error;
+    return ReadFile(descriptor_, name, text);
 }
 
 int Folder::Remove(const CStdStr& name) const {
@@ -173,7 +162,7 @@ bool SyncsFiles() {
 
 bool Complaint::Take(int error, const char* what, Folder (*folder)(), const CStdStr& name) {
     const bool failed = error != 0;
-    if (isOpen_.load(std::memory_order_relaxed) == failed || isOpen_.exchange(failed) == failed) return !failed;
+    if (!fails_.Changes(failed)) return !failed;
     const CStdStr path = folder().PathOf(name);
     if (failed)
         CBBLog::error("Could not %s %s: %s; trying again every 5 seconds", what, path.c_str(), std::strerror(error));

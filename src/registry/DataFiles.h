@@ -6,11 +6,11 @@
 // the descriptor that was looked at. They are opened anew for each use, since they may be deleted meanwhile.
 #pragma once
 
+#include "foundation/SaidOnce.h"
 #include "foundation/StdString.h"
 
 #include <sys/types.h>
 
-#include <atomic>
 #include <exception>
 #include <stdexcept>
 #include <vector>
@@ -73,16 +73,16 @@ Folder RegistrationFolder();
 // Whether files are synced: the setting "kel.syncFiles", unless it is 0.
 bool SyncsFiles();
 
-// What goes wrong over and over and is said once, until it has gone well in between. Any thread.
+// What goes wrong with a kind of file, over and over, and is said once. Any thread.
 class Complaint {
 public:
     // Takes the result of doing `what` ("write") to a file, an error number or 0. An error is logged unless the last
     // one was as well, and that it went well when that is news. Whether it did.
     bool Take(int error, const char* what, Folder (*folder)(), const CStdStr& name);
-    bool IsOpen() const { return isOpen_; }
+    bool IsOpen() const { return fails_.isSo(); }
 
 private:
-    std::atomic<bool> isOpen_{false};
+    SaidOnce fails_;
 };
 
 }  // namespace kel::registry

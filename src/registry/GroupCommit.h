@@ -1,5 +1,5 @@
-// GroupCommit: brings changes of files to the disk, those of several threads in one round. GroupCommit.cc opens with
-// how a round goes.
+// Group commit: changes of files are brought to the disk, those of several threads in one round. GroupCommit.cc opens
+// with how a round goes.
 #pragma once
 
 #include "foundation/Locks.h"

@@ -20,15 +20,16 @@ constexpr size_t stackSize = 256 * 1024;  // enough for a ping and a removal, an
 struct CRegistration::CheckSatelliteData {
     CheckSatelliteData(const SatellitePtr& checked, SatelliteChannel* through,
                        const boost::shared_ptr<RunningChecks>& checks)
-        : satellite(checked), sink(through), running(checks), generation(checks->Begin()) {}
-    ~CheckSatelliteData() { running->End(generation); }
+        : satellite(checked), sink(through), running(checks) {
+        running->Begin();
+    }
+    ~CheckSatelliteData() { running->End(); }
     CheckSatelliteData(const CheckSatelliteData&) = delete;
     CheckSatelliteData& operator=(const CheckSatelliteData&) = delete;
 
     const SatellitePtr satellite;
     SatelliteChannel* const sink;
     const boost::shared_ptr<RunningChecks> running;
-    const unsigned generation;
 };
 
 void CRegistration::CheckSatellites(SatelliteChannel* sink) {
@@ -141,7 +142,7 @@ int CRegistration::RemoveAndTell(const CStdStr& name, int satId) {
     if (!availability_ || !gone || gone->satId != satId) return rc;
     // A registration that still found the record may have announced services in it after they were told to be gone.
     for (const CStdStr& service : ServicesOf(*gone)) {
-        const ServiceAvailability::Turn turn(availability_.get(), service);
+        const NameTurns::Hold turn(availability_->turns(), service);
         if (!Publishes(name, service) && MarkAsGone(*gone, service)) {
             availability_->Notify(service, gone->satName, 0);
         }
@@ -163,7 +164,7 @@ int CRegistration::forceNotifyServicesUnregistered(const CStdStr& name, int satI
         return 0;
     }
     for (const CStdStr& service : ServicesOf(*satellite)) {
-        const ServiceAvailability::Turn turn(availability_.get(), service);
+        const NameTurns::Hold turn(availability_->turns(), service);
         if (MarkAsGone(*satellite, service)) availability_->Notify(service, satellite->satName, 0);
     }
     return 0;

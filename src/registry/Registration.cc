@@ -233,7 +233,7 @@ bool CRegistration::HasRoomFor(const CStdStr& satName, const std::vector<KelServ
 }
 
 int CRegistration::AddService(const CStdStr& satName, const CStdStr& service, const CStdStr& description) {
-    const ServiceAvailability::Turn turn(availability_.get(), service);
+    const NameTurns::Hold turn(availability_ ? &availability_->turns() : nullptr, service);
     SatellitePtr satellite;
     {
         PWriteHold hold(lock_);
@@ -255,7 +255,7 @@ int CRegistration::AddService(const CStdStr& satName, const CStdStr& service, co
 }
 
 int CRegistration::RemoveService(const CStdStr& satName, const CStdStr& service, int* remaining) {
-    const ServiceAvailability::Turn turn(availability_.get(), service);
+    const NameTurns::Hold turn(availability_ ? &availability_->turns() : nullptr, service);
     SatellitePtr satellite;
     CStdStr publishedAs;
     bool isNews = false;

@@ -16,7 +16,9 @@
 #pragma once
 
 #include "foundation/Locks.h"
+#include "foundation/SaidOnce.h"
 #include "foundation/StdString.h"
+#include "foundation/Turns.h"
 #include "foundation/UpTime.h"
 #include "registry/DataFiles.h"
 #include "registry/GroupCommit.h"
@@ -25,7 +27,6 @@
 #include "registry/SatelliteChannel.h"
 #include "registry/SatelliteInfo.h"
 #include "registry/ServiceIndex.h"
-#include "registry/Turns.h"
 
 #include <boost/shared_ptr.hpp>
 
@@ -240,7 +241,7 @@ private:
     std::atomic<bool> isUnread_{false};  // the files could not be looked at when they were to be loaded
     kel::registry::GroupCommit commit_{kel::registry::SyncsFiles(), [this] { return RegistrationChange(); }};
     NameTurns turns_;
-    std::atomic<bool> isFolderMissed_{false};
+    SaidOnce isFolderMissed_;
     Complaint registrationFails_;
     Complaint satelliteFails_;
     Complaint deletionFails_;

@@ -4,37 +4,28 @@
 
 #include "foundation/Locks.h"
 
-#include <array>
 #include <cstdint>
 
-// Any thread; one at a time may wait. Checks are counted by whether they began before or after the latest wait.
+// Any thread.
 class RunningChecks {
 public:
-    // A check begins. Returns what End takes.
-    unsigned Begin() EXCLUDES(lock_) {
+    void Begin() EXCLUDES(lock_) {
         PMutexHold hold(lock_);
-        ++running_[generation_];
-        return generation_;
+        ++running_;
     }
 
-    void End(unsigned generation) EXCLUDES(lock_) {
+    void End() EXCLUDES(lock_) {
         PMutexHold hold(lock_);
-        if (--running_[generation] == 0 && isAwaited_) lock_.broadcast();
+        if (--running_ == 0) lock_.broadcast();
     }
 
-    // Returns when none is running of those that began before this call.
+    // Returns when none is running.
     void Wait() EXCLUDES(lock_) {
         PMutexHold hold(lock_);
-        const unsigned before = generation_;
-        generation_ = 1 - generation_;
-        isAwaited_ = true;
-        while (running_[before] > 0) lock_.wait();
-        isAwaited_ = false;
+        while (running_ > 0) lock_.wait();
     }
 
 private:
-    PCondMutex lock_;
-    std::array<uint64_t, 2> running_ GUARDED_BY(lock_){};
-    unsigned generation_ GUARDED_BY(lock_) = 0;
-    bool isAwaited_ GUARDED_BY(lock_) = false;
+    PCondMutex lock_;  // broadcast when the last one has ended
+    uint64_t running_ GUARDED_BY(lock_) = 0;
 };

@@ -19,8 +19,8 @@ public:
     virtual void OnServiceAvailabilityChanged(const CStdStr& service, const CStdStr& satellite, const CStdStr& listener,
                                               int status) = 0;
 
-    // For whoever has many events for one listener: waits until it has taken in most of those that wait for it. False
-    // when it does not.
+    // Backpressure for whoever has many events for one listener: waits until it has taken in most of those that wait
+    // for it. False when it does not.
     virtual bool AwaitListener(const CStdStr& listener) = 0;
 };
 

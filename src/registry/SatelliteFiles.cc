@@ -80,7 +80,7 @@ void CRegistration::LookAfterFolders() {
 
 // Nothing is written, for the reason given.
 void CRegistration::SayUnusable(const std::exception& failure) {
-    if (isFolderMissed_.exchange(true)) return;
+    if (!isFolderMissed_.Begins()) return;
     CBBLog::error("The registry is kept in memory only, and tried again every 5 seconds: %s", failure.what());
 }
 
@@ -118,7 +118,7 @@ bool CRegistration::Store(const CStdStr& name) {
 bool CRegistration::WriteFiles(const FileChange* change) {
     const GroupCommit::Outcome outcome = commit_.WriteAfterFirst(change);
     if (!outcome.problem.empty()) throw FolderError(outcome.problem);
-    if (isFolderMissed_.exchange(false)) CBBLog::note("The registry's files can be written again");
+    if (isFolderMissed_.Ends()) CBBLog::note("The registry's files can be written again");
     if (!registrationFails_.Take(outcome.first, "write", RegistrationFolder, registrationFile) || !change) return false;
     return satelliteFails_.Take(outcome.change, "write", change->folder, change->name);
 }

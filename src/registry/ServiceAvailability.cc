@@ -54,14 +54,6 @@ void LogRemoval(const CStdStr& service, const CStdStr& satellite) {
 
 }  // namespace
 
-ServiceAvailability::Turn::Turn(ServiceAvailability* list, const CStdStr& service) : list_(list), service_(service) {
-    if (list_) list_->turns_.Begin(service_);
-}
-
-ServiceAvailability::Turn::~Turn() {
-    if (list_) list_->turns_.End(service_);
-}
-
 ServiceAvailability::Added ServiceAvailability::Add(const std::vector<CStdStr>& services, const CStdStr& satellite) {
     if (satellite.empty()) return Added::nobodyAsks;
     if (!HaveRoom(services, satellite)) {
@@ -150,7 +142,7 @@ bool ServiceAvailability::Notify(const CStdStr& service, const CStdStr& listener
 
 // Tells of the next providers behind `last` in their order, which becomes the last of them; false when that were all.
 bool ServiceAvailability::TellNext(const CStdStr& service, const CStdStr& listener, CStdStr& last) {
-    const Turn turn(this, service);
+    const NameTurns::Hold turn(turns_, service);
     std::list<CStdStr> providers;
     if (directory_->GetServices(service, providers) != 0) return false;
     size_t told = 0;
@@ -173,7 +165,7 @@ void ServiceAvailability::SaveList() {
         Replace();
     } catch (const std::exception& failure) {
         CBBLog::error("CRegistration::SaveList data directory not found");
-        if (!isFolderMissed_.exchange(true)) CBBLog::error("The listeners are kept in memory only: %s", failure.what());
+        if (isFolderMissed_.Begins()) CBBLog::error("The listeners are kept in memory only: %s", failure.what());
     }
 }
 
@@ -181,7 +173,7 @@ void ServiceAvailability::Replace() {
     const GroupCommit::Outcome outcome = commit_.WriteAfterFirst(nullptr);
     if (!outcome.problem.empty()) throw FolderError(outcome.problem);
     fileFails_.Take(outcome.first, "write", RegistrationFolder, listFile);
-    isFolderMissed_ = false;
+    isFolderMissed_.Ends();
 }
 
 FileChange ServiceAvailability::FileText() {
@@ -193,7 +185,7 @@ FileChange ServiceAvailability::FileText() {
 }
 
 void ServiceAvailability::SaveIfFailed() {
-    if (!fileFails_.IsOpen() && !isFolderMissed_) return;
+    if (!fileFails_.IsOpen() && !isFolderMissed_.isSo()) return;
     try {
         Replace();
     } catch (const std::exception&) {  // which was said when the folder was first missed

@@ -6,17 +6,18 @@
 //
 // Services and satellites are compared byte by byte here: "Schedule" and "schedule" are two services to listen for.
 //
-// What listeners hear is in order: whoever changes a service in the registry has the turn of that service (Turn) from
-// before the change until the listeners' queues have it, and so has whoever tells a new listener what is there. Without
-// that, a listener could hear of the coming after the going, and keep what is gone for good.
+// What listeners hear is in order: whoever changes a service in the registry has the turn of that service (NameTurns)
+// from before the change until the listeners' queues have it, and so has whoever tells a new listener what is there.
+// Without that, a listener could hear of the coming after the going, and keep what is gone for good.
 #pragma once
 
 #include "foundation/Locks.h"
+#include "foundation/SaidOnce.h"
 #include "foundation/StdString.h"
+#include "foundation/Turns.h"
 #include "registry/DataFiles.h"
 #include "registry/GroupCommit.h"
 #include "registry/SatelliteChannel.h"
-#include "registry/Turns.h"
 
 #include <boost/multi_index/composite_key.hpp>
 #include <boost/multi_index/member.hpp>
@@ -80,18 +81,8 @@ public:
     // up, since the listener does not.
     bool Notify(const CStdStr& service, const CStdStr& listener);
 
-    // Has the turn of a service for the length of a block; nothing when there is no list.
-    class Turn {
-    public:
-        Turn(ServiceAvailability* list, const CStdStr& service);
-        ~Turn();
-        Turn(const Turn&) = delete;
-        Turn& operator=(const Turn&) = delete;
-
-    private:
-        ServiceAvailability* const list_;
-        const CStdStr& service_;
-    };
+    // The turns of the services.
+    NameTurns& turns() { return turns_; }
 
 private:
     struct ServiceSat {
@@ -127,7 +118,7 @@ private:
 
     kel::registry::GroupCommit commit_{kel::registry::SyncsFiles(), [this] { return FileText(); }};
     kel::registry::Complaint fileFails_;
-    std::atomic<bool> isFolderMissed_{false};
+    SaidOnce isFolderMissed_;
     std::atomic<bool> isUnread_{false};  // the file could not be looked at when it was to be loaded
     std::atomic<bool> isLeft_{false};    // the file says what could not be read, and nothing has been added since
 };

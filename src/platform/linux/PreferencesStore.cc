@@ -1,5 +1,6 @@
 #include "platform/PreferencesStore.h"
 
+#include "platform/Files.h"
 #include "platform/ProcessPaths.h"
 
 #include <fcntl.h>
@@ -26,27 +27,9 @@
 namespace kel::platform {
 namespace {
 
-constexpr mode_t kNewListMode = 0600;
-constexpr mode_t kNewFolderMode = 0700;
-constexpr off_t kLargestList = 64 * 1024 * 1024;
-
-class File {
-public:
-    File(const std::string& path, int flags, mode_t mode = 0) : fd_(open(path.c_str(), flags | O_CLOEXEC, mode)) {}
-    ~File() { Close(); }
-    File(const File&) = delete;
-    File& operator=(const File&) = delete;
-
-    bool IsOpen() const { return fd_ >= 0; }
-    int Descriptor() const { return fd_; }
-    bool Close() {
-        const int fd = std::exchange(fd_, -1);
-        return fd < 0 || close(fd) == 0 || errno == EINTR;
-    }
-
-private:
-    int fd_;
-};
+constexpr mode_t newListMode = 0600;
+constexpr mode_t newFolderMode = 0700;
+constexpr off_t largestList = 64 * 1024 * 1024;
 
 struct PlistFree {
     void operator()(void* list) const { plist_free(list); }
@@ -60,7 +43,7 @@ struct CFree {
 // A list as it lies on disk; without a file `dictionary` is null.
 struct ListFile {
     Plist dictionary;
-    mode_t mode = kNewListMode;
+    mode_t mode = newListMode;
 };
 
 bool IsIdentifier(const std::string& identifier) {
@@ -72,31 +55,6 @@ std::string ConfigurationFolder() {
     if (folder && *folder == '/') return folder;  // the base directory rules have a relative path ignored
     const std::string home = UserHomeFolder();
     return home.empty() ? std::string() : home + "/.config";
-}
-
-bool ReadAll(int fd, std::string& text, size_t size) {
-    text.resize(size);
-    size_t have = 0;
-    while (have < size) {
-        const ssize_t count = read(fd, &text[have], size - have);
-        if (count < 0 && errno == EINTR) continue;
-        if (count < 0) return false;
-        if (count == 0) break;
-        have += static_cast<size_t>(count);
-    }
-    text.resize(have);
-    return true;
-}
-
-bool WriteAll(int fd, const char* data, size_t length) {
-    while (length > 0) {
-        const ssize_t count = write(fd, data, length);
-        if (count < 0 && errno == EINTR) continue;
-        if (count < 0) return false;
-        data += count;
-        length -= static_cast<size_t>(count);
-    }
-    return true;
 }
 
 // Why a text in XML is damaged although the reader of lists takes it, or null. The reader is content once the
@@ -123,18 +81,18 @@ const char* DamageOf(const std::string& text) {
 // Reads the text of a list; false, with the reason in `fault`, when it cannot be. Without a file it is empty and `mode`
 // stays.
 bool ReadListText(const std::string& path, std::string& text, std::optional<mode_t>& mode, std::string& fault) {
-    const File file(path, O_RDONLY | O_NONBLOCK);
+    const Descriptor file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     if (!file.IsOpen()) {
         fault = std::strerror(errno);
         return errno == ENOENT;
     }
     struct stat info {};
-    const bool isKnown = fstat(file.Descriptor(), &info) == 0;
+    const bool isKnown = fstat(file.Number(), &info) == 0;
     if (isKnown && !S_ISREG(info.st_mode)) {
         fault = "it is no regular file";
-    } else if (isKnown && info.st_size > kLargestList) {
+    } else if (isKnown && info.st_size > largestList) {
         fault = "it is larger than 64 MiB";
-    } else if (isKnown && ReadAll(file.Descriptor(), text, static_cast<size_t>(info.st_size))) {
+    } else if (isKnown && ReadWhole(file.Number(), text) == 0) {
         mode = info.st_mode & 07777;
         return true;
     } else {
@@ -167,10 +125,10 @@ bool ReplaceListFile(const std::string& path, const std::string& temporary, cons
     plist_to_xml(list.dictionary.get(), &xml, &length);
     const std::unique_ptr<char, decltype(&plist_to_xml_free)> owner(xml, &plist_to_xml_free);
     if (!xml) return false;
-    File file(temporary, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW, kNewListMode);
+    Descriptor file(open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, newListMode));
     if (!file.IsOpen()) return false;
-    const bool written = fchmod(file.Descriptor(), list.mode) == 0 && WriteAll(file.Descriptor(), xml, length);
-    if (file.Close() && written && rename(temporary.c_str(), path.c_str()) == 0) return true;
+    const bool written = fchmod(file.Number(), list.mode) == 0 && WriteWhole(file.Number(), xml, length) == 0;
+    if (file.Close() == 0 && written && rename(temporary.c_str(), path.c_str()) == 0) return true;
     unlink(temporary.c_str());
     return false;
 }
@@ -178,9 +136,9 @@ bool ReplaceListFile(const std::string& path, const std::string& temporary, cons
 // Makes the folder with those above it; a failure shows when the lock file in it is opened.
 void MakeFolder(const std::string& folder) {
     for (size_t slash = folder.find('/', 1); slash != std::string::npos; slash = folder.find('/', slash + 1)) {
-        mkdir(folder.substr(0, slash).c_str(), kNewFolderMode);
+        mkdir(folder.substr(0, slash).c_str(), newFolderMode);
     }
-    mkdir(folder.c_str(), kNewFolderMode);
+    mkdir(folder.c_str(), newFolderMode);
 }
 
 bool WaitForLock(int fd) {
@@ -277,8 +235,9 @@ bool StorePreference(const std::string& identifier, const std::string& name, con
     if (!node) return false;
 
     MakeFolder(folder);
-    const File lock(folder + "/." + identifier + ".lock", O_RDWR | O_CREAT | O_NOFOLLOW, kNewListMode);
-    if (!lock.IsOpen() || !WaitForLock(lock.Descriptor())) return false;
+    const std::string lockPath = folder + "/." + identifier + ".lock";
+    const Descriptor lock(open(lockPath.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, newListMode));
+    if (!lock.IsOpen() || !WaitForLock(lock.Number())) return false;
     const std::string path = folder + "/" + identifier + ".plist";
     std::string ignored;
     std::optional<ListFile> list = ReadListFile(path, ignored);

@@ -7,43 +7,23 @@
 
 namespace kel {
 
-EventQueue::EventQueue(transport::Endpoint& endpoint, std::string what) : endpoint_(endpoint), what_(std::move(what)) {}
+EventQueue::EventQueue(transport::Endpoint& endpoint, std::string what)
+    : endpoint_(endpoint), what_(std::move(what)), strand_(transport::maxNotificationBytes) {}
 
 void EventQueue::Append(std::function<void()> event, size_t bytes) {
-    PMutexHold hold(lock_);
-    while (bytes_ > transport::maxNotificationBytes && !stopped_) lock_.wait();
-    if (stopped_) return;
-    events_.push_back({std::move(event), bytes});
-    bytes_ += bytes;
-    if (running_) return;
-    endpoint_.Post([this] { Run(); });
-    running_ = true;
+    if (!strand_.Append(std::move(event), bytes)) return;
+    try {
+        endpoint_.Post([this] { Run(); });
+    } catch (...) {
+        strand_.GiveUp();
+        throw;
+    }
 }
 
-void EventQueue::Stop() {
-    std::deque<Event> dropped;
-    PMutexHold hold(lock_);
-    stopped_ = true;
-    dropped.swap(events_);
-    lock_.broadcast();
-}
+void EventQueue::Stop() { strand_.Stop(); }
 
 void EventQueue::Run() {
-    for (;;) {
-        Event next;
-        {
-            PMutexHold hold(lock_);
-            if (events_.empty()) {
-                running_ = false;
-                return;
-            }
-            next = std::move(events_.front());
-            events_.pop_front();
-            bytes_ -= next.bytes;
-            lock_.broadcast();
-        }
-        RunOne(next.run);
-    }
+    while (const auto event = strand_.Take()) RunOne(*event);
 }
 
 // The author's code may throw what it likes.

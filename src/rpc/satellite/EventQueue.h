@@ -1,24 +1,24 @@
 // Calls of the author's On... members that wait for their turn.
 #pragma once
 
-#include "foundation/Locks.h"
+#include "foundation/Strand.h"
 #include "rpc/transport/Endpoint.h"
 
-#include <deque>
 #include <functional>
 #include <string>
 
 namespace kel {
 
-// Runs events one at a time, in the order in which they were appended, on the endpoint's threads. Never on the thread
-// that appends: events come over several connections, and one that is held up by an event cannot bring its next ones in
-// before those of another. Any thread. The endpoint must be closed before the object goes.
+// A strand of events, run by the endpoint's threads. Never by the thread that appends: events come over several
+// connections, and one that is held up by an event cannot bring its next ones in before those of another. Any thread.
+// The endpoint must be closed before the object goes.
 class EventQueue {
 public:
     // `what` names the events in log lines.
     EventQueue(transport::Endpoint& endpoint, std::string what);
 
-    // `bytes` are what the event takes while it waits; when those that wait take too many, the caller waits as well.
+    // `bytes` are what the event takes while it waits; when those that wait take too many, the caller waits as well:
+    // backpressure on the connection that brings them.
     void Append(std::function<void()> event, size_t bytes = 0);
     // Drops what waits and what comes. An event that runs goes on; the endpoint's Quiesce waits for it.
     void Stop();
@@ -29,16 +29,7 @@ private:
 
     transport::Endpoint& endpoint_;
     const std::string what_;
-
-    struct Event {
-        std::function<void()> run;
-        size_t bytes;
-    };
-    PCondMutex lock_;  // broadcast when there is room again, or no use in waiting for it
-    std::deque<Event> events_ GUARDED_BY(lock_);
-    size_t bytes_ GUARDED_BY(lock_) = 0;
-    bool running_ GUARDED_BY(lock_) = false;
-    bool stopped_ GUARDED_BY(lock_) = false;
+    Strand<std::function<void()>> strand_;
 };
 
 }  // namespace kel

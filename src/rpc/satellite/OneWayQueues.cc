@@ -63,7 +63,7 @@ bool OneWayQueues::AwaitRoom(const std::string& satellite, std::chrono::millisec
     const Deadline deadline = std::chrono::steady_clock::now() + timeout;
     PMutexHold hold(queue->lock);
     while (queue->waiting.size() > maxOneWayWaiting / 2) {
-        if (queue->roomMade.wait_until(queue->lock, deadline) == std::cv_status::timeout) return false;
+        if (!queue->lock.waitUntil(deadline)) return false;
     }
     return true;
 }
@@ -117,7 +117,8 @@ void OneWayQueues::SendAll(const QueuePtr& queue, const ConnectionPtr& connectio
     while (TakeNext(*queue, bytes)) {
         switch (connection->Send(bytes, Connection::WhenFull::queue)) {
             case Connection::Sent::sent:
-                queue->retried = queue->failing = false;
+                queue->retried = false;
+                queue->failing.Ends();
                 break;
             case Connection::Sent::queued:
                 // The rest waits here, where it can be counted, until the peer has read this one.
@@ -143,7 +144,7 @@ bool OneWayQueues::TakeNext(Queue& queue, std::string& bytes) {
         if (!queue.waiting.empty()) {
             bytes = std::move(queue.waiting.front());
             queue.waiting.pop_front();
-            if (queue.waiting.size() == maxOneWayWaiting / 2) queue.roomMade.notify_all();
+            if (queue.waiting.size() == maxOneWayWaiting / 2) queue.lock.broadcast();
             return true;
         }
         queue.running = false;
@@ -171,13 +172,13 @@ void OneWayQueues::Failed(const QueuePtr& queue, const std::string& problem) {
 
 // Drops what waits; the caller is no longer the runner.
 void OneWayQueues::Drop(Queue& queue, const char* problem) {
-    const bool isNews = !std::exchange(queue.failing, true);
+    const bool isNews = queue.failing.Begins();
     size_t dropped = 0;
     {
         PMutexHold hold(queue.lock);
         dropped = queue.waiting.size() + std::exchange(queue.dropped, 0);
         queue.waiting.clear();
-        queue.roomMade.notify_all();
+        queue.lock.broadcast();
         queue.running = false;
     }
     if (!isNews) return;

@@ -1,11 +1,11 @@
 // One-way calls: queued for each satellite, sent in order, never waited for by the caller.
 #pragma once
 
+#include "foundation/SaidOnce.h"
 #include "foundation/StdString.h"
 #include "rpc/satellite/AddressBook.h"
 
 #include <chrono>
-#include <condition_variable>
 #include <deque>
 #include <map>
 #include <memory>
@@ -29,7 +29,7 @@ public:
     // Queues the bytes of one notification for `satellite`.
     void Post(const std::string& satellite, std::string bytes);
 
-    // Waits until at least half of the queue is free; false when that takes longer.
+    // Backpressure for those who want it: waits until at least half of the queue is free; false when that takes longer.
     bool AwaitRoom(const std::string& satellite, std::chrono::milliseconds timeout);
 
 private:
@@ -37,16 +37,15 @@ private:
         explicit Queue(std::string name) : satellite(std::move(name)) {}
 
         const std::string satellite;
-        PMutex lock;
+        PCondMutex lock;  // broadcast when half of it is free
         std::deque<std::string> waiting GUARDED_BY(lock);
         bool running GUARDED_BY(lock) = false;
-        std::condition_variable_any roomMade;   // half of it is free
         size_t dropped GUARDED_BY(lock) = 0;    // since the queue was last empty
         bool retired GUARDED_BY(lock) = false;  // no longer in the list
 
         // The runner's.
         bool retried = false;
-        bool failing = false;  // the latest calls were dropped, which is said once
+        SaidOnce failing;  // the latest calls were dropped
         transport::Address address;
     };
     using QueuePtr = std::shared_ptr<Queue>;

@@ -2,33 +2,29 @@
 
 #include "foundation/CheckedSettings.h"
 #include "rpc/finder/FindDirectory.h"
-#include "rpc/satellite/RunningCall.h"
 #include "rpc/transport/LibraryLog.h"
 #include "rpc/values/VUtil.h"
 
 #include <unistd.h>
 
 #include <cstdlib>
-#include <cstring>
-#include <functional>
 #include <utility>
 
 using namespace kel::transport;
 using kel::foundTimeout;
 using kel::IsDirectoryName;
+using kel::Link;
+using kel::Session;
+using kel::SessionPtr;
 using kel::shortTimeout;
 using kel::settings::BindAddress;
 using kel::settings::DirectoryPort;
-namespace wire = kel::wire;
 
 namespace {
 
 constexpr int nameIsTaken = 0x40010;  // the directory's answer to "Register"
 
 constexpr std::chrono::seconds standingPeriod{10};
-constexpr long registrationGraceMs = 2000;
-
-constexpr const char* availabilityMethod = "OnServiceAvailabilityChanged";
 
 // What is wrong with the settings, unless that was the last this said of them. The directory says it at its start.
 void SayWhatIsWrongWithSettings() {
@@ -76,18 +72,14 @@ Address ParseDirectory(const char* host) {
 
 }  // namespace
 
-KelSatellite::Impl::Impl(KelSatellite& satellite) : satellite_(satellite) {}
+KelSatellite::Impl::Impl(KelSatellite& satellite)
+    : satellite_(satellite), answers_(satellite, methods_, name_, current_) {}
 
 KelSatellite::Impl::~Impl() { Disconnect(); }
 
-KelSatellite::Impl::LinkPtr KelSatellite::Impl::link() {
-    PMutexHold hold(lock_);
-    return link_;
-}
-
 unsigned short KelSatellite::Impl::port() {
-    const LinkPtr current = link();
-    return current ? current->endpoint.port() : 0;
+    const SessionPtr session = current_.Get();
+    return session ? session->link.endpoint.port() : 0;
 }
 
 // --- Connecting and leaving ----------------------------------------------------------------------------------------
@@ -109,12 +101,17 @@ std::optional<Address> KelSatellite::Impl::DirectoryOn(const char* host, const C
     if (directory) return directory;
 
     own_ = Address{"127.0.0.1", DirectoryPort()};
-    const auto asking = std::make_shared<Link>(*this, Address(), name_);
-    asking->endpoint.Start();
+    Link asking(answers_, Address(), name_, Link::Role::caller);
+    asking.endpoint.Start();
     directory = kel::FindDirectory(
-        {*own_, [&](const Address& address) { return IsDirectoryAt(*asking, address, foundTimeout); }});
-    asking->endpoint.Close();
+        {*own_, [&](const Address& address) { return asking.IsDirectoryAt(address, foundTimeout); }});
+    asking.endpoint.Close();
     return directory;
+}
+
+SessionPtr KelSatellite::Impl::MakeSession(const Address& directory, Link::Role role) {
+    const auto changed = [this](int satId, KELSTATUS status) { satellite_.OnStatusChange(satId, status); };
+    return std::make_shared<Session>(answers_, directory, name_, role, methods_, subscriptions_, changed, own_);
 }
 
 int KelSatellite::Impl::ConnectAs(const Address& directory) {
@@ -123,49 +120,39 @@ int KelSatellite::Impl::ConnectAs(const Address& directory) {
     const std::string bindAddress = BindAddress();
     if (isDirectory && bindAddress != "0.0.0.0") at.host = bindAddress;  // it reaches itself where it listens
 
-    const auto made = std::make_shared<Link>(*this, at, name_);
-    made->listens = true;
-    made->endpoint.Start();
-    {
-        PMutexHold hold(lock_);
-        link_ = made;
-    }
+    const SessionPtr made = MakeSession(at, Link::Role::satellite);
+    made->link.endpoint.Start();
+    current_.Set(made);
     try {
-        int code = Open(*made, isDirectory);
+        int code = Open(made->link, isDirectory);
         if (code == KEL_OK) {
             satellite_.CreateServices();
-            made->endpoint.Accept();
-            code = Register();
+            made->link.endpoint.Accept();
+            code = made->standing.Register();
         }
         if (code != KEL_OK) {
-            Drop(made);
+            Drop(*made);
             return code == nameIsTaken ? KEL_ALREADY_REGISTERED : code == KEL_NO_ANSWER ? KEL_UNREACHABLE : code;
         }
     } catch (...) {
-        Drop(made);
+        Drop(*made);
         throw;
     }
-    made->endpoint.Repeat(standingPeriod, [this] {
-        CheckStanding();
-        LookAround();
-    });
+    made->link.endpoint.Repeat(standingPeriod, [session = made.get()] { session->LookAfter(); });
     return KEL_OK;
 }
 
 int KelSatellite::Impl::ConnectUser(const char* host, const char* user) {
     const std::optional<Address> directory = DirectoryOn(host, user);
     if (!directory) return KEL_UNREACHABLE;
-    const auto made = std::make_shared<Link>(*this, *directory, name_);
-    made->endpoint.Start();
-    if (!IsDirectoryAt(*made, *directory, shortTimeout)) {
-        made->endpoint.Close();
+    const SessionPtr made = MakeSession(*directory, Link::Role::caller);
+    made->link.endpoint.Start();
+    if (!made->link.IsDirectoryAt(*directory, shortTimeout)) {
+        made->link.endpoint.Close();
         return KEL_UNREACHABLE;
     }
-    {
-        PMutexHold hold(lock_);
-        link_ = made;
-    }
-    if (own_) made->endpoint.Repeat(standingPeriod, [this] { LookAround(); });
+    current_.Set(made);
+    if (own_) made->link.endpoint.Repeat(standingPeriod, [session = made.get()] { session->LookAfter(); });
     return KEL_OK;
 }
 
@@ -176,7 +163,7 @@ int KelSatellite::Impl::Open(Link& link, bool isDirectory) {
     const boost::system::error_code error = link.endpoint.Listen(at);
     if (!error) return KEL_OK;
     if (isDirectory && error == boost::asio::error::address_in_use &&
-        IsDirectoryAt(link, link.addresses.directory(), shortTimeout)) {
+        link.IsDirectoryAt(link.addresses.directory(), shortTimeout)) {
         return KEL_ALREADY_REGISTERED;
     }
     CBBLog::error(LibraryLogger(), "libkel: %s cannot listen on %s: %s; %s", name_.c_str(), at.text().c_str(),
@@ -184,56 +171,42 @@ int KelSatellite::Impl::Open(Link& link, bool isDirectory) {
     return KEL_PORT_IN_USE;
 }
 
-// Whether the endpoint at `address` publishes what a directory publishes.
-bool KelSatellite::Impl::IsDirectoryAt(Link& link, const Address& address, std::chrono::milliseconds timeout) {
-    const ScopedVariant nothing;
-    const Outcome outcome = link.endpoint.outbound().Call(address, "kel.Describe", link.self, nothing,
-                                                          std::chrono::steady_clock::now() + timeout);
-    if (outcome.end != Outcome::End::answered) return false;
-    try {
-        const int count = VUtil::GetArrayLengthEmpty(outcome.message.value);
-        for (int i = 0; i < count; ++i) {
-            ScopedVariant method;
-            VUtil::GetElement(outcome.message.value, i, method);
-            if (VUtil::GetStringElement(method, 0) == "Register") return true;
-        }
-    } catch (const KelException&) {
-    }
-    return false;
-}
-
 void KelSatellite::Impl::Disconnect() {
-    const LinkPtr current = link();
-    if (!current) return;
-    if (current->endpoint.OnWorker()) {
+    const SessionPtr session = current_.Get();
+    if (!session) return;
+    if (session->link.endpoint.OnWorker()) {
         CBBLog::error(LibraryLogger(), "libkel: Disconnect called from inside a method of %s; ignored", name_.c_str());
         return;
     }
-    const bool wasRegistered = EndStanding();
-    if (wasRegistered && !IsDirectoryName(name_)) {
-        CallDirectory(*current, "RemoveSatellite", Record(*current, {}), shortTimeout);
-    }
-    Drop(current);
+    session->standing.Leave();
+    Drop(*session);
 }
 
-void KelSatellite::Impl::Drop(const LinkPtr& dropped) {
-    EndStanding();
-    dropped->news.Stop();
-    dropped->standings.Stop();
-    dropped->endpoint.Quiesce();
-    dropped->endpoint.Close();
-    {
-        PMutexHold hold(standing_);
-        leaving_ = reportedGone_ = directoryMissing_ = settlingFailed_ = false;
-        satId_ = 0;
-        due_ = {};
-        knownOver_.reset();
-    }
-    PMutexHold hold(lock_);
-    link_.reset();
+void KelSatellite::Impl::Drop(Session& session) {
+    session.standing.End();
+    session.link.news.Stop();
+    session.link.standings.Stop();
+    session.link.endpoint.Quiesce();
+    session.link.endpoint.Close();
+    current_.Set(nullptr);
 }
 
 // --- Publishing ----------------------------------------------------------------------------------------------------
+
+int KelSatellite::Impl::Register() {
+    const SessionPtr session = current_.Get();
+    return session ? session->standing.Register() : KEL_NOT_CONNECTED;
+}
+
+int KelSatellite::Impl::Unregister(bool leave) {
+    const SessionPtr session = current_.Get();
+    return session ? session->standing.Unregister(leave) : KEL_NOT_CONNECTED;
+}
+
+int KelSatellite::Impl::GetSatelliteId(int* id) {
+    const SessionPtr session = current_.Get();
+    return session ? session->standing.GetSatelliteId(id) : KEL_NOT_CONNECTED;
+}
 
 int KelSatellite::Impl::AddService(const char* name, const char* description, KelSatelliteDelegateGeneric* delegate) {
     std::unique_ptr<KelSatelliteDelegateGeneric> owned(delegate);
@@ -241,87 +214,74 @@ int KelSatellite::Impl::AddService(const char* name, const char* description, Ke
     if (!owned) throw KelInvalidParameterException("AddService: a service needs a delegate");
     const auto method = std::make_shared<const kel::Method>(name, description, std::move(owned));
     methods_.Put(method);
-    const LinkPtr current = link();
-    return current ? TellOfService(*current, method->name) : KEL_OK;
+    const SessionPtr session = current_.Get();
+    return session ? session->standing.TellOfService(method->name) : KEL_OK;
 }
 
 int KelSatellite::Impl::RemoveService(const char* name) {
     if (!name) return KEL_UNKNOWN_METHOD;
-    if (!methods_.Remove(name)) {
-        PMutexHold hold(standing_);
-        if (due_.services.count(name) == 0) return KEL_UNKNOWN_METHOD;  // else the directory has yet to hear of it
-    }
-    const LinkPtr current = link();
-    return current ? TellOfService(*current, name) : KEL_OK;
+    const bool wasThere = methods_.Remove(name);
+    const SessionPtr session = current_.Get();
+    if (!wasThere && !(session && session->standing.IsDue(name))) return KEL_UNKNOWN_METHOD;
+    return session ? session->standing.TellOfService(name) : KEL_OK;
 }
 
-void KelSatellite::Impl::OnCall(const ConnectionPtr& connection, wire::Message& call) {
-    const auto method = [&](ScopedVariant& out) { return RunMethod(connection, call, out); };
-    kel::RunningCall(connection, call).Run(std::cref(method));
-}
-
-int KelSatellite::Impl::RunMethod(const ConnectionPtr& connection, const wire::Message& call, ScopedVariant& out) {
-    if (call.method == "kel.Ping") {
-        out = AnswerPing(call.value);
-        return KEL_OK;
-    }
-    if (call.method == "kel.Describe") {
-        out = AnswerDescribe();
-        return KEL_OK;
-    }
-    int result = 0;
-    const int code = satellite_.OnServiceRequested(connection->descriptor(), call.caller.c_str(), call.method.c_str(),
-                                                   call.value, &out, &result);
-    if (code == KEL_OK) return result;
-    if (code == KEL_UNKNOWN_METHOD && call.method == availabilityMethod) return TellAvailability(call.value);
-    CStdStr text;
-    text.Format(code == KEL_UNKNOWN_METHOD ? "unknown method %s" : "%s was refused", call.method.c_str());
-    throw KelException(text.c_str(), code);
-}
-
-// The directory's news of a service becomes the virtual call, unless the satellite publishes the method itself.
-int KelSatellite::Impl::TellAvailability(const tagVARIANT& in) {
-    VUtil::CheckArrayType(in, VT_VARIANT, 3, availabilityMethod);
-    const CStdStr service = VUtil::GetStringElement(in, 0);
-    const CStdStr provider = VUtil::GetStringElement(in, 1);
-    const int status = VUtil::GetIntElement(in, 2);
-    if (const LinkPtr current = link()) {
-        const auto tell = [this, service, provider, status] {
-            satellite_.OnServiceAvailabilityChanged(service.c_str(), provider.c_str(), status);
-        };
-        current->news.Append(tell, sizeof tell + service.size() + provider.size());
-    }
+int KelSatellite::Impl::Listen(const char* service) {
+    if (!service || !*service) throw KelInvalidParameterException("AddServiceAvailabilityListener: which service?");
+    const SessionPtr session = current_.Get();
+    if (session && !session->link.listens) return KEL_NOT_CONNECTED;  // attached as a caller only
+    if (session) return session->standing.Listen(service);
+    kel::Subscribe(subscriptions_, service);
     return KEL_OK;
 }
 
-ScopedVariant KelSatellite::Impl::AnswerPing(const tagVARIANT& in) {
-    VUtil::CheckArrayType(in, VT_VARIANT, 2, "kel.Ping");
-    const CStdStr name = VUtil::GetStringElement(in, 0);
-    const int satId = VUtil::GetIntElement(in, 1);
-    return MakeInt(ssicmp(name.c_str(), name_.c_str()) == 0 && IsOwnId(satId) ? 1 : 0);
+int KelSatellite::Impl::StopListening(const char* service) {
+    if (!service) return KEL_OK;
+    if (const SessionPtr session = current_.Get()) return session->standing.StopListening(service);
+    kel::Unsubscribe(subscriptions_, service);
+    return KEL_OK;
 }
 
-// The directory may ask for the id that it has just given before its answer with the id has been read here, so while it
-// is being told something the question waits a little. The directory's own registration is not waited for: it asks
-// itself from inside it whether the record that an earlier run left behind is alive.
-bool KelSatellite::Impl::IsOwnId(int satId) {
-    const timespec deadline = DeadlineIn(registrationGraceMs);
-    PMutexHold hold(standing_);
-    while (turnTaken_ && satId != satId_ && !IsDirectoryName(name_) && standing_.waitUntil(deadline)) {
+// --- Calling ---------------------------------------------------------------------------------------------------------
+
+int KelSatellite::Impl::Request(const char* satellite, const char* method, const tagVARIANT& in, tagVARIANT* out,
+                                KELFLAGS flags, tagVARIANT* extra) {
+    if (!satellite || !*satellite || !method || !*method) {
+        throw KelInvalidParameterException("Request: a satellite and a method are needed");
     }
-    return satId == satId_;
+    if (out) VariantClear(out);
+    if (extra) VariantClear(extra);
+    std::string problem;
+    int code = KEL_NOT_CONNECTED;
+    if (const SessionPtr session = current_.Get()) {
+        ScopedVariant value;
+        code = flags & KELFLAG_ONE_WAY ? session->link.Post(satellite, method, in, problem)
+                                       : session->link.Call(satellite, method, in, value, problem);
+        if (out) *out = value.release();
+    } else {
+        problem = "not connected to a directory";
+    }
+    if (extra && !problem.empty()) *extra = MakeString(problem.c_str()).release();
+    return code;
 }
 
-ScopedVariant KelSatellite::Impl::AnswerDescribe() const {
-    const kel::Services methods = methods_.All();
-    ScopedVariant list;
-    VUtil::CreateArray(list, VT_VARIANT, methods.size());
-    for (size_t i = 0; i < methods.size(); ++i) {
-        ScopedVariant pair;
-        VUtil::CreateArray(pair, VT_VARIANT, 2);
-        VUtil::PutElement(pair, 0, methods[i].name);
-        VUtil::PutElement(pair, 1, methods[i].description);
-        VUtil::PutElement(list, static_cast<int>(i), static_cast<const tagVARIANT&>(pair));
-    }
-    return list;
+bool KelSatellite::Impl::WaitForOneWayRoom(const char* satellite, int milliseconds) {
+    const SessionPtr session = current_.Get();
+    return session && session->link.oneWay.AwaitRoom(satellite, std::chrono::milliseconds(milliseconds));
+}
+
+void KelSatellite::Impl::ForgetAddress(const char* satellite) {
+    if (const SessionPtr session = current_.Get()) session->link.addresses.Forget(satellite);
+}
+
+int KelSatellite::Impl::Ping(const char* name, const char* host, unsigned short port, int satId, KELSTATUS* status) {
+    *status = KEL_PING_NO_WAY;
+    const SessionPtr session = current_.Get();
+    return session ? session->link.pings.Ping(name, {host, port}, satId, status) : KEL_PING_NO_WAY;
+}
+
+void KelSatellite::Impl::PingLater(const char* name, const char* host, unsigned short port, int satId,
+                                   PingHandler heard) {
+    const SessionPtr session = current_.Get();
+    if (session) session->link.pings.PingLater(name, {host, port}, satId, std::move(heard));
 }

@@ -18,7 +18,7 @@ uint16_t ElementSize(VARTYPE type) {
     return kel::NumberSize(type);
 }
 
-// A text that must not fail where null is a value of its own.
+// False when there is no memory. Null comes back for null, which is a value too, so it does not tell.
 bool CopyString(BSTR from, BSTR& to) {
     to = SysAllocString(from);
     return to || !from;

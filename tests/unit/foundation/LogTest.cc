@@ -23,7 +23,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr long long kModuleLogSize = 524288;
+constexpr long long moduleLogSize = 524288;
 
 std::string contentsOf(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
@@ -48,7 +48,7 @@ protected:
         if (capturing_) testing::internal::GetCapturedStdout();
     }
 
-    static boost::shared_ptr<CBBLog> makeLog(const char* name = "Recorder.log", long long size = kModuleLogSize) {
+    static boost::shared_ptr<CBBLog> makeLog(const char* name = "Recorder.log", long long size = moduleLogSize) {
         return boost::make_shared<CBBLog>(name, false, size);
     }
 
@@ -86,7 +86,7 @@ TEST_F(ALog, BeforeItsFirstLineClaimsEveryLevelExceptThroughTheInstanceFunctions
 }
 
 TEST_F(ALog, HeadsEachLineWithTimeLevelAndOnRequestTheProcess) {
-    auto log = boost::make_shared<CBBLog>("sub\\Recorder.one.log", true, kModuleLogSize);
+    auto log = boost::make_shared<CBBLog>("sub\\Recorder.one.log", true, moduleLogSize);
     log->setLogLevel(LOGLEVEL_DEBUG);
     log->AddLog(LOGLEVEL_WARN, "careful");
     log->AddLog("by default at debug");
@@ -244,7 +244,7 @@ TEST_F(ALog, WritesWhatIsQueuedBeforeItGoes) {
 
 TEST_F(ALog, FlushesWhatIsQueuedUnlessItsThreadIsHeldUp) {
     struct HeldUp : CBBLog {
-        HeldUp() : CBBLog("Recorder.log", false, kModuleLogSize) {}
+        HeldUp() : CBBLog("Recorder.log", false, moduleLogSize) {}
         ~HeldUp() override { stopThread(); }
         void logLineToFile(const CStdStr& line) override {
             go.waitSignalled();

@@ -20,14 +20,14 @@ using kel::platform::SynchronisePreferences;
 
 namespace {
 
-constexpr char kKey[] = "Software\\Tessaly\\Yar";
-constexpr char kConfigKey[] = "Software\\Tessaly\\Yar\\Config";
-constexpr char kIdentifier[] = "com.tessaly.yar";
+constexpr char productKey[] = "Software\\Tessaly\\Yar";
+constexpr char configKey[] = "Software\\Tessaly\\Yar\\Config";
+constexpr char identifier[] = "com.tessaly.yar";
 
 // The settings of a user who has none yet.
 class TheSettings : public testing::Test {
 protected:
-    std::string ListPath() const { return root_.config() + "/" + kIdentifier + ".plist"; }
+    std::string ListPath() const { return root_.config() + "/" + identifier + ".plist"; }
     void PutList(const std::string& text) { std::ofstream(ListPath()) << text; }
 
     std::string List() const {
@@ -37,7 +37,7 @@ protected:
 
     int ReadInt(const char* name, int missing = -777) {
         int value = missing;
-        settings_->ReadSettingImpl(kKey, name, value);
+        settings_->ReadSettingImpl(productKey, name, value);
         return value;
     }
 
@@ -63,49 +63,49 @@ TEST(AKeyPath, BecomesAPreferencesIdentifier) {
 }
 
 TEST_F(TheSettings, LeaveTheCallersValueWhenOneIsMissing) {
-    ASSERT_TRUE(settings_->WriteSettingImpl(kKey, "Other", 1));
+    ASSERT_TRUE(settings_->WriteSettingImpl(productKey, "Other", 1));
     EXPECT_EQ(42, ReadInt("other", 42)) << "value names are case-sensitive";
-    EXPECT_EQ("(missing)", ReadText(kKey, "InstallDir"));
+    EXPECT_EQ("(missing)", ReadText(productKey, "InstallDir"));
 }
 
 TEST_F(TheSettings, GiveBackEveryNumberAndText) {
     for (int number : {0, 4, -5, 2147483647, -2147483647 - 1}) {
-        ASSERT_TRUE(settings_->WriteSettingImpl(kKey, "Number", number));
+        ASSERT_TRUE(settings_->WriteSettingImpl(productKey, "Number", number));
         EXPECT_EQ(number, ReadInt("Number"));
     }
     CStdStr everyCharacter;
     for (int c = 1; c < 256; ++c) everyCharacter.push_back(static_cast<char>(c));
     const CStdStr longText(std::string(70000, '\x8a'));
     for (const CStdStr& text : {CStdStr(), CStdStr("  <a> & \"b\" \r\n"), everyCharacter, longText}) {
-        ASSERT_TRUE(settings_->WriteSettingImpl(kConfigKey, "Text", text));
+        ASSERT_TRUE(settings_->WriteSettingImpl(configKey, "Text", text));
         EXPECT_EQ(text, ReadText("SOFTWARE\\TESSALY\\YAR\\CONFIG", "Text"));
     }
 }
 
 TEST_F(TheSettings, AreStoredInUnicodeAndReadAsMacRoman) {
-    ASSERT_TRUE(settings_->WriteSettingImpl(kKey, "Gr\x9a\xa7\x65", CStdStr("K\x8ase")));
+    ASSERT_TRUE(settings_->WriteSettingImpl(productKey, "Gr\x9a\xa7\x65", CStdStr("K\x8ase")));
     EXPECT_NE(std::string::npos, List().find("<key>Größe</key>\n\t<string>Käse</string>")) << List();
-    ASSERT_TRUE(StorePreference(kIdentifier, "Foreign", std::string("\xe6\x97\xa5")));
-    EXPECT_EQ("", ReadText(kKey, "Foreign")) << "no Mac Roman text for it";
+    ASSERT_TRUE(StorePreference(identifier, "Foreign", std::string("\xe6\x97\xa5")));
+    EXPECT_EQ("", ReadText(productKey, "Foreign")) << "no Mac Roman text for it";
 }
 
 TEST_F(TheSettings, ReadAnyStoredTypeAsANumber) {
     const std::pair<PreferenceValue, int> rows[] = {
         {std::string("3"), 3}, {true, 1}, {2.9, 2}, {1e300, 2147483647}, {int64_t{0x100000007}, 7}};
     for (const auto& [stored, number] : rows) {
-        ASSERT_TRUE(StorePreference(kIdentifier, "Number", stored));
+        ASSERT_TRUE(StorePreference(identifier, "Number", stored));
         EXPECT_EQ(number, ReadInt("Number"));
     }
 }
 
 TEST_F(TheSettings, LookABooleanUpUnderItsLiteralKey) {
     bool flag = false;
-    ASSERT_TRUE(StorePreference(kIdentifier, "Flag", true));
-    EXPECT_FALSE(settings_->ReadSettingImpl(kKey, "Flag", flag));
-    EXPECT_TRUE(settings_->ReadSettingImpl(kIdentifier, "Flag", flag));
+    ASSERT_TRUE(StorePreference(identifier, "Flag", true));
+    EXPECT_FALSE(settings_->ReadSettingImpl(productKey, "Flag", flag));
+    EXPECT_TRUE(settings_->ReadSettingImpl(identifier, "Flag", flag));
     EXPECT_TRUE(flag);
-    ASSERT_TRUE(StorePreference(kKey, "Flag", false));
-    EXPECT_TRUE(settings_->ReadSettingImpl(kKey, "Flag", flag));
+    ASSERT_TRUE(StorePreference(productKey, "Flag", false));
+    EXPECT_TRUE(settings_->ReadSettingImpl(productKey, "Flag", flag));
     EXPECT_FALSE(flag);
 }
 
@@ -113,7 +113,7 @@ TEST_F(TheSettings, AreReadInBulkWithoutBooleansAndOtherTypesAndSayWhenThereAreN
     std::map<CStdStr, CStdStr> values = {{"n", "old"}, {"b", "kept"}};
     const auto printed = [&] {
         testing::internal::CaptureStdout();
-        settings_->ReadAllSettingsImpl(kKey, values);
+        settings_->ReadAllSettingsImpl(productKey, values);
         return testing::internal::GetCapturedStdout();
     };
     EXPECT_EQ("no keys for com.tessaly.yar\n", printed());
@@ -133,14 +133,14 @@ TEST_F(TheSettings, AreReadInBulkWithoutBooleansAndOtherTypesAndSayWhenThereAreN
 
 TEST_F(TheSettings, AreMadeForTheUserOnlyAndKeepTheOtherValuesAndTheModeOfTheList) {
     ASSERT_TRUE(std::filesystem::remove(root_.config()));
-    ASSERT_TRUE(settings_->WriteSettingImpl(kKey, "LogLevel", 3));
+    ASSERT_TRUE(settings_->WriteSettingImpl(productKey, "LogLevel", 3));
     EXPECT_EQ(std::filesystem::perms(0700), std::filesystem::status(root_.config()).permissions());
     EXPECT_EQ(std::filesystem::perms(0600), std::filesystem::status(ListPath()).permissions());
     PutList(
         "<plist version=\"1.0\"><dict><key>d</key><date>2001-01-01T00:00:00Z</date>"
         "<key>a</key><array><dict><key>x</key><data>YWJj</data></dict></array></dict></plist>");
     std::filesystem::permissions(ListPath(), std::filesystem::perms(0640));
-    ASSERT_TRUE(settings_->WriteSettingImpl(kKey, "LogLevel", 4));
+    ASSERT_TRUE(settings_->WriteSettingImpl(productKey, "LogLevel", 4));
     EXPECT_EQ(std::filesystem::perms(0640), std::filesystem::status(ListPath()).permissions());
     EXPECT_NE(std::string::npos, List().find("2001-01-01T00:00:00Z"));
     EXPECT_NE(std::string::npos, List().find("YWJj"));
@@ -153,21 +153,21 @@ TEST_F(TheSettings, NeverLeaveTheirFolder) {
         EXPECT_FALSE(SynchronisePreferences(key)) << key;
     }
     EXPECT_FALSE(settings_->WriteSettingImpl(CStdStr("a\0b", 3), "Name", 1));
-    EXPECT_FALSE(settings_->WriteSettingImpl(kKey, CStdStr("a\0b", 3), 1));
+    EXPECT_FALSE(settings_->WriteSettingImpl(productKey, CStdStr("a\0b", 3), 1));
     EXPECT_FALSE(std::filesystem::exists(root_.path() + "/outside.plist"));
     EXPECT_TRUE(std::filesystem::is_empty(root_.config()));
 }
 
 TEST_F(TheSettings, FailInABrokenListAndKeepIt) {
-    ASSERT_TRUE(settings_->WriteSettingImpl(kKey, "LogLevel", 4));
+    ASSERT_TRUE(settings_->WriteSettingImpl(productKey, "LogLevel", 4));
     const std::string whole = List();
     for (const std::string& broken :
          {std::string("garbage"), whole.substr(0, whole.size() / 2), whole.substr(0, whole.rfind("</plist>")),
           std::string("<plist version=\"1.0\"><array/></plist>")}) {
         PutList(broken);
         int number = 42;
-        EXPECT_FALSE(settings_->ReadSettingImpl(kKey, "LogLevel", number));
-        EXPECT_FALSE(settings_->WriteSettingImpl(kKey, "LogLevel", 3));
+        EXPECT_FALSE(settings_->ReadSettingImpl(productKey, "LogLevel", number));
+        EXPECT_FALSE(settings_->WriteSettingImpl(productKey, "LogLevel", 3));
         EXPECT_EQ(broken, List());
     }
 }
@@ -175,7 +175,8 @@ TEST_F(TheSettings, FailInABrokenListAndKeepIt) {
 TEST_F(TheSettings, LoseNothingWhenTwoProcessesWrite) {
     const auto writeAll = [this](const std::string& name, int count) {
         int failures = 0;
-        for (int i = 0; i < count; ++i) failures += !settings_->WriteSettingImpl(kKey, name + std::to_string(i), i);
+        for (int i = 0; i < count; ++i)
+            failures += !settings_->WriteSettingImpl(productKey, name + std::to_string(i), i);
         return failures;
     };
     int status = -1;
@@ -185,7 +186,7 @@ TEST_F(TheSettings, LoseNothingWhenTwoProcessesWrite) {
     ASSERT_EQ(child, waitpid(child, &status, 0));
     ASSERT_EQ(0, status);
     std::map<CStdStr, CStdStr> values;
-    settings_->ReadAllSettingsImpl(kKey, values);
+    settings_->ReadAllSettingsImpl(productKey, values);
     EXPECT_EQ(400u, values.size());
     for (int i = 0; i < 200; ++i) {
         EXPECT_EQ(std::to_string(i), values["child" + std::to_string(i)]);
@@ -198,14 +199,14 @@ TEST_F(TheSettings, LoseNothingWhenTwoProcessesWrite) {
 }
 
 TEST_F(TheSettings, AreAlwaysWholeToAReaderAndLoseNothingToAnotherThread) {
-    ASSERT_TRUE(settings_->WriteSettingImpl(kKey, "Steady", CStdStr(std::string(20000, 'x'))));
+    ASSERT_TRUE(settings_->WriteSettingImpl(productKey, "Steady", CStdStr(std::string(20000, 'x'))));
     std::atomic<bool> done{false};
     std::atomic<int> failures{0};
     std::thread reader([&] {
-        while (!done) failures += ReadText(kKey, "Steady").size() != 20000;
+        while (!done) failures += ReadText(productKey, "Steady").size() != 20000;
     });
     const auto write = [&](const std::string& name) {
-        for (int i = 0; i < 50; ++i) failures += !settings_->WriteSettingImpl(kKey, name + std::to_string(i), i);
+        for (int i = 0; i < 50; ++i) failures += !settings_->WriteSettingImpl(productKey, name + std::to_string(i), i);
     };
     std::thread other(write, "other");
     write("mine");
@@ -213,5 +214,5 @@ TEST_F(TheSettings, AreAlwaysWholeToAReaderAndLoseNothingToAnotherThread) {
     done = true;
     reader.join();
     EXPECT_EQ(0, failures);
-    EXPECT_EQ(101u, SynchronisePreferences(kIdentifier)->values.size());
+    EXPECT_EQ(101u, SynchronisePreferences(identifier)->values.size());
 }

@@ -7,13 +7,15 @@
 #include <signal.h>
 
 #include <atomic>
+#include <chrono>
 #include <memory>
 #include <stdexcept>
+#include <thread>
 #include <vector>
 
 namespace {
 
-constexpr long kDeadline = 30000;  // milliseconds
+constexpr long deadlineMs = 30000;  // milliseconds
 
 // Counts its live copies, so that a test sees when the last one is gone; its thread waits to be let go.
 class Work : public PThreadDelegateGeneric {
@@ -73,7 +75,7 @@ TEST(AThread, DestroyedUnjoinedRunsToTheEndAndFreesItsDelegate) {
     }
     EXPECT_EQ(alive, 1);
     go.set();
-    EXPECT_TRUE(done.waitSignalled(kDeadline));
+    EXPECT_TRUE(done.waitSignalled(deadlineMs));
     EXPECT_EQ(alive, 0);
     PThread(new Work(alive, go, done)).Join();
     EXPECT_EQ(alive, 0) << "one that was never started";
@@ -115,7 +117,7 @@ TEST(AThread, HasAStackForFaultsOfItsOwn) {
 }
 
 struct Waiter {
-    unsigned int wait(void*) { return event.waitSignalled(kDeadline); }
+    unsigned int wait(void*) { return event.waitSignalled(deadlineMs); }
     unsigned int take(void*) {
         go.waitSignalled();
         return event.testAndReset();
@@ -145,6 +147,50 @@ TEST(AManualEvent, WakesAllWhoWaitAndIsTakenByOneOfThoseWhoTestAndResetIt) {
     waiter.event.set();
     waiter.event.reset();
     EXPECT_FALSE(waiter.event.waitSignalled(1));
+}
+
+// Those who pass something on, one to the next.
+class Relay {
+public:
+    // Comes, and returns when the next one has come; or after a while, since he may have to wait for the one who goes.
+    void Pass() {
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(100);
+        PMutexHold hold(come_);
+        const int mine = ++count_;
+        come_.broadcast();
+        while (count_ == mine && come_.waitUntil(deadline)) {
+        }
+    }
+    void Await(int count) {
+        PMutexHold hold(come_);
+        while (count_ < count) come_.wait();
+    }
+
+private:
+    PCondMutex come_;
+    int count_ GUARDED_BY(come_) = 0;
+};
+
+TEST(AReadWriteLock, LetsAWriterInWhereThereIsAlwaysAReader) {
+    PReadWriteLock lock;
+    Relay relay;
+    std::atomic<bool> ends{false};
+    const auto read = [&] {
+        while (!ends) {
+            PReadHold hold(lock);
+            relay.Pass();
+        }
+    };
+    std::thread readers[] = {std::thread(read), std::thread(read)};
+    relay.Await(10);
+    PManualEvent isIn;
+    std::thread writer([&] {
+        PWriteHold hold(lock);
+        isIn.set();
+    });
+    EXPECT_TRUE(isIn.waitSignalled(deadlineMs));
+    ends = true;
+    for (std::thread* thread : {&readers[0], &readers[1], &writer}) thread->join();
 }
 
 }  // namespace

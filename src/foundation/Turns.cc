@@ -1,4 +1,4 @@
-#include "registry/Turns.h"
+#include "foundation/Turns.h"
 
 void NameTurns::Begin(const CStdStr& name) {
     PManualEvent itsTurn;

@@ -18,13 +18,19 @@ public:
     // Has a turn for the length of a block.
     class Hold {
     public:
-        Hold(NameTurns& turns, const CStdStr& name) : turns_(turns), name_(name) { turns_.Begin(name_); }
-        ~Hold() { turns_.End(name_); }
+        Hold(NameTurns& turns, const CStdStr& name) : Hold(&turns, name) {}
+        // Nothing when there is nobody to take turns with.
+        Hold(NameTurns* turns, const CStdStr& name) : turns_(turns), name_(name) {
+            if (turns_) turns_->Begin(name_);
+        }
+        ~Hold() {
+            if (turns_) turns_->End(name_);
+        }
         Hold(const Hold&) = delete;
         Hold& operator=(const Hold&) = delete;
 
     private:
-        NameTurns& turns_;
+        NameTurns* const turns_;
         const CStdStr name_;
     };
 

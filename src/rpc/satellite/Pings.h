@@ -1,0 +1,33 @@
+// Who is alive: the question whether an endpoint is a certain satellite.
+#pragma once
+
+#include "foundation/StdString.h"
+#include "rpc/satellite/KelSatellite.h"
+#include "rpc/transport/Endpoint.h"
+
+#include <memory>
+
+namespace kel {
+
+// KelSatellite::DirectoryPingSatellite and PingLater, through one endpoint. Any thread; the endpoint must be closed
+// before the object goes.
+class Pings {
+public:
+    // `self` is the caller's name that others see. Both outlive the object.
+    Pings(transport::Endpoint& endpoint, const CStdStr& self) : endpoint_(endpoint), self_(self) {}
+
+    int Ping(const char* name, const transport::Address& at, int satId, KELSTATUS* status);
+    void PingLater(const char* name, const transport::Address& at, int satId, KelSatellite::PingHandler heard);
+
+private:
+    struct LatePing;
+
+    transport::Outcome AskWhoItIs(const transport::Address& at, const tagVARIANT& in);
+    void AskLater(const std::shared_ptr<LatePing>& ping);
+    bool AskAgain(const std::shared_ptr<LatePing>& ping, const transport::Outcome& outcome);
+
+    transport::Endpoint& endpoint_;
+    const CStdStr& self_;
+};
+
+}  // namespace kel
