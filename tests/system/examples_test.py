@@ -5,7 +5,7 @@ import sys
 import unittest
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
-from kel_client import record, wait_until
+from kel_client import wait_until
 from kel_daemon import SystemTest
 
 
@@ -48,13 +48,6 @@ class TheExamples(SystemTest):
             program = self.directory.companion(name, "localhost:five")
             self.assertEqual(program.wait(), 1)
             self.assertIn(f'{name}: Connect: "localhost:five" is not a host', program.output())
-
-    def test_a_recorder_that_the_directory_has_lost_registers_itself_again(self):
-        self.directory.companion("recorder")
-        lost = wait_until(self.found, "the recorder")
-        self.assertEqual(self.c.call("RemoveSatellite", record("Recorder", 9, sat_id=lost))[0], 0)
-        again = wait_until(self.found, "the recorder to register again")
-        self.assertGreater(again, lost)
 
     def test_a_recorder_and_a_player_go_on_after_the_directory_was_killed_and_started_again(self):
         recorder, player = self.directory.companion("recorder"), self.directory.companion("player")

@@ -126,15 +126,6 @@ class ASatelliteThatIsRightBack(WithADirectory):
         wait_until(lambda: player.events() == heard, "the change of the record to be heard")
         self.assertNotIn("has died removing it", self.directory.log())
 
-    def test_is_pinged_in_the_first_pass_after_its_time(self):
-        recorder, = self.start(("Recorder", "Schedule"))
-        self.assertEqual(recorder.tell("back", 15), 0)
-        self.directory.current.wait_for("Satellite Recorder is BRB, don't ping")  # no check of it is under way
-        recorder.kill()
-        self.wait_until_gone("Recorder")
-        self.assertEqual(self.directory.log().count("Satellite Recorder beRightBackTimeout expired"), 1)
-        self.assertEqual(self.c.providers("Schedule"), [])
-
 
 class TheDirectory(WithADirectory):
     def test_removes_nobody_for_what_it_missed_while_it_stood_still(self):
