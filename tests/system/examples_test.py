@@ -32,17 +32,6 @@ class TheExamples(SystemTest):
         self.assertEqual(self.directory.satellite_files(), [])
         self.assertEqual(player.stop(signal.SIGINT), 0)
 
-    def test_a_second_recorder_is_refused_while_the_first_lives_and_takes_over_when_it_was_killed(self):
-        first = self.directory.companion("recorder")
-        first.wait_for("registered")  # it can be found before, while every other Register of its name is refused
-        sat_id = self.found()
-        second = self.directory.companion("recorder")
-        self.assertEqual(second.wait(), 1)
-        self.assertEqual((self.found(), first.running()), (sat_id, True))
-        first.kill()
-        self.directory.companion("recorder")
-        wait_until(lambda: self.found() not in (None, sat_id), "the recorder that takes over")
-
     def test_a_host_that_is_none_ends_either_with_the_reason(self):
         for name in ["recorder", "player"]:
             program = self.directory.companion(name, "localhost:five")

@@ -131,6 +131,8 @@ TEST_F(Liveness, PassesOverASatelliteWhoseCheckRunsAndWaitsForItAlsoAfterItsRemo
     }
     EXPECT_EQ(channel_.pings("Slow"), 1);
     registry_.RemoveSatellite("Slow", satId);
+    const int fresh = Add("Slow");
+    channel_.Kill("Slow", 0);
     std::atomic<bool> waited{false};
     std::thread waiter([&] {
         registry_.WaitCheckSatellites();
@@ -139,6 +141,7 @@ TEST_F(Liveness, PassesOverASatelliteWhoseCheckRunsAndWaitsForItAlsoAfterItsRemo
     EXPECT_FALSE(waited);
     channel_.Hang("");
     waiter.join();
+    EXPECT_EQ(registry_.GetSatelliteStruct("Slow")->satId, fresh) << "the check was of the one before";
 }
 
 TEST_F(Liveness, GoesOnAfterAPingThatThrows) {

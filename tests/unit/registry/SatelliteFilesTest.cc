@@ -212,20 +212,6 @@ TEST_F(SatelliteFiles, ThatCouldNotBeWrittenAreWrittenLater) {
     EXPECT_EQ(IdAfterRestart("Foo"), 1);
 }
 
-TEST_F(SatelliteFiles, ThatCouldNotBeDeletedAreDeletedLater) {
-    Registry registry;
-    Register(registry, "Foo");
-    const std::string text = TextOf(PathOf("Foo"));
-    fs::remove(PathOf("Foo"));
-    fs::create_directory(PathOf("Foo"));  // no file, and so not to be deleted as one
-    registry.RemoveSatellite("Foo", 1);
-    registry.SaveIfFailed();
-    fs::remove(PathOf("Foo"));
-    Write(PathOf("Foo"), text);
-    registry.SaveIfFailed();
-    EXPECT_EQ(Files(), Set{});
-}
-
 TEST_F(SatelliteFiles, ComeBackWithTheirFolder) {
     Registry registry;
     Register(registry, "Foo");
