@@ -46,21 +46,6 @@ class AStopSignal(SystemTest):
         for client in clients:
             client.wait_for_the_end()
 
-    def test_waits_for_running_calls_and_removes_only_the_directorys_own_record(self):
-        directory, endpoint = self.daemon().start(), self.satellite()
-        client = self.client(directory)
-        client.register("Recorder", endpoint.port, [("Schedule", "")])
-        directory.keep_from_checks("Recorder")
-        endpoint.hanging = True
-        client.send("Register", record("Recorder", 9))
-        wait_until(lambda: endpoint.unanswered, "the previous holder to be asked")
-        self.assertTrue((directory.satellites / "MainRegister.xml").exists())
-        directory.current.send_signal(signal.SIGTERM)
-        endpoint.close()
-        self.assertEqual(directory.current.wait(), 0)
-        self.assertFalse((directory.satellites / "MainRegister.xml").exists())
-        self.assertEqual(directory.satellite_files(), ["Recorder"])
-
 
 class ASecondInstance(SystemTest):
     def test_says_that_the_directory_is_registered_already_and_leaves_the_first_alone(self):

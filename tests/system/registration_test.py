@@ -1,7 +1,6 @@
 """Satellites register, clash, leave and return; what the directory keeps of them on disk, and after a restart."""
 import pathlib
 import sys
-import threading
 import unittest
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
@@ -82,21 +81,10 @@ class ANameThatIsTaken(WithADirectory):
 
     def test_goes_to_exactly_one_of_sixteen_who_ask_at_once(self):
         for name in ["Echo1", "Echo2", "Echo3"]:
-            clients = [self.directory.client() for _ in range(16)]
+            clients = [self.client(self.directory) for _ in range(16)]
             ports = [self.satellite().port for _ in clients]
-            answers = [None] * len(clients)
-            start = threading.Barrier(len(clients))
-
-            def ask(index):
-                start.wait()
-                answers[index] = clients[index].call("Register", record(name, ports[index], [(name, "")]))
-            threads = [threading.Thread(target=ask, args=(index,)) for index in range(len(clients))]
-            for thread in threads:
-                thread.start()
-            for thread in threads:
-                thread.join()
-            for client in clients:
-                client.close()
+            sent = [client.send("Register", record(name, port, [(name, "")])) for client, port in zip(clients, ports)]
+            answers = [client.answer(number) for client, number in zip(clients, sent)]
             winners = [index for index, (code, _) in enumerate(answers) if code == 0]
             self.assertEqual(len(winners), 1, answers)
             self.assertEqual({code for code, _ in answers}, {0, ALREADY_REGISTERED})
