@@ -310,7 +310,7 @@ class WithLittleMemory(WithADirectory):
         return sum(map(is_socket, self.process("fd").iterdir()))
 
     def limit_memory(self, size):
-        resource.prlimit(self.directory.current.process.pid, resource.RLIMIT_AS, (size, resource.RLIM_INFINITY))
+        resource.prlimit(self.directory.current.process.pid, resource.RLIMIT_DATA, (size, resource.RLIM_INFINITY))
 
     def test_who_asked_when_it_ran_out_is_answered_or_disconnected_and_nothing_is_kept(self):
         self.assertIsNotNone(self.c.id_of("MainRegister"))
@@ -319,7 +319,7 @@ class WithLittleMemory(WithADirectory):
         for client in crowd:
             self.assertIsNotNone(client.id_of("MainRegister"))
         question = [client.request("GetSatelliteId", "a" * (15 << 20)) for client in crowd]
-        self.limit_memory(1 << 20)  # far less than it has: not a page more
+        self.limit_memory(1 << 20)  # far less than it has: not a page more, nor one that was set aside before
 
         def ask(client, data):
             try:
