@@ -24,7 +24,7 @@ def memory(directory):
 def calls(directory, seconds):
     """Calls a second of satellites beside the directory that call it again and again; enough of them to leave no
     processor idle, for waking one up takes longer than a call."""
-    callers = [directory.companion("network_probe", "calls", f"127.0.0.1:{directory.port}", seconds)
+    callers = [directory.companion("discovery_load", "calls", f"127.0.0.1:{directory.port}", seconds)
                for _ in range(CALLERS)]
     for caller in callers:
         assert caller.process.wait() == 0, caller.output()
@@ -39,7 +39,7 @@ def measure(lab, folder, rate, seconds):
     directory = Daemon(folder, 1, home).start()
     before, quiet_before = memory(directory), calls(directory, 5)
     sent = home.udp_sent()
-    flood = directory.companion("network_probe", "flood", "10.79.0.1", rate, seconds, "10.79.4.0", ADDRESSES,
+    flood = directory.companion("discovery_load", "flood", "10.79.0.1", rate, seconds, "10.79.4.0", ADDRESSES,
                                 host=flooding)
     time.sleep(1)
     flooded = calls(directory, seconds - 3)

@@ -154,24 +154,14 @@ class SatelliteProcess(Program):
 
     def tell(self, command, what):
         """Sends a command and returns its result."""
-        self.tell_and_go_on(command, what)
-        return int(wait_until(lambda: self._results()[self.commands - 1:], f"{command} {what}")[0])
-
-    def tell_and_go_on(self, command, what):
         self.process.stdin.write(f"{command} {what}\n".encode())
         self.process.stdin.flush()
         self.commands += 1
-
-    def has_answers(self):
-        """Whether every command so far was answered."""
-        return len(self._results()) == self.commands
+        return int(wait_until(lambda: self._lines("done")[self.commands - 1:], f"{command} {what}")[0])
 
     def _lines(self, kind):
         return [line[len(kind) + 1:] for line in self.output().splitlines(keepends=True)
                 if line.startswith(kind + " ") and line.endswith("\n")]
-
-    def _results(self):
-        return self._lines("done")
 
     def events(self, service=None):
         """What it heard: (service, satellite, status)."""

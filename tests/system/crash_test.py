@@ -33,9 +33,9 @@ printf '%s\\0' "$@" >"$(dirname "$0")/words-$$"
 '''
 
 
-def mount(source, target, kind, flags, options=None):
+def mount(source, target, kind, flags):
     encoded = [text and text.encode() for text in (source, target, kind)]
-    if _libc.mount(*encoded, flags, options and options.encode()):
+    if _libc.mount(*encoded, flags, None):
         raise OSError(ctypes.get_errno(), "mount " + target)
 
 
@@ -108,7 +108,6 @@ class AProcessThatCrashes(CrashTest):
     def test_leaves_a_dump_of_the_thread_and_function_whatever_the_way(self):
         ways = {  # way: (signal, functions on the crashed stack from the innermost, what the log says before)
             "fault": ("SIGSEGV", ["FaultOfVictim", "commonMain", "main"], None),
-            "fault-in-thread": ("SIGSEGV", ["FaultOfVictim", "RunWork", "_PThread_delegate"], None),
             "fault-in-log-lock": ("SIGSEGV", ["FaultOfVictim", "CBBLog::finishLine"], None),
             "fault-in-log-thread": ("SIGSEGV", ["FaultOfVictim", "CBBLog::loggerThread"], "still written"),
             "divide": ("SIGFPE", ["Victim::init"], None),
@@ -120,7 +119,6 @@ class AProcessThatCrashes(CrashTest):
             "exception-unknown": ("SIGSEGV", ["Victim::init"], "uncaught unknown c++ exception"),
             "terminate": ("SIGSEGV", ["Victim::init"], "uncaught unknown c++ exception"),
             "abort": ("SIGSEGV", ["abort", "AbortOfVictim", "Victim::init"], None),
-            "abort-in-thread": ("SIGSEGV", ["abort", "AbortOfVictim", "RunWork"], None),
             "overflow": ("SIGSEGV", ["OverflowOfVictim", "OverflowOfVictim"], None),
             "overflow-in-thread": ("SIGSEGV", ["OverflowOfVictim", "OverflowOfVictim"], None),
             "heap": ("SIGSEGV", ["abort", "malloc", "CorruptHeapOfVictim", "RunWork"], None),
@@ -175,10 +173,7 @@ class AProcessThatCrashes(CrashTest):
 
     def test_does_without_the_reporter(self):
         cases = {"missing": lambda: (self.bin / "YarCrashReporter").unlink(),
-                 "not executable": lambda: self.reporter(REPORTER, 0o644),
-                 "no program": lambda: self.reporter("\x7fELF no program"),
-                 "failing": lambda: self.reporter("#!/bin/sh\nkill -9 $$\n"),
-                 "its interpreter missing": lambda: self.reporter("#!/nowhere/sh\n")}
+                 "failing": lambda: self.reporter("#!/bin/sh\nkill -9 $$\n")}
         full = self.full_pipe()
         for name, prepare in cases.items():
             with self.subTest(name):
@@ -255,8 +250,8 @@ class AProcessOnASickSystem(CrashTest):
             self.assertEqual(line["size"], "0")
         self.assertEqual(self.reported(), [[line["dump"], "crash_victim"]])
 
-    def with_other_tmp(self, options, flags=0):
-        """What gives a child a /tmp of its own, made with the options; what the test needs in the old one is in it."""
+    def with_read_only_tmp(self):
+        """What gives a child a /tmp without room for files; what the test needs in the old one is in it."""
         folders = [str(pathlib.Path(program("x")).resolve().parent), str(self.directory.folder)]
 
         def prepare():
@@ -265,23 +260,18 @@ class AProcessOnASickSystem(CrashTest):
             if _libc.unshare(CLONE_NEWNS):
                 raise OSError(ctypes.get_errno(), "unshare")
             mount("none", "/", None, MS_REC | MS_PRIVATE)
-            mount("tmpfs", new, "tmpfs", 0, options)
+            mount("tmpfs", new, "tmpfs", 0)
             for folder in folders:
                 if folder.startswith("/tmp/"):
                     os.makedirs(new + folder[4:])
                     mount(folder, new + folder[4:], None, MS_BIND)
-            if flags:
-                mount("none", new, None, flags | 32)  # MS_REMOUNT
+            mount("none", new, None, MS_RDONLY | 32)  # MS_REMOUNT
             mount(new, "/tmp", None, MS_BIND | MS_REC)
         return prepare
 
     @unittest.skipUnless(fits_private_mounts(), "may not mount")
-    def test_logs_and_reports_without_room_for_the_dump(self):
-        self.crash_without_dump(self.victim("fault", prepare=self.with_other_tmp("size=32k")))  # for half of it
-
-    @unittest.skipUnless(fits_private_mounts(), "may not mount")
     def test_logs_and_reports_without_a_folder_for_the_dump(self):
-        self.crash_without_dump(self.victim("fault", prepare=self.with_other_tmp("", MS_RDONLY)))
+        self.crash_without_dump(self.victim("fault", prepare=self.with_read_only_tmp()))
 
     def test_logs_and_reports_when_files_may_not_grow(self):
         def prepare():
@@ -350,21 +340,8 @@ class TheReporter(CrashTest):
         (self.bin / "YarCrashReporter").symlink_to(program("YarCrashReporter"))
         self.reports = self.directory.root / "Library/Tessaly/CrashReports"
 
-    def test_keeps_the_last_ten_dumps_with_a_report_each(self):
+    def test_keeps_the_dump_with_a_report_that_tells_the_stack_where_it_can(self):
         (self.directory.root / "Library").mkdir()
-        dumps = []
-        for _ in range(12):
-            dumps.append(pathlib.Path(self.crashed(self.victim("fault"))[1]["dump"]))
-        kept = {path.name for path in self.reports.iterdir()}
-        self.assertEqual(kept, {dump.with_suffix(suffix).name for dump in dumps[2:] for suffix in (".dmp", ".txt")})
-        self.assertEqual([dump.exists() for dump in dumps], [False] * 2 + [True] * 10)
-        report = (self.reports / dumps[-1].with_suffix(".txt").name).read_text()
-        for line in (r"program:  crash_victim", r"version:  \d+\.\d+\.\d+, build id [0-9a-f]{40}",
-                     r"time:     \d{4}/\d\d/\d\d \d\d:\d\d:\d\d [+-]\d{4}", r"signal:   11 \(SIGSEGV\) at address 0x0",
-                     r"thread:   \d+"):
-            self.assertRegex(report, f"(?m)^{line}$")
-
-    def test_tells_the_stack_where_it_can(self):
         own = self.directory.folder / "own"
         own.mkdir()
         for tool in (program("YarCrashReporter"), os.path.join(os.environ["KEL_BREAKPAD_TOOLS"], "minidump_stackwalk")):
@@ -372,10 +349,16 @@ class TheReporter(CrashTest):
         (own / "symbols").symlink_to(self.symbols)
         (self.bin / "YarCrashReporter").unlink()
         (self.bin / "YarCrashReporter").symlink_to(own / "YarCrashReporter")
-        self.crashed(self.victim("fault"))
-        report, = self.reports.glob("*.txt")
-        self.assertRegex(report.read_text(), r"(?m)^ 0  crash_victim!.*FaultOfVictim.*$")
-        self.assertNotIn("rip =", report.read_text())
+        dump = pathlib.Path(self.crashed(self.victim("fault"))[1]["dump"])
+        kept = {path.name for path in self.reports.iterdir()}
+        self.assertEqual(kept, {dump.with_suffix(suffix).name for suffix in (".dmp", ".txt")})
+        self.assertTrue(dump.exists())
+        report = (self.reports / dump.with_suffix(".txt").name).read_text()
+        for line in (r"program:  crash_victim", r"version:  \d+\.\d+\.\d+, build id [0-9a-f]{40}",
+                     r"time:     \d{4}/\d\d/\d\d \d\d:\d\d:\d\d [+-]\d{4}", r"signal:   11 \(SIGSEGV\) at address 0x0",
+                     r"thread:   \d+", r" 0  crash_victim!.*FaultOfVictim.*"):
+            self.assertRegex(report, f"(?m)^{line}$")
+        self.assertNotIn("rip =", report)
 
     def report(self, dump, data, status=0, **options):
         options = {"stdout": subprocess.DEVNULL, **options}
@@ -411,17 +394,19 @@ class TheReporter(CrashTest):
         reports = self.directory.folder / "data/CrashReports"
         reports.mkdir(parents=True)
         names = [f"c89a0bfd-2847-49c5-c89b2d90-{number:08x}" for number in range(12)]
+        taken = [self.directory.folder / (name + ".dmp") for name in names]
         for number, name in enumerate(names[:11] + ["notes"]):
-            for path in (reports / (name + ".txt"), reports / (name + ".dmp")):
+            for path in (reports / (name + ".txt"), reports / (name + ".dmp"), taken[number]):
                 path.touch()
                 os.utime(path, (4e9 + number,) * 2)  # the clock has been set back since
-        new = self.directory.folder / (names[11] + ".dmp")
+        new = taken[11]
         new.write_text("dump")
         for dump in (new, reports / new.name):
             self.report(dump, reports.parent)
             self.assertEqual({path.name for path in reports.iterdir()},
                              {name + suffix for name in names[2:] + ["notes"] for suffix in (".txt", ".dmp")})
             self.assertEqual((reports / new.name).read_text(), "dump")
+            self.assertEqual([dump.exists() for dump in taken], [False] * 2 + [True] * 10)
             (reports / new.name).with_suffix(".txt").unlink()
 
     def test_touches_nothing_that_others_put_in_its_way(self):

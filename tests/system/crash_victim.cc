@@ -123,7 +123,6 @@ void FaultInLogThread() {
 
 const std::map<std::string, Work> ways = {
     {"fault", &FaultOfVictim},
-    {"fault-in-thread", [] { OnThread(&FaultOfVictim); }},
     {"fault-in-log-lock", &FaultInLogLock},
     {"fault-in-log-thread", &FaultInLogThread},
     {"hang-in-log-lock", &HangInLogLock},
@@ -139,7 +138,6 @@ const std::map<std::string, Work> ways = {
     {"exception-unknown", [] { throw 42; }},
     {"terminate", [] { std::terminate(); }},
     {"abort", &AbortOfVictim},
-    {"abort-in-thread", [] { OnThread(&AbortOfVictim); }},
     {"overflow", [] { OverflowOfVictim(0); }},
     {"overflow-in-thread", [] { OnThread([] { OverflowOfVictim(0); }); }},
     {"heap", [] { OnThread(&CorruptHeapOfVictim); }},

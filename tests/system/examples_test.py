@@ -5,7 +5,6 @@ import sys
 import unittest
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
-from kel_client import record, wait_until
 from kel_daemon import SystemTest
 
 
@@ -13,11 +12,6 @@ class TheExamples(SystemTest):
     def setUp(self):
         self.directory = self.daemon().start()
         self.c = self.client(self.directory)
-
-    def found(self):
-        """The id of the satellite that serves "Schedule", or None."""
-        names = self.c.providers("Schedule")
-        return self.c.id_of(names[0]) if names else None
 
     def test_the_player_finds_the_recorder_and_calls_it_until_it_leaves(self):
         player = self.directory.companion("player")
@@ -32,40 +26,11 @@ class TheExamples(SystemTest):
         self.assertEqual(self.directory.satellite_files(), [])
         self.assertEqual(player.stop(signal.SIGINT), 0)
 
-    def test_a_second_recorder_is_refused_while_the_first_lives_and_takes_over_when_it_was_killed(self):
-        first = self.directory.companion("recorder")
-        first.wait_for("registered")  # it can be found before, while every other Register of its name is refused
-        sat_id = self.found()
-        second = self.directory.companion("recorder")
-        self.assertEqual(second.wait(), 1)
-        self.assertEqual((self.found(), first.running()), (sat_id, True))
-        first.kill()
-        self.directory.companion("recorder")
-        wait_until(lambda: self.found() not in (None, sat_id), "the recorder that takes over")
-
     def test_a_host_that_is_none_ends_either_with_the_reason(self):
         for name in ["recorder", "player"]:
             program = self.directory.companion(name, "localhost:five")
             self.assertEqual(program.wait(), 1)
             self.assertIn(f'{name}: Connect: "localhost:five" is not a host', program.output())
-
-    def test_a_recorder_that_the_directory_has_lost_registers_itself_again(self):
-        self.directory.companion("recorder")
-        lost = wait_until(self.found, "the recorder")
-        self.assertEqual(self.c.call("RemoveSatellite", record("Recorder", 9, sat_id=lost))[0], 0)
-        again = wait_until(self.found, "the recorder to register again")
-        self.assertGreater(again, lost)
-
-    def test_a_recorder_and_a_player_go_on_after_the_directory_was_killed_and_started_again(self):
-        recorder, player = self.directory.companion("recorder"), self.directory.companion("player")
-        player.wait_for("is its recording 1")
-        recorder.wait_for("registered")  # the player may have found it before it had its answer
-        self.directory.current.kill()
-        self.directory.start()
-        self.c = self.client(self.directory)
-        calls = recorder.output().count("asks for")
-        wait_until(lambda: recorder.output().count("asks for") > calls, "a call after the restart")
-        self.assertEqual(self.c.providers("Schedule"), ["Recorder"])
 
 
 if __name__ == "__main__":

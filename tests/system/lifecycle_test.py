@@ -4,7 +4,6 @@ import pathlib
 import plistlib
 import random
 import re
-import resource
 import select
 import signal
 import socket
@@ -22,12 +21,6 @@ LINE = re.compile(r"\d{4}/\d\d/\d\d \d\d:\d\d:\d\d\.\d{3} \[(FATAL|ERROR|NOTE |W
 
 
 class AStopSignal(SystemTest):
-    def test_ends_a_running_directory_with_status_0(self):
-        directory = self.daemon()
-        for number in [signal.SIGTERM, signal.SIGINT]:
-            directory.start()
-            directory.stop(number)
-
     def test_during_start_is_kept_until_the_start_is_over(self):
         directory = self.daemon(level=3)
         directory.fill(1500)
@@ -52,21 +45,6 @@ class AStopSignal(SystemTest):
         directory.stop()
         for client in clients:
             client.wait_for_the_end()
-
-    def test_waits_for_running_calls_and_removes_only_the_directorys_own_record(self):
-        directory, endpoint = self.daemon().start(), self.satellite()
-        client = self.client(directory)
-        client.register("Recorder", endpoint.port, [("Schedule", "")])
-        directory.keep_from_checks("Recorder")
-        endpoint.hanging = True
-        client.send("Register", record("Recorder", 9))
-        wait_until(lambda: endpoint.unanswered, "the previous holder to be asked")
-        self.assertTrue((directory.satellites / "MainRegister.xml").exists())
-        directory.current.send_signal(signal.SIGTERM)
-        endpoint.close()
-        self.assertEqual(directory.current.wait(), 0)
-        self.assertFalse((directory.satellites / "MainRegister.xml").exists())
-        self.assertEqual(directory.satellite_files(), ["Recorder"])
 
 
 class ASecondInstance(SystemTest):
@@ -144,12 +122,6 @@ class WithoutRightsToItsFolders(SystemTest):
         self.assertIn(f" [ERROR] - Log: {log} cannot be opened: Not a directory\n", output)
         self.assertIn(" - Kel Directory stopped in order", output)
         self.assertTrue(directory.root.is_file())
-
-    @unittest.skipIf("thread" in os.environ.get("KEL_SANITIZERS", ""), "the sanitizer makes a file of its own grow")
-    def test_the_directory_works_from_memory_where_files_may_not_grow(self):
-        directory = self.daemon().start(prepare=lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (0, 0)))
-        self.works_from_memory(directory)
-        directory.stop()
 
     def test_the_directory_logs_that_its_data_folder_is_missing_and_works_from_memory(self):
         directory = self.daemon()
@@ -284,62 +256,6 @@ class TheCommandLine(SystemTest):
                          "errors.log: it is a link", f"127.0.0.1:{directory.port}: another program holds the port"]:
             self.assertEqual(sum(expected in line for line in wrong), 1, expected + text)
         self.assertEqual((status, len(wrong), directory.tree()), (1, 8, files))
-
-
-class AfterAKill(SystemTest):
-    def test_the_stale_record_of_the_directory_itself_is_replaced(self):
-        directory, endpoint = self.daemon().start(), self.satellite()
-        ids = set()
-        for number in range(3):
-            client = self.client(directory)
-            own, recorder = client.id_of("MainRegister"), client.register(f"Recorder{number}", endpoint.port)
-            self.assertFalse({own, recorder} & ids)
-            ids |= {own, recorder}
-            directory.current.kill()
-            self.assertIn(f"<id>{own}</id>", directory.satellite_file("MainRegister"))
-            directory.start()
-        with directory.client() as client:
-            self.assertIn(f"<id>{client.id_of('MainRegister')}</id>", directory.satellite_file("MainRegister"))
-            self.assertEqual(client.providers("Register"), ["MainRegister"])
-
-
-class FilesFromBefore(SystemTest):
-    def test_return_after_the_registration_file_was_lost_and_written_again(self):
-        directory = self.daemon()
-        directory.fill(20)
-        directory.registration.unlink()
-        directory.start()
-        client = self.client(directory)
-        self.assertEqual(client.providers("Fill"), [])
-        self.assertEqual(len(directory.satellite_files()), 20)
-        directory.restart()
-        with directory.client() as client:
-            self.assertEqual({client.id_of(f"Filler{number}") for number in range(1, 21)}, set(range(1, 21)))
-
-    def test_that_are_damaged_are_put_aside_and_block_no_other(self):
-        directory = self.daemon()
-        directory.fill(2)
-        port = self.satellite().port
-        good = satellite_text("X", 7, port, [("Fill", "")])
-        damaged = {"Empty": "", "Cut": good[:40], "Binary": "\0\1\2" * 100, "NoId": good.replace("<id>7</id>", ""),
-                   "TwoPorts": good.replace("<port>", "<port>1</port>\n<port>"),
-                   "NoName": good.replace("<satName>X", "<satName>"), "Open": good.replace("</satName>", "")}
-        kept = {"text.txt": good, "upper.XML": good, "noextension": good, "dot.": good}
-        for name, text in damaged.items():
-            (directory.satellites / (name + ".xml")).write_text(text)
-        for name, text in kept.items():
-            (directory.satellites / name).write_text(text)
-        (directory.satellites / "HalfService.xml").write_text(
-            satellite_text("HalfService", 8, port, [("Half", "read"), ("", "has no name")]))
-        directory.start()
-        self.assertEqual(directory.satellite_files(), ["Filler1", "Filler2"])
-        client = self.client(directory)
-        self.assertEqual(client.providers("Fill"), ["Filler1", "Filler2"])
-        self.assertEqual((client.id_of("HalfService"), client.providers("Half")), (8, ["HalfService"]))
-        self.assertIn("error parsing </satName>", directory.current.output())
-        for name, text in kept.items():
-            self.assertEqual((directory.satellites / name).read_text(), text)
-
 
 if __name__ == "__main__":
     unittest.main()

@@ -1,6 +1,7 @@
 """Who listens for a service hears of every satellite that begins or ends to publish it, in order, whatever becomes of the
 other listeners; and still does after a restart of the directory."""
 import pathlib
+import re
 import signal
 import sys
 import unittest
@@ -94,6 +95,29 @@ class AListener(SystemTest):
 
 
 class ASatelliteOfLibkel(SystemTest):
+    def test_tells_the_directory_what_it_missed_once_it_is_back(self):
+        directory = self.daemon().start()
+        recorder, = directory.start_satellites(("Recorder", "Old"))
+        listed = directory.registration.parent / "ServiceListeners.xml"
+        self.assertEqual(recorder.tell("listen", "Dropped"), 0)
+        older = listed.read_text()
+        self.assertEqual(recorder.tell("listen", "Kept"), 0)
+        directory.stop()
+        listed.write_text(older)
+        for command, what in [("publish", "New"), ("withdraw", "Old"), ("ignore", "Dropped"), ("listen", "Failed")]:
+            self.assertNotEqual(recorder.tell(command, what), 0, (command, what))
+        directory.start()
+        wait_until(lambda: re.findall("<name>(.*)</name>", directory.satellite_file("Recorder")) == ["New"]
+                   and directory.listeners() == [("Kept", "Recorder")], "the directory to know")
+
+    def test_publishes_all_its_services_with_a_new_one_when_its_record_is_gone(self):
+        directory = self.daemon().start()
+        recorder, = directory.start_satellites(("Recorder", "Early"))
+        client = self.client(directory)
+        client.call("RemoveSatellite", record("Recorder", 9, sat_id=client.id_of("Recorder")))
+        self.assertEqual(recorder.tell("publish", "Late"), 0)
+        self.assertEqual([client.providers(service) for service in ["Early", "Late"]], [["Recorder"]] * 2)
+
     def test_tells_its_services_again_to_a_directory_whose_file_has_lost_them(self):
         self.directory = self.daemon().start()
         self.directory.start_satellites(("Recorder", "Schedule", "Rewind"))

@@ -90,26 +90,6 @@ class ASatelliteThatHangs(WithADirectory):
         self.assertEqual(self.c.providers("Dream"), ["Sleeper"])
         wait_until(lambda: satellite.standings() == [0, 1], "both changes to be reported")
 
-    def test_may_be_replaced_while_its_check_runs_and_the_new_record_and_its_listeners_stay(self):
-        old, new = self.satellite(), self.satellite()
-        sat_id = self.c.register("Recorder", old.port, [("Schedule", "")])
-        old.hanging = True
-        wait_until(lambda: old.unanswered, "the check to begin")
-        self.assertEqual(self.c.call("RemoveSatellite", record("Recorder", old.port, sat_id=sat_id))[0], 0)
-        fresh = self.c.register("Recorder", new.port, [("Schedule", "")])
-        with self.directory.client("Recorder") as recorder:
-            recorder.call("AddServiceAvailabilityListener", ["Schedule"])
-        wait_until(lambda: ("Schedule", "Recorder", 1) in new.events, "the listener to hear of what is there")
-        old.close()
-        mismatch = f"satId mismatch {sat_id}/{fresh}"
-        for line in [f"Force unregistering Recorder: {mismatch}", f"DeleteSatelliteFile Recorder: {mismatch}"]:
-            self.directory.current.wait_for(line)
-        self.wait_for_passes(1)
-        self.assertEqual((self.c.id_of("Recorder"), self.c.providers("Schedule")), (fresh, ["Recorder"]))
-        self.assertEqual(self.directory.satellite_files(), ["Recorder"])
-        self.assertEqual(self.directory.listeners(), [("Schedule", "Recorder")])
-        self.assertNotIn(("Schedule", "Recorder", 0), new.events)
-
 
 class ASatelliteThatIsRightBack(WithADirectory):
     def test_keeps_its_place_while_it_restarts(self):
@@ -125,15 +105,6 @@ class ASatelliteThatIsRightBack(WithADirectory):
         heard = [("Schedule", "Recorder", status) for status in [1, 0, 1]]
         wait_until(lambda: player.events() == heard, "the change of the record to be heard")
         self.assertNotIn("has died removing it", self.directory.log())
-
-    def test_is_pinged_in_the_first_pass_after_its_time(self):
-        recorder, = self.start(("Recorder", "Schedule"))
-        self.assertEqual(recorder.tell("back", 15), 0)
-        self.directory.current.wait_for("Satellite Recorder is BRB, don't ping")  # no check of it is under way
-        recorder.kill()
-        self.wait_until_gone("Recorder")
-        self.assertEqual(self.directory.log().count("Satellite Recorder beRightBackTimeout expired"), 1)
-        self.assertEqual(self.c.providers("Schedule"), [])
 
 
 class TheDirectory(WithADirectory):

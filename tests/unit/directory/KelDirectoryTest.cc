@@ -8,52 +8,16 @@
 #include <cstdarg>
 #include <cstdio>
 #include <filesystem>
-#include <stdexcept>
 
 namespace {
 
 class ADirectory : public DirectoryFixture {};
-
-TEST_F(ADirectory, IsTheOnlyModuleOfItsProcess) {
-    EXPECT_THROW(KelDirectory(), std::logic_error);
-    EXPECT_THROW(KelDirectory(), std::logic_error);
-    Restart();
-}
-
-TEST_F(ADirectory, AnswersRequestsWithoutAnyParameter) {
-    Init();
-    ScopedVariant out;
-    const CStdStr caller("Player");
-    const char* ip = "127.0.0.1";
-    for (const int code :
-         {directory_->SatRegister(nullptr, &out, ip, caller), directory_->SatUnRegister(nullptr, &out, ip, caller),
-          directory_->SatRemove(nullptr, ip, caller), directory_->SatGetService(nullptr, &out, ip, caller),
-          directory_->SatGetId(nullptr, &out, ip, caller), directory_->SatSetBeRightBack(nullptr, &out, ip, caller),
-          directory_->AddServiceListener(nullptr, &out, caller),
-          directory_->RemoveServiceListener(nullptr, &out, caller)}) {
-        EXPECT_EQ(code, KelDirectory::noSuchSatellite);
-    }
-}
 
 TEST_F(ADirectory, StopsBySignalsThatCameBeforeItRan) {
     directory_->abort();
     Init();
     directory_->run();
     directory_->close();
-}
-
-TEST_F(ADirectory, KnowsItselfWhileItRunsAndTheLastIdAfterARestart) {
-    Init();
-    EXPECT_EQ(IdOf("MainRegister"), 1);
-    EXPECT_EQ(Register(RecordOf("Recorder", 0, port_, {{"Schedule", "Recording schedule"}})), 0);
-    EXPECT_TRUE(std::filesystem::exists(root_.dataFolder() + "/Satellites/MainRegister.xml"));
-    directory_->close();
-    EXPECT_FALSE(std::filesystem::exists(root_.dataFolder() + "/Satellites/MainRegister.xml"));
-    EXPECT_EQ(IdOf("MainRegister"), -1);
-
-    Restart();
-    Init();
-    EXPECT_EQ(IdOf("MainRegister"), 3);
 }
 
 TEST_F(ADirectory, ReplacesTheRecordOfAnEarlierRunThatWasKilled) {

@@ -14,7 +14,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <functional>
 #include <stdexcept>
 
@@ -93,30 +92,6 @@ TEST_F(AFile, IsAsItWasWhenTheDiskIsFull) {
     EXPECT_EQ(EFBIG, WEXITSTATUS(status));
     EXPECT_EQ("old", Text());
     EXPECT_EQ(1, FileCount());
-}
-
-TEST_F(AFile, IsWholeWhenItsWriterIsKilled) {
-    const CStdStr texts[] = {CStdStr(std::string(300000, 'a')), CStdStr(std::string(300001, 'b'))};
-    const auto isWhole = [&] {
-        const CStdStr seen = Text();
-        return seen == texts[0] || seen == texts[1];
-    };
-    ASSERT_TRUE(Write(texts[0]));
-    for (int round = 0; round < 20; ++round) {
-        const pid_t child = fork();
-        if (child == 0) {
-            for (int i = 0;; ++i) Write(texts[i % 2]);
-        }
-        for (int i = 0; i < 10 + round; ++i) EXPECT_TRUE(isWhole());
-        kill(child, SIGKILL);
-        waitpid(child, nullptr, 0);
-        ASSERT_TRUE(isWhole());
-    }
-    for (const fs::directory_entry& entry : fs::directory_iterator(folder_)) {
-        if (entry.path() == path_.c_str()) continue;
-        const std::string name = entry.path().filename().string();
-        EXPECT_TRUE(name.rfind(".kel.", 0) == 0 && entry.path().extension() == ".new") << name;
-    }
 }
 
 TEST_F(AFile, CannotBeWrittenWhereNoneCanBe) {

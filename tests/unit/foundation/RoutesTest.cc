@@ -83,12 +83,6 @@ TEST_F(ARoutingTable, MatchesByTheOneBitsOfTheDestinationWhereverTheyAre) {
     EXPECT_EQ(Interface("not an address"), 1) << "255.255.255.255 has every one-bit";
 }
 
-TEST_F(ARoutingTable, WithoutAMatchGivesNoInterface) {
-    EXPECT_EQ(Interface("192.168.1.1"), 0);
-    Add("192.168.1.0", 1);
-    EXPECT_EQ(Interface("10.0.0.5"), 0);
-}
-
 TEST_F(ARoutingTable, LeavesOutWhatIsDownLeadsToOneHostOrHasNoAddress) {
     for (const unsigned interface : {2U, 3U, 0U}) Add("192.168.1.0", interface);
     table_[0].isUp = false;

@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 #include <pthread.h>
-#include <signal.h>
 
 #include <atomic>
 #include <chrono>
@@ -99,21 +98,6 @@ TEST(AThread, ThatTheSystemRefusesThrowsTheErrorNumber) {
     pthread_attr_destroy(&normal);
     pthread_attr_destroy(&huge);
     EXPECT_EQ(thread.Join(), 0U);
-}
-
-TEST(AThread, HasAStackForFaultsOfItsOwn) {
-    stack_t ours{};
-    sigaltstack(nullptr, &ours);
-    stack_t theirs{};
-    PThread thread(new PThreadDelegateFunction([](void* found) -> unsigned int {
-                       return static_cast<unsigned int>(sigaltstack(nullptr, static_cast<stack_t*>(found)));
-                   }),
-                   &theirs);
-    thread.Start();
-    ASSERT_EQ(thread.Join(), 0U);
-    EXPECT_EQ(theirs.ss_flags & SS_DISABLE, 0);
-    EXPECT_GE(theirs.ss_size, 65536U);
-    EXPECT_NE(theirs.ss_sp, ours.ss_sp);
 }
 
 struct Waiter {

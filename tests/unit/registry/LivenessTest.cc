@@ -11,7 +11,6 @@
 #include <atomic>
 #include <cerrno>
 #include <condition_variable>
-#include <functional>
 #include <map>
 #include <mutex>
 #include <stdexcept>
@@ -155,6 +154,8 @@ TEST_F(Liveness, PassesOverASatelliteWhoseCheckRunsAndWaitsForItAlsoAfterItsRemo
     }
     EXPECT_EQ(channel_.pings("Slow"), 1);
     registry_.RemoveSatellite("Slow", satId);
+    Add("Slow");
+    channel_.Kill("Slow", 0);
     std::atomic<bool> waited{false};
     std::thread waiter([&] {
         registry_.WaitCheckSatellites();
@@ -163,6 +164,7 @@ TEST_F(Liveness, PassesOverASatelliteWhoseCheckRunsAndWaitsForItAlsoAfterItsRemo
     EXPECT_FALSE(waited);
     channel_.Hang("");
     waiter.join();
+    EXPECT_TRUE(Has("Slow")) << "the check was of the one before";
 }
 
 TEST_F(Liveness, GoesOnAfterAPingThatThrows) {

@@ -5,9 +5,7 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <string>
-#include <thread>
 
 namespace {
 
@@ -17,14 +15,6 @@ protected:
         EXPECT_EQ(registry_.AddSatellite(name, ip, 50123, "studio", 2, &satId), 0);
         registry_.AddService(name, "Schedule", "");
         return satId;
-    }
-
-    std::vector<CStdStr> Providers() {
-        std::vector<KelServiceInfo> found;
-        EXPECT_EQ(registry_.GetServiceInfo("Schedule", "", found, nullptr), 0);
-        std::vector<CStdStr> names;
-        for (const KelServiceInfo& info : found) names.push_back(info.satName);
-        return names;
     }
 
     static inline uint32_t now_ = 0;
@@ -104,32 +94,6 @@ TEST_F(ARegistry, HasRoomUntilItsRecordsTakeTooMuchAndAgainWhenTheyHaveGone) {
     registry_.AddService("Foo", "S", described("S", most).front().description);
     registry_.RemoveSatellite("Foo", satId);
     EXPECT_TRUE(registry_.HasRoomFor("Bar", described("T", most)));
-}
-
-// Mostly for the thread sanitizer: every operation at once, on names that collide.
-TEST_F(ARegistry, SurvivesEveryOperationAtOnce) {
-    const auto work = [&](int seed) {
-        for (int i = 0; i < 60; ++i) {
-            const CStdStr name = std::string(1, static_cast<char>((seed % 2 ? 'A' : 'a') + i % 3));
-            const int satId = Add(name, "127.0.0.1");
-            registry_.SerializeSatellite(name);
-            Providers();
-            std::vector<KelServiceInfo> last;
-            registry_.GetLastServiceInfo("Schedule", last, nullptr);
-            registry_.SetBeRightBackTimer(name, 1);
-            int remaining = 0;
-            if (i % 2) registry_.RemoveService(name, "Schedule", &remaining);
-            registry_.RemoveSatellite(name, satId);
-            registry_.GetServerId();
-        }
-    };
-    std::vector<std::thread> threads;
-    for (int seed = 0; seed < 8; ++seed) threads.emplace_back(work, seed);
-    for (std::thread& thread : threads) thread.join();
-    for (const CStdStr& name : Providers()) {
-        registry_.RemoveSatellite(name, registry_.GetSatelliteStruct(name)->satId);
-    }
-    EXPECT_TRUE(Providers().empty());
 }
 
 }  // namespace

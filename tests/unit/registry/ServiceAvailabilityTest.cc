@@ -144,15 +144,4 @@ TEST_F(AListenerList, TakesNoMoreThanItKeepsForOneSatellite) {
     EXPECT_EQ(list_.Add("one more", "Remote"), Added::all);
 }
 
-TEST_F(AListenerList, WorksFromMemoryWithoutItsFolder) {
-    std::filesystem::remove_all(folder());
-    std::ofstream(folder()) << "in its place";
-    list_.Add("Schedule", "Player");
-    std::filesystem::remove(folder());
-    list_.SaveIfFailed();
-    EXPECT_EQ(Text(), File(Entry("Schedule", "Player")));
-    list_.Notify("Schedule", "Recorder", 0);
-    EXPECT_EQ(told_, std::vector<std::string>{"Schedule,Recorder,Player,0"});
-}
-
 }  // namespace

@@ -193,7 +193,11 @@ TEST(ACodec, ReadsIntegersByTheirValueAndNotByTheirWidth) {
     const struct {
         std::string bytes;
         ScopedVariant value;
-    } integers[] = {{"\xd3\xff\xff\xff\xff\x80\0\0\0"s, MakeInt(INT32_MIN)},
+    } integers[] = {{"\xcc\xff", MakeInt(255)},
+                    {"\xd0\xff", MakeInt(-1)},
+                    {"\xcd\xff\xfe", MakeInt(65534)},
+                    {"\xd1\xff\xfe", MakeInt(-2)},
+                    {"\xd3\xff\xff\xff\xff\x80\0\0\0"s, MakeInt(INT32_MIN)},
                     {"\xd3\xff\xff\xff\xff\x7f\xff\xff\xff", Scalar(VT_I8, int64_t{INT32_MIN} - 1)},
                     {"\xce\x80\0\0\0"s, Scalar(VT_I8, int64_t{INT32_MAX} + 1)},
                     {"\xcf\x7f\xff\xff\xff\xff\xff\xff\xff", Scalar(VT_I8, INT64_MAX)},

@@ -22,7 +22,6 @@
 #include <map>
 #include <memory>
 #include <mutex>
-#include <set>
 #include <thread>
 
 namespace {
@@ -61,31 +60,14 @@ public:
             const std::lock_guard<std::mutex> hold(mutex);
             ++registrations;
             Entry& entry = known[VUtil::GetStringElement(in, 0)];
-            if (entry.id == 0 || entry.id != VUtil::GetIntElement(in, 4)) entry = {++lastId, 0, {}};
+            if (entry.id == 0 || entry.id != VUtil::GetIntElement(in, 4)) entry = {++lastId, 0};
             entry.port = VUtil::GetUnsignedShortElement(in, 2);
-            for (const std::string& service : Services(in)) entry.services.insert(service);
             VUtil::CreateArray(*out, VT_VARIANT, 2);
             VUtil::PutElement(*out, 0, "0123456789abcdef");
             VUtil::PutElement(*out, 1, entry.id);
             return 0;
         });
-        Publish(*this, "UnRegister", [this](const char*, const tagVARIANT& in, tagVARIANT*) {
-            const std::lock_guard<std::mutex> hold(mutex);
-            for (const std::string& service : Services(in))
-                known[VUtil::GetStringElement(in, 0)].services.erase(service);
-            return 0;
-        });
-        for (const bool adds : {true, false}) {
-            const char* const method = adds ? "AddServiceAvailabilityListener" : "RemoveServiceAvailabilityListener";
-            Publish(*this, method, [this, adds](const char*, const tagVARIANT& in, tagVARIANT*) {
-                const std::lock_guard<std::mutex> hold(mutex);
-                for (int i = 0; i < VUtil::GetArrayLength(in); ++i) {
-                    listening.erase(VUtil::GetStringElement(in, i));
-                    if (adds) listening.insert(VUtil::GetStringElement(in, i));
-                }
-                return 0;
-            });
-        }
+        Publish(*this, "UnRegister", [](const char*, const tagVARIANT&, tagVARIANT*) { return 0; });
         Publish(*this, "RemoveSatellite", [this](const char*, const tagVARIANT& in, tagVARIANT*) {
             Forget(VUtil::GetStringElement(in, 0));
             return 0;
@@ -118,26 +100,12 @@ public:
         return known.count(name) ? known[name].id : 0;
     }
 
-    static std::set<std::string> Services(const tagVARIANT& record) {
-        std::set<std::string> services;
-        ScopedVariant list;
-        VUtil::GetElement(record, 6, list);
-        for (int i = 0; i < VUtil::GetIntElement(record, 5); ++i) {
-            ScopedVariant service;
-            VUtil::GetElement(list, i, service);
-            services.insert(VUtil::GetStringElement(service, 0));
-        }
-        return services;
-    }
-
     struct Entry {
         int id = 0;
         unsigned short port = 0;
-        std::set<std::string> services;
     };
     std::mutex mutex;
     std::map<std::string, Entry> known;
-    std::set<std::string> listening;
     std::function<void(const std::string&)> beforeId;
     int registrations = 0;
     int lastId = 0;
@@ -302,43 +270,6 @@ TEST_F(ASatellite, RegistersAgainWhenTheDirectoryForgotItThoughItsAuthorsCodeThr
     EXPECT_TRUE(Eventually([&] { return directory.IdOf("Recorder") > before && recorder.changes == 2; }));
 }
 
-TEST_F(ASatellite, RegistersAllItsServicesWithOneThatComesWhenItsRecordIsGone) {
-    Throwing recorder;
-    const Handler answer = [](const char*, const tagVARIANT&, tagVARIANT*) { return 9; };
-    Serve(recorder, "Recorder", "Early", answer);
-    directory.Forget("Recorder");
-    Publish(recorder, "Late", answer);
-    EXPECT_EQ(directory.known["Recorder"].services, (std::set<std::string>{"Early", "Late"}));
-    EXPECT_EQ(Call("Late"), 9);
-    EXPECT_TRUE(Eventually([&] { return recorder.changes == 2; })) << "gone and alive";
-}
-
-TEST_F(ASatellite, TellsTheDirectoryWhatItMissedOnceItIsBack) {
-    KelSatellite recorder;
-    const Handler answer = [](const char*, const tagVARIANT&, tagVARIANT*) { return 9; };
-    Serve(recorder, "Recorder", "Old", answer);
-    for (const char* service : {"Kept", "Dropped"}) ASSERT_EQ(recorder.AddServiceAvailabilityListener(service), 0);
-    directory.Disconnect();
-    directory.listening = {"Dropped"};  // its file may be older
-    EXPECT_EQ(recorder.AddService("New", "", new FunctionDelegate(answer)), KEL_UNREACHABLE);
-    EXPECT_EQ(recorder.RemoveService("Old"), KEL_UNREACHABLE);
-    EXPECT_EQ(recorder.RemoveServiceAvailabilityListener("Dropped"), KEL_UNREACHABLE);
-    EXPECT_EQ(recorder.AddServiceAvailabilityListener("Failed"), KEL_UNREACHABLE);
-    ASSERT_EQ(directory.Connect("127.0.0.1", "MainRegister"), 0);
-    // A call of another kind finds it first.
-    EXPECT_EQ(
-        recorder.Request("MainRegister", "GetSatelliteHost", MakeString("Nobody"), nullptr, KELFLAG_WAIT, nullptr),
-        0x4000a);
-    EXPECT_EQ(recorder.RemoveServiceAvailabilityListener("Dropped"), 0);
-    EXPECT_EQ(recorder.RemoveService("Old"), 0);
-    EXPECT_EQ(recorder.RemoveService("Old"), KEL_UNKNOWN_METHOD);
-    EXPECT_TRUE(Eventually([&] {
-        const std::lock_guard<std::mutex> hold(directory.mutex);
-        return directory.known["Recorder"].services == std::set<std::string>{"New"} &&
-               directory.listening == std::set<std::string>{"Kept"};
-    }));
-}
-
 TEST_F(ASatellite, StaysAwayWhenItLeavesWhileTheDirectoryIsAskedForIt) {
     KelSatellite recorder;
     std::promise<void> asked, mayAnswer;
@@ -402,7 +333,7 @@ TEST_F(ASatellite, DropsTheOldestOneWayCallsOfAPeerThatDoesNotRead) {
     ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&address), size), 0);
     ASSERT_EQ(::listen(listener, 1), 0);
     ASSERT_EQ(::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &size), 0);
-    directory.known["Deaf"] = {77, ntohs(address.sin_port), {}};
+    directory.known["Deaf"] = {77, ntohs(address.sin_port)};
 
     constexpr int calls = 4000;
     const std::string payload(16 * 1024, 'x');  // 64 MiB in all: far more than the system buffers

@@ -70,9 +70,8 @@ std::string Refusal(const std::function<void()>& action) {
     return "(nothing thrown)";
 }
 
+#define EXPECT_REFUSED(action) EXPECT_THROW(action, KelInvalidParameterException)
 #define EXPECT_REFUSAL(action, message) EXPECT_EQ(Refusal([&] { action; }), message)
-
-const std::string unreadable = "SafeArrayGetElement failed in VUtil::GetElement";
 
 }  // namespace
 
@@ -82,23 +81,22 @@ TEST(ALength, IsThatOfAZeroBasedArrayOnlyAndNeverAnImpossibleOne) {
     EXPECT_EQ(VUtil::GetArrayLength(array), 5);
     EXPECT_EQ(VUtil::GetArrayLength(MakeArray(VT_I4, 0)), 0);
     EXPECT_EQ(VUtil::GetArrayLengthEmpty(ScopedVariant()), 0);
-    EXPECT_REFUSAL(VUtil::GetArrayLength(ScopedVariant()), "Variant passed to VUtil::GetArrayLength is not an array");
-    EXPECT_REFUSAL(VUtil::GetArrayLengthEmpty(MakeInt(1)),
-                   "Variant passed to VUtil::GetArrayLengthEmpty is not an array");
+    EXPECT_REFUSED(VUtil::GetArrayLength(ScopedVariant()));
+    EXPECT_REFUSED(VUtil::GetArrayLengthEmpty(MakeInt(1)));
     const SAFEARRAYBOUND fromOne{2, 1};
     ASSERT_EQ(SafeArrayRedim(array.parray, &fromOne), 0);
-    EXPECT_REFUSAL(VUtil::GetArrayLength(array), "Array is not zero indexed! (VUtil::GetArrayLength)");
+    EXPECT_REFUSED(VUtil::GetArrayLength(array));
     ScopedVariant nothing;
     nothing.vt = VT_ARRAY | VT_I4;
-    EXPECT_REFUSAL(VUtil::GetArrayLength(nothing), "SafeArrayGetLBound failed in VUtil::GetArrayLength");
-    EXPECT_REFUSAL(Xml(nothing), "SafeArrayGetLBound failed in VUtil::GetArrayLength");
+    EXPECT_REFUSED(VUtil::GetArrayLength(nothing));
+    EXPECT_REFUSED(Xml(nothing));
 
     ScopedVariant v;
     for (unsigned long count : {0x100000001UL, ~0UL, 0xffffffffUL}) {
-        EXPECT_REFUSAL(VUtil::CreateArray(v, VT_VARIANT, count), "Could not create safe array");
+        EXPECT_REFUSED(VUtil::CreateArray(v, VT_VARIANT, count));
     }
     VUtil::CreateArray(v, VT_UI1, 1);
-    EXPECT_REFUSAL(VUtil::RedimArray(v, 0x100000001UL), "Could not redimension safe array");
+    EXPECT_REFUSED(VUtil::RedimArray(v, 0x100000001UL));
     EXPECT_EQ(VUtil::GetArrayLength(v), 1);
 }
 
@@ -181,43 +179,43 @@ TEST(ALongOfTheCaller, TakesFourBytesInTheVariant) {
 TEST(AnElement, OfTheWrongTypeOrPlaceIsRefused) {
     ScopedVariant list = MakeList("text", 7);
     ScopedVariant numbers = MakeArray(VT_I4, 1);
-    EXPECT_REFUSAL(VUtil::GetLongElement(list, 0), "Element is not a long");
-    EXPECT_REFUSAL(VUtil::GetFloatElement(list, 1), "Element is not a float or a double");
-    EXPECT_REFUSAL(VUtil::GetFloatElement(numbers, 0), "Not an array of variant, float or double");
-    EXPECT_REFUSAL(VUtil::GetDateElement(MakeInt(1), 0), "Not an array of variant or date");
+    EXPECT_REFUSED(VUtil::GetLongElement(list, 0));
+    EXPECT_REFUSED(VUtil::GetFloatElement(list, 1));
+    EXPECT_REFUSED(VUtil::GetFloatElement(numbers, 0));
+    EXPECT_REFUSED(VUtil::GetDateElement(MakeInt(1), 0));
     for (int index : {-1, 2, INT32_MAX}) {
-        EXPECT_REFUSAL(VUtil::GetIntElement(list, index), unreadable);
-        EXPECT_REFUSAL(VUtil::PutElement(list, index, "x"), "SafeArrayPutElement failed");
-        EXPECT_REFUSAL(VUtil::PutElement(numbers, index, 1), "SafeArrayPutElement failed");
+        EXPECT_REFUSED(VUtil::GetIntElement(list, index));
+        EXPECT_REFUSED(VUtil::PutElement(list, index, "x"));
+        EXPECT_REFUSED(VUtil::PutElement(numbers, index, 1));
     }
-    EXPECT_REFUSAL(VUtil::GetDateElement(list, 2), "SafeArrayGetElement failed in VUtil::GetDateElement");
-    EXPECT_REFUSAL(VUtil::PutElement(numbers, 0, "x"), "PutElement failed: not an array of BSTR nor VARIANT");
+    EXPECT_REFUSED(VUtil::GetDateElement(list, 2));
+    EXPECT_REFUSED(VUtil::PutElement(numbers, 0, "x"));
     numbers.vt = VT_ARRAY | VT_I8;  // a type code that lies about the array
     long long wide = 0;
-    EXPECT_REFUSAL(VUtil::GetElement(numbers, 0, wide), unreadable);
-    EXPECT_REFUSAL(VUtil::PutElement(numbers, 0, wide), "SafeArrayPutElement failed");
+    EXPECT_REFUSED(VUtil::GetElement(numbers, 0, wide));
+    EXPECT_REFUSED(VUtil::PutElement(numbers, 0, wide));
 }
 
 TEST(AnEmptyElement, IsAValueOnlyForThoseWhoAcceptItAndAsABooleanConvertsUpToUI4) {
     ScopedVariant list = MakeList(ScopedVariant(), 256, 0.0, "False", "yes", static_cast<unsigned char>(2), 1LL);
     EXPECT_EQ(VUtil::GetLongElementEmpty(list, 0), 0);
     EXPECT_EQ(VUtil::GetStringElement(list, 0), "");
-    EXPECT_REFUSAL(VUtil::GetLongElement(list, 0), "Element is not a long");
-    EXPECT_REFUSAL(VUtil::GetBoolElement(list, 0), "Element is not a bool");
+    EXPECT_REFUSED(VUtil::GetLongElement(list, 0));
+    EXPECT_REFUSED(VUtil::GetBoolElement(list, 0));
     const bool expected[] = {false, true, false, false, true, true};
     for (int i = 0; i < 6; ++i) EXPECT_EQ(VUtil::GetBoolElementEmpty(list, i), expected[i]) << i;
-    EXPECT_REFUSAL(VUtil::GetBoolElementEmpty(list, 6), "Element is not a bool");
+    EXPECT_REFUSED(VUtil::GetBoolElementEmpty(list, 6));
 }
 
 TEST(AVariantElement, MayReplaceItsListAndIsTakenOverOnlyWhenItFits) {
     ScopedVariant list = MakeList(MakeList("inner"));
     VUtil::GetElement(list, 0, list);
     EXPECT_EQ(VUtil::GetStringElement(list, 0), "inner");
-    EXPECT_REFUSAL(VUtil::GetElement(list, 5, list), unreadable);
+    EXPECT_REFUSED(VUtil::GetElement(list, 5, list));
     EXPECT_EQ(list.vt, VT_EMPTY);
     list = MakeArray(VT_VARIANT, 1);
     ScopedVariant inner = MakeList("inner");
-    EXPECT_REFUSAL(VUtil::PutElement(list, 1, std::move(inner)), "SafeArrayPutElement failed");
+    EXPECT_REFUSED(VUtil::PutElement(list, 1, std::move(inner)));
     VUtil::PutElement(list, 0, inner);
     ASSERT_EQ(VUtil::GetArrayLength(inner), 1);
     VUtil::PutElement(list, 0, std::move(inner));
@@ -242,8 +240,7 @@ TEST(AReturnCode, IsElementZeroOrAPlainNumber) {
     CStdStr s;
     VUtil::GetSingleOutParamString(texts, s);
     EXPECT_EQ(s, "x");
-    EXPECT_REFUSAL(VUtil::GetSingleOutParamString(failed, s),
-                   "outParam is not a BSTR in VUtil::GetSingleOutParamString");
+    EXPECT_REFUSED(VUtil::GetSingleOutParamString(failed, s));
 }
 
 TEST(APairList, SkipsEmptySlotsAndStopsAtTheFirstMatchAndRefusesWhatIsNone) {
@@ -263,19 +260,19 @@ TEST(APairList, SkipsEmptySlotsAndStopsAtTheFirstMatchAndRefusesWhatIsNone) {
     EXPECT_EQ(value, "first");
     EXPECT_TRUE(VUtil::FindPairNoCase(list, "port", number));
     EXPECT_EQ(number, 5001);
-    EXPECT_REFUSAL(VUtil::FindPair(list, "Port", value), "Element is not a string");
+    EXPECT_REFUSED(VUtil::FindPair(list, "Port", value));
     VUtil::GetPair(list, 2, key, value);
     EXPECT_EQ(key + "=" + value, "NAME=second");
     EXPECT_TRUE(VUtil::FindPairNoCase(list, "LIST", list));
     EXPECT_EQ(VUtil::GetArrayLength(list), 5);
     const ScopedVariant none = MakeList(7);
     ScopedVariant plain = MakeInt(7);
-    EXPECT_REFUSAL(VUtil::FindPair(none, "x", value), "Not an array of variant or string");
-    EXPECT_REFUSAL(VUtil::FindPairNoCase(plain, "x", value), "Variant passed to VUtil::FindPair is not an array");
-    EXPECT_REFUSAL(VUtil::GetPair(plain, 0, key, value), "Variant passed to VUtil::GetPair is not an array");
-    EXPECT_REFUSAL(VUtil::GetPair(list, 5, key, value), "SafeArrayGetElement failed in VUtil::GetPair");
-    EXPECT_REFUSAL(VUtil::PutPair(list, 5, "x", "y"), "PutPair failed");
-    EXPECT_REFUSAL(VUtil::PutPair(plain, 0, "x", 1), "PutPair: the given variant is not an array of variants");
+    EXPECT_REFUSED(VUtil::FindPair(none, "x", value));
+    EXPECT_REFUSED(VUtil::FindPairNoCase(plain, "x", value));
+    EXPECT_REFUSED(VUtil::GetPair(plain, 0, key, value));
+    EXPECT_REFUSED(VUtil::GetPair(list, 5, key, value));
+    EXPECT_REFUSED(VUtil::PutPair(list, 5, "x", "y"));
+    EXPECT_REFUSED(VUtil::PutPair(plain, 0, "x", 1));
 }
 
 TEST(Bytes, TravelWholeOrInPart) {
@@ -285,8 +282,8 @@ TEST(Bytes, TravelWholeOrInPart) {
     unsigned char part[2] = {};
     VUtil::GetBinaryElement(binary, part, 1, 2);
     EXPECT_EQ(part[0] * 256 + part[1], 512);
-    EXPECT_REFUSAL(VUtil::GetBinaryElement(binary, part, 3, 2), unreadable);
-    EXPECT_REFUSAL(VUtil::GetBinaryElement(binary, part, 1, ~0UL), unreadable);
+    EXPECT_REFUSED(VUtil::GetBinaryElement(binary, part, 3, 2));
+    EXPECT_REFUSED(VUtil::GetBinaryElement(binary, part, 1, ~0UL));
     ScopedVariant list = MakeList(binary, "text");
     unsigned char* copy = nullptr;
     unsigned long length = 0;
@@ -294,9 +291,8 @@ TEST(Bytes, TravelWholeOrInPart) {
     ASSERT_EQ(length, 4u);
     EXPECT_EQ(copy[3], 4);
     std::free(copy);
-    EXPECT_REFUSAL(VUtil::PutBinaryIntoVariant(&binary, bytes, 0x100000001UL),
-                   "PutBinaryIntoVariant: could not create safe array");
-    EXPECT_REFUSAL(VUtil::GetByteArray(list, 1, &copy), "Element is not an unsigned char array");
+    EXPECT_REFUSED(VUtil::PutBinaryIntoVariant(&binary, bytes, 0x100000001UL));
+    EXPECT_REFUSED(VUtil::GetByteArray(list, 1, &copy));
     EXPECT_REFUSAL(VUtil::GetBinaryElement(list, 1, copy, length), "Element is not an array of unsigned char: 8");
 }
 
@@ -375,11 +371,11 @@ TEST(APairList, BecomesAMapInWhichTheFirstKeyCounts) {
     VUtil::PutPair(list, 3, "none", ScopedVariant());
     EXPECT_EQ(VUtil::toStringMap(list).size(), 3u);
     EXPECT_EQ(VUtil::toStringMap(list, true).at("name"), "first");
-    EXPECT_REFUSAL(VUtil::toStringAMap(list), "the value in the pair is neither a string nor an int");
+    EXPECT_REFUSED(VUtil::toStringAMap(list));
     VUtil::PutPair(list, 3, "Port", 5001);
     EXPECT_EQ(VUtil::toStringAMap(list).at("Port"), "5001");
-    EXPECT_REFUSAL(VUtil::toStringMap(list), "Element is not a string");
-    EXPECT_REFUSAL(VUtil::toStringAMap(MakeInt(1)), "Variant passed to VUtil::toStringAMap is not an array");
+    EXPECT_REFUSED(VUtil::toStringMap(list));
+    EXPECT_REFUSED(VUtil::toStringAMap(MakeInt(1)));
 }
 
 TEST(TwoValues, AreEqualWhenTypeAndEveryElementAre) {
@@ -401,6 +397,6 @@ TEST(AFieldOfACommaSeparatedLine, IsQuotedWhenItMustBe) {
     EXPECT_EQ(VUtil::GetCSVElement(list, 0), "7");
     EXPECT_EQ(VUtil::GetCSVElement(list, 1), "\"a<b & \"\"c\"\"\"");
     EXPECT_EQ(VUtil::GetCSVElement(list, 2), "");
-    EXPECT_REFUSAL(VUtil::GetCSVElement(list, 3), "Element is not a string");
-    EXPECT_REFUSAL(VUtil::GetCSVElement(list, 1L << 32), "SafeArrayGetElement failed in VUtil::GetElement");
+    EXPECT_REFUSED(VUtil::GetCSVElement(list, 3));
+    EXPECT_REFUSED(VUtil::GetCSVElement(list, 1L << 32));
 }
