@@ -18,6 +18,8 @@
 
 namespace kel::bench {
 
+class RedisProcess;
+
 // How much to do. Many short rounds rather than a few long ones: what else the machine does then spoils a few of them,
 // and the median does not see those.
 struct Effort {
@@ -36,8 +38,11 @@ public:
     // `program` is the directory's executable; everything is written below `folder`.
     Measurements(std::string program, std::string folder, Effort effort);
 
-    // GetSatelliteId with 1, 8 and 32 connections, beside an echo of the same bytes.
-    std::vector<Row> SatelliteId();
+    struct Width;
+
+    // GetSatelliteId by width: how many connections there are, and how many calls are in flight on each. Beside an echo
+    // of as many bytes, and beside Redis where the machine has it.
+    std::vector<Row> Calls();
 
     // Register of new satellites with 1 and 32 connections, beside a loop that replaces the same two files with the
     // same syncs; and with 1 and 8, neither side syncing.
@@ -47,7 +52,7 @@ public:
     // the time in which neither of them works as well.
     std::vector<Row> Register();
 
-    // GetServiceReg ("any") with 100,000 satellites, beside a directory that has ten. 8 connections.
+    // GetServiceReg ("any") with 100,000 satellites, beside a directory that has ten, in the same widths.
     std::vector<Row> ServiceLookUp();
 
     // Look-ups of a satellite on the directory's own machine by callers who are given the address that leads to them,
@@ -78,11 +83,14 @@ public:
     std::vector<Row> Attack();
 
 private:
+    static constexpr unsigned many = 100'000;  // satellites of the full directory
+
     using Side = std::function<double(unsigned round)>;
     static std::vector<std::vector<double>> InTurn(unsigned rounds, const std::vector<Side>& sides);
 
     std::string Folder(const std::string& name) const { return folder_ + "/" + name; }
-    Row SatelliteIdAt(unsigned connections, uint16_t port, const Exchange& exchange);
+    std::vector<Row> CallsAt(const Width& width, const DirectoryProcess& directory, const Exchange& exchange,
+                             const RedisProcess* redis);
     std::vector<Row> RegisterWith(Syncing syncing, unsigned width, std::array<double, 2> goals);
     std::vector<Row> LivenessOf(unsigned count);
     std::vector<Row> ByEveryWay(const TwoHosts& hosts, uint16_t port, const std::string& what,

@@ -11,7 +11,8 @@
 namespace kel::bench {
 namespace {
 
-constexpr uint32_t messageId = 1;
+constexpr uint32_t messageId = firstCallId;
+constexpr size_t messageIdAt = 3;  // after the array, the kind of message and the type of the id
 
 std::string Encoded(std::string_view method, const tagVARIANT& in, const std::string& caller = "Player") {
     std::string bytes;
@@ -149,7 +150,7 @@ std::optional<std::string> Ask(const Server& server, const std::string& request)
 Exchange Learn(const Server& server, const std::string& request) {
     const std::optional<std::string> answer = Ask(server, request);
     if (!answer) throw std::runtime_error("the directory refused a call");
-    return {request, *answer, answer->size()};
+    return {request, *answer, answer->size(), messageIdAt};
 }
 
 Exchange LearnRegister(uint16_t port, const Satellite& satellite) {

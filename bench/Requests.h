@@ -13,7 +13,7 @@
 
 namespace kel::bench {
 
-// Encoded requests; all carry the same message id, as each connection has one call outstanding.
+// Encoded requests; all carry the same message id, in whose place a LoadClient puts that of the call.
 std::string SatelliteIdRequest(const std::string& satellite);
 std::string SatelliteHostRequest(const std::string& satellite);
 

@@ -26,7 +26,7 @@ constexpr const char* usage =
     "usage: kel_bench [--quick] [--only NAME] [--directory PROGRAM]\n"
     "\n"
     "  --quick              fewer and shorter rounds: about three minutes instead of about eight\n"
-    "  --only NAME          one measurement: id, register, service, host, memory, startup, liveness,\n"
+    "  --only NAME          one measurement: calls, register, service, host, memory, startup, liveness,\n"
     "                       fanout, deaths or attack\n"
     "  --directory PROGRAM  the directory to measure (default: KelDirectory beside this program)\n"
     "\n"
@@ -37,9 +37,11 @@ constexpr const char* usage =
 
 constexpr const char* legend =
     "\n"
+    "N x M: connections x calls in flight on each\n"
     "ratio: median (least..most) of the rounds, in each of which both sides ran one after the other\n"
-    "baselines: GetSatelliteId: an epoll echo of the same request, [threads of the echo server, the better of 1 and "
-    "2];\n"
+    "cpu a call: processor time that the server used for a call / that the baseline's server used\n"
+    "baselines: GetSatelliteId: an epoll echo with requests and answers of the same lengths, [threads of the echo\n"
+    "  server, the better of 1 and 2];\n"
     "  Register: one thread that only replaces the same two files, with or without the same syncs; GetServiceReg: a "
     "directory with 10 satellites;\n"
     "  outer address, another host: the same calls over loopback;\n"
@@ -53,7 +55,7 @@ struct Measurement {
 };
 
 constexpr Measurement measurements[] = {
-    {"id", &Measurements::SatelliteId},        {"register", &Measurements::Register},
+    {"calls", &Measurements::Calls},           {"register", &Measurements::Register},
     {"service", &Measurements::ServiceLookUp}, {"host", &Measurements::FromAnotherHost},
     {"memory", &Measurements::Memory},         {"startup", &Measurements::StartUp},
     {"liveness", &Measurements::Liveness},     {"fanout", &Measurements::FanOut},
@@ -114,11 +116,10 @@ void WatchSignals(unsigned secondsAtMost) {
     ::alarm(secondsAtMost);
 }
 
-void PrintRow(std::string_view what, std::string_view measured, std::string_view baseline, std::string_view ratio,
-              std::string_view goal, std::string_view reached) {
-    std::printf("%-44.*s %13.*s %17.*s  %-19.*s %-10.*s %.*s\n", static_cast<int>(what.size()), what.data(),
-                static_cast<int>(measured.size()), measured.data(), static_cast<int>(baseline.size()), baseline.data(),
-                static_cast<int>(ratio.size()), ratio.data(), static_cast<int>(goal.size()), goal.data(),
+void PrintRow(const Row& row, std::string_view reached) {
+    const auto orDash = [](const std::string& text) { return text.empty() ? "-" : text.c_str(); };
+    std::printf("%-44s %15s %17s  %-19s %-15s %-11s %.*s\n", row.what.c_str(), row.measured.c_str(),
+                orDash(row.baseline), orDash(row.ratio), orDash(row.cpuACall), orDash(row.goal),
                 static_cast<int>(reached.size()), reached.data());
 }
 
@@ -127,14 +128,8 @@ void PrintTable(const std::vector<Row>& rows, const std::string& folder) {
     ::uname(&system);
     std::printf("%ld processors, %s %s, files below %s\n\n", ::sysconf(_SC_NPROCESSORS_ONLN), system.sysname,
                 system.release, fs::path(folder).parent_path().c_str());
-    PrintRow("what", "measured", "baseline", "ratio", "goal", "reached");
-    for (const Row& row : rows) {
-        PrintRow(row.what, row.measured, row.baseline.empty() ? "-" : row.baseline, row.ratio.empty() ? "-" : row.ratio,
-                 row.goal.empty() ? "-" : row.goal,
-                 row.goal.empty() ? "-"
-                 : row.reached    ? "yes"
-                                  : "no");
-    }
+    PrintRow({"what", "measured", "baseline", "ratio", "goal", false, "cpu a call"}, "reached");
+    for (const Row& row : rows) PrintRow(row, row.goal.empty() ? "-" : row.reached ? "yes" : "no");
     std::fputs(legend, stdout);
     std::fflush(stdout);  // removing the files may take a while
 }
@@ -165,8 +160,8 @@ int Measure(Options options) {
 // The child modes; false when the arguments name none.
 bool RunAsChild(const std::vector<std::string>& arguments) {
     const size_t count = arguments.size();
-    if (count == 2 && arguments[0] == "--as-echo") {
-        RunEchoServer(static_cast<unsigned>(std::stoul(arguments[1])));
+    if (count == 4 && arguments[0] == "--as-echo") {
+        RunEcho(arguments[1], std::stoul(arguments[2]), std::stoul(arguments[3]));
     } else if (count == 2 && arguments[0] == "--as-file-reader") {
         std::printf("%zu\n", ReadFiles(arguments[1]));
     } else if (count == 6 && arguments[0] == "--as-file-loop") {
