@@ -18,6 +18,8 @@
 
 namespace kel::bench {
 
+class LibraryCallee;
+class LibraryCaller;
 class RedisProcess;
 
 // How much to do. Many short rounds rather than a few long ones: what else the machine does then spoils a few of them,
@@ -29,6 +31,9 @@ struct Effort {
     unsigned registrationsASide = 1'000;  // in a round of registrations
     unsigned passes = 5;                  // of liveness checks, after the first one
     double attackSeconds = 25;            // with an attack and without; names are held for ten seconds at a time
+    double fairSeconds = 2;               // a side, in a round of those that look at single calls
+    unsigned oneWayCalls = 500'000;       // in a round
+    double restSeconds = 7;               // less than ten, after which a satellite has something to do
 };
 
 // The machine's speed drifts, so both sides of a comparison run in turn, round after round; each round gives one ratio,
@@ -61,6 +66,11 @@ public:
     // connections. Nothing where there are no network namespaces.
     std::vector<Row> FromAnotherHost();
 
+    // libkel's Request from 1, 4, 16 and 64 threads of one satellite to another one, beside an echo: of one thread with
+    // blocking sockets on both sides, and with as many calls in flight on one connection. And one-way calls, of which
+    // none may be lost or come out of order.
+    std::vector<Row> LibraryCalls();
+
     // What 100,000 satellites, registered over the wire with files on, add to the resident memory.
     std::vector<Row> Memory();
 
@@ -82,6 +92,13 @@ public:
     // beside the same without them.
     std::vector<Row> Attack();
 
+    // How long GetSatelliteId takes beside one connection that keeps 1,024 calls in flight, beside the same beside 16
+    // connections with one call each.
+    std::vector<Row> Fairness();
+
+    // What a directory's memory is at rest, and how often a satellite's threads wake up that has nothing to do.
+    std::vector<Row> Rest();
+
 private:
     static constexpr unsigned many = 100'000;  // satellites of the full directory
 
@@ -92,6 +109,9 @@ private:
     std::vector<Row> CallsAt(const Width& width, const DirectoryProcess& directory, const Exchange& exchange,
                              const RedisProcess* redis);
     std::vector<Row> RegisterWith(Syncing syncing, unsigned width, std::array<double, 2> goals);
+    std::vector<Row> RequestRows(const LibraryCallee& callee, LibraryCaller& caller);
+    Row OneWayRow(LibraryCallee& callee, LibraryCaller& caller);
+    std::vector<Row> RestOfSatellite(const DirectoryProcess& directory);
     std::vector<Row> LivenessOf(unsigned count);
     std::vector<Row> ByEveryWay(const TwoHosts& hosts, uint16_t port, const std::string& what,
                                 const std::string& request);

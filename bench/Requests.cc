@@ -84,12 +84,15 @@ std::string RegisterRequest(const Satellite& satellite, int id) { return RecordR
 
 std::string UnregisterRequest(const Satellite& satellite, int id) { return RecordRequest("UnRegister", satellite, id); }
 
-std::string BeRightBackRequest(const std::string& satellite) {
-    constexpr int seconds = 3600;
+std::string BeRightBackRequest(const std::string& satellite, int seconds) {
+    return NumberRequest("SetBeRightBackTimer", satellite, seconds);
+}
+
+std::string NumberRequest(const std::string& method, const std::string& caller, int number) {
     ScopedVariant in;
     in.vt = VT_I4;
-    in.lVal = seconds;
-    return Encoded("SetBeRightBackTimer", in, satellite);
+    in.lVal = number;
+    return Encoded(method, in, caller);
 }
 
 std::string ListenRequest(const std::string& listener, const std::vector<std::string>& services) {

@@ -2,6 +2,7 @@
 // directory and baselines are processes of their own.
 #include "EchoServer.h"
 #include "FileLoop.h"
+#include "LibraryProcess.h"
 #include "Measurements.h"
 #include "Support.h"
 #include "SwarmProcess.h"
@@ -26,8 +27,8 @@ constexpr const char* usage =
     "usage: kel_bench [--quick] [--only NAME] [--directory PROGRAM]\n"
     "\n"
     "  --quick              fewer and shorter rounds: about three minutes instead of about eight\n"
-    "  --only NAME          one measurement: calls, register, service, host, memory, startup, liveness,\n"
-    "                       fanout, deaths or attack\n"
+    "  --only NAME          one measurement: calls, register, service, host, request, memory, startup,\n"
+    "                       liveness, fanout, deaths, attack, fair or rest\n"
     "  --directory PROGRAM  the directory to measure (default: KelDirectory beside this program)\n"
     "\n"
     "Files are written to a folder of its own below $TMPDIR (default /tmp), which should lie on the kind of disk that "
@@ -47,7 +48,10 @@ constexpr const char* legend =
     "  outer address, another host: the same calls over loopback;\n"
     "  start-up: a program that only reads these files; alive: a loop of one thread that asks the same satellites the\n"
     "  same, one after the other; AddService: a loop that writes the same bytes to as many sockets;\n"
-    "  names held: the same directory before that\n";
+    "  names held: the same directory before that;\n"
+    "  Request: an echo with as many calls in flight on one connection, of one thread with blocking sockets for 1 "
+    "thread;\n"
+    "  beside 1 x 1024: the same beside 16 x 1\n";
 
 struct Measurement {
     const char* name;
@@ -55,12 +59,30 @@ struct Measurement {
 };
 
 constexpr Measurement measurements[] = {
-    {"calls", &Measurements::Calls},           {"register", &Measurements::Register},
-    {"service", &Measurements::ServiceLookUp}, {"host", &Measurements::FromAnotherHost},
-    {"memory", &Measurements::Memory},         {"startup", &Measurements::StartUp},
-    {"liveness", &Measurements::Liveness},     {"fanout", &Measurements::FanOut},
-    {"deaths", &Measurements::Deaths},         {"attack", &Measurements::Attack},
+    {"calls", &Measurements::Calls},
+    {"register", &Measurements::Register},
+    {"service", &Measurements::ServiceLookUp},
+    {"host", &Measurements::FromAnotherHost},
+    {"request", &Measurements::LibraryCalls},
+    {"memory", &Measurements::Memory},
+    {"startup", &Measurements::StartUp},
+    {"liveness", &Measurements::Liveness},
+    {"fanout", &Measurements::FanOut},
+    {"deaths", &Measurements::Deaths},
+    {"attack", &Measurements::Attack},
+    {"fair", &Measurements::Fairness},
+    {"rest", &Measurements::Rest},
 };
+
+constexpr Effort quick{.callRounds = 9,
+                       .secondsASide = 0.15,
+                       .fileRounds = 3,
+                       .registrationsASide = 500,
+                       .passes = 2,
+                       .attackSeconds = 12,
+                       .fairSeconds = 1,
+                       .oneWayCalls = 200'000,
+                       .restSeconds = 4};
 
 struct Options {
     bool quick = false;
@@ -118,7 +140,7 @@ void WatchSignals(unsigned secondsAtMost) {
 
 void PrintRow(const Row& row, std::string_view reached) {
     const auto orDash = [](const std::string& text) { return text.empty() ? "-" : text.c_str(); };
-    std::printf("%-44s %15s %17s  %-19s %-15s %-11s %.*s\n", row.what.c_str(), row.measured.c_str(),
+    std::printf("%-44s %15s %17s  %-19s %-15s %-15s %.*s\n", row.what.c_str(), row.measured.c_str(),
                 orDash(row.baseline), orDash(row.ratio), orDash(row.cpuACall), orDash(row.goal),
                 static_cast<int>(reached.size()), reached.data());
 }
@@ -135,13 +157,13 @@ void PrintTable(const std::vector<Row>& rows, const std::string& folder) {
 }
 
 int Measure(Options options) {
-    WatchSignals(options.quick ? 420 : 900);
+    WatchSignals(options.quick ? 900 : 1800);
     RaiseDescriptorLimit();
     if (options.directory.empty()) {
         options.directory = fs::read_symlink("/proc/self/exe").replace_filename("KelDirectory").string();
     }
     const TemporaryFolder folder;
-    Measurements all(options.directory, folder.path(), options.quick ? Effort{9, 0.15, 3, 500, 2, 12} : Effort{});
+    Measurements all(options.directory, folder.path(), options.quick ? quick : Effort{});
     std::vector<Row> rows;
     int status = 0;
     try {
@@ -170,6 +192,10 @@ bool RunAsChild(const std::vector<std::string>& arguments) {
                                          number(5) ? Syncing::on : Syncing::off));
     } else if (count == 1 && arguments[0] == "--as-ping-loop") {
         RunPingLoop();
+    } else if (count == 1 && arguments[0] == "--as-callee") {
+        RunCallee();
+    } else if (count == 1 && arguments[0] == "--as-caller") {
+        RunCaller();
     } else {
         return false;
     }
