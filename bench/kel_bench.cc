@@ -26,7 +26,7 @@ namespace fs = std::filesystem;
 constexpr const char* usage =
     "usage: kel_bench [--quick] [--only NAME] [--directory PROGRAM]\n"
     "\n"
-    "  --quick              fewer and shorter rounds: about three minutes instead of about eight\n"
+    "  --quick              fewer and shorter rounds: about six minutes instead of about fourteen\n"
     "  --only NAME          one measurement: calls, register, service, host, request, memory, startup,\n"
     "                       liveness, fanout, deaths, attack, fair or rest\n"
     "  --directory PROGRAM  the directory to measure (default: KelDirectory beside this program)\n"
