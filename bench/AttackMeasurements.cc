@@ -1,4 +1,4 @@
-// What somebody who only wants an answer notices of those who want that nobody gets one.
+// What somebody who only wants an answer notices of those who want many, or who want that nobody gets one.
 #include "Measurements.h"
 
 #include "Requests.h"
@@ -11,6 +11,7 @@
 #include <array>
 #include <atomic>
 #include <exception>
+#include <future>
 #include <thread>
 
 namespace kel::bench {
@@ -19,6 +20,9 @@ namespace {
 constexpr unsigned heldNames = 600;
 constexpr auto betweenCalls = std::chrono::milliseconds(1);
 constexpr double slowdownGoal = 3;
+constexpr unsigned greedyCalls = 1'024;  // in flight on one connection
+constexpr unsigned modestConnections = 16;
+constexpr auto headStart = std::chrono::milliseconds(100);
 constexpr double attackDeadline = 60;
 
 // A port of the loopback interface at which connections are taken and nothing is ever answered.
@@ -122,7 +126,30 @@ double SlowestButOnePercent(uint16_t port, double seconds) {
     return *place;
 }
 
+// The same while another client makes all the calls that it can.
+double SlowestBeside(LoadClient& client, uint16_t port, double seconds) {
+    const Exchange exchange = Learn(port, SatelliteIdRequest("MainRegister"));
+    const double longer = seconds + 2 * std::chrono::duration<double>(headStart).count();
+    auto load = std::async(std::launch::async, [&] { return client.RunFor({&exchange, 1}, longer); });
+    std::this_thread::sleep_for(headStart);
+    const double slowest = SlowestButOnePercent(port, seconds);
+    load.get();
+    return slowest;
+}
+
 }  // namespace
+
+std::vector<Row> Measurements::Fairness() {
+    Announce("GetSatelliteId while others call as much as they can");
+    DirectoryProcess directory(program_, Folder("fair"));
+    directory.Start();
+    LoadClient greedy(directory.port(), 1, greedyCalls), modest(directory.port(), modestConnections);
+    const double seconds = effort_.fairSeconds;
+    const auto times =
+        InTurn(effort_.fileRounds, {[&](unsigned) { return SlowestBeside(greedy, directory.port(), seconds); },
+                                    [&](unsigned) { return SlowestBeside(modest, directory.port(), seconds); }});
+    return {RowOfTimes("99 of 100 GetSatelliteId, beside 1 x 1024", {times[0], times[1]}, slowdownGoal)};
+}
 
 std::vector<Row> Measurements::Attack() {
     Announce("GetSatelliteId while others register names that lead nowhere");

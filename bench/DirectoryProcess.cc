@@ -26,18 +26,6 @@ constexpr double startSeconds = 60;
 constexpr double stopSeconds = 10;
 constexpr auto glance = std::chrono::milliseconds(1);
 
-uint16_t FreePort() {
-    const Descriptor socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    if (::bind(socket.get(), reinterpret_cast<sockaddr*>(&address), length) != 0 ||
-        ::getsockname(socket.get(), reinterpret_cast<sockaddr*>(&address), &length) != 0)
-        FailWithErrno("no free port");
-    return ntohs(address.sin_port);
-}
-
 void WriteSettings(const std::string& folder, uint16_t port, Syncing syncing, const std::string& bindAddress) {
     std::filesystem::create_directories(folder);
     std::ofstream file(folder + "/com.tessaly.yar.config.plist");
@@ -142,9 +130,29 @@ bool ChildProcess::WaitFor(double seconds) {
     return true;
 }
 
-ChildProcess StartSelf(std::vector<std::string> arguments) {
+double ChildProcess::CpuSeconds() const {
+    clockid_t clock{};
+    timespec used{};
+    if (::clock_getcpuclockid(pid_.number, &clock) != 0 || ::clock_gettime(clock, &used) != 0)
+        throw std::runtime_error("the processor time cannot be read of " + program_);
+    return static_cast<double>(used.tv_sec) + static_cast<double>(used.tv_nsec) / 1e9;
+}
+
+ChildProcess StartSelf(std::vector<std::string> arguments, const ChildProcess::Environment& environment) {
     arguments.insert(arguments.begin(), std::filesystem::read_symlink("/proc/self/exe"));
-    return ChildProcess(arguments, ChildProcess::Output::toReadLine);
+    return ChildProcess(arguments, ChildProcess::Output::toReadLine, environment);
+}
+
+uint16_t FreePort() {
+    const Descriptor socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    if (::bind(socket.get(), reinterpret_cast<sockaddr*>(&address), length) != 0 ||
+        ::getsockname(socket.get(), reinterpret_cast<sockaddr*>(&address), &length) != 0)
+        FailWithErrno("no free port");
+    return ntohs(address.sin_port);
 }
 
 DirectoryProcess::DirectoryProcess(std::string program, std::string root, Syncing syncing,
@@ -157,8 +165,7 @@ DirectoryProcess::DirectoryProcess(std::string program, std::string root, Syncin
 double DirectoryProcess::Start(const std::string& name) {
     const std::string request = SatelliteIdRequest(name);
     const auto start = Clock::now();
-    const ChildProcess::Environment environment{{"YAR_ROOT", root_}, {"XDG_CONFIG_HOME", root_ + "/config"}};
-    process_.emplace_back(std::vector{program_}, ChildProcess::Output::toErrors, environment);
+    process_.emplace_back(std::vector{program_}, ChildProcess::Output::toErrors, environment());
     while (!Ask(port_, request)) {
         process_.back().ThrowIfEnded();
         ThrowIfInterrupted();
@@ -176,12 +183,8 @@ uint64_t DirectoryProcess::Status(const std::string& field) const {
     throw std::runtime_error("the directory's status cannot be read");
 }
 
-double DirectoryProcess::CpuSeconds() const {
-    clockid_t clock{};
-    timespec used{};
-    if (::clock_getcpuclockid(process_.back().pid(), &clock) != 0 || ::clock_gettime(clock, &used) != 0)
-        throw std::runtime_error("the directory's processor time cannot be read");
-    return static_cast<double>(used.tv_sec) + static_cast<double>(used.tv_nsec) / 1e9;
+ChildProcess::Environment DirectoryProcess::environment() const {
+    return {{"YAR_ROOT", root_}, {"XDG_CONFIG_HOME", root_ + "/config"}};
 }
 
 }  // namespace kel::bench

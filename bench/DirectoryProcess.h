@@ -44,6 +44,9 @@ public:
     // Throws when the child has ended by itself.
     void ThrowIfEnded();
 
+    // The processor time that it has used, threads that have ended included.
+    double CpuSeconds() const;
+
 private:
     struct Id {
         explicit Id(pid_t id) : number(id) {}
@@ -61,7 +64,10 @@ private:
 };
 
 // This program once more, in one of its child modes, with its output to ReadLine.
-ChildProcess StartSelf(std::vector<std::string> arguments);
+ChildProcess StartSelf(std::vector<std::string> arguments, const ChildProcess::Environment& environment = {});
+
+// A port of the loopback address that nobody has.
+uint16_t FreePort();
 
 // A KelDirectory, on a free port of the loopback address or of all addresses, with its files below a root of its own.
 class DirectoryProcess {
@@ -81,14 +87,16 @@ public:
     uint16_t port() const { return port_; }
     const std::string& root() const { return root_; }
 
+    // What has libkel, and a further directory, take the same files and settings.
+    ChildProcess::Environment environment() const;
+
     // Its resident memory, in bytes: now, and the most that it has ever been.
     uint64_t ResidentBytes() const { return Status("VmRSS:") * 1024; }
     uint64_t PeakResidentBytes() const { return Status("VmHWM:") * 1024; }
 
     unsigned Threads() const { return static_cast<unsigned>(Status("Threads:")); }
 
-    // The processor time that it has used, threads that have ended included.
-    double CpuSeconds() const;
+    double CpuSeconds() const { return process_.back().CpuSeconds(); }
 
 private:
     uint64_t Status(const std::string& field) const;

@@ -1,5 +1,7 @@
 #include "Figures.h"
 
+#include "Support.h"
+
 #include <algorithm>
 #include <cstdio>
 #include <iterator>
@@ -11,6 +13,15 @@ std::vector<double> Comparison::Ratios() const {
     std::transform(measured.begin(), measured.end(), baseline.begin(), std::back_inserter(ratios),
                    [](double one, double other) { return one / other; });
     return ratios;
+}
+
+double CpuMeter::Run(const std::function<double()>& calls) {
+    const double before = cpuSeconds_();
+    const auto start = Clock::now();
+    const double rate = calls();
+    calls_ += rate * SecondsSince(start);
+    used_ += cpuSeconds_() - before;
+    return rate;
 }
 
 double Median(std::vector<double> values) {
@@ -35,6 +46,8 @@ std::string Rate(double perSecond) { return Grouped(perSecond) + " /s"; }
 
 std::string Seconds(double seconds) { return seconds < 0.1 ? Text(seconds * 1e3, 2) + " ms" : Text(seconds, 3) + " s"; }
 
+std::string Microseconds(double seconds) { return Text(seconds * 1e6, 1) + " us"; }
+
 std::string Mebibytes(double bytes) { return Text(bytes / 1024 / 1024, 1) + " MiB"; }
 
 std::string Spread(const std::vector<double>& ratios) {
@@ -46,6 +59,13 @@ Row RowOfRates(std::string what, const Comparison& rates, double goal) {
     const std::vector<double> ratios = rates.Ratios();
     return {std::move(what), Rate(Median(rates.measured)), Rate(Median(rates.baseline)),
             Spread(ratios),  ">= " + Text(goal, 2),        Median(ratios) >= goal};
+}
+
+Row RowOfRates(std::string what, const Comparison& rates, double goal, const CpuMeter& measured,
+               const CpuMeter& baseline) {
+    Row row = RowOfRates(std::move(what), rates, goal);
+    row.cpuACall = Text(measured.SecondsACall() * 1e6, 1) + " / " + Microseconds(baseline.SecondsACall());
+    return row;
 }
 
 Row RowOfTimes(std::string what, const Comparison& times, double goal) {

@@ -6,6 +6,7 @@
 #include <sys/epoll.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <array>
 #include <cstring>
 
@@ -13,6 +14,7 @@ namespace kel::bench {
 namespace {
 
 constexpr int answerDeadlineMilliseconds = 10'000;
+constexpr size_t idBytes = 2;
 
 }  // namespace
 
@@ -32,9 +34,10 @@ Descriptor ConnectTo(const Server& server) {
     return socket;
 }
 
-LoadClient::LoadClient(const Server& server, unsigned connections)
+LoadClient::LoadClient(const Server& server, unsigned connections, unsigned inFlight)
     : epoll_(::epoll_create1(EPOLL_CLOEXEC)), connections_(connections) {
     for (size_t i = 0; i < connections_.size(); ++i) {
+        connections_[i].calls.resize(inFlight);
         connections_[i].socket = ConnectTo(server);
         if (connections_[i].socket.get() < 0) throw std::runtime_error("nobody listens on the server's port");
         epoll_event event{};
@@ -55,16 +58,15 @@ double LoadClient::RunOnce(std::span<const Exchange> exchanges) {
 }
 
 double LoadClient::Run(std::span<const Exchange> exchanges, bool again, Clock::time_point end) {
-    exchanges_ = exchanges;
-    again_ = again;
-    stopping_ = exchanges.empty();
-    next_ = 0;
     answered_ = 0;
-    for (Connection& connection : connections_) {
-        connection.buffer.resize(std::max<size_t>(connection.buffer.size(), 4096));
-    }
+    if (exchanges.empty()) return 0;
+    Prepare(exchanges);
+    again_ = again;
     const auto start = Clock::now();
-    for (Connection& connection : connections_) outstanding_ += SendNext(connection);
+    for (Connection& connection : connections_) {
+        for (size_t place = 0; place < connection.calls.size(); ++place) AddNext(connection, place);
+        Send(connection);
+    }
     std::array<epoll_event, 64> events;
     while (outstanding_ > 0) {
         const int count =
@@ -77,32 +79,78 @@ double LoadClient::Run(std::span<const Exchange> exchanges, bool again, Clock::t
     return static_cast<double>(answered_) / SecondsSince(start);
 }
 
-bool LoadClient::SendNext(Connection& connection) {
-    if (next_ == exchanges_.size() && again_) next_ = 0;
-    if (stopping_ || next_ == exchanges_.size()) return false;
-    const Exchange& exchange = exchanges_[next_++];
-    connection.exchange = &exchange;
-    connection.received = 0;
-    const ssize_t sent =
-        ::send(connection.socket.get(), exchange.request.data(), exchange.request.size(), MSG_NOSIGNAL);
-    if (sent != static_cast<ssize_t>(exchange.request.size())) FailWithErrno("send");
-    return true;
+void LoadClient::Prepare(std::span<const Exchange> exchanges) {
+    exchanges_ = exchanges;
+    answerBytes_ = exchanges.front().answerBytes;
+    idAt_ = exchanges.front().idAt;
+    for (const Exchange& exchange : exchanges) {
+        if (exchange.answerBytes != answerBytes_) throw std::runtime_error("the answers are not of one length");
+    }
+    next_ = 0;
+    stopping_ = false;
+    for (Connection& connection : connections_) {
+        connection.oldest = 0;
+        connection.received.resize(std::max<size_t>(connection.calls.size() * answerBytes_, 4096));
+    }
 }
 
 void LoadClient::Receive(Connection& connection) {
-    const ssize_t size = ::read(connection.socket.get(), connection.buffer.data() + connection.received,
-                                connection.buffer.size() - connection.received);
-    if (size <= 0 || !connection.exchange) throw std::runtime_error("the server closed a connection, or spoke unasked");
-    connection.received += static_cast<size_t>(size);
-    const Exchange& exchange = *connection.exchange;
-    if (connection.received < exchange.answerBytes) return;
-    if (connection.received > exchange.answerBytes ||
-        std::memcmp(connection.buffer.data(), exchange.answerStart.data(), exchange.answerStart.size()) != 0)
+    const ssize_t size = ::read(connection.socket.get(), connection.received.data() + connection.receivedBytes,
+                                connection.received.size() - connection.receivedBytes);
+    if (size <= 0) throw std::runtime_error("the server closed a connection");
+    const char* answer = connection.received.data();
+    size_t left = connection.receivedBytes + static_cast<size_t>(size);
+    for (; left >= answerBytes_; left -= answerBytes_, answer += answerBytes_) {
+        AddNext(connection, TakeAnswer(connection, answer));
+    }
+    std::memmove(connection.received.data(), answer, left);
+    connection.receivedBytes = left;
+    Send(connection);
+}
+
+// The place of the call that it answers.
+size_t LoadClient::TakeAnswer(Connection& connection, const char* answer) {
+    size_t place = connection.oldest;
+    if (idAt_ == 0) {
+        connection.oldest = (place + 1) % connection.calls.size();
+    } else {
+        const auto byte = [&](size_t at) { return static_cast<size_t>(static_cast<unsigned char>(answer[at])); };
+        place = (byte(idAt_) << 8 | byte(idAt_ + 1)) - firstCallId;
+    }
+    if (place >= connection.calls.size() || !connection.calls[place])
+        throw std::runtime_error("the server answered what it was not asked");
+    const std::string& expected = connection.calls[place]->answerStart;
+    const size_t rest = idAt_ == 0 ? 0 : idAt_ + idBytes;
+    if (std::memcmp(answer, expected.data(), idAt_) != 0 ||
+        std::memcmp(answer + rest, expected.data() + rest, expected.size() - rest) != 0)
         throw std::runtime_error("the server gave another answer than at the first call");
-    connection.exchange = nullptr;
+    connection.calls[place] = nullptr;
     ++answered_;
     --outstanding_;
-    outstanding_ += SendNext(connection);
+    return place;
+}
+
+void LoadClient::AddNext(Connection& connection, size_t place) {
+    if (next_ == exchanges_.size() && again_) next_ = 0;
+    if (stopping_ || next_ == exchanges_.size()) return;
+    const Exchange& exchange = exchanges_[next_++];
+    connection.calls[place] = &exchange;
+    const size_t start = connection.toSend.size();
+    connection.toSend += exchange.request;
+    if (idAt_ != 0) {
+        const size_t id = firstCallId + place;
+        connection.toSend[start + idAt_] = static_cast<char>(id >> 8);
+        connection.toSend[start + idAt_ + 1] = static_cast<char>(id);
+    }
+    ++outstanding_;
+}
+
+void LoadClient::Send(Connection& connection) {
+    std::string& bytes = connection.toSend;
+    if (bytes.empty()) return;
+    const ssize_t sent = ::send(connection.socket.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
+    if (sent != static_cast<ssize_t>(bytes.size())) FailWithErrno("send");
+    bytes.clear();
 }
 
 }  // namespace kel::bench

@@ -12,9 +12,6 @@
 namespace kel::bench {
 namespace {
 
-constexpr unsigned many = 100'000;  // satellites of the full directory
-constexpr unsigned few = 10;
-constexpr unsigned lookUps = 1'000;  // different requests that the look-ups rotate over
 constexpr unsigned manyRoutes = 5'000;
 constexpr unsigned usualWidth = 8;  // connections, where only one width is measured
 
@@ -75,44 +72,6 @@ std::vector<std::vector<double>> Measurements::InTurn(unsigned rounds, const std
     return results;
 }
 
-std::vector<Row> Measurements::SatelliteId() {
-    DirectoryProcess directory(program_, Folder("few"));
-    directory.Start();
-    const Satellite satellite = SatelliteOf(0);
-    Learn(directory.port(), RegisterRequest(satellite));
-    const Exchange exchange = Learn(directory.port(), SatelliteIdRequest(satellite.name));
-    std::vector<Row> rows;
-    for (const unsigned connections : {1u, 8u, 32u}) {
-        rows.push_back(SatelliteIdAt(connections, directory.port(), exchange));
-    }
-    return rows;
-}
-
-Row Measurements::SatelliteIdAt(unsigned connections, uint16_t port, const Exchange& exchange) {
-    const std::string what = "GetSatelliteId, " + Connections(connections);
-    Announce(what);
-    const Exchange echo{exchange.request, exchange.request, exchange.request.size()};
-    ChildProcess one = StartSelf({"--as-echo", "1"});
-    ChildProcess two = StartSelf({"--as-echo", "2"});
-    LoadClient toOne(static_cast<uint16_t>(std::stoul(one.ReadLine())), connections);
-    LoadClient toTwo(static_cast<uint16_t>(std::stoul(two.ReadLine())), connections);
-    LoadClient toDirectory(port, connections);
-    const double seconds = effort_.secondsASide;
-    const auto rates = InTurn(effort_.callRounds, {[&](unsigned) {
-                                                       return toOne.RunFor({&echo, 1}, seconds);
-                                                   },
-                                                   [&](unsigned) {
-                                                       return toDirectory.RunFor({&exchange, 1}, seconds);
-                                                   },
-                                                   [&](unsigned) {
-                                                       return toTwo.RunFor({&echo, 1}, seconds);
-                                                   }});
-    const bool twoIsBetter = Median(rates[2]) > Median(rates[0]);
-    Row row = RowOfRates(what, {rates[1], twoIsBetter ? rates[2] : rates[0]}, 0.75);
-    row.baseline += twoIsBetter ? " [2]" : " [1]";
-    return row;
-}
-
 std::vector<Row> Measurements::Register() {
     std::vector<Row> rows = RegisterWith(Syncing::on, 32, {0.9, 5});
     for (Row& row : RegisterWith(Syncing::off, usualWidth, {0.7, 0.7})) rows.push_back(std::move(row));
@@ -150,28 +109,6 @@ std::vector<Row> Measurements::RegisterWith(Syncing syncing, unsigned width, std
     RequireSameFiles(narrow.root(), loop, SatelliteOf(first(effort_.fileRounds) - 1));
     return {RowOfRates("Register" + kind + ", " + Connections(1), {rates[2], rates[1]}, goals[0]),
             RowOfRates("Register" + kind + ", " + Connections(width), {rates[0], rates[1]}, goals[1])};
-}
-
-std::vector<Row> Measurements::ServiceLookUp() {
-    DirectoryProcess& full = FullDirectory();
-    Announce("GetServiceReg, with 100,000 satellites and with 10");
-    DirectoryProcess small(program_, Folder("ten"));
-    small.Start();
-    for (unsigned i = 0; i < few; ++i) Learn(small.port(), RegisterRequest(SatelliteOf(i)));
-    // As many request buffers on both sides, so that the client does the same work.
-    std::vector<Exchange> ofMany, ofFew;
-    for (unsigned i = 0; i < lookUps; ++i) {
-        const auto learn = [this](DirectoryProcess& directory, unsigned number) {
-            return Learn(directory.port(), ServiceRequest("any", SatelliteOf(number).service));
-        };
-        ofMany.push_back(learn(full, i * (many / lookUps)));
-        ofFew.push_back(learn(small, i % few));
-    }
-    LoadClient toFull(full.port(), usualWidth), toSmall(small.port(), usualWidth);
-    const double seconds = effort_.secondsASide;
-    const auto rates = InTurn(effort_.callRounds, {[&](unsigned) { return toSmall.RunFor(ofFew, seconds); },
-                                                   [&](unsigned) { return toFull.RunFor(ofMany, seconds); }});
-    return {RowOfRates("GetServiceReg \"any\", 100,000 satellites", {rates[1], rates[0]}, 0.9)};
 }
 
 std::vector<Row> Measurements::FromAnotherHost() {
@@ -228,8 +165,8 @@ std::vector<Row> Measurements::ByEveryWay(const TwoHosts& hosts, uint16_t port, 
 std::vector<Row> Measurements::Memory() {
     FullDirectory();
     const double kibibytes = static_cast<double>(fullBytes_) / many / 1024;
-    return {{"Resident memory a satellite, 100,000 of them", Text(kibibytes, 2) + " KiB", "", "", "<= 1.5 KiB",
-             kibibytes <= 1.5}};
+    return {{"Resident memory a satellite, 100,000 of them", Text(kibibytes, 2) + " KiB", "", "", "<= 1.0 KiB",
+             kibibytes <= 1}};
 }
 
 std::vector<Row> Measurements::StartUp() {

@@ -11,7 +11,8 @@
 namespace kel::bench {
 namespace {
 
-constexpr uint32_t messageId = 1;
+constexpr uint32_t messageId = firstCallId;
+constexpr size_t messageIdAt = 3;  // after the array, the kind of message and the type of the id
 
 std::string Encoded(std::string_view method, const tagVARIANT& in, const std::string& caller = "Player") {
     std::string bytes;
@@ -83,12 +84,15 @@ std::string RegisterRequest(const Satellite& satellite, int id) { return RecordR
 
 std::string UnregisterRequest(const Satellite& satellite, int id) { return RecordRequest("UnRegister", satellite, id); }
 
-std::string BeRightBackRequest(const std::string& satellite) {
-    constexpr int seconds = 3600;
+std::string BeRightBackRequest(const std::string& satellite, int seconds) {
+    return NumberRequest("SetBeRightBackTimer", satellite, seconds);
+}
+
+std::string NumberRequest(const std::string& method, const std::string& caller, int number) {
     ScopedVariant in;
     in.vt = VT_I4;
-    in.lVal = seconds;
-    return Encoded("SetBeRightBackTimer", in, satellite);
+    in.lVal = number;
+    return Encoded(method, in, caller);
 }
 
 std::string ListenRequest(const std::string& listener, const std::vector<std::string>& services) {
@@ -149,7 +153,7 @@ std::optional<std::string> Ask(const Server& server, const std::string& request)
 Exchange Learn(const Server& server, const std::string& request) {
     const std::optional<std::string> answer = Ask(server, request);
     if (!answer) throw std::runtime_error("the directory refused a call");
-    return {request, *answer, answer->size()};
+    return {request, *answer, answer->size(), messageIdAt};
 }
 
 Exchange LearnRegister(uint16_t port, const Satellite& satellite) {

@@ -13,7 +13,7 @@
 
 namespace kel::bench {
 
-// Encoded requests; all carry the same message id, as each connection has one call outstanding.
+// Encoded requests; all carry the same message id, in whose place a LoadClient puts that of the call.
 std::string SatelliteIdRequest(const std::string& satellite);
 std::string SatelliteHostRequest(const std::string& satellite);
 
@@ -24,8 +24,8 @@ std::string ServiceRequest(const std::string& destination, const std::string& se
 std::string RegisterRequest(const Satellite& satellite, int id = 0);
 std::string UnregisterRequest(const Satellite& satellite, int id);
 
-// Has the directory leave the satellite of that name unpinged for an hour.
-std::string BeRightBackRequest(const std::string& satellite);
+// Has the directory leave the satellite of that name unpinged for so long.
+std::string BeRightBackRequest(const std::string& satellite, int seconds = 3600);
 
 // The satellite `listener` wants to hear of these services.
 std::string ListenRequest(const std::string& listener, const std::vector<std::string>& services);
@@ -33,6 +33,9 @@ std::string ListenRequest(const std::string& listener, const std::vector<std::st
 // A directory's question to a satellite whether it is alive, and the answer that it is.
 std::string PingRequest(const std::string& satellite, int id);
 std::string AliveAnswer();
+
+// A call with one number.
+std::string NumberRequest(const std::string& method, const std::string& caller, int number);
 
 // The directory's notification that a service has come.
 std::string ServiceCameNotification(const std::string& service, const std::string& satellite);

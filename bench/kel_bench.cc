@@ -2,6 +2,7 @@
 // directory and baselines are processes of their own.
 #include "EchoServer.h"
 #include "FileLoop.h"
+#include "LibraryProcess.h"
 #include "Measurements.h"
 #include "Support.h"
 #include "SwarmProcess.h"
@@ -25,9 +26,9 @@ namespace fs = std::filesystem;
 constexpr const char* usage =
     "usage: kel_bench [--quick] [--only NAME] [--directory PROGRAM]\n"
     "\n"
-    "  --quick              fewer and shorter rounds: about three minutes instead of about eight\n"
-    "  --only NAME          one measurement: id, register, service, host, memory, startup, liveness,\n"
-    "                       fanout, deaths or attack\n"
+    "  --quick              fewer and shorter rounds: about six minutes instead of about fourteen\n"
+    "  --only NAME          one measurement: calls, register, service, host, request, memory, startup,\n"
+    "                       liveness, fanout, deaths, attack, fair or rest\n"
     "  --directory PROGRAM  the directory to measure (default: KelDirectory beside this program)\n"
     "\n"
     "Files are written to a folder of its own below $TMPDIR (default /tmp), which should lie on the kind of disk that "
@@ -37,15 +38,20 @@ constexpr const char* usage =
 
 constexpr const char* legend =
     "\n"
+    "N x M: connections x calls in flight on each\n"
     "ratio: median (least..most) of the rounds, in each of which both sides ran one after the other\n"
-    "baselines: GetSatelliteId: an epoll echo of the same request, [threads of the echo server, the better of 1 and "
-    "2];\n"
+    "cpu a call: processor time that the server used for a call / that the baseline's server used\n"
+    "baselines: GetSatelliteId: an epoll echo with requests and answers of the same lengths, [threads of the echo\n"
+    "  server, the better of 1 and 2];\n"
     "  Register: one thread that only replaces the same two files, with or without the same syncs; GetServiceReg: a "
     "directory with 10 satellites;\n"
     "  outer address, another host: the same calls over loopback;\n"
     "  start-up: a program that only reads these files; alive: a loop of one thread that asks the same satellites the\n"
     "  same, one after the other; AddService: a loop that writes the same bytes to as many sockets;\n"
-    "  names held: the same directory before that\n";
+    "  names held: the same directory before that;\n"
+    "  Request: an echo with as many calls in flight on one connection, of one thread with blocking sockets for 1 "
+    "thread;\n"
+    "  beside 1 x 1024: the same beside 16 x 1\n";
 
 struct Measurement {
     const char* name;
@@ -53,12 +59,30 @@ struct Measurement {
 };
 
 constexpr Measurement measurements[] = {
-    {"id", &Measurements::SatelliteId},        {"register", &Measurements::Register},
-    {"service", &Measurements::ServiceLookUp}, {"host", &Measurements::FromAnotherHost},
-    {"memory", &Measurements::Memory},         {"startup", &Measurements::StartUp},
-    {"liveness", &Measurements::Liveness},     {"fanout", &Measurements::FanOut},
-    {"deaths", &Measurements::Deaths},         {"attack", &Measurements::Attack},
+    {"calls", &Measurements::Calls},
+    {"register", &Measurements::Register},
+    {"service", &Measurements::ServiceLookUp},
+    {"host", &Measurements::FromAnotherHost},
+    {"request", &Measurements::LibraryCalls},
+    {"memory", &Measurements::Memory},
+    {"startup", &Measurements::StartUp},
+    {"liveness", &Measurements::Liveness},
+    {"fanout", &Measurements::FanOut},
+    {"deaths", &Measurements::Deaths},
+    {"attack", &Measurements::Attack},
+    {"fair", &Measurements::Fairness},
+    {"rest", &Measurements::Rest},
 };
+
+constexpr Effort quick{.callRounds = 9,
+                       .secondsASide = 0.15,
+                       .fileRounds = 3,
+                       .registrationsASide = 500,
+                       .passes = 2,
+                       .attackSeconds = 12,
+                       .fairSeconds = 1,
+                       .oneWayCalls = 200'000,
+                       .restSeconds = 4};
 
 struct Options {
     bool quick = false;
@@ -114,11 +138,10 @@ void WatchSignals(unsigned secondsAtMost) {
     ::alarm(secondsAtMost);
 }
 
-void PrintRow(std::string_view what, std::string_view measured, std::string_view baseline, std::string_view ratio,
-              std::string_view goal, std::string_view reached) {
-    std::printf("%-44.*s %13.*s %17.*s  %-19.*s %-10.*s %.*s\n", static_cast<int>(what.size()), what.data(),
-                static_cast<int>(measured.size()), measured.data(), static_cast<int>(baseline.size()), baseline.data(),
-                static_cast<int>(ratio.size()), ratio.data(), static_cast<int>(goal.size()), goal.data(),
+void PrintRow(const Row& row, std::string_view reached) {
+    const auto orDash = [](const std::string& text) { return text.empty() ? "-" : text.c_str(); };
+    std::printf("%-44s %15s %17s  %-19s %-15s %-15s %.*s\n", row.what.c_str(), row.measured.c_str(),
+                orDash(row.baseline), orDash(row.ratio), orDash(row.cpuACall), orDash(row.goal),
                 static_cast<int>(reached.size()), reached.data());
 }
 
@@ -127,26 +150,20 @@ void PrintTable(const std::vector<Row>& rows, const std::string& folder) {
     ::uname(&system);
     std::printf("%ld processors, %s %s, files below %s\n\n", ::sysconf(_SC_NPROCESSORS_ONLN), system.sysname,
                 system.release, fs::path(folder).parent_path().c_str());
-    PrintRow("what", "measured", "baseline", "ratio", "goal", "reached");
-    for (const Row& row : rows) {
-        PrintRow(row.what, row.measured, row.baseline.empty() ? "-" : row.baseline, row.ratio.empty() ? "-" : row.ratio,
-                 row.goal.empty() ? "-" : row.goal,
-                 row.goal.empty() ? "-"
-                 : row.reached    ? "yes"
-                                  : "no");
-    }
+    PrintRow({"what", "measured", "baseline", "ratio", "goal", false, "cpu a call"}, "reached");
+    for (const Row& row : rows) PrintRow(row, row.goal.empty() ? "-" : row.reached ? "yes" : "no");
     std::fputs(legend, stdout);
     std::fflush(stdout);  // removing the files may take a while
 }
 
 int Measure(Options options) {
-    WatchSignals(options.quick ? 420 : 900);
+    WatchSignals(options.quick ? 900 : 1800);
     RaiseDescriptorLimit();
     if (options.directory.empty()) {
         options.directory = fs::read_symlink("/proc/self/exe").replace_filename("KelDirectory").string();
     }
     const TemporaryFolder folder;
-    Measurements all(options.directory, folder.path(), options.quick ? Effort{9, 0.15, 3, 500, 2, 12} : Effort{});
+    Measurements all(options.directory, folder.path(), options.quick ? quick : Effort{});
     std::vector<Row> rows;
     int status = 0;
     try {
@@ -165,8 +182,8 @@ int Measure(Options options) {
 // The child modes; false when the arguments name none.
 bool RunAsChild(const std::vector<std::string>& arguments) {
     const size_t count = arguments.size();
-    if (count == 2 && arguments[0] == "--as-echo") {
-        RunEchoServer(static_cast<unsigned>(std::stoul(arguments[1])));
+    if (count == 4 && arguments[0] == "--as-echo") {
+        RunEcho(arguments[1], std::stoul(arguments[2]), std::stoul(arguments[3]));
     } else if (count == 2 && arguments[0] == "--as-file-reader") {
         std::printf("%zu\n", ReadFiles(arguments[1]));
     } else if (count == 6 && arguments[0] == "--as-file-loop") {
@@ -175,6 +192,10 @@ bool RunAsChild(const std::vector<std::string>& arguments) {
                                          number(5) ? Syncing::on : Syncing::off));
     } else if (count == 1 && arguments[0] == "--as-ping-loop") {
         RunPingLoop();
+    } else if (count == 1 && arguments[0] == "--as-callee") {
+        RunCallee();
+    } else if (count == 1 && arguments[0] == "--as-caller") {
+        RunCaller();
     } else {
         return false;
     }

@@ -48,6 +48,7 @@ constexpr const char* usage =
 constexpr uint16_t firstPort = 10'000;
 constexpr size_t maxPasses = 1'000;  // that are counted; more have no reader
 constexpr unsigned registeringConnections = 8;
+constexpr size_t registeringPortion = 200;  // between looks at who pings
 
 int64_t Now() { return std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now().time_since_epoch()).count(); }
 
@@ -154,12 +155,7 @@ public:
 
     // Until the commands end.
     void Run() {
-        std::array<epoll_event, 256> events;
-        while (!done_) {
-            const int count = ::epoll_wait(epoll_.get(), events.data(), static_cast<int>(events.size()), -1);
-            if (count < 0 && errno != EINTR) FailWithErrno("epoll_wait");
-            for (int i = 0; i < count; ++i) Serve(events[static_cast<size_t>(i)].data.fd);
-        }
+        while (!done_) ServeReady(-1);
     }
 
 private:
@@ -191,6 +187,16 @@ private:
     void Close(int descriptor) {
         ::close(descriptor);
         sockets_[static_cast<size_t>(descriptor)] = {};
+    }
+
+    // Serves those that have something to say, for the first of which it waits so many milliseconds; -1 is for ever.
+    // False when there were none.
+    bool ServeReady(int milliseconds) {
+        std::array<epoll_event, 256> events;
+        const int count = ::epoll_wait(epoll_.get(), events.data(), static_cast<int>(events.size()), milliseconds);
+        if (count < 0 && errno != EINTR) FailWithErrno("epoll_wait");
+        for (int i = 0; i < count; ++i) Serve(events[static_cast<size_t>(i)].data.fd);
+        return count > 0;
     }
 
     void Serve(int descriptor) {
@@ -279,11 +285,17 @@ private:
         Reply("unknown command");
     }
 
-    // Nothing else is done meanwhile: a directory that pings already has its answers afterwards.
+    // A directory may begin to ping those that it knows already, and takes those for dead who do not answer in time.
     void Register(uint16_t port) {
         const Exchange example = LearnRegister(port, satellites_.front());
         LoadClient client(port, registeringConnections);
-        client.RunOnce(Registrations(example, std::span(satellites_).subspan(1)));
+        const std::span all(satellites_);
+        for (size_t first = 1; first < all.size(); first += registeringPortion) {
+            const size_t count = std::min(registeringPortion, all.size() - first);
+            client.RunOnce(Registrations(example, all.subspan(first, count)));
+            while (ServeReady(0)) {
+            }
+        }
         Reply("registered");
     }
 
