@@ -1,7 +1,7 @@
 #include "LibraryProcess.h"
 
 #include "SwarmProcess.h"
-#include "rpc/KelSatellite.h"
+#include "rpc/satellite/KelSatellite.h"
 
 #include <atomic>
 #include <condition_variable>
