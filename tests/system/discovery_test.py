@@ -334,20 +334,24 @@ class ASatelliteThatWasToldNoAddress(OnNetworks):
         self.assertEqual(recorder.tell("listen", "News"), 0)
         player = own.companion("player", "auto", host=desk)
 
+        def hears_at(directory, of):
+            with directory.client() as client:  # nobody answers for it: it goes again, perhaps before anybody listens
+                client.register(of, 4711, [("News", "")])
+            return ("News", of, 1) in recorder.events("News")
+
         def is_only_at(directory, other=None):
             with directory.client() as client:
                 if client.id_of("Recorder") is None or client.providers("Tune") != ["Recorder"]:
                     return False
-                client.register("Provider", 4711, [("News", "")])
             if other:
                 with other.client() as client:
                     return client.id_of("Recorder") is None
             return True
         self.assertTrue(is_only_at(neighbours))
+        wait_until(lambda: hears_at(neighbours, "NeighboursProvider"), "the satellite to hear of what it listens for")
         own.start()
         wait_until(lambda: is_only_at(own, neighbours), "the satellite to move to its own machine's directory", 180)
-        wait_until(lambda: recorder.events("News").count(("News", "Provider", 1)) > 1,
-                   "the satellite to hear there of what it listens for")
+        wait_until(lambda: hears_at(own, "OwnProvider"), "the satellite to hear of it there as well")
         own.stop()
         wait_until(lambda: is_only_at(neighbours), "the satellite to move to the neighbour's", 180)
         wait_until(lambda: recorder.standings() == [0, 1, 0, 1], "the satellite to hear of both moves")
