@@ -316,7 +316,7 @@ class ADirectoryThatCrashes(CrashTest):
             self.assertEqual(dump.thread_id, threads[position])
             seen.update(dump.crashed)
             position += 1
-        for function in ("YarModuleBase::run", "CBBLog::loggerThread", "WorkerMain", "MonitorMain"):
+        for function in ("YarModuleBase::run", "CBBLog::loggerThread", "WorkerMain", "HousekeeperMain"):
             self.assertTrue(any(function in frame for frame in seen), (function, seen))
 
     def test_is_whole_again_after_a_crash_and_leaves_its_port_free(self):

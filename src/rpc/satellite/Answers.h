@@ -9,13 +9,13 @@
 namespace kel {
 
 // Runs the published methods, and those that every satellite has: kel.Ping, kel.Describe and the directory's news.
-class Answers : public transport::CallReceiver {
+class Answers {
 public:
     // `name` is the satellite's; it does not change while an endpoint exists. All of these outlive the object.
     Answers(KelSatellite& satellite, const MethodTable& methods, const CStdStr& name, CurrentSession& current)
         : satellite_(satellite), methods_(methods), name_(name), current_(current) {}
 
-    void OnCall(const transport::ConnectionPtr& connection, wire::Message& call) override;
+    void OnCall(const transport::ConnectionPtr& connection, wire::Message& call);
 
 private:
     int RunMethod(const transport::ConnectionPtr& connection, const wire::Message& call, ScopedVariant& out);

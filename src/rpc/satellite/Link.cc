@@ -30,10 +30,10 @@ int CodeOf(const Outcome& outcome) {
     return KEL_TOO_LARGE;
 }
 
-Link::Link(CallReceiver& receiver, const Address& directory, const CStdStr& name, Role role)
+Link::Link(Endpoint::Receiver receiver, const Address& directory, const CStdStr& name, Role role)
     : self(name),
       listens(role == Role::satellite),
-      endpoint(receiver),
+      endpoint(std::move(receiver)),
       addresses(endpoint.outbound(), directory, self),
       oneWay(endpoint.outbound(), addresses),
       pings(endpoint, self),

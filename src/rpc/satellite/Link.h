@@ -28,7 +28,7 @@ public:
     enum class Role { satellite, caller };
 
     // `receiver` gets what others call. `name` is the caller's that they see.
-    Link(transport::CallReceiver& receiver, const transport::Address& directory, const CStdStr& name, Role role);
+    Link(transport::Endpoint::Receiver receiver, const transport::Address& directory, const CStdStr& name, Role role);
 
     // Calls `method` of `satellite` and waits. Returns the method's result and fills `value`; else why there is none,
     // and for people in `problem`. Throws KelException when the method threw or is not published.

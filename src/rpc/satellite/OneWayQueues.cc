@@ -3,6 +3,7 @@
 #include "rpc/transport/LibraryLog.h"
 #include "rpc/transport/Quietly.h"
 
+#include <iterator>
 #include <utility>
 
 namespace kel {
@@ -13,6 +14,12 @@ using transport::ConnectionPtr;
 using transport::Deadline;
 using transport::Outbound;
 using transport::Quietly;
+
+namespace {
+constexpr std::chrono::microseconds quickSuccession{200};  // of the callers
+constexpr size_t maxAtOnce = 256;
+constexpr size_t maxBytesAtOnce = 64 * 1024;
+}  // namespace
 
 OneWayQueues::OneWayQueues(Outbound& outbound, AddressBook& addresses) : outbound_(outbound), addresses_(addresses) {}
 
@@ -44,11 +51,36 @@ void OneWayQueues::Post(const std::string& satellite, std::string bytes) {
         const QueuePtr queue = FindQueue(satellite);
         bool becomesRunner = false;
         if (!Append(*queue, bytes, becomesRunner)) continue;
-        if (becomesRunner) {
-            queue->retried = false;
-            Proceed(queue, [&] { Run(queue); });
-        }
+        if (becomesRunner) Begin(queue);
         return;
+    }
+}
+
+void OneWayQueues::Begin(const QueuePtr& queue) {
+    queue->retried = false;
+    const auto now = std::chrono::steady_clock::now();
+    const bool isOneOfMany = now - std::exchange(queue->lastRun, now) < quickSuccession;
+    Proceed(queue, [&] { isOneOfMany ? BeginLater(queue) : Run(queue); });
+}
+
+void OneWayQueues::BeginLater(const QueuePtr& queue) {
+    struct Counted {
+        explicit Counted(OneWayQueues& counted) : queues(counted) {
+            PMutexHold hold(queues.laterLock_);
+            ++queues.later_;
+        }
+        ~Counted() {
+            PMutexHold hold(queues.laterLock_);
+            if (--queues.later_ == 0) queues.laterLock_.broadcast();
+        }
+        OneWayQueues& queues;
+    };
+    outbound_.Post([this, queue, counted = std::make_shared<Counted>(*this)] { Proceed(queue, [&] { Run(queue); }); });
+}
+
+void OneWayQueues::AwaitBeginnings(Deadline deadline) {
+    PMutexHold hold(laterLock_);
+    while (later_ > 0 && laterLock_.waitUntil(deadline)) {
     }
 }
 
@@ -113,15 +145,15 @@ void OneWayQueues::RunAt(const QueuePtr& queue, const Address& address) {
 }
 
 void OneWayQueues::SendAll(const QueuePtr& queue, const ConnectionPtr& connection) {
-    std::string bytes;
-    while (TakeNext(*queue, bytes)) {
-        switch (connection->Send(bytes, Connection::WhenFull::queue)) {
+    Batch batch;
+    while (TakeWaiting(*queue, batch)) {
+        switch (connection->Send(batch.bytes, Connection::WhenFull::queue)) {
             case Connection::Sent::sent:
                 queue->retried = false;
                 queue->failing.Ends();
                 break;
             case Connection::Sent::queued:
-                // The rest waits here, where it can be counted, until the peer has read this one.
+                // The rest waits here, where it can be counted, until the peer has read these.
                 if (connection->WhenDrained(
                         [this, queue, connection] { Proceed(queue, [&] { SendAll(queue, connection); }); },
                         [this, queue] { Proceed(queue, [&] { Failed(queue, "the connection closed"); }); })) {
@@ -129,25 +161,31 @@ void OneWayQueues::SendAll(const QueuePtr& queue, const ConnectionPtr& connectio
                 }
                 return Failed(queue, "the connection closed");
             case Connection::Sent::closed:
-                PutBack(*queue, std::move(bytes));
+                PutBack(*queue, batch);
                 outbound_.Forget(connection);
                 return Failed(queue, "the connection closed");
         }
     }
 }
 
-// The next one to send; false when there is none, and the caller is no longer the runner.
-bool OneWayQueues::TakeNext(Queue& queue, std::string& bytes) {
+// The next ones to send; false when there are none, and the caller is no longer the runner.
+bool OneWayQueues::TakeWaiting(Queue& queue, Batch& batch) {
+    batch.calls.clear();
+    batch.bytes.clear();
     size_t dropped = 0;
     {
         PMutexHold hold(queue.lock);
-        if (!queue.waiting.empty()) {
-            bytes = std::move(queue.waiting.front());
+        while (!queue.waiting.empty() && batch.calls.size() < maxAtOnce && batch.bytes.size() < maxBytesAtOnce) {
+            batch.calls.push_back(std::move(queue.waiting.front()));
             queue.waiting.pop_front();
-            if (queue.waiting.size() == maxOneWayWaiting / 2) queue.lock.broadcast();
+            batch.bytes += batch.calls.back();
+        }
+        if (!batch.calls.empty()) {
+            if (queue.waiting.size() <= maxOneWayWaiting / 2) queue.lock.broadcast();
             return true;
         }
         queue.running = false;
+        queue.lock.broadcast();
         dropped = std::exchange(queue.dropped, 0);
     }
     if (dropped > 0) {
@@ -159,9 +197,10 @@ bool OneWayQueues::TakeNext(Queue& queue, std::string& bytes) {
     return false;
 }
 
-void OneWayQueues::PutBack(Queue& queue, std::string bytes) {
+void OneWayQueues::PutBack(Queue& queue, Batch& batch) {
     PMutexHold hold(queue.lock);
-    queue.waiting.push_front(std::move(bytes));
+    queue.waiting.insert(queue.waiting.begin(), std::make_move_iterator(batch.calls.begin()),
+                         std::make_move_iterator(batch.calls.end()));
 }
 
 void OneWayQueues::Failed(const QueuePtr& queue, const std::string& problem) {

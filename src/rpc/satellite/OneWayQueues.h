@@ -10,6 +10,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace kel {
 
@@ -18,10 +19,11 @@ constexpr size_t maxOneWayWaiting = 1024;  // for one satellite; beyond them the
 constexpr size_t maxIdleQueues = 16384;  // of satellites to which nothing is under way; about so many are kept
 
 // Each satellite has a queue, and at most one thread or operation at a time, the runner, takes from it: it finds the
-// address, waits for the connection and sends until the queue is empty. A satellite that hangs holds up its own queue
-// only: what the system does not take waits here. A failure is answered by asking the directory for the address once
-// more; if that fails too, or if there is no memory to go on, what waits is dropped with a warning. Post may be called
-// from any thread.
+// address, waits for the connection and sends until the queue is empty, all that waits at a time. A caller sends what
+// he has himself, unless he makes one call after the other: then a worker thread does, and finds several each time. A
+// satellite that hangs holds up its own queue only: what the system does not take waits here. A failure is answered by
+// asking the directory for the address once more; if that fails too, or if there is no memory to go on, what waits is
+// dropped with a warning. Post may be called from any thread.
 class OneWayQueues {
 public:
     OneWayQueues(transport::Outbound& outbound, AddressBook& addresses);
@@ -31,6 +33,9 @@ public:
 
     // Backpressure for those who want it: waits until at least half of the queue is free; false when that takes longer.
     bool AwaitRoom(const std::string& satellite, std::chrono::milliseconds timeout);
+
+    // Waits until what was posted before has been begun to be sent, at the most until `deadline`.
+    void AwaitBeginnings(transport::Deadline deadline);
 
 private:
     struct Queue {
@@ -46,6 +51,7 @@ private:
         // The runner's.
         bool retried = false;
         SaidOnce failing;  // the latest calls were dropped
+        std::chrono::steady_clock::time_point lastRun{};
         transport::Address address;
     };
     using QueuePtr = std::shared_ptr<Queue>;
@@ -53,13 +59,19 @@ private:
     QueuePtr FindQueue(const std::string& satellite);
     void RetireIdle() REQUIRES(lock_);
     bool Append(Queue& queue, std::string& bytes, bool& becomesRunner);
+    void Begin(const QueuePtr& queue);
+    void BeginLater(const QueuePtr& queue);
     template <typename Step>
     void Proceed(const QueuePtr& queue, Step&& step);
     void Run(const QueuePtr& queue);
     void RunAt(const QueuePtr& queue, const transport::Address& address);
     void SendAll(const QueuePtr& queue, const transport::ConnectionPtr& connection);
-    bool TakeNext(Queue& queue, std::string& bytes);
-    void PutBack(Queue& queue, std::string bytes);
+    struct Batch {
+        std::vector<std::string> calls;
+        std::string bytes;  // of all of them
+    };
+    bool TakeWaiting(Queue& queue, Batch& batch);
+    void PutBack(Queue& queue, Batch& batch);
     void Failed(const QueuePtr& queue, const std::string& problem);
     void Drop(Queue& queue, const char* problem);
 
@@ -69,6 +81,9 @@ private:
     PMutex lock_;
     std::map<CStdStr, QueuePtr, CaseInsensitiveLess> queues_ GUARDED_BY(lock_);
     size_t retireAt_ GUARDED_BY(lock_) = maxIdleQueues;
+
+    PCondMutex laterLock_;                  // broadcast when there is none
+    int later_ GUARDED_BY(laterLock_) = 0;  // queues whose runner has yet to begin
 };
 
 }  // namespace kel

@@ -101,7 +101,7 @@ std::optional<Address> KelSatellite::Impl::DirectoryOn(const char* host, const C
     if (directory) return directory;
 
     own_ = Address{"127.0.0.1", DirectoryPort()};
-    Link asking(answers_, Address(), name_, Link::Role::caller);
+    Link asking(Receiver(), Address(), name_, Link::Role::caller);
     asking.endpoint.Start();
     directory = kel::FindDirectory(
         {*own_, [&](const Address& address) { return asking.IsDirectoryAt(address, foundTimeout); }});
@@ -109,9 +109,13 @@ std::optional<Address> KelSatellite::Impl::DirectoryOn(const char* host, const C
     return directory;
 }
 
+kel::transport::Endpoint::Receiver KelSatellite::Impl::Receiver() {
+    return [this](const ConnectionPtr& connection, kel::wire::Message& call) { answers_.OnCall(connection, call); };
+}
+
 SessionPtr KelSatellite::Impl::MakeSession(const Address& directory, Link::Role role) {
     const auto changed = [this](int satId, KELSTATUS status) { satellite_.OnStatusChange(satId, status); };
-    return std::make_shared<Session>(answers_, directory, name_, role, methods_, subscriptions_, changed, own_);
+    return std::make_shared<Session>(Receiver(), directory, name_, role, methods_, subscriptions_, changed, own_);
 }
 
 int KelSatellite::Impl::ConnectAs(const Address& directory) {
@@ -186,6 +190,7 @@ void KelSatellite::Impl::Drop(Session& session) {
     session.standing.End();
     session.link.news.Stop();
     session.link.standings.Stop();
+    session.link.oneWay.AwaitBeginnings(std::chrono::steady_clock::now() + shortTimeout);
     session.link.endpoint.Quiesce();
     session.link.endpoint.Close();
     current_.Set(nullptr);

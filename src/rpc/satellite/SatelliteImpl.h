@@ -39,6 +39,7 @@ public:
 
 private:
     std::optional<kel::transport::Address> DirectoryOn(const char* host, const CStdStr& name);
+    kel::transport::Endpoint::Receiver Receiver();
     kel::SessionPtr MakeSession(const kel::transport::Address& directory, kel::Link::Role role);
     int ConnectAs(const kel::transport::Address& directory);
     int Open(kel::Link& link, bool isDirectory);

@@ -15,10 +15,10 @@ namespace kel {
 // Calls under way in other threads share it, so that Disconnect does not pull it from under them.
 struct Session {
     // With `own`, where this machine's directory listens, it goes on looking for its directory.
-    Session(transport::CallReceiver& receiver, const transport::Address& directory, const CStdStr& name,
+    Session(transport::Endpoint::Receiver receiver, const transport::Address& directory, const CStdStr& name,
             Link::Role role, const MethodTable& methods, Subscriptions& subscriptions, Standing::StatusHandler changed,
             const std::optional<transport::Address>& own)
-        : link(receiver, directory, name, role), standing(link, methods, subscriptions, std::move(changed)) {
+        : link(std::move(receiver), directory, name, role), standing(link, methods, subscriptions, std::move(changed)) {
         if (own && !IsDirectoryName(name)) mover.emplace(link, standing, *own);
     }
 

@@ -24,8 +24,8 @@ constexpr std::chrono::minutes warningPeriod{1};
 constexpr size_t maxConnections = 24'576;  // of both directions; each takes some 2 kB
 }  // namespace
 
-Endpoint::Endpoint(CallReceiver& receiver)
-    : receiver_(receiver),
+Endpoint::Endpoint(Receiver receiver)
+    : receiver_(std::move(receiver)),
       listener_(
           pool_, [this](Descriptor socket, const sockaddr_in& peer) { OnAccepted(std::move(socket), peer); },
           [this] { return HasRoom(); }, [this](const auto& shortage) { MakeRoom(Connection::Opener::peer, shortage); }),
@@ -255,7 +255,7 @@ bool Endpoint::RunCounted(Code&& code) {
 }
 
 void Endpoint::OnCall(const ConnectionPtr& connection, wire::Message& call) {
-    if (RunCounted([&] { receiver_.OnCall(connection, call); })) return;
+    if (RunCounted([&] { receiver_(connection, call); })) return;
     if (call.kind != wire::MessageKind::request) return;
     std::string refusal;
     wire::EncodeError(refusal, call.id, KEL_UNREACHABLE, "the satellite is leaving");

@@ -15,19 +15,13 @@
 
 namespace kel::transport {
 
-// Runs what arrives.
-class CallReceiver {
-public:
-    virtual ~CallReceiver() = default;
-    // On a worker thread, several at once: runs `call` and, when it is a request, sends the answer on `connection`.
-    virtual void OnCall(const ConnectionPtr& connection, wire::Message& call) = 0;
-};
-
-// Start, Listen, Quiesce and Close belong to the owner's thread; the rest may be called from any. `receiver` must
-// outlive the object.
+// Start, Listen, Quiesce and Close belong to the owner's thread; the rest may be called from any.
 class Endpoint : private ConnectionOwner {
 public:
-    explicit Endpoint(CallReceiver& receiver);
+    // Is called on a worker thread, several times at once: runs `call` and, when it is a request, sends the answer on
+    // `connection`.
+    using Receiver = std::function<void(const ConnectionPtr& connection, wire::Message& call)>;
+    explicit Endpoint(Receiver receiver);
     ~Endpoint() override;
 
     // Starts the threads; std::runtime_error when the system has none.
@@ -75,7 +69,7 @@ private:
     void ArmTimer();
     void RunRepeated();
 
-    CallReceiver& receiver_;
+    const Receiver receiver_;
     MemoryBudget memory_{[this] { pool_.TidySoon(); }};
     WorkerPool pool_;
     Listener listener_;

@@ -60,6 +60,9 @@ public:
     void CallAsync(const Address& to, std::string method, std::string caller, ScopedVariant in,
                    std::chrono::milliseconds timeout, CallHandler handler);
 
+    // Has `code` run on a worker thread; never when the pool stops before.
+    void Post(std::function<void()> code) { pool_.Post(std::move(code)); }
+
     // A connection has closed: the next call makes a new one.
     void Forget(const ConnectionPtr& connection);
 

@@ -10,14 +10,9 @@
 namespace kel::transport {
 namespace {
 
-class OneThatNeverAnswers : public CallReceiver {
-public:
-    void OnCall(const ConnectionPtr&, wire::Message&) override {}
-};
-
 TEST(ACallThatNoThreadWaitsFor, IsForgottenByItsConnectionWhenItsTimeIsUp) {
-    OneThatNeverAnswers nobody;
-    Endpoint callee(nobody), caller(nobody);
+    const auto neverAnswer = [](const ConnectionPtr&, wire::Message&) {};
+    Endpoint callee(neverAnswer), caller(neverAnswer);
     callee.Start();
     ASSERT_FALSE(callee.Listen({"127.0.0.1", 0}));
     callee.Accept();
