@@ -6,14 +6,21 @@
 #include "foundation/Thread.h"
 #include "registry/ServiceAvailability.h"
 
+#include <chrono>
 #include <exception>
 #include <memory>
+#include <thread>
 #include <utility>
 
 namespace {
 
 constexpr int alive = 1;
 constexpr size_t stackSize = 256 * 1024;  // enough for a ping and a removal, and thousands may hang at a time
+
+// The first pass after a start finds a connection to none of the satellites: with many of them it takes its time.
+constexpr size_t manySatellites = 500;
+constexpr size_t portions = 100;
+constexpr std::chrono::milliseconds betweenPortions{50};
 
 }  // namespace
 
@@ -40,7 +47,14 @@ void CRegistration::CheckSatellites(SatelliteChannel* sink) {
         satellites.reserve(satellites_.size());
         for (const auto& [name, satellite] : satellites_) satellites.push_back(satellite);
     }
+    const bool takesItsTime = !std::exchange(hasChecked_, true) && satellites.size() > manySatellites;
+    const size_t portion = takesItsTime ? satellites.size() / portions : satellites.size();
+    size_t left = portion;
     for (const SatellitePtr& satellite : satellites) {
+        if (left-- == 0) {
+            std::this_thread::sleep_for(betweenPortions);
+            left = portion - 1;
+        }
         if (!mayBeginChecks_) return;
         if (!satellite->checkDone.testAndReset()) continue;
         if (IsRightBack(*satellite)) {  // there is nothing to do that a thread would be needed for

@@ -230,6 +230,7 @@ private:
     boost::shared_ptr<ServiceAvailability> availability_;
 
     std::atomic<bool> mayBeginChecks_{true};
+    bool hasChecked_ = false;  // the check thread's
     const boost::shared_ptr<RunningChecks> runningChecks_;
     PMutex unstartedLock_;
     SatellitePtr unstarted_ GUARDED_BY(unstartedLock_);  // its check was begun without a thread
