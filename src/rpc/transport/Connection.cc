@@ -18,8 +18,10 @@
 // (paused_) and whoever finishes a call picks it up. With a message at the front for which there is no memory, the turn
 // waits in the memory budget's queue (Afford) and is given back from there (GoOn).
 //
-// A thread that has made a call over a connection that nobody else uses reads it itself (ReadAnswer): it takes the
-// turn, has the system tell the workers of nothing but the end, and waits inside the system until its answer is there.
+// A connection that was opened here brings nothing but answers, so the workers need not hear of it while no call is
+// under way. A thread that has made the only one reads it itself (ReadAnswer): it takes the turn and waits inside the
+// system until its answer is there. As soon as others wait as well the workers read (ReadByWorkers), until a thread is
+// alone with the connection again.
 //
 // Writing is Outbox. The answers of messages that were read together leave together: they are held back from the first
 // of them on until the last has been run, or until the turn changes hands.
@@ -95,6 +97,7 @@ Connection::Connection(Descriptor socket, ConnectionOwner& owner, std::string pe
       peer_(std::move(peer)),
       opener_(opener),
       socket_(std::move(socket)),
+      workersRead_(opener == Opener::peer),
       input_(opener == Opener::peer ? InputBuffer::Reads::byThread : InputBuffer::Reads::byItself),
       outbox_(socket_.get(), owner.pool().io().get_executor(), *this) {
     SetUp(socket_.get(), opener);
@@ -106,7 +109,8 @@ Connection::Connection(Descriptor socket, ConnectionOwner& owner, std::string pe
 Connection::~Connection() { CountBuffers(-bufferBytes()); }
 
 void Connection::Start() {
-    OrFail([this] { owner_.pool().queue().Watch(descriptor(), shared_from_this(), WorkQueue::For::reading); });
+    const WorkQueue::For what = openedByPeer() ? WorkQueue::For::reading : WorkQueue::For::end;
+    OrFail([&] { owner_.pool().queue().Watch(descriptor(), shared_from_this(), what); });
     if (closed_) owner_.pool().queue().Unwatch(descriptor());
 }
 
@@ -123,14 +127,19 @@ void Connection::OrFail(Code&& code) {
     }
 }
 
-void Connection::Watch(bool reading) {
-    const WorkQueue::For atLeast = reading ? WorkQueue::For::reading : WorkQueue::For::end;
-    owner_.pool().queue().Change(descriptor(), watchesWriting_ ? WorkQueue::For::readingAndWriting : atLeast);
+// Has the system tell of what is there and of what comes.
+void Connection::Watch() {
+    const WorkQueue::For reading = workersRead_ ? WorkQueue::For::reading : WorkQueue::For::end;
+    owner_.pool().queue().Change(descriptor(), watchesWriting_ ? WorkQueue::For::readingAndWriting : reading);
 }
 
 void Connection::WatchWritable() {
     watchesWriting_ = true;
-    Watch(true);
+    Watch();
+}
+
+void Connection::ReadByWorkers() {
+    if (!workersRead_.exchange(true)) Watch();
 }
 
 // --- The reading turn ----------------------------------------------------------------------------------------------
@@ -520,14 +529,19 @@ Connection::Begun Connection::Call(std::string_view method, std::string_view cal
     return isLost ? Begun::closed : Begun::begun;
 }
 
+void Connection::Abandon(uint32_t id) {
+    calls_.Take(id);
+    ReadByWorkers();  // the answer that may yet come
+}
+
 void Connection::CompleteCall(wire::Message& answer) {
     const AnswerHandler handler = calls_.Take(answer.id);
     if (handler) handler(answer.failed ? CallEnd::failed : CallEnd::answered, answer);
 }
 
 void Connection::ReadAnswer(const std::function<bool()>& isThere, Deadline deadline) {
-    if (openedByPeer() || calls_.size() != 1 || !TakeTurn()) return;
-    Watch(false);
+    if (openedByPeer() || calls_.size() > 1 || !TakeTurn()) return ReadByWorkers();
+    if (workersRead_.exchange(false)) Watch();
     bool isMine = true;
     OrFail([&] { isMine = ReadAnswers(isThere, deadline); });
     if (!isMine) return;
@@ -535,14 +549,16 @@ void Connection::ReadAnswer(const std::function<bool()>& isThere, Deadline deadl
         while (!PutTurnDown()) {
         }
     });
-    Watch(true);  // which tells of what came meanwhile
+    // Whoever made a call meanwhile has left the reading to this thread.
+    if (calls_.size() > 0) workersRead_ = true;
+    if (workersRead_) Watch();
 }
 
 // False when the turn is no longer the caller's.
 bool Connection::ReadAnswers(const std::function<bool()>& isThere, Deadline deadline) {
     do {
         if (!CompleteCalls()) {
-            Watch(true);
+            ReadByWorkers();
             PassTurn();
             return false;
         }

@@ -74,9 +74,11 @@ public:
     Begun Call(std::string_view method, std::string_view caller, const tagVARIANT& in, AnswerHandler handler,
                uint32_t* id);
     // Forgets a call: its answer is ignored.
-    void Abandon(uint32_t id) { calls_.Take(id); }
-    // For the thread that has just made a call and has nothing else to do: reads the connection, when nobody else needs
-    // to, until `isThere` says that its answer came, or until `deadline`. May return earlier.
+    void Abandon(uint32_t id);
+    // One of the two has to follow a Call. Workers read the answer:
+    void ReadByWorkers();
+    // Or the calling thread does, until `isThere` says that it came, or until `deadline`. It returns earlier when
+    // others wait for answers as well; then workers do.
     void ReadAnswer(const std::function<bool()>& isThere, Deadline deadline);
 
     // A call that is answered after it has been run counts as outstanding from one to the other.
@@ -146,7 +148,7 @@ private:
     template <typename Say>
     void End(Say&& say);
     void Due(unsigned reason) { owner_.pool().queue().Add(shared_from_this(), reason); }
-    void Watch(bool reading);
+    void Watch();
 
     bool TakeTurn();
     bool PutTurnDown();
@@ -192,6 +194,7 @@ private:
     std::atomic<bool> gaveRoom_{false};
     std::atomic<bool> peerEnded_{false};  // the system has said so; there may be bytes before the end
     std::atomic<bool> watchesWriting_{false};
+    std::atomic<bool> workersRead_;
     std::atomic<ptrdiff_t> bufferBytes_{0};
     std::atomic<uint64_t> lastUse_{0};
     std::atomic<int> unfinished_{0};  // one more than it was looked at while the peer owes the same bytes; 0: none

@@ -433,7 +433,10 @@ void Outbound::CallOn(const ConnectionPtr& connection, const boost::system::erro
             },
             &id);
     });
-    if (begun == Connection::Begun::begun) return call->WaitsOn(connection, id);
+    if (begun == Connection::Begun::begun) {
+        connection->ReadByWorkers();
+        return call->WaitsOn(connection, id);
+    }
     if (begun == Connection::Begun::closed) {
         Forget(connection);
         if (connection->gaveRoom() && attempts > 1) return Begin(call, attempts - 1);
