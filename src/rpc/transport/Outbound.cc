@@ -5,8 +5,6 @@
 #include <boost/asio/ip/basic_resolver.hpp>
 
 #include <algorithm>
-#include <condition_variable>
-#include <mutex>
 #include <new>
 #include <optional>
 #include <utility>
@@ -24,34 +22,31 @@ constexpr std::chrono::milliseconds lateness{10};
 constexpr std::chrono::milliseconds timeToRead{500};
 constexpr int maxBeginnings = 5;
 
-// One value that a thread waits for and another one brings. Waits on the monotonic clock: a wall clock that is set must
-// not end a call early.
+// One value that a thread waits for and another one brings.
 template <typename T>
 class Awaited {
 public:
     void Bring(T value) {
-        {
-            const std::lock_guard<std::mutex> hold(mutex_);
-            value_ = std::move(value);
-        }
-        condition_.notify_one();
+        PMutexHold hold(lock_);
+        value_ = std::move(value);
+        lock_.signal();
     }
 
     bool IsThere() {
-        const std::lock_guard<std::mutex> hold(mutex_);
+        PMutexHold hold(lock_);
         return value_.has_value();
     }
 
     std::optional<T> Await(Deadline deadline) {
-        std::unique_lock<std::mutex> hold(mutex_);
-        condition_.wait_until(hold, deadline, [this] { return value_.has_value(); });
+        PMutexHold hold(lock_);
+        while (!value_ && lock_.waitUntil(deadline)) {
+        }
         return std::exchange(value_, std::nullopt);
     }
 
 private:
-    std::mutex mutex_;
-    std::condition_variable condition_;
-    std::optional<T> value_;
+    PCondMutex lock_;
+    std::optional<T> value_ GUARDED_BY(lock_);
 };
 
 struct Answer {
