@@ -214,7 +214,7 @@ void Connection::ReadOn() {
 }
 
 Connection::Received Connection::Receive() {
-    CountBuffers(input_.MakeRoom());
+    CountBuffers(input_.Prepare());
     ssize_t result;
     do result = ::recv(descriptor(), input_.space(), input_.spaceSize(), MSG_DONTWAIT);
     while (result < 0 && errno == EINTR);
@@ -224,7 +224,7 @@ Connection::Received Connection::Receive() {
 // Waits as well; `nothing` at the deadline.
 Connection::Received Connection::WaitAndReceive(Deadline deadline) {
     using std::chrono::milliseconds;
-    CountBuffers(input_.MakeRoom());
+    CountBuffers(input_.Prepare());
     for (;;) {
         const auto left = std::chrono::ceil<milliseconds>(deadline - std::chrono::steady_clock::now());
         if (left <= milliseconds(0)) return Received::nothing;

@@ -19,7 +19,7 @@ char* OfThread() {
 
 }  // namespace
 
-ptrdiff_t InputBuffer::MakeRoom() {
+ptrdiff_t InputBuffer::Prepare() {
     if (size() == 0 && reads_ == Reads::byThread) {
         const ptrdiff_t growth = Drop();
         data_ = OfThread();

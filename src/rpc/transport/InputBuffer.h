@@ -23,8 +23,8 @@ public:
     size_t size() const { return end_ - begin_; }
     void Use(size_t bytes) { begin_ += bytes; }
 
-    // Makes room behind what waits; std::bad_alloc.
-    ptrdiff_t MakeRoom();
+    // Sees to space behind what waits; std::bad_alloc.
+    ptrdiff_t Prepare();
     char* space() const { return data_ + end_; }
     size_t spaceSize() const { return capacity_ - end_; }
     void Got(size_t bytes) { end_ += bytes; }
