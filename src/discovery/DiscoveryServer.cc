@@ -63,9 +63,8 @@ void DiscoveryServer::initSocket() {
     const int error = network_->Open();
     if (error == openError_) return;
     openError_ = error;
-    if (error == 0) {
-        CBBLog::note("Discovery: searches reach the directory from here on, on UDP port %d", kel::wire::discoveryPort);
-    } else {
+    isOpenedAnew_ = error == 0;
+    if (error != 0) {
         CBBLog::error("Discovery: the directory cannot be searched for, on UDP port %d: %s%s; trying every 20 seconds",
                       kel::wire::discoveryPort, std::strerror(error),
                       error == EADDRINUSE ? ", by a program that does not share it (ss -ulpn says which)" : "");
@@ -87,6 +86,8 @@ void DiscoveryServer::refreshAddressList() {
         CBBLog::error("Discovery: on some of the %zu networks searches to the group cannot be heard; %s",
                       addresses_.value().size(), "raise the sysctl net.ipv4.igmp_max_memberships");
     }
+    if (!std::exchange(isOpenedAnew_, false)) return;
+    CBBLog::note("Discovery: searches reach the directory from here on, on UDP port %d", kel::wire::discoveryPort);
 }
 
 // What comes and goes again and again is not told more often than the thread looks at anything else.

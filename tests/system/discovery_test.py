@@ -272,9 +272,11 @@ class AHostWhoseInterfacesComeAndGo(OnNetworks):
             client.call("AddKelUsers", ["al"])
         directory.current.wait_for("searches reach the directory from here on")
         listener = self.listener(other, "10.77.1.2")
-        listener.send(SEARCH)
-        while listener.receive()[1] != "10.77.1.2":
-            pass  # announcements to the group
+
+        def is_answered():  # whoever has just heard an announcement is not
+            listener.send(SEARCH)
+            return select.select([listener.socket], [], [], 1)[0] and listener.receive()[1] == "10.77.1.2"
+        wait_until(is_answered, "a search to be answered")
 
 
 class ANetworkWithSeveralDirectories(OnNetworks):
