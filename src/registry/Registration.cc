@@ -118,16 +118,16 @@ void CRegistration::Replace(KelSatelliteInfo& old, KelSatelliteInfo& fresh) {
 
 int CRegistration::FindSatellite(const CStdStr& name, CStdStr& ip, int* satId, unsigned short* port,
                                  const char* destination) const {
-    const SatellitePtr satellite = GetSatelliteStruct(name);
-    if (!satellite) return unknownSatellite;
-    if (!IsElsewhere(satellite->ip, destination)) {
-        ip = satellite->ip;
-    } else if (const int rc = GetBestIPForDestination(destination, ip)) {
-        return rc;
+    {
+        PReadHold hold(lock_);
+        const auto entry = satellites_.find(name);
+        if (entry == satellites_.end()) return unknownSatellite;
+        const KelSatelliteInfo& satellite = *entry->second;
+        ip = satellite.ip;
+        *satId = satellite.satId;
+        *port = satellite.port;
     }
-    *satId = satellite->satId;
-    *port = satellite->port;
-    return 0;
+    return IsElsewhere(ip, destination) ? GetBestIPForDestination(destination, ip) : 0;
 }
 
 int CRegistration::GetBestIPForDestination(const char* destination, CStdStr& ip) {
