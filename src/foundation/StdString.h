@@ -64,6 +64,7 @@ int ssicmp(const Char* a, const Char* b) {
         return static_cast<signed char>(c >= 'A' && c <= 'Z' ? c + ('a' - 'A') : c);
     };
     for (;; ++a, ++b) {
+        if (*a == *b && static_cast<signed char>(*a) != 0) continue;
         const signed char x = lower(*a);
         const signed char y = lower(*b);
         if (x != y || x == 0) return x - y;

@@ -118,16 +118,16 @@ void CRegistration::Replace(KelSatelliteInfo& old, KelSatelliteInfo& fresh) {
 
 int CRegistration::FindSatellite(const CStdStr& name, CStdStr& ip, int* satId, unsigned short* port,
                                  const char* destination) const {
-    const SatellitePtr satellite = GetSatelliteStruct(name);
-    if (!satellite) return unknownSatellite;
-    if (!IsElsewhere(satellite->ip, destination)) {
-        ip = satellite->ip;
-    } else if (const int rc = GetBestIPForDestination(destination, ip)) {
-        return rc;
+    {
+        PReadHold hold(lock_);
+        const auto entry = satellites_.find(name);
+        if (entry == satellites_.end()) return unknownSatellite;
+        const KelSatelliteInfo& satellite = *entry->second;
+        ip = satellite.ip;
+        *satId = satellite.satId;
+        *port = satellite.port;
     }
-    *satId = satellite->satId;
-    *port = satellite->port;
-    return 0;
+    return IsElsewhere(ip, destination) ? GetBestIPForDestination(destination, ip) : 0;
 }
 
 int CRegistration::GetBestIPForDestination(const char* destination, CStdStr& ip) {
@@ -174,7 +174,7 @@ void CRegistration::AppendServices(const CStdStr& service, const CStdStr& satNam
     }
     const ServiceIndex::Providers* providers = providers_.Find(service);
     if (!providers) return;
-    for (const KelService& provided : *providers) out.push_back(Describe(*provided.indexedSatellite, provided));
+    for (const KelService& provided : *providers) Describe(*provided.indexedSatellite, provided, out.emplace_back());
 }
 
 void CRegistration::AppendLastService(const CStdStr& service, std::vector<KelServiceInfo>& out) const {
@@ -182,17 +182,16 @@ void CRegistration::AppendLastService(const CStdStr& service, std::vector<KelSer
     const ServiceIndex::Providers* providers = providers_.Find(service);
     if (!providers) return;
     const KelService& last = *providers->rbegin();
-    out.push_back(Describe(*last.indexedSatellite, last));
+    Describe(*last.indexedSatellite, last, out.emplace_back());
 }
 
 void CRegistration::AppendServiceOf(const KelSatelliteInfo& satellite, const CStdStr& service,
                                     std::vector<KelServiceInfo>& out) const {
     const auto entry = satellite.services.find(service);
-    if (entry != satellite.services.end()) out.push_back(Describe(satellite, entry->second));
+    if (entry != satellite.services.end()) Describe(satellite, entry->second, out.emplace_back());
 }
 
-KelServiceInfo CRegistration::Describe(const KelSatelliteInfo& satellite, const KelService& service) {
-    KelServiceInfo info;
+void CRegistration::Describe(const KelSatelliteInfo& satellite, const KelService& service, KelServiceInfo& info) {
     info.name = service.name;
     info.description = service.description;
     info.satName = satellite.satName;
@@ -201,7 +200,6 @@ KelServiceInfo CRegistration::Describe(const KelSatelliteInfo& satellite, const 
     info.hostname = satellite.hostname;
     info.satId = satellite.satId;
     info.kelProtocolVersion = satellite.kelProtocolVersion;
-    return info;
 }
 
 int CRegistration::GetProviders(const CStdStr& service, std::list<CStdStr>& satellites) const {

@@ -166,7 +166,7 @@ private:
     void AppendLastService(const CStdStr& service, std::vector<KelServiceInfo>& out) const EXCLUDES(lock_);
     // Gives the entries from `first` on the addresses that the asker at `destination` can reach.
     static int GiveBestIPs(std::vector<KelServiceInfo>& infos, size_t first, const char* destination);
-    static KelServiceInfo Describe(const KelSatelliteInfo& satellite, const KelService& service);
+    static void Describe(const KelSatelliteInfo& satellite, const KelService& service, KelServiceInfo& info);
     // Services change only under both locks, so the registry's is enough to read them: with many satellites the other
     // one is a line of distant memory to write to in every look-up.
     void AppendServiceOf(const KelSatelliteInfo& satellite, const CStdStr& service,

@@ -36,7 +36,7 @@ bool MethodTable::Remove(const std::string& name) {
     return true;
 }
 
-MethodPtr MethodTable::Find(const char* name) const {
+MethodPtr MethodTable::Find(std::string_view name) const {
     PReadHold hold(lock_);
     const auto found = byName_.find(name);
     return found == byName_.end() ? nullptr : found->second;

@@ -8,6 +8,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace kel {
@@ -44,7 +45,7 @@ public:
     // False when there is none.
     bool Remove(const std::string& name);
     // Null when there is none.
-    MethodPtr Find(const char* name) const;
+    MethodPtr Find(std::string_view name) const;
     // In the order in which they were added. Keeps no method alive: its delegate goes when it is withdrawn.
     Services All() const;
 

@@ -282,8 +282,9 @@ void Connection::EndBatch(Batch& batch) {
 
 // Nobody can have queued one meanwhile: the reading turn was here.
 void Connection::EndNotifications(Batch& batch) {
+    if (!std::exchange(batch.runsNotifications, false)) return;
     wire::Framer none;
-    if (std::exchange(batch.runsNotifications, false)) (void)notifications_.Next(none);
+    (void)notifications_.Next(none);
 }
 
 void Connection::EndHold() {

@@ -244,7 +244,8 @@ WorkerPool::DelegateScope::~DelegateScope() {
 
 WorkerPool::Offer::Offer(const WorkerPool& pool, Relay& relay)
     : worker_(currentPool == &pool ? static_cast<Worker*>(currentWorker) : nullptr) {
-    if (worker_) worker_->offered = reinterpret_cast<uintptr_t>(&relay);
+    // Seen by whoever gives the worker up, since its entering a method comes after it.
+    if (worker_) worker_->offered.store(reinterpret_cast<uintptr_t>(&relay), std::memory_order_release);
 }
 
 bool WorkerPool::Offer::Withdraw() {

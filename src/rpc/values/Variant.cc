@@ -10,12 +10,22 @@
 namespace {
 
 constexpr uint64_t maxArrayBytes = 1u << 30;
+constexpr size_t smallBlock = 1024;
 
 // 0 for what cannot be an element.
 uint16_t ElementSize(VARTYPE type) {
     if (type == VT_BSTR) return sizeof(BSTR);
     if (type == VT_VARIANT) return sizeof(tagVARIANT);
     return kel::NumberSize(type);
+}
+
+// Memory that is all zero; null when there is none. The C library keeps small blocks at hand for each thread, but gives
+// them out by malloc only, while calloc need not clear what is fresh from the system.
+void* AllocateZeroed(size_t bytes) {
+    if (bytes > smallBlock) return std::calloc(1, bytes);
+    void* const block = std::malloc(bytes);
+    if (block) std::memset(block, 0, bytes);
+    return block;
 }
 
 // False when there is no memory. Null comes back for null, which is a value too, so it does not tell.
@@ -136,7 +146,7 @@ size_t SysStringLen(const char* text) { return text ? std::strlen(text) : 0; }
 SAFEARRAY* SafeArrayCreate(VARTYPE elementType, unsigned dimensions, const SAFEARRAYBOUND* bound) {
     const uint16_t size = ElementSize(elementType);
     if (size == 0 || dimensions != 1 || !bound || uint64_t{bound->cElements} * size > maxArrayBytes) return nullptr;
-    void* block = std::calloc(1, sizeof(SAFEARRAY) + size_t{bound->cElements} * size);
+    void* block = AllocateZeroed(sizeof(SAFEARRAY) + size_t{bound->cElements} * size);
     if (!block) return nullptr;
     auto* array = new (block) SAFEARRAY;
     array->elementType = elementType;

@@ -153,7 +153,9 @@ public:
     }
 
     // Frees the value and becomes VT_EMPTY.
-    void clear() { VariantClear(this); }
+    void clear() {
+        if (vt != VT_EMPTY) VariantClear(this);
+    }
 
     // Gives the value away and becomes VT_EMPTY: `*out = value.release()` hands it to an out-parameter that is empty.
     tagVARIANT release() noexcept {

@@ -72,6 +72,8 @@ public:
     bool Finish() { return finished_ = bytes_.Whole(); }
 
 private:
+    bool String(BSTR text) { return Body(TextOf(text)); }
+    bool Body(std::string_view text);
     bool Float(char lead, const char* number, size_t size);
     bool Scalar(const tagVARIANT& v);
     bool Array(const tagVARIANT& v, unsigned depth);
@@ -93,9 +95,11 @@ bool Encoder::Call(std::string_view method, std::string_view caller, const tagVA
     return Text(caller) && Value(in);
 }
 
-bool Encoder::Text(std::string_view text) {
-    if (text.size() > maxMessageBytes || text.find('\0') != std::string_view::npos) return false;
-    if (!decoded_.AddText(text.size())) return false;
+bool Encoder::Text(std::string_view text) { return text.find('\0') == std::string_view::npos && Body(text); }
+
+// Of a text without a NUL in it.
+bool Encoder::Body(std::string_view text) {
+    if (text.size() > maxMessageBytes || !decoded_.AddText(text.size())) return false;
     packer_.pack_str(static_cast<uint32_t>(text.size()));
     packer_.pack_str_body(text.data(), static_cast<uint32_t>(text.size()));
     return true;
@@ -118,7 +122,7 @@ bool Encoder::Value(const tagVARIANT& v, unsigned depth) {
         case VT_R8:
             return Float('\xcb', reinterpret_cast<const char*>(&v.dblVal), sizeof(v.dblVal));
         case VT_BSTR:
-            return Text(TextOf(v.bstrVal));
+            return String(v.bstrVal);
         default:
             return (v.vt & VT_ARRAY) != 0 ? Array(v, depth) : Scalar(v);
     }
@@ -182,7 +186,7 @@ bool Encoder::Texts(const BSTR* elements, uint32_t count) {
     }
     if (!ExtHeader(textArrayExt, payloadSize)) return false;
     for (size_t i = 0; i < count; ++i) {
-        if (!Text(TextOf(elements[i]))) return false;
+        if (!String(elements[i])) return false;
     }
     return true;
 }
