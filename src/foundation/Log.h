@@ -87,19 +87,19 @@ public:
     void _debug(const char* fmt, ...) __attribute__((format(printf, 2, 3)));
 
     // The lines that wait to be written, one after the other.
-    CStdStr getLogs() EXCLUDES(queueLock_);
+    CStdStr getLogs() KEL_EXCLUDES(queueLock_);
     // The size of the log file in bytes; -1 when it is not open.
-    long long getFileSize() EXCLUDES(fileLock_);
+    long long getFileSize() KEL_EXCLUDES(fileLock_);
 
     // Waits until what is queued now is written to the log file, for at most `milliseconds`; false when it is not by
     // then. For a process that is about to end without destroying its log.
-    bool flush(long milliseconds) EXCLUDES(queueLock_);
+    bool flush(long milliseconds) KEL_EXCLUDES(queueLock_);
 
     // Opens the files and starts the thread, once. The first line does it.
-    void initialize() EXCLUDES(initLock_);
+    void initialize() KEL_EXCLUDES(initLock_);
 
     // Makes `logger` the one that the static functions below write to; null for none. It is not kept alive by this.
-    static void setLogger(const boost::shared_ptr<CBBLog>& logger) EXCLUDES(s_instanceLock);
+    static void setLogger(const boost::shared_ptr<CBBLog>& logger) KEL_EXCLUDES(s_instanceLock);
 
     // Add a line to the process's log, or to the given one. They do nothing without a log, and little when its level
     // leaves the line out: ask the functions below before making a costly argument.
@@ -153,17 +153,17 @@ protected:
     // log's thread writes through logLineToFile, and the copy to "errors.log" through _FatalError.
     virtual void _AddLog(boost::format text, LOGLEVEL level);
     virtual void _AddLog(const char* fmt, va_list arguments, LOGLEVEL level) __attribute__((format(printf, 2, 0)));
-    virtual void logLineToFile(const CStdStr& line) EXCLUDES(fileLock_);
-    virtual void _FatalError(const CStdStr& line) EXCLUDES(initLock_);
+    virtual void logLineToFile(const CStdStr& line) KEL_EXCLUDES(fileLock_);
+    virtual void _FatalError(const CStdStr& line) KEL_EXCLUDES(initLock_);
 
     // Writes what is queued and ends the log's thread. The destructor of a class that overrides logLineToFile calls it,
     // while the override can still run.
-    void stopThread() EXCLUDES(queueLock_);
+    void stopThread() KEL_EXCLUDES(queueLock_);
 
 private:
     static bool isEnabled(LOGLEVEL level);
     static bool isEnabledAt(LOGLEVEL current, LOGLEVEL level);
-    static boost::shared_ptr<CBBLog> instance() EXCLUDES(s_instanceLock);
+    static boost::shared_ptr<CBBLog> instance() KEL_EXCLUDES(s_instanceLock);
     static CStdStr getLogsDirectory();
 
     bool isWritten(LOGLEVEL level);
@@ -171,23 +171,23 @@ private:
     void addText(LOGLEVEL level, std::string_view kind, std::string_view text, LogVerdict verdict);
     void finishLine(CStdStr& line, LOGLEVEL level);
     void sayFolded(bool all);
-    void wakeThread() EXCLUDES(queueLock_);
-    CStdStr openFiles() REQUIRES(initLock_);
+    void wakeThread() KEL_EXCLUDES(queueLock_);
+    CStdStr openFiles() KEL_REQUIRES(initLock_);
     int openFile(const CStdStr& path, bool& isNew) const;
-    void closeFiles() REQUIRES(initLock_);
+    void closeFiles() KEL_REQUIRES(initLock_);
     void readLogLevel();
-    void publishLevel() REQUIRES(s_instanceLock);
+    void publishLevel() KEL_REQUIRES(s_instanceLock);
     CStdStr buildLineHeader(LOGLEVEL level) const;
     void rotateIfNeeded(int& fd, const CStdStr& path) const;
-    void addQueue(const CStdStr& line) EXCLUDES(queueLock_);
-    bool waitForWork() REQUIRES(queueLock_);
-    void writeQueue() REQUIRES(queueLock_);
-    unsigned int loggerThread(void*) EXCLUDES(queueLock_);
+    void addQueue(const CStdStr& line) KEL_EXCLUDES(queueLock_);
+    bool waitForWork() KEL_REQUIRES(queueLock_);
+    void writeQueue() KEL_REQUIRES(queueLock_);
+    unsigned int loggerThread(void*) KEL_EXCLUDES(queueLock_);
 
     // The process's log, and its level (noLogger without one) where every thread can read it without a lock: skipping
     // a line costs one load.
-    static boost::weak_ptr<CBBLog>& s_instance GUARDED_BY(s_instanceLock);
-    static const CBBLog* s_published GUARDED_BY(s_instanceLock);
+    static boost::weak_ptr<CBBLog>& s_instance KEL_GUARDED_BY(s_instanceLock);
+    static const CBBLog* s_published KEL_GUARDED_BY(s_instanceLock);
     static PMutex& s_instanceLock;
     static std::atomic<LOGLEVEL> s_level;
 
@@ -210,14 +210,14 @@ private:
     const std::unique_ptr<LogFolding> folding_;
 
     PMutex fileLock_;  // the log's thread holds it while it writes; for getFileSize, which any thread may ask
-    int logFd_ GUARDED_BY(fileLock_) = -1;
-    int errorsFd_ GUARDED_BY(initLock_) = -1;
+    int logFd_ KEL_GUARDED_BY(fileLock_) = -1;
+    int errorsFd_ KEL_GUARDED_BY(initLock_) = -1;
 
-    std::unique_ptr<PThread> thread_ GUARDED_BY(initLock_);
+    std::unique_ptr<PThread> thread_ KEL_GUARDED_BY(initLock_);
 
     PCondMutex queueLock_;
-    bool stopping_ GUARDED_BY(queueLock_) = false;
-    uint64_t queued_ GUARDED_BY(queueLock_) = 0;   // lines, since the beginning
-    uint64_t written_ GUARDED_BY(queueLock_) = 0;  // likewise: those of them that are in the file
-    std::deque<CStdStr> queue_ GUARDED_BY(queueLock_);
+    bool stopping_ KEL_GUARDED_BY(queueLock_) = false;
+    uint64_t queued_ KEL_GUARDED_BY(queueLock_) = 0;   // lines, since the beginning
+    uint64_t written_ KEL_GUARDED_BY(queueLock_) = 0;  // likewise: those of them that are in the file
+    std::deque<CStdStr> queue_ KEL_GUARDED_BY(queueLock_);
 };

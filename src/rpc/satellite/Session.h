@@ -48,7 +48,7 @@ public:
 
 private:
     PMutex lock_;
-    SessionPtr session_ GUARDED_BY(lock_);
+    SessionPtr session_ KEL_GUARDED_BY(lock_);
 };
 
 }  // namespace kel

@@ -83,8 +83,8 @@ private:
     bool IsAnswered(const transport::Outcome& answer);
     bool ReportGone(const Elsewhere& elsewhere = {});
     void Report(int satId, KELSTATUS status);
-    void AllIsDue() REQUIRES(lock_);
-    void SubscriptionsAreDue() REQUIRES(lock_);
+    void AllIsDue() KEL_REQUIRES(lock_);
+    void SubscriptionsAreDue() KEL_REQUIRES(lock_);
 
     Link& link_;
     const MethodTable& methods_;
@@ -95,15 +95,15 @@ private:
     SaidOnce settlingFails_;     // when the directory was told last
 
     PCondMutex lock_;  // broadcast when the turn is free again and when `satId_` changes
-    bool turnTaken_ GUARDED_BY(lock_) = false;
-    bool registered_ GUARDED_BY(lock_) = false;  // changed only by who has the turn, like the two after it
-    int satId_ GUARDED_BY(lock_) = 0;
-    CStdStr serverId_ GUARDED_BY(lock_);
-    bool ending_ GUARDED_BY(lock_) = false;  // nothing registers it any more
-    bool reportedGone_ GUARDED_BY(lock_) = false;
-    Due due_ GUARDED_BY(lock_);
+    bool turnTaken_ KEL_GUARDED_BY(lock_) = false;
+    bool registered_ KEL_GUARDED_BY(lock_) = false;  // changed only by who has the turn, like the two after it
+    int satId_ KEL_GUARDED_BY(lock_) = 0;
+    CStdStr serverId_ KEL_GUARDED_BY(lock_);
+    bool ending_ KEL_GUARDED_BY(lock_) = false;  // nothing registers it any more
+    bool reportedGone_ KEL_GUARDED_BY(lock_) = false;
+    Due due_ KEL_GUARDED_BY(lock_);
     // Where the directory said last that it knows this satellite.
-    std::weak_ptr<transport::Connection> knownOver_ GUARDED_BY(lock_);
+    std::weak_ptr<transport::Connection> knownOver_ KEL_GUARDED_BY(lock_);
 };
 
 }  // namespace kel
