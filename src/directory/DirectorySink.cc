@@ -37,7 +37,7 @@ int Result(const char* method, int rc) {
     return rc;
 }
 
-int ResultOfPing(int result) { return result < 0 ? CDirectorySink::noAnswer : 0; }
+int ResultOfPing(int result) { return result < 0 ? KEL_SATELLITE_SILENT : 0; }
 
 }  // namespace
 

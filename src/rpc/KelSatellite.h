@@ -30,6 +30,7 @@
 #include "foundation/StdString.h"
 #include "rpc/KelDelegate.h"
 #include "rpc/KelException.h"
+#include "rpc/KelResult.h"
 #include "rpc/Variant.h"
 
 #include <boost/shared_ptr.hpp>
@@ -48,29 +49,6 @@ constexpr KELFLAGS KELFLAG_ONE_WAY = 1;  // queue the call and go on: never answ
 using KELSTATUS = int;
 constexpr KELSTATUS KELSTATUS_GONE = 0;
 constexpr KELSTATUS KELSTATUS_ALIVE = 1;
-
-// Results of the library's own. A published method's own result, and what the directory answers, are passed on as they
-// are.
-constexpr int KEL_OK = 0;
-constexpr int KEL_UNREACHABLE = 0x20001;         // the directory or the satellite cannot be reached, or hung up
-constexpr int KEL_PORT_IN_USE = 0x20002;         // the port cannot be listened on; the log says why
-constexpr int KEL_ALREADY_REGISTERED = 0x20003;  // a living satellite holds the name
-constexpr int KEL_UNKNOWN_METHOD = 0x20004;      // the endpoint does not publish the method (thrown as a KelException)
-constexpr int KEL_METHOD_FAILED = 0x20005;       // the method ended with an exception of another kind (thrown likewise)
-constexpr int KEL_NO_ANSWER = 0x20006;           // the satellite did not answer in time
-constexpr int KEL_NOT_CONNECTED = 0x20007;       // this satellite is not connected to a directory
-constexpr int KEL_TOO_LARGE = 0x20008;           // the parameters do not fit a message (16 MiB, 32 deep)
-constexpr int KEL_NO_RESOURCES = 0x20009;        // no descriptor or memory to ask with, or no place at the directory
-constexpr int KEL_LIMIT_REACHED = 0x2000a;       // the directory keeps no more of that kind for one satellite
-
-// Why a ping was not answered.
-constexpr int KEL_PING_SILENT = -1;   // in time: nothing came back, or a connection and no answer on it
-constexpr int KEL_PING_REFUSED = -2;  // nobody listens at the port, or something on the way turns callers away
-constexpr int KEL_PING_NO_WAY = -3;   // to the address: no route, no such host, or not connected to ask
-constexpr int KEL_PING_HUNG_UP = -4;  // there was a connection, and it was closed
-
-// A sentence for a result of the library or of the directory; "result 0x..." for any other.
-KEL_API CStdStr KelResultText(int code);
 
 class KEL_API KelSatellite {
 public:
@@ -107,7 +85,7 @@ public:
     // result is 0: calls reach each satellite in order, and of more than 1,024 that wait for one satellite the oldest
     // are dropped with a warning in the log. `extra`, when not null, receives a text that says what went wrong, or
     // becomes empty. Returns KEL_UNREACHABLE, also from a satellite that is leaving, KEL_NO_ANSWER, KEL_NOT_CONNECTED,
-    // KEL_TOO_LARGE or the directory's answer for an unknown satellite (0x4000a). Throws KelException when the method
+    // KEL_TOO_LARGE or KEL_UNKNOWN_SATELLITE. Throws KelException when the method
     // threw or is not published.
     virtual int Request(const char* satellite, const char* method, const tagVARIANT& in, tagVARIANT* out,
                         KELFLAGS flags, tagVARIANT* extra);
@@ -151,8 +129,8 @@ public:
     virtual void CreateServices();
 
     // Registers this satellite with all of its services at the directory, again where it is known already. Returns 0,
-    // KEL_NOT_CONNECTED, also while Disconnect is leaving, the directory's answer, 0x40010 when a living satellite
-    // holds the name, or why it could not be told.
+    // KEL_NOT_CONNECTED, also while Disconnect is leaving, the directory's answer, KEL_NAME_TAKEN for instance, or why
+    // it could not be told.
     virtual int RegisterServices();
 
     // Withdraws all services from the directory; with `leave` true the satellite itself as well, which then

@@ -23,8 +23,6 @@ namespace wire = kel::wire;
 
 namespace {
 
-constexpr int nameIsTaken = 0x40010;  // the directory's answer to "Register"
-
 constexpr std::chrono::seconds standingPeriod{10};
 constexpr long registrationGraceMs = 2000;
 
@@ -139,7 +137,7 @@ int KelSatellite::Impl::ConnectAs(const Address& directory) {
         }
         if (code != KEL_OK) {
             Drop(made);
-            return code == nameIsTaken ? KEL_ALREADY_REGISTERED : code == KEL_NO_ANSWER ? KEL_UNREACHABLE : code;
+            return code == KEL_NAME_TAKEN ? KEL_ALREADY_REGISTERED : code == KEL_NO_ANSWER ? KEL_UNREACHABLE : code;
         }
     } catch (...) {
         Drop(made);

@@ -26,7 +26,6 @@ namespace wire = kel::wire;
 namespace {
 
 constexpr int kelProtocolVersion = 1;
-constexpr int satelliteIsUnknown = 0x40002;  // the directory's answer to "GetSatelliteId"
 
 constexpr const char* listenMethod = "AddServiceAvailabilityListener";
 constexpr const char* stopListeningMethod = "RemoveServiceAvailabilityListener";
@@ -373,7 +372,7 @@ bool KelSatellite::Impl::IsAnswered(Link& link, const Outcome& answer) {
 // The directory has said which id this satellite has, which took itself for `satId` when it asked.
 void KelSatellite::Impl::Heed(Link& link, int satId, const Outcome& answer) {
     const wire::Message& said = answer.message;
-    bool known = said.code != satelliteIsUnknown;
+    bool known = said.code != KEL_UNKNOWN_NAME;
     if (said.code == KEL_OK && said.value.vt == VT_I4) known = said.value.lVal == satId;
     const Turn turn(*this);
     {

@@ -76,13 +76,13 @@ public:
             if (beforeId) beforeId(in.bstrVal);
             const int id = IdOf(in.bstrVal);
             *out = MakeInt(id).release();
-            return id ? 0 : 0x40002;
+            return id ? 0 : KEL_UNKNOWN_NAME;
         });
         Publish(*this, "GetSatelliteHost", [this](const char*, const tagVARIANT& in, tagVARIANT* out) {
             const std::lock_guard<std::mutex> hold(mutex);
             ++lookups;
             const auto found = known.find(in.bstrVal);
-            if (found == known.end()) return 0x4000a;
+            if (found == known.end()) return KEL_UNKNOWN_SATELLITE;
             VUtil::CreateArray(*out, VT_VARIANT, 2);
             VUtil::PutElement(*out, 0, "127.0.0.1");
             VUtil::PutElement(*out, 1, static_cast<int>(found->second.port));
@@ -165,14 +165,15 @@ TEST_F(ASatellite, IsCalledByNameAndAnswersWithItsResult) {
     }
     EXPECT_EQ(caller, "Somebody");
     EXPECT_EQ(directory.lookups, 1) << "the address is asked for once";
-    EXPECT_EQ(player.Request("Nobody", "Echo", out, nullptr, KELFLAG_WAIT, &extra), 0x4000a);
+    EXPECT_EQ(player.Request("Nobody", "Echo", out, nullptr, KELFLAG_WAIT, &extra), KEL_UNKNOWN_SATELLITE);
     EXPECT_EQ(extra.vt, VT_BSTR);
     EXPECT_EQ(player.getSatellitePort(), 0);
     recorder.Disconnect();
     EXPECT_EQ(directory.IdOf("Recorder"), 0) << "it left the directory";
     // One call may still go out on the old connection.
-    EXPECT_TRUE(
-        Eventually([&] { return player.Request("Recorder", "Echo", out, nullptr, KELFLAG_WAIT, nullptr) == 0x4000a; }));
+    EXPECT_TRUE(Eventually([&] {
+        return player.Request("Recorder", "Echo", out, nullptr, KELFLAG_WAIT, nullptr) == KEL_UNKNOWN_SATELLITE;
+    }));
 }
 
 TEST_F(ASatellite, SendsExceptionsOfItsMethodsToTheCaller) {
