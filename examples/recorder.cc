@@ -26,9 +26,7 @@ private:
         const CStdStr title = VUtil::GetStringElement(in, 0);
         const int number = ++recordings_;
         std::printf("recorder: %s asks for \"%s\": recording %d\n", caller, title.c_str(), number);
-        VUtil::CreateArray(*out, VT_VARIANT, 2);
-        VUtil::PutElement(*out, 0, 0);
-        VUtil::PutElement(*out, 1, number);
+        *out = VUtil::MakeList(0, number).release();
         return 0;
     }
 

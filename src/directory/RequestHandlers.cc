@@ -38,16 +38,8 @@ void SetInt(tagVARIANT* out, int value) {
 }
 
 ScopedVariant DescribeService(const KelServiceInfo& info) {
-    ScopedVariant description;
-    VUtil::CreateArray(description, VT_VARIANT, 7);
-    VUtil::PutElement(description, 0, info.name);
-    VUtil::PutElement(description, 1, info.description);
-    VUtil::PutElement(description, 2, info.satName);
-    VUtil::PutElement(description, 3, info.ip);
-    VUtil::PutElement(description, 4, static_cast<unsigned short>(info.port));
-    VUtil::PutElement(description, 5, info.hostname);
-    VUtil::PutElement(description, 6, static_cast<int>(info.kelProtocolVersion));
-    return description;
+    return VUtil::MakeList(info.name, info.description, info.satName, info.ip, static_cast<unsigned short>(info.port),
+                           info.hostname, static_cast<int>(info.kelProtocolVersion));
 }
 
 void LogFound(const std::vector<KelServiceInfo>& found, const CStdStr& service, const CStdStr& destination,
@@ -324,9 +316,7 @@ int KelDirectory::Admit(const Registering& registering, tagVARIANT* out) {
         sink_->ForgetAddress(record.name.c_str());  // another satellite may listen there by now
     }
     VariantClear(out);
-    VUtil::CreateArray(*out, VT_VARIANT, 2);
-    VUtil::PutElement(*out, 0, registration_.GetServerId());
-    VUtil::PutElement(*out, 1, satId);
+    *out = VUtil::MakeList(registration_.GetServerId(), satId).release();
     for (const KelService& service : registering.services) {
         if (const int rc = registration_.AddService(record.name, service.name, service.description)) return rc;
     }
@@ -407,10 +397,7 @@ int KelDirectory::SatGetService(const tagVARIANT* in, tagVARIANT* out, const cha
         const int rc = isAny ? registration_.GetLastServiceInfo(service, found, callerIp)
                              : registration_.GetServiceInfo(service, isAll ? CStdStr() : destination, found, callerIp);
         if (rc != 0) return rc;
-        VUtil::CreateArray(*out, VT_VARIANT, found.size());
-        for (size_t i = 0; i < found.size(); ++i) {
-            VUtil::PutElement(*out, static_cast<int>(i), DescribeService(found[i]));
-        }
+        *out = VUtil::MakeListOf(found, DescribeService).release();
         LogFound(found, service, destination, callerIp, caller);
         return 0;
     } catch (const KelException& failure) {
@@ -432,9 +419,7 @@ int KelDirectory::SatGetHostName(const tagVARIANT& in, tagVARIANT* out, const ch
                           satId);
         }
         VariantClear(out);
-        VUtil::CreateArray(*out, VT_VARIANT, 2);
-        VUtil::PutElement(*out, 0, address);
-        VUtil::PutElement(*out, 1, static_cast<int>(port));
+        *out = VUtil::MakeList(address, static_cast<int>(port)).release();
         return 0;
     } catch (const KelException& failure) {
         CBBLog::error("SatGetHostname failed: %s", failure.GetMessage());

@@ -124,14 +124,6 @@ void KelSatellite::Impl::ForgetAddress(const char* satellite) {
 
 namespace {
 
-ScopedVariant WhoItShouldBe(const char* name, int satId) {
-    ScopedVariant in;
-    VUtil::CreateArray(in, VT_VARIANT, 2);
-    VUtil::PutElement(in, 0, name);
-    VUtil::PutElement(in, 1, satId);
-    return in;
-}
-
 // When this process, or the machine, stood still for long, no answer says nothing about the other side, which may have
 // stood still as well: it is asked anew.
 bool StoodStill(const Outcome& outcome, Deadline deadline) {
@@ -172,7 +164,7 @@ int KelSatellite::Impl::Ping(const char* name, const char* host, unsigned short 
     *status = KEL_PING_NO_WAY;
     const LinkPtr current = link();
     if (!current) return KEL_PING_NO_WAY;
-    return ResultOfPing(AskWhoItIs(*current, {host, port}, WhoItShouldBe(name, satId)), status);
+    return ResultOfPing(AskWhoItIs(*current, {host, port}, VUtil::MakeList(name, satId)), status);
 }
 
 Outcome KelSatellite::Impl::AskWhoItIs(Link& link, const Address& address, const tagVARIANT& in) {
@@ -208,9 +200,8 @@ void KelSatellite::Impl::AskLater(Link& link, const std::shared_ptr<LatePing>& p
     const auto left = ping->deadline - std::chrono::steady_clock::now();
     const auto timeout = std::max(std::chrono::duration_cast<milliseconds>(left), milliseconds(0));
     ++ping->pings;
-    link.endpoint.outbound().CallAsync(ping->address, "kel.Ping", link.self,
-                                       WhoItShouldBe(ping->name.c_str(), ping->satId), timeout,
-                                       [this, &link, ping](Outcome& outcome) {
+    link.endpoint.outbound().CallAsync(ping->address, "kel.Ping", link.self, VUtil::MakeList(ping->name, ping->satId),
+                                       timeout, [this, &link, ping](Outcome& outcome) {
                                            if (AskAgain(link, ping, outcome)) return;
                                            KELSTATUS status;
                                            const int result = ResultOfPing(outcome, &status);

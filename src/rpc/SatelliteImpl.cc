@@ -311,15 +311,6 @@ bool KelSatellite::Impl::IsOwnId(int satId) {
 }
 
 ScopedVariant KelSatellite::Impl::AnswerDescribe() const {
-    const kel::Services methods = methods_.All();
-    ScopedVariant list;
-    VUtil::CreateArray(list, VT_VARIANT, methods.size());
-    for (size_t i = 0; i < methods.size(); ++i) {
-        ScopedVariant pair;
-        VUtil::CreateArray(pair, VT_VARIANT, 2);
-        VUtil::PutElement(pair, 0, methods[i].name);
-        VUtil::PutElement(pair, 1, methods[i].description);
-        VUtil::PutElement(list, static_cast<int>(i), static_cast<const tagVARIANT&>(pair));
-    }
-    return list;
+    return VUtil::MakeListOf(
+        methods_.All(), [](const kel::Service& method) { return VUtil::MakeList(method.name, method.description); });
 }

@@ -36,17 +36,6 @@ std::string HostName() {
     return name;
 }
 
-ScopedVariant ArrayOf(const std::vector<CStdStr>& texts) {
-    ScopedVariant array;
-    VUtil::CreateArray(array, VT_VARIANT, texts.size());
-    for (size_t i = 0; i < texts.size(); ++i) VUtil::PutElement(array, static_cast<int>(i), texts[i]);
-    return array;
-}
-
-ScopedVariant ArrayOf(const std::set<CStdStr>& texts) {
-    return ArrayOf(std::vector<CStdStr>(texts.begin(), texts.end()));
-}
-
 bool IsSame(const std::weak_ptr<Connection>& one, const std::weak_ptr<Connection>& other) {
     return !one.owner_before(other) && !other.owner_before(one);
 }
@@ -114,26 +103,11 @@ ScopedVariant KelSatellite::Impl::Record(Link& link, const kel::Services& servic
 
 // The record of seven that "Register", "UnRegister" and "RemoveSatellite" take.
 ScopedVariant KelSatellite::Impl::RecordWithId(Link& link, const kel::Services& services, int satId) {
+    ScopedVariant list = VUtil::MakeListOf(
+        services, [](const kel::Service& service) { return VUtil::MakeList(service.name, service.description); });
+    const unsigned short port = link.endpoint.port();
     const int count = static_cast<int>(services.size());
-    ScopedVariant list;
-    VUtil::CreateArray(list, VT_VARIANT, services.size());
-    for (int i = 0; i < count; ++i) {
-        ScopedVariant entry;
-        VUtil::CreateArray(entry, VT_VARIANT, 2);
-        VUtil::PutElement(entry, 0, services[i].name);
-        VUtil::PutElement(entry, 1, services[i].description);
-        VUtil::PutElement(list, i, static_cast<const tagVARIANT&>(entry));
-    }
-    ScopedVariant record;
-    VUtil::CreateArray(record, VT_VARIANT, 7);
-    VUtil::PutElement(record, 0, link.self);
-    VUtil::PutElement(record, 1, HostName().c_str());
-    VUtil::PutElement(record, 2, static_cast<unsigned short>(link.endpoint.port()));
-    VUtil::PutElement(record, 3, kelProtocolVersion);
-    VUtil::PutElement(record, 4, satId);
-    VUtil::PutElement(record, 5, count);
-    VUtil::PutElement(record, 6, static_cast<const tagVARIANT&>(list));
-    return record;
+    return VUtil::MakeList(link.self, HostName(), port, kelProtocolVersion, satId, count, std::move(list));
 }
 
 // --- Registering and leaving -----------------------------------------------------------------------------------------
@@ -309,10 +283,10 @@ int KelSatellite::Impl::TellSubscriptions(Link& link, const Names& names) {
         }
     }
     if (!unwanted.empty()) {
-        const int code = CodeOf(CallDirectory(link, stopListeningMethod, ArrayOf(unwanted), callTimeout));
+        const int code = CodeOf(CallDirectory(link, stopListeningMethod, VUtil::MakeListOf(unwanted), callTimeout));
         if (code != KEL_OK) return code;
     }
-    return wanted.empty() ? KEL_OK : CodeOf(CallDirectory(link, listenMethod, ArrayOf(wanted), callTimeout));
+    return wanted.empty() ? KEL_OK : CodeOf(CallDirectory(link, listenMethod, VUtil::MakeListOf(wanted), callTimeout));
 }
 
 // In a turn.

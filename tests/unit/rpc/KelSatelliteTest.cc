@@ -62,9 +62,7 @@ public:
             Entry& entry = known[VUtil::GetStringElement(in, 0)];
             if (entry.id == 0 || entry.id != VUtil::GetIntElement(in, 4)) entry = {++lastId, 0};
             entry.port = VUtil::GetUnsignedShortElement(in, 2);
-            VUtil::CreateArray(*out, VT_VARIANT, 2);
-            VUtil::PutElement(*out, 0, "0123456789abcdef");
-            VUtil::PutElement(*out, 1, entry.id);
+            *out = VUtil::MakeList("0123456789abcdef", entry.id).release();
             return 0;
         });
         Publish(*this, "UnRegister", [](const char*, const tagVARIANT&, tagVARIANT*) { return 0; });
@@ -83,9 +81,7 @@ public:
             ++lookups;
             const auto found = known.find(in.bstrVal);
             if (found == known.end()) return KEL_UNKNOWN_SATELLITE;
-            VUtil::CreateArray(*out, VT_VARIANT, 2);
-            VUtil::PutElement(*out, 0, "127.0.0.1");
-            VUtil::PutElement(*out, 1, static_cast<int>(found->second.port));
+            *out = VUtil::MakeList("127.0.0.1", static_cast<int>(found->second.port)).release();
             return 0;
         });
     }
@@ -309,11 +305,7 @@ TEST_F(ASatellite, HearsOfServicesInTheOrderInWhichTheNewsCameOverSeveralConnect
     int status = 0;
     for (KelSatellite* const teller : std::vector<KelSatellite*>{&directory, &other}) {
         for (int last = status + 3; status < last; ++status) {
-            ScopedVariant in;
-            VUtil::CreateArray(in, VT_VARIANT, 3);
-            VUtil::PutElement(in, 0, "Play");
-            VUtil::PutElement(in, 1, "Recorder");
-            VUtil::PutElement(in, 2, status);
+            const ScopedVariant in = VUtil::MakeList("Play", "Recorder", status);
             teller->Request("Listener", "OnServiceAvailabilityChanged", in, nullptr, KELFLAG_ONE_WAY, nullptr);
         }
         const int before = ends;
@@ -339,10 +331,7 @@ TEST_F(ASatellite, DropsTheOldestOneWayCallsOfAPeerThatDoesNotRead) {
     constexpr int calls = 4000;
     const std::string payload(16 * 1024, 'x');  // 64 MiB in all: far more than the system buffers
     for (int i = 0; i < calls; ++i) {
-        ScopedVariant in;
-        VUtil::CreateArray(in, VT_VARIANT, 2);
-        VUtil::PutElement(in, 0, i);
-        VUtil::PutElement(in, 1, payload.c_str());
+        const ScopedVariant in = VUtil::MakeList(i, payload);
         ASSERT_EQ(directory.Request("Deaf", "Note", in, nullptr, KELFLAG_ONE_WAY, nullptr), 0);
     }
 
