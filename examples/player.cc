@@ -48,7 +48,7 @@ int main(int argc, char** argv) {
     KelSatellite player;
     try {
         if (const int code = player.ConnectUser(argc > 1 ? argv[1] : "127.0.0.1", "Player")) {
-            std::fprintf(stderr, "player: cannot reach the directory: %s\n", KelResultText(code).c_str());
+            std::fprintf(stderr, "player: cannot reach the directory: %s\n", player.LastProblem().c_str());
             return 1;
         }
     } catch (const KelException& failure) {

@@ -50,7 +50,8 @@ int main(int argc, char** argv) {
     Recorder recorder;
     try {
         if (const int code = recorder.Connect(argc > 1 ? argv[1] : "127.0.0.1", "Recorder")) {
-            std::fprintf(stderr, "recorder: cannot register: %s\n", KelResultText(code).c_str());
+            std::fprintf(stderr, "recorder: cannot register: %s: %s\n", KelResultText(code).c_str(),
+                         recorder.LastProblem().c_str());
             return 1;
         }
     } catch (const KelException& failure) {

@@ -14,9 +14,17 @@ namespace wire = kel::wire;
 
 namespace {
 
-constexpr std::chrono::seconds pingTimeout{10};
-constexpr std::chrono::seconds stoodStill{1};  // later than that nobody wakes who merely waited for a processor
+constexpr std::chrono::seconds pingTimeout{10};  // of those that no thread waits for
+constexpr std::chrono::seconds stoodStill{1};    // later than that nobody wakes who merely waited for a processor
 constexpr int maxPings = 3;
+
+// What `v` holds, if there is one; it is empty then.
+ScopedVariant TakeFrom(tagVARIANT* v) {
+    if (!v) return {};
+    ScopedVariant taken = ScopedVariant::adopt(*v);
+    VariantInit(v);
+    return taken;
+}
 
 }  // namespace
 
@@ -46,29 +54,33 @@ using kel::CodeOf;
 using kel::IsDirectoryName;
 
 int KelSatellite::Impl::Request(const char* satellite, const char* method, const tagVARIANT& in, tagVARIANT* out,
-                                KELFLAGS flags, tagVARIANT* extra) {
+                                KELFLAGS flags, tagVARIANT* extra, std::chrono::milliseconds timeout) {
     if (!satellite || !*satellite || !method || !*method) {
         throw KelInvalidParameterException("Request: a satellite and a method are needed");
     }
-    if (out) VariantClear(out);
-    if (extra) VariantClear(extra);
+    // They are emptied, and go when the call has ended: `in` may be one of them, or lie in one.
+    const ScopedVariant before[] = {TakeFrom(out), TakeFrom(extra)};
+    const tagVARIANT& sent = &in == out ? before[0] : &in == extra ? before[1] : in;
     std::string problem;
     int code = KEL_NOT_CONNECTED;
     if (const LinkPtr current = link()) {
+        const Deadline deadline = std::chrono::steady_clock::now() + timeout;
         ScopedVariant value;
-        code = flags & KELFLAG_ONE_WAY ? PostOneWay(*current, satellite, method, in, problem)
-                                       : CallSatellite(*current, satellite, method, in, value, problem);
+        code = flags & KELFLAG_ONE_WAY ? PostOneWay(*current, satellite, method, sent, problem)
+                                       : CallSatellite(*current, satellite, method, sent, deadline, value, problem);
         if (out) *out = value.release();
     } else {
         problem = "not connected to a directory";
     }
-    if (extra && !problem.empty()) *extra = MakeString(problem.c_str()).release();
+    if (problem.empty()) return code;
+    if (extra) *extra = MakeString(problem.c_str()).release();
+    KeepProblem(problem);
     return code;
 }
 
 int KelSatellite::Impl::CallSatellite(Link& link, const std::string& satellite, const char* method,
-                                      const tagVARIANT& in, ScopedVariant& value, std::string& problem) {
-    const Deadline deadline = std::chrono::steady_clock::now() + callTimeout;
+                                      const tagVARIANT& in, Deadline deadline, ScopedVariant& value,
+                                      std::string& problem) {
     std::optional<Address> address = link.addresses.Remembered(satellite);
     bool mayAskAgain = address && !IsDirectoryName(satellite);
     for (;;) {
@@ -94,7 +106,8 @@ int KelSatellite::Impl::CallSatellite(Link& link, const std::string& satellite, 
         }
         link.addresses.Forget(satellite, *address);
         // Only a call that was not sent is made again: the method must not run twice.
-        if (!mayAskAgain || outcome.end != Outcome::End::unreachable) return CodeOf(outcome);
+        const bool isOver = outcome.end != Outcome::End::unreachable || std::chrono::steady_clock::now() >= deadline;
+        if (!mayAskAgain || isOver) return CodeOf(outcome);
         mayAskAgain = false;
         address.reset();
     }
@@ -160,16 +173,24 @@ int ResultOfPing(const Outcome& outcome, KELSTATUS* status) {
 
 }  // namespace
 
-int KelSatellite::Impl::Ping(const char* name, const char* host, unsigned short port, int satId, KELSTATUS* status) {
+int KelSatellite::Impl::Ping(const char* name, const char* host, unsigned short port, int satId, KELSTATUS* status,
+                             std::chrono::milliseconds timeout) {
     *status = KEL_PING_NO_WAY;
-    const LinkPtr current = link();
-    if (!current) return KEL_PING_NO_WAY;
-    return ResultOfPing(AskWhoItIs(*current, {host, port}, VUtil::MakeList(name, satId)), status);
+    LinkPtr current = link();
+    if (!current) {  // one for the question
+        current = std::make_shared<Link>(*this, Address(), CStdStr());
+        current->endpoint.Start();
+    }
+    const Outcome outcome = AskWhoItIs(*current, {host, port}, VUtil::MakeList(name, satId), timeout);
+    const int result = ResultOfPing(outcome, status);
+    if (result != KEL_OK) KeepProblem(outcome.problem);
+    return result;
 }
 
-Outcome KelSatellite::Impl::AskWhoItIs(Link& link, const Address& address, const tagVARIANT& in) {
+Outcome KelSatellite::Impl::AskWhoItIs(Link& link, const Address& address, const tagVARIANT& in,
+                                       std::chrono::milliseconds timeout) {
     for (int pings = 1;; ++pings) {
-        const Deadline deadline = std::chrono::steady_clock::now() + pingTimeout;
+        const Deadline deadline = std::chrono::steady_clock::now() + timeout;
         Outcome outcome;
         do outcome = link.endpoint.outbound().Call(address, "kel.Ping", link.self, in, deadline);
         while (outcome.end == Outcome::End::lost && outcome.reused);  // it closed while it was idle, or was restarted

@@ -5,6 +5,7 @@
 #include "rpc/LibraryLog.h"
 #include "rpc/RunningCall.h"
 #include "rpc/VUtil.h"
+#include "rpc/transport/Quietly.h"
 
 #include <unistd.h>
 
@@ -25,6 +26,7 @@ namespace {
 
 constexpr std::chrono::seconds standingPeriod{10};
 constexpr long registrationGraceMs = 2000;
+constexpr size_t maxProblems = 1000;  // characters
 
 constexpr const char* availabilityMethod = "OnServiceAvailabilityChanged";
 
@@ -83,6 +85,19 @@ KelSatellite::Impl::LinkPtr KelSatellite::Impl::link() {
     return link_;
 }
 
+CStdStr KelSatellite::Impl::LastProblem() {
+    PMutexHold hold(problem_);
+    return problem_.value();
+}
+
+// Says nothing without memory for it.
+void KelSatellite::Impl::KeepProblem(const std::string& problem) {
+    CStdStr kept;
+    if (!Quietly([&] { kept = problem; })) return;
+    PMutexHold hold(problem_);
+    problem_.value().swap(kept);
+}
+
 unsigned short KelSatellite::Impl::port() {
     const LinkPtr current = link();
     return current ? current->endpoint.port() : 0;
@@ -102,6 +117,7 @@ std::optional<Address> KelSatellite::Impl::DirectoryOn(const char* host, const C
     if (!IsDirectoryName(name)) SayWhatIsWrongWithSettings();
     if (!kel::IsAuto(host)) directory = ParseDirectory(host);
     Disconnect();
+    KeepProblem("");
     name_ = name;
     own_.reset();
     if (directory) return directory;
@@ -109,9 +125,15 @@ std::optional<Address> KelSatellite::Impl::DirectoryOn(const char* host, const C
     own_ = Address{"127.0.0.1", DirectoryPort()};
     const auto asking = std::make_shared<Link>(*this, Address(), name_);
     asking->endpoint.Start();
-    directory = kel::FindDirectory(
-        {*own_, [&](const Address& address) { return IsDirectoryAt(*asking, address, foundTimeout); }});
+    std::string problems;
+    directory = kel::FindDirectory({*own_, [&](const Address& address) {
+                                        std::string problem;
+                                        const bool answers = IsDirectoryAt(*asking, address, foundTimeout, &problem);
+                                        if (problems.size() < maxProblems) problems += "; " + problem;
+                                        return answers;
+                                    }});
     asking->endpoint.Close();
+    if (!directory) KeepProblem("no directory answers that was found" + problems);
     return directory;
 }
 
@@ -155,7 +177,9 @@ int KelSatellite::Impl::ConnectUser(const char* host, const char* user) {
     if (!directory) return KEL_UNREACHABLE;
     const auto made = std::make_shared<Link>(*this, *directory, name_);
     made->endpoint.Start();
-    if (!IsDirectoryAt(*made, *directory, shortTimeout)) {
+    std::string problem;
+    if (!IsDirectoryAt(*made, *directory, shortTimeout, &problem)) {
+        KeepProblem(problem);
         made->endpoint.Close();
         return KEL_UNREACHABLE;
     }
@@ -175,18 +199,23 @@ int KelSatellite::Impl::Open(Link& link, bool isDirectory) {
     if (!error) return KEL_OK;
     if (isDirectory && error == boost::asio::error::address_in_use &&
         IsDirectoryAt(link, link.addresses.directory(), shortTimeout)) {
+        KeepProblem("a directory answers at " + link.addresses.directory().text() + " already");
         return KEL_ALREADY_REGISTERED;
     }
+    KeepProblem("cannot listen on " + at.text() + ": " + error.message() + "; " + Advice(error));
     CBBLog::error(LibraryLogger(), "libkel: %s cannot listen on %s: %s; %s", name_.c_str(), at.text().c_str(),
                   error.message().c_str(), Advice(error));
     return KEL_PORT_IN_USE;
 }
 
-// Whether the endpoint at `address` publishes what a directory publishes.
-bool KelSatellite::Impl::IsDirectoryAt(Link& link, const Address& address, std::chrono::milliseconds timeout) {
+// Whether the endpoint at `address` publishes what a directory publishes; `problem`, if wanted, is why not.
+bool KelSatellite::Impl::IsDirectoryAt(Link& link, const Address& address, std::chrono::milliseconds timeout,
+                                       std::string* problem) {
     const ScopedVariant nothing;
     const Outcome outcome = link.endpoint.outbound().Call(address, "kel.Describe", link.self, nothing,
                                                           std::chrono::steady_clock::now() + timeout);
+    const bool isEndpoint = outcome.end == Outcome::End::answered || outcome.end == Outcome::End::failed;
+    if (problem) *problem = isEndpoint ? address.text() + kel::noDirectory : outcome.problem;
     if (outcome.end != Outcome::End::answered) return false;
     try {
         const int count = VUtil::GetArrayLengthEmpty(outcome.message.value);
@@ -209,7 +238,7 @@ void KelSatellite::Impl::Disconnect() {
     }
     const bool wasRegistered = EndStanding();
     if (wasRegistered && !IsDirectoryName(name_)) {
-        CallDirectory(*current, "RemoveSatellite", Record(*current, {}), shortTimeout);
+        CallAt(*current, current->addresses.directory(), "RemoveSatellite", Record(*current, {}), shortTimeout);
     }
     Drop(current);
 }

@@ -24,11 +24,14 @@ public:
     void Disconnect();
 
     int Request(const char* satellite, const char* method, const tagVARIANT& in, tagVARIANT* out, KELFLAGS flags,
-                tagVARIANT* extra);
+                tagVARIANT* extra, std::chrono::milliseconds timeout);
     bool WaitForOneWayRoom(const char* satellite, int milliseconds);
     void ForgetAddress(const char* satellite);
-    int Ping(const char* name, const char* host, unsigned short port, int satId, KELSTATUS* status);
+    int Ping(const char* name, const char* host, unsigned short port, int satId, KELSTATUS* status,
+             std::chrono::milliseconds timeout);
     void PingLater(const char* name, const char* host, unsigned short port, int satId, PingHandler heard);
+
+    CStdStr LastProblem();
 
     int GetSatelliteId(int* id);
     const char* name() const { return name_.c_str(); }
@@ -81,7 +84,9 @@ private:
     int ConnectAs(const kel::transport::Address& directory);
     int Open(Link& link, bool isDirectory);
     std::optional<kel::transport::Address> DirectoryOn(const char* host, const CStdStr& name);
-    bool IsDirectoryAt(Link& link, const kel::transport::Address& address, std::chrono::milliseconds timeout);
+    bool IsDirectoryAt(Link& link, const kel::transport::Address& address, std::chrono::milliseconds timeout,
+                       std::string* problem = nullptr);
+    void KeepProblem(const std::string& problem);
     void Drop(const LinkPtr& link);
 
     // SatelliteStanding.cc opens with how the directory is told.
@@ -145,10 +150,11 @@ private:
     bool MoveRecord(Link& link, const kel::transport::Address& directory);
 
     int CallSatellite(Link& link, const std::string& satellite, const char* method, const tagVARIANT& in,
-                      ScopedVariant& value, std::string& problem);
+                      kel::transport::Deadline deadline, ScopedVariant& value, std::string& problem);
     int PostOneWay(Link& link, const std::string& satellite, const char* method, const tagVARIANT& in,
                    std::string& problem);
-    kel::transport::Outcome AskWhoItIs(Link& link, const kel::transport::Address& address, const tagVARIANT& in);
+    kel::transport::Outcome AskWhoItIs(Link& link, const kel::transport::Address& address, const tagVARIANT& in,
+                                       std::chrono::milliseconds timeout);
     struct LatePing;
     void AskLater(Link& link, const std::shared_ptr<LatePing>& ping);
     bool AskAgain(Link& link, const std::shared_ptr<LatePing>& ping, const kel::transport::Outcome& outcome);
@@ -161,6 +167,8 @@ private:
 
     PMutex lock_;
     LinkPtr link_ GUARDED_BY(lock_);
+
+    PLocker<CStdStr> problem_;  // of the author's call that failed last
 
     PCondMutex standing_;  // broadcast when the turn is free again and when `satId_` changes
     bool turnTaken_ GUARDED_BY(standing_) = false;
@@ -183,6 +191,7 @@ namespace kel {
 bool IsDirectoryName(const CStdStr& name);
 
 constexpr std::chrono::seconds shortTimeout{5};  // of what must not hold anybody up for long
+constexpr const char* noDirectory = " answers, but is no directory";
 constexpr std::chrono::seconds foundTimeout{2};  // of an address that may be out of reach, while others wait
 
 // The result that a caller gets for the way in which a call ended.

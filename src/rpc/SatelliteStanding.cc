@@ -36,6 +36,17 @@ std::string HostName() {
     return name;
 }
 
+// Of a call that did not end well.
+std::string WhyRefused(const Outcome& outcome, const Address& directory) {
+    const int code = outcome.message.code;
+    if (outcome.end == Outcome::End::failed) {
+        if (code == KEL_UNKNOWN_METHOD) return directory.text() + kel::noDirectory;
+        return "the directory at " + directory.text() + " failed: " + outcome.problem;
+    }
+    if (outcome.end != Outcome::End::answered) return outcome.problem;
+    return "the directory at " + directory.text() + " says: " + KelResultText(code);
+}
+
 bool IsSame(const std::weak_ptr<Connection>& one, const std::weak_ptr<Connection>& other) {
     return !one.owner_before(other) && !other.owner_before(one);
 }
@@ -89,7 +100,10 @@ Outcome KelSatellite::Impl::CallAt(Link& link, const Address& directory, const c
 
 Outcome KelSatellite::Impl::CallDirectory(Link& link, const char* method, const tagVARIANT& in,
                                           std::chrono::milliseconds timeout) {
-    return CallAt(link, link.addresses.directory(), method, in, timeout);
+    const Address directory = link.addresses.directory();
+    Outcome outcome = CallAt(link, directory, method, in, timeout);
+    if (CodeOf(outcome) != KEL_OK) KeepProblem(WhyRefused(outcome, directory));
+    return outcome;
 }
 
 ScopedVariant KelSatellite::Impl::Record(Link& link, const kel::Services& services) {
@@ -133,6 +147,7 @@ int KelSatellite::Impl::RegisterThese(Link& link, const kel::Services& services,
         satId = VUtil::GetIntElement(outcome.message.value, 1);
     } catch (const KelException& error) {  // what answers there is no directory
         CBBLog::error(LibraryLogger(), "libkel: %s was not registered: %s", link.self.c_str(), error.GetMessage());
+        KeepProblem((elsewhere ? *elsewhere : link.addresses.directory()).text() + kel::noDirectory);
         return KEL_UNREACHABLE;
     }
     {
@@ -320,7 +335,8 @@ void KelSatellite::Impl::CheckStanding() {
     int satId;
     if (!current || GetSatelliteId(&satId) != KEL_OK) return;
     try {
-        const Outcome answer = CallDirectory(*current, "GetSatelliteId", MakeString(name_.c_str()), shortTimeout);
+        const Address directory = current->addresses.directory();
+        const Outcome answer = CallAt(*current, directory, "GetSatelliteId", MakeString(name_.c_str()), shortTimeout);
         if (IsAnswered(*current, answer)) Heed(*current, satId, answer);
     } catch (const std::exception& error) {
         CBBLog::error(LibraryLogger(), "libkel: %s could not check its standing: %s", name_.c_str(), error.what());

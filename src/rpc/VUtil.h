@@ -104,7 +104,7 @@ public:
     static void PutElement(tagVARIANT& v, int i, const std::string& value);  // VT_BSTR
     static void PutElement(tagVARIANT& v, int i, const char* value);         // VT_BSTR
     static void PutElement(tagVARIANT& v, int i, std::string_view value);  // VT_BSTR; throws for one with a zero in it
-    static void PutElement(tagVARIANT& v, int i, bool value);              // VT_BOOL
+    static void PutElement(tagVARIANT& v, int i, bool value);              // VT_BOOL; 1 or 0 in an array of VT_I4
     // A list, of bytes VT_ARRAY|VT_UI1. For arrays of variants.
     template <typename T>
     static void PutElement(tagVARIANT& v, int i, const std::vector<T>& values) {

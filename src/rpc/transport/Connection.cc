@@ -215,7 +215,7 @@ void Connection::ProcessInput() {
     for (;;) {
         const Frame frame = LookForMessage();
         if (frame == Frame::incomplete) return StartRead();
-        if (frame == Frame::malformed) return Close(noMessage);
+        if (frame == Frame::malformed) return CloseForNoMessage();
 
         if (framer_.Is(wire::MessageKind::notification, input_.get() + begin_)) {
             const bool runs = QueueNotification({input_.get() + begin_, framer_.length()});
@@ -232,7 +232,7 @@ void Connection::ProcessInput() {
         const bool isResponse = framer_.Is(wire::MessageKind::response, input_.get() + begin_);
         if (!isResponse && !Afford(framer_, MemoryBudget::Turn::reading, share)) return;
         wire::Message message;
-        if (!TakeMessage(message)) return Close(noMessage);
+        if (!TakeMessage(message)) return CloseForNoMessage();
         if (message.kind == wire::MessageKind::request) return RunRequest(message);
         CompleteCall(message);
     }
@@ -336,6 +336,7 @@ bool Connection::TakeNotification(size_t length, wire::Message& message) {
     }
     CountBuffers(growth);
     if (wire::Decode(bytes.data(), bytes.size(), message)) return true;
+    spokeOtherwise_ = true;
     Cut(noMessage);
     return false;
 }
@@ -591,6 +592,11 @@ void Connection::Close(const char* reason) {
         if (!CBBLog::isDebugEnabled()) return;
         CBBLog::debug(LibraryLogger(), "libkel: connection to %s closed: %s", peer_.c_str(), reason);
     });
+}
+
+void Connection::CloseForNoMessage() {
+    spokeOtherwise_ = true;
+    Close(noMessage);
 }
 
 void Connection::Fail(const char* problem) {

@@ -119,6 +119,8 @@ public:
     in_addr peerAddress() const { return peerAddress_; }
     bool openedByPeer() const { return opener_ == Opener::peer; }
     bool closed() const { return closed_; }
+    // Whether it was closed because the peer sent what is no message.
+    bool spokeOtherwise() const { return spokeOtherwise_; }
     // Whether CloseIfIdle has closed it.
     bool gaveRoom() const { return gaveRoom_; }
 
@@ -132,6 +134,7 @@ private:
     void OrFail(Work&& work);
     // Ends the connection because of `problem`, which goes to the log.
     void Fail(const char* problem);
+    void CloseForNoMessage();
     template <typename Say>
     void End(Say&& say);
 
@@ -177,6 +180,7 @@ private:
     std::atomic<bool> closed_{false};
     std::atomic<bool> used_{false};  // something was sent
     std::atomic<bool> gaveRoom_{false};
+    std::atomic<bool> spokeOtherwise_{false};
     std::atomic<ptrdiff_t> bufferBytes_{0};
     std::atomic<uint64_t> lastUse_{0};
     std::atomic<bool> awaitsMessage_{false};  // or the rest of one; whoever clears it decides what becomes of it

@@ -17,6 +17,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstring>
 #include <functional>
 #include <future>
 #include <map>
@@ -140,7 +141,108 @@ protected:
     Directory directory;
 };
 
+// Listens at a port of its own, and says something to the first who comes before it hangs up, if that is wanted.
+class Stranger {
+public:
+    explicit Stranger(const char* says) : listener(::socket(AF_INET, SOCK_STREAM, 0)) {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t size = sizeof address;
+        ::bind(listener, reinterpret_cast<sockaddr*>(&address), size);
+        ::listen(listener, 1);
+        ::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &size);
+        port = ntohs(address.sin_port);
+        if (!says) return;
+        thread_ = std::thread([this, says] {
+            const int peer = ::accept(listener, nullptr, nullptr);
+            ::send(peer, says, std::strlen(says), MSG_NOSIGNAL);
+            ::shutdown(peer, SHUT_WR);
+            char asked[4096];
+            [[maybe_unused]] const ssize_t size = ::recv(peer, asked, sizeof asked, 0);
+            ::close(peer);
+        });
+    }
+    ~Stranger() {
+        ::shutdown(listener, SHUT_RDWR);
+        if (thread_.joinable()) thread_.join();
+        ::close(listener);
+    }
+    std::string at() const { return "127.0.0.1:" + std::to_string(port); }
+
+    const int listener;
+    unsigned short port = 0;
+
+private:
+    std::thread thread_;
+};
+
 }  // namespace
+
+TEST_F(ASatellite, SaysWhyItCouldNotConnectAndWhereItTried) {
+    KelSatellite recorder, player;
+    ASSERT_EQ(recorder.Connect("127.0.0.1", "Recorder"), 0);
+    const auto problem = [&player](const std::string& host, int code, bool registers) {
+        const char* const name = "Recorder";
+        EXPECT_EQ(registers ? player.Connect(host.c_str(), name) : player.ConnectUser(host.c_str(), name), code);
+        return std::string(player.LastProblem());
+    };
+    const std::string recorderAt = "127.0.0.1:" + std::to_string(recorder.getSatellitePort());
+    const std::string directoryAt = "127.0.0.1:" + std::to_string(directoryPort.number());
+    for (const bool registers : {true, false}) {
+        const ReservedPort closed;
+        const std::string closedAt = "127.0.0.1:" + std::to_string(closed.number());
+        const Stranger otherwise("HTTP/1.1 400 Bad Request\r\n\r\n"), hangsUp("");
+        EXPECT_EQ(problem(closedAt, KEL_UNREACHABLE, registers), closedAt + " cannot be reached: Connection refused");
+        EXPECT_EQ(problem(otherwise.at(), KEL_UNREACHABLE, registers),
+                  otherwise.at() + " answers, but not as a satellite does");
+        EXPECT_EQ(problem(hangsUp.at(), KEL_UNREACHABLE, registers).find(hangsUp.at() + " closed the connection "), 0u);
+        EXPECT_EQ(problem("no host:7", KEL_UNREACHABLE, registers).find("no host:7 cannot be reached: Host not found"),
+                  0u);
+    }
+    EXPECT_EQ(problem(recorderAt, KEL_UNREACHABLE, false), recorderAt + " answers, but is no directory");
+    EXPECT_EQ(player.ConnectUser("127.0.0.1", "Somebody"), 0);
+    EXPECT_EQ(player.LastProblem(), "");
+    EXPECT_EQ(player.Request("Nobody", "Ask", ScopedVariant(), nullptr, KELFLAG_WAIT, nullptr), KEL_UNKNOWN_SATELLITE);
+    EXPECT_EQ(player.LastProblem(), "the directory at " + directoryAt + " knows no satellite Nobody");
+}
+
+TEST_F(ASatellite, WaitsForAnAnswerOnlyAsLongAsItIsTold) {
+    const Stranger silent(nullptr);
+    directory.known["Silent"] = {77, silent.port};
+    EXPECT_TRUE(Eventually([&] {
+        ScopedVariant extra;
+        return directory.Request("Silent", "Ask", extra, nullptr, KELFLAG_WAIT, &extra, 50) == KEL_NO_ANSWER &&
+               extra.bstrVal == silent.at() + " did not answer in time";
+    }));
+    KELSTATUS status = 7;
+    EXPECT_EQ(directory.DirectoryPingSatellite("Silent", "127.0.0.1", silent.port, 77, &status, 50), KEL_PING_SILENT);
+}
+
+TEST_F(ASatellite, PingsOthersWithoutBeingConnected) {
+    KelSatellite early;
+    KELSTATUS status = 7;
+    int id = 0;
+    ASSERT_EQ(directory.GetSatelliteId(&id), 0);
+    EXPECT_EQ(early.DirectoryPingSatellite("MainRegister", "127.0.0.1", directoryPort.number(), id, &status), 0);
+    EXPECT_EQ(status, KELSTATUS_ALIVE);
+}
+
+TEST_F(ASatellite, ThrowsForNullArguments) {
+    KELSTATUS status;
+    int result;
+    ScopedVariant out;
+    EXPECT_THROW(directory.DirectoryPingSatellite(nullptr, "127.0.0.1", 1, 1, &status), KelException);
+    EXPECT_THROW(directory.DirectoryPingSatellite("Recorder", nullptr, 1, 1, &status), KelException);
+    EXPECT_THROW(directory.DirectoryPingSatellite("Recorder", "127.0.0.1", 1, 1, nullptr), KelException);
+    EXPECT_THROW(directory.PingLater("Recorder", nullptr, 1, 1, [](int, KELSTATUS) {}), KelException);
+    EXPECT_THROW(directory.PingLater("Recorder", "127.0.0.1", 1, 1, nullptr), KelException);
+    EXPECT_THROW(directory.WaitForOneWayRoom(nullptr, 1), KelException);
+    EXPECT_THROW(directory.ForgetAddress(nullptr), KelException);
+    EXPECT_THROW(directory.GetSatelliteId(nullptr), KelException);
+    EXPECT_THROW(directory.OnServiceRequested(0, "", nullptr, out, &out, &result), KelException);
+    EXPECT_THROW(KelSatelliteDelegateFunction(nullptr), KelException);
+}
 
 TEST_F(ASatellite, IsCalledByNameAndAnswersWithItsResult) {
     KelSatellite recorder;
@@ -159,6 +261,8 @@ TEST_F(ASatellite, IsCalledByNameAndAnswersWithItsResult) {
         EXPECT_EQ(player.Request("Recorder", "Echo", MakeString("text"), &out, KELFLAG_WAIT, &extra), 7);
         EXPECT_STREQ(out.bstrVal, "text");
     }
+    EXPECT_EQ(player.Request("Recorder", "Echo", out, &out, KELFLAG_WAIT, nullptr), 7);
+    EXPECT_STREQ(out.bstrVal, "text");
     EXPECT_EQ(caller, "Somebody");
     EXPECT_EQ(directory.lookups, 1) << "the address is asked for once";
     EXPECT_EQ(player.Request("Nobody", "Echo", out, nullptr, KELFLAG_WAIT, &extra), KEL_UNKNOWN_SATELLITE);
@@ -318,15 +422,8 @@ TEST_F(ASatellite, HearsOfServicesInTheOrderInWhichTheNewsCameOverSeveralConnect
 }
 
 TEST_F(ASatellite, DropsTheOldestOneWayCallsOfAPeerThatDoesNotRead) {
-    const int listener = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof address;
-    ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&address), size), 0);
-    ASSERT_EQ(::listen(listener, 1), 0);
-    ASSERT_EQ(::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &size), 0);
-    directory.known["Deaf"] = {77, ntohs(address.sin_port)};
+    const Stranger deaf(nullptr);
+    directory.known["Deaf"] = {77, deaf.port};
 
     constexpr int calls = 4000;
     const std::string payload(16 * 1024, 'x');  // 64 MiB in all: far more than the system buffers
@@ -335,7 +432,7 @@ TEST_F(ASatellite, DropsTheOldestOneWayCallsOfAPeerThatDoesNotRead) {
         ASSERT_EQ(directory.Request("Deaf", "Note", in, nullptr, KELFLAG_ONE_WAY, nullptr), 0);
     }
 
-    const int peer = ::accept(listener, nullptr, nullptr);
+    const int peer = ::accept(deaf.listener, nullptr, nullptr);
     std::vector<int> numbers;
     std::string input;
     kel::wire::Framer framer;
@@ -353,7 +450,6 @@ TEST_F(ASatellite, DropsTheOldestOneWayCallsOfAPeerThatDoesNotRead) {
         }
     }
     ::close(peer);
-    ::close(listener);
     EXPECT_TRUE(std::is_sorted(numbers.begin(), numbers.end())) << "what arrives is in order";
     EXPECT_LT(numbers.size(), static_cast<size_t>(calls)) << "some were dropped";
     for (int i = 0; i < 1024; ++i)
