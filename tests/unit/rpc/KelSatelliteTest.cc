@@ -159,7 +159,7 @@ public:
             ::send(peer, says, std::strlen(says), MSG_NOSIGNAL);
             ::shutdown(peer, SHUT_WR);
             char asked[4096];
-            [[maybe_unused]] const ssize_t size = ::recv(peer, asked, sizeof asked, 0);
+            [[maybe_unused]] const ssize_t got = ::recv(peer, asked, sizeof asked, 0);
             ::close(peer);
         });
     }
