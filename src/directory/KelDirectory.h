@@ -44,7 +44,7 @@ public:
     // by whichever interface it came, else `callerIp` itself.
     CStdStr getIPToUse(const char* callerIp) const;
     // Ends what keeps others from registering `name`; nothing when it is not being registered.
-    void RemoveFromPending(const CStdStr& name) EXCLUDES(pendingLock_);
+    void RemoveFromPending(const CStdStr& name) KEL_EXCLUDES(pendingLock_);
 
     // The requests. `callerIp` is the dotted address that a request came from, `caller` the name of the calling
     // satellite. The result travels to the caller with `out`: 0, a code of KelResult.h, or what the registry says. A
@@ -56,7 +56,7 @@ public:
     // thread that runs this waits in a place of its own (answeredLater), or is refused with KEL_NO_RESOURCES when too
     // many do; a thread that runs no call waits itself.
     int SatRegister(const tagVARIANT* in, tagVARIANT* out, const char* callerIp, const CStdStr& caller)
-        EXCLUDES(pendingLock_);
+        KEL_EXCLUDES(pendingLock_);
     // Withdraws the services that the record lists. `out` becomes the number of services left after the
     // last of them; 0 when it lists none.
     int SatUnRegister(const tagVARIANT* in, tagVARIANT* out, const char* callerIp, const CStdStr& caller);
@@ -87,18 +87,18 @@ private:
     bool HasOtherHolder(Registering& registering) const;
     int AskHolder(Registering& registering, tagVARIANT* out);
     int AskHolderLater(std::unique_ptr<Registering> registering);
-    void GoOn(std::function<void()> rest) EXCLUDES(goingOnLock_);
-    std::function<void()> NextToGoOn() EXCLUDES(goingOnLock_);
+    void GoOn(std::function<void()> rest) KEL_EXCLUDES(goingOnLock_);
+    std::function<void()> NextToGoOn() KEL_EXCLUDES(goingOnLock_);
     int HearOfHolder(const Registering& registering, int rc, int status, tagVARIANT* out);
     int Admit(const Registering& registering, tagVARIANT* out);
-    bool AddToPending(const CStdStr& name) EXCLUDES(pendingLock_);
+    bool AddToPending(const CStdStr& name) KEL_EXCLUDES(pendingLock_);
 
     bool IsSomebodyElse(const CStdStr& name, const CStdStr& ip, const char* callerIp, const CStdStr& caller) const;
 
     static void SayWhatItWorksWith();
     void SayThatItServes(bool hasRegistry, size_t loaded);
     void StartChecks();
-    bool StopsWithin(long milliseconds) EXCLUDES(stopSignal_);
+    bool StopsWithin(long milliseconds) KEL_EXCLUDES(stopSignal_);
 
     CRegistration registration_;
 
@@ -107,14 +107,14 @@ private:
     boost::shared_ptr<ServiceAvailability> serviceAvailability_;
 
     PMutex pendingLock_;
-    std::vector<CStdStr> pendingRegistrations_ GUARDED_BY(pendingLock_);
+    std::vector<CStdStr> pendingRegistrations_ KEL_GUARDED_BY(pendingLock_);
 
     // Registrations that wait for a holder to answer, and what of them is in memory meanwhile.
     std::atomic<size_t> waitingRegistrations_{0};
     std::atomic<size_t> waitingBytes_{0};
     PMutex goingOnLock_;
-    std::deque<std::function<void()>> goOn_ GUARDED_BY(goingOnLock_);  // whose holder was asked
-    int goingOn_ GUARDED_BY(goingOnLock_) = 0;                         // threads that run them
+    std::deque<std::function<void()>> goOn_ KEL_GUARDED_BY(goingOnLock_);  // whose holder was asked
+    int goingOn_ KEL_GUARDED_BY(goingOnLock_) = 0;                         // threads that run them
 
     LastRun lastRun_;
     bool serves_ = false;  // since the last init; the main thread's
@@ -122,7 +122,7 @@ private:
     std::unique_ptr<PThread> checkThread_;
     bool checksFail_ = false;  // the latest round, which is said once; the check thread's
     PCondMutex stopSignal_;
-    bool stopping_ GUARDED_BY(stopSignal_) = false;
+    bool stopping_ KEL_GUARDED_BY(stopSignal_) = false;
 };
 
 // Reads a registration record: [satellite name, host name, port (VT_UI2), protocol version, satId, number of services,

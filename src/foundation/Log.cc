@@ -124,23 +124,23 @@ public:
     bool isEnabledHere(LOGLEVEL level) const { return isEnabledAt(level_, level); }
     // The same, but false while the level was not read yet.
     bool isReached(LOGLEVEL level) const { return level_ >= level; }
-    static boost::shared_ptr<CBBLog> instance() EXCLUDES(s_instanceLock);
-    static void setLogger(const boost::shared_ptr<CBBLog>& logger) EXCLUDES(s_instanceLock);
-    void setLogLevel(LOGLEVEL level) EXCLUDES(s_instanceLock);
-    void withdraw() EXCLUDES(s_instanceLock);
+    static boost::shared_ptr<CBBLog> instance() KEL_EXCLUDES(s_instanceLock);
+    static void setLogger(const boost::shared_ptr<CBBLog>& logger) KEL_EXCLUDES(s_instanceLock);
+    void setLogLevel(LOGLEVEL level) KEL_EXCLUDES(s_instanceLock);
+    void withdraw() KEL_EXCLUDES(s_instanceLock);
 
     bool isWritten(LOGLEVEL level);
     LogVerdict judge(LOGLEVEL level, std::string_view kind);
     void addText(LOGLEVEL level, std::string_view kind, std::string_view text, LogVerdict verdict);
     void AddRawLog(const char* text);
-    void logLineToFile(const CStdStr& line) EXCLUDES(fileLock_);
-    void FatalError(const CStdStr& line) EXCLUDES(initLock_);
+    void logLineToFile(const CStdStr& line) KEL_EXCLUDES(fileLock_);
+    void FatalError(const CStdStr& line) KEL_EXCLUDES(initLock_);
 
-    void initialize() EXCLUDES(initLock_);
-    void stopThread() EXCLUDES(queueLock_);
-    CStdStr getLogs() EXCLUDES(queueLock_);
-    long long getFileSize() EXCLUDES(fileLock_);
-    bool flush(long milliseconds) EXCLUDES(queueLock_);
+    void initialize() KEL_EXCLUDES(initLock_);
+    void stopThread() KEL_EXCLUDES(queueLock_);
+    CStdStr getLogs() KEL_EXCLUDES(queueLock_);
+    long long getFileSize() KEL_EXCLUDES(fileLock_);
+    bool flush(long milliseconds) KEL_EXCLUDES(queueLock_);
 
 private:
     static bool isEnabledAt(LOGLEVEL current, LOGLEVEL level) {
@@ -150,23 +150,23 @@ private:
 
     void finishLine(CStdStr& line, LOGLEVEL level);
     void sayFolded(bool all);
-    void wakeThread() EXCLUDES(queueLock_);
-    CStdStr openFiles() REQUIRES(initLock_);
-    void closeFiles() REQUIRES(initLock_);
+    void wakeThread() KEL_EXCLUDES(queueLock_);
+    CStdStr openFiles() KEL_REQUIRES(initLock_);
+    void closeFiles() KEL_REQUIRES(initLock_);
     int openFile(const CStdStr& path, bool& isNew) const;
     void readLogLevel();
-    void publishLevel() REQUIRES(s_instanceLock);
+    void publishLevel() KEL_REQUIRES(s_instanceLock);
     CStdStr buildLineHeader(LOGLEVEL level) const;
     void rotateIfNeeded(int& fd, const CStdStr& path) const;
-    void addQueue(const CStdStr& line) EXCLUDES(queueLock_);
-    bool waitForWork() REQUIRES(queueLock_);
-    void writeQueue() REQUIRES(queueLock_);
-    unsigned int loggerThread(void*) EXCLUDES(queueLock_);
+    void addQueue(const CStdStr& line) KEL_EXCLUDES(queueLock_);
+    bool waitForWork() KEL_REQUIRES(queueLock_);
+    void writeQueue() KEL_REQUIRES(queueLock_);
+    unsigned int loggerThread(void*) KEL_EXCLUDES(queueLock_);
 
     // The process's log, and its level (kNoLogger without one) where every thread can read it without a lock: skipping
     // a line costs one load.
-    static boost::weak_ptr<CBBLog>& s_instance GUARDED_BY(s_instanceLock);
-    static const CBBLog* s_published GUARDED_BY(s_instanceLock);
+    static boost::weak_ptr<CBBLog>& s_instance KEL_GUARDED_BY(s_instanceLock);
+    static const CBBLog* s_published KEL_GUARDED_BY(s_instanceLock);
     static PMutex& s_instanceLock;
     static std::atomic<LOGLEVEL> s_level;
 
@@ -190,16 +190,16 @@ private:
     const std::unique_ptr<LogFolding> folding_;
 
     PMutex fileLock_;  // the log's thread holds it while it writes; for getFileSize, which any thread may ask
-    int logFd_ GUARDED_BY(fileLock_) = -1;
-    int errorsFd_ GUARDED_BY(initLock_) = -1;
+    int logFd_ KEL_GUARDED_BY(fileLock_) = -1;
+    int errorsFd_ KEL_GUARDED_BY(initLock_) = -1;
 
-    std::unique_ptr<PThread> thread_ GUARDED_BY(initLock_);
+    std::unique_ptr<PThread> thread_ KEL_GUARDED_BY(initLock_);
 
     PCondMutex queueLock_;
-    bool stopping_ GUARDED_BY(queueLock_) = false;
-    uint64_t queued_ GUARDED_BY(queueLock_) = 0;   // lines, since the beginning
-    uint64_t written_ GUARDED_BY(queueLock_) = 0;  // likewise: those of them that are in the file
-    std::deque<CStdStr> queue_ GUARDED_BY(queueLock_);
+    bool stopping_ KEL_GUARDED_BY(queueLock_) = false;
+    uint64_t queued_ KEL_GUARDED_BY(queueLock_) = 0;   // lines, since the beginning
+    uint64_t written_ KEL_GUARDED_BY(queueLock_) = 0;  // likewise: those of them that are in the file
+    std::deque<CStdStr> queue_ KEL_GUARDED_BY(queueLock_);
 };
 
 const char* const g_logStr[5] = {"FATAL", "ERROR", "WARN", "INFO", "DEBUG"};

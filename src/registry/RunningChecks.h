@@ -11,19 +11,19 @@
 class RunningChecks {
 public:
     // A check begins. Returns what End takes.
-    unsigned Begin() EXCLUDES(lock_) {
+    unsigned Begin() KEL_EXCLUDES(lock_) {
         PMutexHold hold(lock_);
         ++running_[generation_];
         return generation_;
     }
 
-    void End(unsigned generation) EXCLUDES(lock_) {
+    void End(unsigned generation) KEL_EXCLUDES(lock_) {
         PMutexHold hold(lock_);
         if (--running_[generation] == 0 && isAwaited_) lock_.broadcast();
     }
 
     // Returns when none is running of those that began before this call.
-    void Wait() EXCLUDES(lock_) {
+    void Wait() KEL_EXCLUDES(lock_) {
         PMutexHold hold(lock_);
         const unsigned before = generation_;
         generation_ = 1 - generation_;
@@ -34,7 +34,7 @@ public:
 
 private:
     PCondMutex lock_;
-    std::array<uint64_t, 2> running_ GUARDED_BY(lock_){};
-    unsigned generation_ GUARDED_BY(lock_) = 0;
-    bool isAwaited_ GUARDED_BY(lock_) = false;
+    std::array<uint64_t, 2> running_ KEL_GUARDED_BY(lock_){};
+    unsigned generation_ KEL_GUARDED_BY(lock_) = 0;
+    bool isAwaited_ KEL_GUARDED_BY(lock_) = false;
 };

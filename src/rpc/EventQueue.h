@@ -35,10 +35,10 @@ private:
         size_t bytes;
     };
     PCondMutex lock_;  // broadcast when there is room again, or no use in waiting for it
-    std::deque<Event> events_ GUARDED_BY(lock_);
-    size_t bytes_ GUARDED_BY(lock_) = 0;
-    bool running_ GUARDED_BY(lock_) = false;
-    bool stopped_ GUARDED_BY(lock_) = false;
+    std::deque<Event> events_ KEL_GUARDED_BY(lock_);
+    size_t bytes_ KEL_GUARDED_BY(lock_) = 0;
+    bool running_ KEL_GUARDED_BY(lock_) = false;
+    bool stopped_ KEL_GUARDED_BY(lock_) = false;
 };
 
 }  // namespace kel

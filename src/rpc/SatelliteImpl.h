@@ -138,8 +138,8 @@ private:
     bool ReportGone(Link& link, const Elsewhere& elsewhere = {});
     void Report(Link& link, int satId, KELSTATUS status);
     bool IsRegistered();
-    void AllIsDue() REQUIRES(standing_);
-    void SubscriptionsAreDue() REQUIRES(standing_);
+    void AllIsDue() KEL_REQUIRES(standing_);
+    void SubscriptionsAreDue() KEL_REQUIRES(standing_);
 
     // SatelliteMoving.cc opens with when it moves.
     void LookAround();
@@ -166,23 +166,23 @@ private:
     std::optional<kel::transport::Address> own_;  // where this machine's directory listens, if it was to be found
 
     PMutex lock_;
-    LinkPtr link_ GUARDED_BY(lock_);
+    LinkPtr link_ KEL_GUARDED_BY(lock_);
 
     PLocker<CStdStr> problem_;  // of the author's call that failed last
 
     PCondMutex standing_;  // broadcast when the turn is free again and when `satId_` changes
-    bool turnTaken_ GUARDED_BY(standing_) = false;
-    bool registered_ GUARDED_BY(standing_) = false;  // changed only by who has the turn, like the two after it
-    int satId_ GUARDED_BY(standing_) = 0;
-    CStdStr serverId_ GUARDED_BY(standing_);
-    bool leaving_ GUARDED_BY(standing_) = false;  // nothing registers it any more
-    bool reportedGone_ GUARDED_BY(standing_) = false;
-    bool directoryMissing_ GUARDED_BY(standing_) = false;
-    std::vector<CStdStr> subscriptions_ GUARDED_BY(standing_);  // kept over Disconnect, as the methods are
-    Due due_ GUARDED_BY(standing_);
-    bool settlingFailed_ GUARDED_BY(standing_) = false;  // when the directory was told last
+    bool turnTaken_ KEL_GUARDED_BY(standing_) = false;
+    bool registered_ KEL_GUARDED_BY(standing_) = false;  // changed only by who has the turn, like the two after it
+    int satId_ KEL_GUARDED_BY(standing_) = 0;
+    CStdStr serverId_ KEL_GUARDED_BY(standing_);
+    bool leaving_ KEL_GUARDED_BY(standing_) = false;  // nothing registers it any more
+    bool reportedGone_ KEL_GUARDED_BY(standing_) = false;
+    bool directoryMissing_ KEL_GUARDED_BY(standing_) = false;
+    std::vector<CStdStr> subscriptions_ KEL_GUARDED_BY(standing_);  // kept over Disconnect, as the methods are
+    Due due_ KEL_GUARDED_BY(standing_);
+    bool settlingFailed_ KEL_GUARDED_BY(standing_) = false;  // when the directory was told last
     // Where the directory said last that it knows this satellite.
-    std::weak_ptr<kel::transport::Connection> knownOver_ GUARDED_BY(standing_);
+    std::weak_ptr<kel::transport::Connection> knownOver_ KEL_GUARDED_BY(standing_);
 };
 
 namespace kel {

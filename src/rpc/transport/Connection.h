@@ -159,18 +159,18 @@ private:
     void RunNotifications();
     bool LookForNotification(wire::Framer& framer);
     bool TakeNotification(size_t length, wire::Message& message);
-    ptrdiff_t ClearNotifications() REQUIRES(notificationLock_);
+    ptrdiff_t ClearNotifications() KEL_REQUIRES(notificationLock_);
     void CompleteCall(wire::Message& answer);
     void LoseCalls();
 
     Sent WriteOrQueue(std::string_view bytes, Bytes what);
-    ptrdiff_t CountBacklog(size_t bytes) REQUIRES(lock_);
-    void StartWriteWait() REQUIRES(lock_);
+    ptrdiff_t CountBacklog(size_t bytes) KEL_REQUIRES(lock_);
+    void StartWriteWait() KEL_REQUIRES(lock_);
     void OnWritable(const boost::system::error_code& error);
-    void ArmStallTimer() REQUIRES(lock_);
+    void ArmStallTimer() KEL_REQUIRES(lock_);
     void OnStalled();
-    ssize_t WriteBacklog() REQUIRES(lock_);
-    bool WriteSome(std::string_view& bytes) REQUIRES(lock_);
+    ssize_t WriteBacklog() KEL_REQUIRES(lock_);
+    bool WriteSome(std::string_view& bytes) KEL_REQUIRES(lock_);
 
     ConnectionOwner& owner_;
     const std::string peer_;
@@ -200,27 +200,27 @@ private:
     std::atomic<size_t> notificationBytes_{0};
 
     PMutex notificationLock_;
-    std::string notifications_ GUARDED_BY(notificationLock_);  // as they came, one behind the other
-    size_t notificationsBegin_ GUARDED_BY(notificationLock_) = 0;
-    bool runningNotifications_ GUARDED_BY(notificationLock_) = false;
+    std::string notifications_ KEL_GUARDED_BY(notificationLock_);  // as they came, one behind the other
+    size_t notificationsBegin_ KEL_GUARDED_BY(notificationLock_) = 0;
+    bool runningNotifications_ KEL_GUARDED_BY(notificationLock_) = false;
     MemoryBudget::Share notificationShare_;  // for the next of them; touched only by who runs them
 
     PMutex lock_;
-    Socket socket_ GUARDED_BY(lock_);
-    Timer stallTimer_ GUARDED_BY(lock_);
-    std::string backlog_ GUARDED_BY(lock_);
-    size_t backlogSent_ GUARDED_BY(lock_) = 0;
-    size_t backlogCounted_ GUARDED_BY(lock_) = 0;  // of the budget
+    Socket socket_ KEL_GUARDED_BY(lock_);
+    Timer stallTimer_ KEL_GUARDED_BY(lock_);
+    std::string backlog_ KEL_GUARDED_BY(lock_);
+    size_t backlogSent_ KEL_GUARDED_BY(lock_) = 0;
+    size_t backlogCounted_ KEL_GUARDED_BY(lock_) = 0;  // of the budget
     struct Drain {
         std::function<void()> drained;
         std::function<void()> closed;
     };
-    std::vector<Drain> drains_ GUARDED_BY(lock_);
+    std::vector<Drain> drains_ KEL_GUARDED_BY(lock_);
 
     PMutex callsLock_;
-    std::unordered_map<uint32_t, AnswerHandler> calls_ GUARDED_BY(callsLock_);
-    uint32_t nextCall_ GUARDED_BY(callsLock_) = 0;
-    bool callsClosed_ GUARDED_BY(callsLock_) = false;
+    std::unordered_map<uint32_t, AnswerHandler> calls_ KEL_GUARDED_BY(callsLock_);
+    uint32_t nextCall_ KEL_GUARDED_BY(callsLock_) = 0;
+    bool callsClosed_ KEL_GUARDED_BY(callsLock_) = false;
 };
 
 }  // namespace kel::transport

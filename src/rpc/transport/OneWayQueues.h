@@ -38,11 +38,11 @@ private:
 
         const std::string satellite;
         PMutex lock;
-        std::deque<std::string> waiting GUARDED_BY(lock);
-        bool running GUARDED_BY(lock) = false;
-        std::condition_variable_any roomMade;   // half of it is free
-        size_t dropped GUARDED_BY(lock) = 0;    // since the queue was last empty
-        bool retired GUARDED_BY(lock) = false;  // no longer in the list
+        std::deque<std::string> waiting KEL_GUARDED_BY(lock);
+        bool running KEL_GUARDED_BY(lock) = false;
+        std::condition_variable_any roomMade;       // half of it is free
+        size_t dropped KEL_GUARDED_BY(lock) = 0;    // since the queue was last empty
+        bool retired KEL_GUARDED_BY(lock) = false;  // no longer in the list
 
         // The runner's.
         bool retried = false;
@@ -52,7 +52,7 @@ private:
     using QueuePtr = std::shared_ptr<Queue>;
 
     QueuePtr FindQueue(const std::string& satellite);
-    void RetireIdle() REQUIRES(lock_);
+    void RetireIdle() KEL_REQUIRES(lock_);
     bool Append(Queue& queue, std::string& bytes, bool& becomesRunner);
     template <typename Step>
     void Proceed(const QueuePtr& queue, Step&& step);
@@ -68,8 +68,8 @@ private:
     AddressBook& addresses_;
 
     PMutex lock_;
-    std::map<CStdStr, QueuePtr, CaseInsensitiveLess> queues_ GUARDED_BY(lock_);
-    size_t retireAt_ GUARDED_BY(lock_) = maxIdleQueues;
+    std::map<CStdStr, QueuePtr, CaseInsensitiveLess> queues_ KEL_GUARDED_BY(lock_);
+    size_t retireAt_ KEL_GUARDED_BY(lock_) = maxIdleQueues;
 };
 
 }  // namespace kel::transport

@@ -126,7 +126,7 @@ private:
         if (!finished_) ConnectTo(endpoint);
     }
 
-    void ConnectTo(const tcp::endpoint& endpoint) REQUIRES(lock_) {
+    void ConnectTo(const tcp::endpoint& endpoint) KEL_REQUIRES(lock_) {
         socket_.async_connect(endpoint, [self = shared_from_this(), endpoint](const boost::system::error_code& error) {
             self->OrFail([&] {
                 if (!IsShortage(error) || !self->TryAgain(endpoint, error)) self->Finish(error);
@@ -166,12 +166,12 @@ private:
     Outbound& outbound_;
     const Address to_;
     PMutex lock_;
-    bool finished_ GUARDED_BY(lock_) = false;
+    bool finished_ KEL_GUARDED_BY(lock_) = false;
     Socket socket_;  // guarded by the lock until finished, the finisher's afterwards
-    Resolver resolver_ GUARDED_BY(lock_);
-    Timer timer_ GUARDED_BY(lock_);
-    Timer retry_ GUARDED_BY(lock_);
-    Deadline shortageEnd_ GUARDED_BY(lock_);
+    Resolver resolver_ KEL_GUARDED_BY(lock_);
+    Timer timer_ KEL_GUARDED_BY(lock_);
+    Timer retry_ KEL_GUARDED_BY(lock_);
+    Deadline shortageEnd_ KEL_GUARDED_BY(lock_);
 };
 
 // A call that no thread waits for: it ends once, with an answer, without a connection or when its time is up. Kept
@@ -239,10 +239,10 @@ private:
 
     const CallHandler handler_;
     PMutex lock_;
-    bool finished_ GUARDED_BY(lock_) = false;
-    Timer timer_ GUARDED_BY(lock_);
-    std::weak_ptr<Connection> over_ GUARDED_BY(lock_);  // once it was sent
-    uint32_t id_ GUARDED_BY(lock_) = 0;                 // there
+    bool finished_ KEL_GUARDED_BY(lock_) = false;
+    Timer timer_ KEL_GUARDED_BY(lock_);
+    std::weak_ptr<Connection> over_ KEL_GUARDED_BY(lock_);  // once it was sent
+    uint32_t id_ KEL_GUARDED_BY(lock_) = 0;                 // there
 };
 
 Outbound::Outbound(WorkerPool& pool, Adopt adopt, Shortage shortage)

@@ -89,20 +89,20 @@ private:
     bool DoChores();
     void SleepUntilWork();
     void TidyIfDue();
-    void PromoteOne() REQUIRES(lock_);
-    bool StartWorker() REQUIRES(lock_);
+    void PromoteOne() KEL_REQUIRES(lock_);
+    bool StartWorker() KEL_REQUIRES(lock_);
 
     std::atomic<bool> stopping_{false};
 
     PMutex lock_;
-    std::vector<std::unique_ptr<Worker>> workers_ GUARDED_BY(lock_);
-    std::vector<Worker*> parked_ GUARDED_BY(lock_);
-    int active_ GUARDED_BY(lock_) = 0;    // workers that run, or are about to run, the io_context
-    size_t ended_ GUARDED_BY(lock_) = 0;  // workers whose threads are to be joined
-    bool complained_ GUARDED_BY(lock_) = false;
+    std::vector<std::unique_ptr<Worker>> workers_ KEL_GUARDED_BY(lock_);
+    std::vector<Worker*> parked_ KEL_GUARDED_BY(lock_);
+    int active_ KEL_GUARDED_BY(lock_) = 0;    // workers that run, or are about to run, the io_context
+    size_t ended_ KEL_GUARDED_BY(lock_) = 0;  // workers whose threads are to be joined
+    bool complained_ KEL_GUARDED_BY(lock_) = false;
 
     PCondMutex monitorLock_;
-    Chore* chores_ GUARDED_BY(monitorLock_) = nullptr;  // that are due
+    Chore* chores_ KEL_GUARDED_BY(monitorLock_) = nullptr;  // that are due
     std::atomic<bool> monitorAsleep_{false};
     std::atomic<bool> untidy_{false};
     int ticksSinceTidy_ = 0;  // the monitor's
