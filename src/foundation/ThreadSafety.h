@@ -11,7 +11,6 @@
 #define KEL_CAPABILITY(x) KEL_THREAD_ATTRIBUTE(capability(x))
 #define KEL_SCOPED_CAPABILITY KEL_THREAD_ATTRIBUTE(scoped_lockable)
 #define KEL_GUARDED_BY(x) KEL_THREAD_ATTRIBUTE(guarded_by(x))
-#define KEL_PT_GUARDED_BY(x) KEL_THREAD_ATTRIBUTE(pt_guarded_by(x))
 #define KEL_ACQUIRE(...) KEL_THREAD_ATTRIBUTE(acquire_capability(__VA_ARGS__))
 #define KEL_ACQUIRE_SHARED(...) KEL_THREAD_ATTRIBUTE(acquire_shared_capability(__VA_ARGS__))
 #define KEL_RELEASE(...) KEL_THREAD_ATTRIBUTE(release_capability(__VA_ARGS__))
@@ -20,5 +19,4 @@
 #define KEL_REQUIRES(...) KEL_THREAD_ATTRIBUTE(requires_capability(__VA_ARGS__))
 #define KEL_REQUIRES_SHARED(...) KEL_THREAD_ATTRIBUTE(requires_shared_capability(__VA_ARGS__))
 #define KEL_EXCLUDES(...) KEL_THREAD_ATTRIBUTE(locks_excluded(__VA_ARGS__))
-#define KEL_RETURN_CAPABILITY(x) KEL_THREAD_ATTRIBUTE(lock_returned(x))
 #define KEL_NO_THREAD_SAFETY_ANALYSIS KEL_THREAD_ATTRIBUTE(no_thread_safety_analysis)
