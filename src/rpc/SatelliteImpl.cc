@@ -126,14 +126,15 @@ std::optional<Address> KelSatellite::Impl::DirectoryOn(const char* host, const C
     const auto asking = std::make_shared<Link>(*this, Address(), name_);
     asking->endpoint.Start();
     std::string problems;
-    directory = kel::FindDirectory({*own_, [&](const Address& address) {
-                                        std::string problem;
-                                        const bool answers = IsDirectoryAt(*asking, address, foundTimeout, &problem);
-                                        if (problems.size() < maxProblems) problems += "; " + problem;
-                                        return answers;
-                                    }});
+    const auto answers = [&](const Address& address) {
+        std::string problem;
+        const bool isDirectory = IsDirectoryAt(*asking, address, foundTimeout, &problem);
+        if (problems.size() < maxProblems) problems += (problems.empty() ? ": " : "; ") + problem;
+        return isDirectory;
+    };
+    directory = kel::FindDirectory({*own_, answers});
     asking->endpoint.Close();
-    if (!directory) KeepProblem("no directory answers that was found" + problems);
+    if (!directory) KeepProblem("no directory answers" + problems);
     return directory;
 }
 
