@@ -208,15 +208,20 @@ TEST_F(ASatellite, SaysWhyItCouldNotConnectAndWhereItTried) {
 }
 
 TEST_F(ASatellite, WaitsForAnAnswerOnlyAsLongAsItIsTold) {
-    const Stranger silent(nullptr);
-    directory.known["Silent"] = {77, silent.port};
+    std::promise<void> told;
+    const std::shared_future<void> mayAnswer = told.get_future().share();
+    KelSatellite recorder;
+    Serve(recorder, "Recorder", "Slow", [&](const char*, const tagVARIANT&, tagVARIANT*) {
+        mayAnswer.wait_for(std::chrono::seconds(20));
+        return 5;
+    });
+    const std::string problem = "127.0.0.1:" + std::to_string(recorder.getSatellitePort()) + " did not answer in time";
     EXPECT_TRUE(Eventually([&] {
         ScopedVariant extra;
-        return directory.Request("Silent", "Ask", extra, nullptr, KELFLAG_WAIT, &extra, 50) == KEL_NO_ANSWER &&
-               extra.bstrVal == silent.at() + " did not answer in time";
+        return directory.Request("Recorder", "Slow", extra, nullptr, KELFLAG_WAIT, &extra, 50) == KEL_NO_ANSWER &&
+               extra.bstrVal == problem;
     }));
-    KELSTATUS status = 7;
-    EXPECT_EQ(directory.DirectoryPingSatellite("Silent", "127.0.0.1", silent.port, 77, &status, 50), KEL_PING_SILENT);
+    told.set_value();
 }
 
 TEST_F(ASatellite, PingsOthersWithoutBeingConnected) {
