@@ -37,13 +37,12 @@ public:
     int GetSatelliteId();
 
     // Asks host:port whether it is that satellite; `status` becomes KELSTATUS_ALIVE if so, or if it could not be asked
-    // for want of descriptors or memory here. Blocks for 10 seconds at the most. Returns 0, or noAnswer and leaves
-    // `status` to the library, which says why.
+    // for want of descriptors or memory here. Blocks for 10 seconds at the most. Returns 0, or KEL_SATELLITE_SILENT and
+    // leaves `status` to the library, which says why.
     int PingSat(const CStdStr& name, const CStdStr& host, unsigned short port, int satId, int* status) override;
     // The same without waiting: `heard` gets result and status later, on one of the library's threads. It is destroyed
     // uncalled when the endpoint ends before that.
     void PingSatLater(const CStdStr& name, const CStdStr& host, unsigned short port, int satId, PingHandler heard);
-    static constexpr int noAnswer = 0x40017;
 
     using KelSatellite::OnServiceAvailabilityChanged;
     // Calls the listener's method of that name, one way. What goes wrong is logged.

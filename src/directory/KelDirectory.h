@@ -48,20 +48,14 @@ public:
     void RemoveFromPending(const CStdStr& name) KEL_EXCLUDES(pendingLock_);
 
     // The requests. `callerIp` is the dotted address that a request came from, `caller` the name of the calling
-    // satellite. The result travels to the caller with `out`: 0, a code from below, or what the registry says. A record
-    // that cannot be read throws KelInvalidParameterException and changes nothing.
-    static constexpr int noEndpoint = -1;
-    static constexpr int wrongParameter = 1;  // of SatSetBeRightBack
-    static constexpr int unreadableParameter = 0x40001;
-    static constexpr int refused = 0x40002;          // unknown name, of SatGetId and SatSetBeRightBack
-    static constexpr int noSuchSatellite = 0x4000a;  // unknown name or another id, or no parameter at all
-    static constexpr int nameTaken = 0x40010;
+    // satellite. The result travels to the caller with `out`: 0, a code of KelResult.h, or what the registry says. A
+    // record that cannot be read throws KelInvalidParameterException and changes nothing.
     static constexpr int answeredLater = -2;  // of SatRegister: not sent, the answer comes when the holder was asked
 
     // Registers the satellite that the record describes. `out` becomes [server id, satId]. A living holder of the name
-    // with another id keeps it (nameTaken); a dead one is replaced. While a holder is asked, the call of the thread
-    // that runs this waits in a place of its own (answeredLater), or is refused with KEL_NO_RESOURCES when too many do;
-    // a thread that runs no call waits itself.
+    // with another id keeps it (KEL_NAME_TAKEN); a dead one is replaced. While a holder is asked, the call of the
+    // thread that runs this waits in a place of its own (answeredLater), or is refused with KEL_NO_RESOURCES when too
+    // many do; a thread that runs no call waits itself.
     int SatRegister(const tagVARIANT* in, tagVARIANT* out, const char* callerIp, const CStdStr& caller)
         KEL_EXCLUDES(pendingLock_);
     // Withdraws the services that the record lists. `out` becomes the number of services left after the

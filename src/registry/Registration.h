@@ -27,6 +27,7 @@
 #include "registry/SatelliteChannel.h"
 #include "registry/SatelliteInfo.h"
 #include "registry/ServiceIndex.h"
+#include "rpc/values/KelResult.h"
 
 #include <boost/shared_ptr.hpp>
 
@@ -47,9 +48,9 @@ public:
     using SatellitePtr = boost::shared_ptr<KelSatelliteInfo>;
 
     static constexpr int satIdMismatch = 2;
-    static constexpr int unknownSatellite = 8;     // of FindSatellite
-    static constexpr int noRegistrationFile = 11;  // of LoadAllSatFiles
-    static constexpr int noSuchSatellite = 30;     // of every other operation
+    static constexpr int unknownSatellite = 8;                     // of FindSatellite
+    static constexpr int noRegistrationFile = 11;                  // of LoadAllSatFiles
+    static constexpr int noSuchSatellite = KEL_REMOVED_MEANWHILE;  // of every other operation
 
     // Milliseconds of up-time, 32 bits, wrapping.
     using Clock = uint32_t (*)();

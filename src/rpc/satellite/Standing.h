@@ -4,6 +4,7 @@
 #include "foundation/Locks.h"
 #include "foundation/SaidOnce.h"
 #include "rpc/satellite/KelSatellite.h"
+#include "rpc/satellite/LastProblem.h"
 #include "rpc/satellite/Link.h"
 #include "rpc/satellite/MethodTable.h"
 
@@ -26,9 +27,10 @@ class Standing {
 public:
     using StatusHandler = std::function<void(int satId, KELSTATUS status)>;
 
-    // `changed` is called, on a worker thread, when the directory has lost the satellite or has it again. All of these
-    // outlive the object.
-    Standing(Link& link, const MethodTable& methods, Subscriptions& subscriptions, StatusHandler changed);
+    // `changed` is called, on a worker thread, when the directory has lost the satellite or has it again. `problem`
+    // is told why the directory refused what it was told. All of these outlive the object.
+    Standing(Link& link, const MethodTable& methods, Subscriptions& subscriptions, LastProblem& problem,
+             StatusHandler changed);
 
     int Register();
     int Unregister(bool leave);
@@ -70,6 +72,7 @@ private:
     class Turn;
     using Elsewhere = std::optional<transport::Address>;  // a directory to move to
 
+    transport::Outcome Tell(const char* method, const tagVARIANT& in);
     ScopedVariant Record(const Services& services);
     ScopedVariant RecordWithId(const Services& services, int satId);
     int RegisterThese(const Services& services, bool& isNew, const Elsewhere& elsewhere = {});
@@ -89,6 +92,7 @@ private:
     Link& link_;
     const MethodTable& methods_;
     Subscriptions& subscriptions_;
+    LastProblem& problem_;
     const StatusHandler changed_;
 
     SaidOnce directoryMissing_;  // when it was asked last

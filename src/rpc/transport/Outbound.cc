@@ -76,6 +76,12 @@ void Settle(Outcome& outcome, CallEnd end, wire::Message& message, const std::st
     }
 }
 
+// Of a connection that the other side ended.
+std::string HowItEnded(const Connection& connection, const Address& to, const char* when) {
+    if (connection.spokeOtherwise()) return to.text() + " answers, but not as a satellite does";
+    return to.text() + " closed the connection " + when;
+}
+
 }  // namespace
 
 // One attempt to connect. Kept alive by its operations.
@@ -370,7 +376,7 @@ Outcome Outbound::Call(const Address& to, std::string_view method, std::string_v
         if (begun == Connection::Begun::closed) {
             Forget(connection);  // it closed before the call: nothing was sent
             if (outcome.reused || connection->gaveRoom()) continue;
-            outcome.problem = to.text() + " closed the connection at once";
+            outcome.problem = HowItEnded(*connection, to, "at once");
             return outcome;
         }
         pool_.AboutToBlock();
@@ -382,6 +388,7 @@ Outcome Outbound::Call(const Address& to, std::string_view method, std::string_v
         }
         if (answer) {
             Settle(outcome, answer->end, answer->message, to.text());
+            if (answer->end == CallEnd::lost) outcome.problem = HowItEnded(*connection, to, "before it answered");
         } else {
             connection->Abandon(id);
             outcome.end = Outcome::End::noAnswer;
