@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 
 #include <string_view>
+#include <utility>
 
 namespace kel::bench {
 namespace {
@@ -49,33 +50,17 @@ std::string SatelliteHostRequest(const std::string& satellite) {
 }
 
 std::string ServiceRequest(const std::string& destination, const std::string& service) {
-    ScopedVariant in;
-    VUtil::CreateArray(in, VT_VARIANT, 2);
-    VUtil::PutElement(in, 0, destination.c_str());
-    VUtil::PutElement(in, 1, service.c_str());
-    return Encoded("GetServiceReg", in);
+    return Encoded("GetServiceReg", VUtil::MakeList(destination, service));
 }
 
 namespace {
 
 std::string RecordRequest(const char* method, const Satellite& satellite, int id) {
-    ScopedVariant entry;
-    VUtil::CreateArray(entry, VT_VARIANT, 2);
-    VUtil::PutElement(entry, 0, satellite.service.c_str());
-    VUtil::PutElement(entry, 1, satellite.description.c_str());
-    ScopedVariant services;
-    VUtil::CreateArray(services, VT_VARIANT, 1);
-    VUtil::PutElement(services, 0, entry);
-    ScopedVariant in;
-    VUtil::CreateArray(in, VT_VARIANT, 7);
-    VUtil::PutElement(in, 0, satellite.name.c_str());
-    VUtil::PutElement(in, 1, "studio");
-    VUtil::PutElement(in, 2, satellite.port);
-    VUtil::PutElement(in, 3, 2);  // protocol version
-    VUtil::PutElement(in, 4, id);
-    VUtil::PutElement(in, 5, 1);  // services that follow
-    VUtil::PutElement(in, 6, services);
-    return Encoded(method, in);
+    constexpr int protocolVersion = 2;
+    constexpr int services = 1;
+    ScopedVariant list = VUtil::MakeList(VUtil::MakeList(satellite.service, satellite.description));
+    return Encoded(method, VUtil::MakeList(satellite.name, "studio", satellite.port, protocolVersion, id, services,
+                                           std::move(list)));
 }
 
 }  // namespace
@@ -89,42 +74,25 @@ std::string BeRightBackRequest(const std::string& satellite, int seconds) {
 }
 
 std::string NumberRequest(const std::string& method, const std::string& caller, int number) {
-    ScopedVariant in;
-    in.vt = VT_I4;
-    in.lVal = number;
-    return Encoded(method, in, caller);
+    return Encoded(method, MakeInt(number), caller);
 }
 
 std::string ListenRequest(const std::string& listener, const std::vector<std::string>& services) {
-    ScopedVariant in;
-    VUtil::CreateArray(in, VT_VARIANT, services.size());
-    for (size_t i = 0; i < services.size(); ++i) VUtil::PutElement(in, static_cast<int>(i), services[i].c_str());
-    return Encoded("AddServiceAvailabilityListener", in, listener);
+    return Encoded("AddServiceAvailabilityListener", VUtil::MakeListOf(services), listener);
 }
 
 std::string PingRequest(const std::string& satellite, int id) {
-    ScopedVariant in;
-    VUtil::CreateArray(in, VT_VARIANT, 2);
-    VUtil::PutElement(in, 0, satellite.c_str());
-    VUtil::PutElement(in, 1, id);
-    return Encoded("kel.Ping", in, "MainRegister");
+    return Encoded("kel.Ping", VUtil::MakeList(satellite, id), "MainRegister");
 }
 
 std::string AliveAnswer() {
-    ScopedVariant alive;
-    alive.vt = VT_I4;
-    alive.lVal = 1;
     std::string bytes;
-    if (!wire::EncodeResponse(bytes, messageId, 0, alive)) throw std::runtime_error("an answer has no encoding");
+    if (!wire::EncodeResponse(bytes, messageId, 0, MakeInt(1))) throw std::runtime_error("an answer has no encoding");
     return bytes;
 }
 
 std::string ServiceCameNotification(const std::string& service, const std::string& satellite) {
-    ScopedVariant in;
-    VUtil::CreateArray(in, VT_VARIANT, 3);
-    VUtil::PutElement(in, 0, service.c_str());
-    VUtil::PutElement(in, 1, satellite.c_str());
-    VUtil::PutElement(in, 2, 1);
+    const ScopedVariant in = VUtil::MakeList(service, satellite, 1);
     std::string bytes;
     if (!wire::EncodeNotification(bytes, "OnServiceAvailabilityChanged", "MainRegister", in))
         throw std::runtime_error("a notification has no encoding");

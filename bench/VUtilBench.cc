@@ -18,22 +18,12 @@ ScopedVariant MakeArrayOf(unsigned short elementVt, unsigned long count) {
 
 // What a satellite registers with: name, host, port, protocol version, id, number of services, services.
 ScopedVariant MakeRecord() {
-    ScopedVariant services = MakeArrayOf(VT_VARIANT, serviceCount);
-    for (int i = 0; i < serviceCount; ++i) {
-        ScopedVariant service = MakeArrayOf(VT_VARIANT, 2);
-        VUtil::PutElement(service, 0, "RecordingSchedule");
-        VUtil::PutElement(service, 1, "Plans, moves and cancels recordings");
-        VUtil::PutElement(services, i, std::move(service));
-    }
-    ScopedVariant record = MakeArrayOf(VT_VARIANT, 7);
-    VUtil::PutElement(record, 0, "Recorder");
-    VUtil::PutElement(record, 1, "living-room.local");
-    VUtil::PutElement(record, 2, static_cast<unsigned short>(40123));
-    VUtil::PutElement(record, 3, 1);
-    VUtil::PutElement(record, 4, 0);
-    VUtil::PutElement(record, 5, serviceCount);
-    VUtil::PutElement(record, 6, std::move(services));
-    return record;
+    constexpr const char* name = "RecordingSchedule";
+    constexpr const char* description = "Plans, moves and cancels recordings";
+    ScopedVariant services = VUtil::MakeList(VUtil::MakeList(name, description), VUtil::MakeList(name, description),
+                                             VUtil::MakeList(name, description));
+    constexpr unsigned short port = 40123;
+    return VUtil::MakeList("Recorder", "living-room.local", port, 1, 0, serviceCount, std::move(services));
 }
 
 void BuildRecord(benchmark::State& state) {

@@ -5,9 +5,9 @@
 //                                     host, the first of which is FIRST, and prints how many it sent
 //     discovery_load calls HOST:PORT SECONDS
 //                                     calls the directory there, one call after the other, and prints how many it made
+#include "rpc/finder/Announcement.h"
 #include "rpc/satellite/KelSatellite.h"
 #include "rpc/values/VUtil.h"
-#include "rpc/finder/Announcement.h"
 
 #include <arpa/inet.h>
 #include <sys/socket.h>

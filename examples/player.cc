@@ -12,21 +12,17 @@
 
 // Throws KelException when a method is not published or fails.
 static void ScheduleSomewhere(KelSatellite& player, const char* title) {
-    ScopedVariant question, providers;
-    VUtil::CreateArray(question, VT_VARIANT, 2);
-    VUtil::PutElement(question, 0, "any");
-    VUtil::PutElement(question, 1, "Schedule");
+    const ScopedVariant question = VUtil::MakeList("any", "Schedule");
+    ScopedVariant providers;
     int code = player.Request("MainRegister", "GetServiceReg", question, &providers, KELFLAG_WAIT, nullptr);
     if (code != KEL_OK || VUtil::GetArrayLength(providers) == 0) {
         std::printf("player: %s\n", code ? KelResultText(code).c_str() : "nobody serves \"Schedule\"");
         return;
     }
-    ScopedVariant provider, titles, answer;
+    ScopedVariant provider, answer;
     VUtil::GetElement(providers, 0, provider);
     const CStdStr satellite = VUtil::GetStringElement(provider, 2);
-    VUtil::CreateArray(titles, VT_VARIANT, 1);
-    VUtil::PutElement(titles, 0, title);
-    code = player.Request(satellite.c_str(), "Schedule", titles, &answer, KELFLAG_WAIT, nullptr);
+    code = player.Request(satellite.c_str(), "Schedule", VUtil::MakeList(title), &answer, KELFLAG_WAIT, nullptr);
     if (code != KEL_OK) {
         std::printf("player: %s: %s\n", satellite.c_str(), KelResultText(code).c_str());
         return;
@@ -52,7 +48,7 @@ int main(int argc, char** argv) {
     KelSatellite player;
     try {
         if (const int code = player.ConnectUser(argc > 1 ? argv[1] : "127.0.0.1", "Player")) {
-            std::fprintf(stderr, "player: cannot reach the directory: %s\n", KelResultText(code).c_str());
+            std::fprintf(stderr, "player: cannot reach the directory: %s\n", player.LastProblem().c_str());
             return 1;
         }
     } catch (const KelException& failure) {

@@ -26,9 +26,7 @@ private:
         const CStdStr title = VUtil::GetStringElement(in, 0);
         const int number = ++recordings_;
         std::printf("recorder: %s asks for \"%s\": recording %d\n", caller, title.c_str(), number);
-        VUtil::CreateArray(*out, VT_VARIANT, 2);
-        VUtil::PutElement(*out, 0, 0);
-        VUtil::PutElement(*out, 1, number);
+        *out = VUtil::MakeList(0, number).release();
         return 0;
     }
 
@@ -52,7 +50,8 @@ int main(int argc, char** argv) {
     Recorder recorder;
     try {
         if (const int code = recorder.Connect(argc > 1 ? argv[1] : "127.0.0.1", "Recorder")) {
-            std::fprintf(stderr, "recorder: cannot register: %s\n", KelResultText(code).c_str());
+            std::fprintf(stderr, "recorder: cannot register: %s: %s\n", KelResultText(code).c_str(),
+                         recorder.LastProblem().c_str());
             return 1;
         }
     } catch (const KelException& failure) {

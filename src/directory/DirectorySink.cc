@@ -37,7 +37,7 @@ int Result(const char* method, int rc) {
     return rc;
 }
 
-int ResultOfPing(int result) { return result < 0 ? CDirectorySink::noAnswer : 0; }
+int ResultOfPing(int result) { return result < 0 ? KEL_SATELLITE_SILENT : 0; }
 
 }  // namespace
 
@@ -106,11 +106,7 @@ void CDirectorySink::PingSatLater(const CStdStr& name, const CStdStr& host, unsi
 void CDirectorySink::OnServiceAvailabilityChanged(const CStdStr& service, const CStdStr& satellite,
                                                   const CStdStr& listener, int status) {
     try {
-        ScopedVariant in;
-        VUtil::CreateArray(in, VT_VARIANT, 3);
-        VUtil::PutElement(in, 0, service);
-        VUtil::PutElement(in, 1, satellite);
-        VUtil::PutElement(in, 2, status);
+        const ScopedVariant in = VUtil::MakeList(service, satellite, status);
         ScopedVariant out;
         ScopedVariant extra;
         Request(listener.c_str(), "OnServiceAvailabilityChanged", in, &out, KELFLAG_ONE_WAY, &extra);

@@ -24,10 +24,10 @@ public:
     using KelSatellite::Connect;
     // Connects, then announces the directory on the network under `discoveryId`; null counts as empty. The result is
     // that of connecting. Throws std::runtime_error when there is no thread for the announcer.
-    virtual int Connect(const char* host, const char* name, const char* discoveryId) EXCLUDES(discoveryLock_);
+    virtual int Connect(const char* host, const char* name, const char* discoveryId) KEL_EXCLUDES(discoveryLock_);
 
     // Ends the announcements, with a farewell. Leaves the endpoint up: calls are answered until the sink is deleted.
-    void Disconnect() override EXCLUDES(discoveryLock_);
+    void Disconnect() override KEL_EXCLUDES(discoveryLock_);
 
     // Publishes the methods below.
     void CreateServices() override;
@@ -37,13 +37,12 @@ public:
     int GetSatelliteId();
 
     // Asks host:port whether it is that satellite; `status` becomes KELSTATUS_ALIVE if so, or if it could not be asked
-    // for want of descriptors or memory here. Blocks for 10 seconds at the most. Returns 0, or noAnswer and leaves
-    // `status` to the library, which says why.
+    // for want of descriptors or memory here. Blocks for 10 seconds at the most. Returns 0, or KEL_SATELLITE_SILENT and
+    // leaves `status` to the library, which says why.
     int PingSat(const CStdStr& name, const CStdStr& host, unsigned short port, int satId, int* status) override;
     // The same without waiting: `heard` gets result and status later, on one of the library's threads. It is destroyed
     // uncalled when the endpoint ends before that.
     void PingSatLater(const CStdStr& name, const CStdStr& host, unsigned short port, int satId, PingHandler heard);
-    static constexpr int noAnswer = 0x40017;
 
     using KelSatellite::OnServiceAvailabilityChanged;
     // Calls the listener's method of that name, one way. What goes wrong is logged.
@@ -74,20 +73,21 @@ public:
     // The users that are announced with the directory; both succeed and change nothing while it is not announced.
     // AddKelUsers takes an array whose elements are names or arrays of name, value and flag, and adds the last first; a
     // bad element throws, and those behind it have been added by then. RemoveKelUser takes a name.
-    int AddKelUsers(int socket, const char* caller, const tagVARIANT& in, tagVARIANT* out) EXCLUDES(discoveryLock_);
-    int RemoveKelUser(int socket, const char* caller, const tagVARIANT& in, tagVARIANT* out) EXCLUDES(discoveryLock_);
+    int AddKelUsers(int socket, const char* caller, const tagVARIANT& in, tagVARIANT* out) KEL_EXCLUDES(discoveryLock_);
+    int RemoveKelUser(int socket, const char* caller, const tagVARIANT& in, tagVARIANT* out)
+        KEL_EXCLUDES(discoveryLock_);
 
 private:
     using Method = int (CDirectorySink::*)(int, const char*, const tagVARIANT&, tagVARIANT*);
     void Publish(const char* name, const char* description, Method method);
 
-    bool IsAnnounced() EXCLUDES(discoveryLock_);
-    void AnnounceUser(const tagVARIANT& user) EXCLUDES(discoveryLock_);
+    bool IsAnnounced() KEL_EXCLUDES(discoveryLock_);
+    void AnnounceUser(const tagVARIANT& user) KEL_EXCLUDES(discoveryLock_);
 
     KelDirectory* const directory_;
 
     std::atomic<int> listenersAwaited_{0};
 
     PMutex discoveryLock_;  // a user may come while the directory closes
-    std::unique_ptr<DiscoveryServer> discovery_ GUARDED_BY(discoveryLock_);
+    std::unique_ptr<DiscoveryServer> discovery_ KEL_GUARDED_BY(discoveryLock_);
 };

@@ -45,25 +45,19 @@ public:
     // by whichever interface it came, else `callerIp` itself.
     CStdStr getIPToUse(const char* callerIp) const;
     // Ends what keeps others from registering `name`; nothing when it is not being registered.
-    void RemoveFromPending(const CStdStr& name) EXCLUDES(pendingLock_);
+    void RemoveFromPending(const CStdStr& name) KEL_EXCLUDES(pendingLock_);
 
     // The requests. `callerIp` is the dotted address that a request came from, `caller` the name of the calling
-    // satellite. The result travels to the caller with `out`: 0, a code from below, or what the registry says. A record
-    // that cannot be read throws KelInvalidParameterException and changes nothing.
-    static constexpr int noEndpoint = -1;
-    static constexpr int wrongParameter = 1;  // of SatSetBeRightBack
-    static constexpr int unreadableParameter = 0x40001;
-    static constexpr int refused = 0x40002;          // unknown name, of SatGetId and SatSetBeRightBack
-    static constexpr int noSuchSatellite = 0x4000a;  // unknown name or another id, or no parameter at all
-    static constexpr int nameTaken = 0x40010;
+    // satellite. The result travels to the caller with `out`: 0, a code of KelResult.h, or what the registry says. A
+    // record that cannot be read throws KelInvalidParameterException and changes nothing.
     static constexpr int answeredLater = -2;  // of SatRegister: not sent, the answer comes when the holder was asked
 
     // Registers the satellite that the record describes. `out` becomes [server id, satId]. A living holder of the name
-    // with another id keeps it (nameTaken); a dead one is replaced. While a holder is asked, the call of the thread
-    // that runs this waits in a place of its own (answeredLater), or is refused with KEL_NO_RESOURCES when too many do;
-    // a thread that runs no call waits itself.
+    // with another id keeps it (KEL_NAME_TAKEN); a dead one is replaced. While a holder is asked, the call of the
+    // thread that runs this waits in a place of its own (answeredLater), or is refused with KEL_NO_RESOURCES when too
+    // many do; a thread that runs no call waits itself.
     int SatRegister(const tagVARIANT* in, tagVARIANT* out, const char* callerIp, const CStdStr& caller)
-        EXCLUDES(pendingLock_);
+        KEL_EXCLUDES(pendingLock_);
     // Withdraws the services that the record lists. `out` becomes the number of services left after the
     // last of them; 0 when it lists none.
     int SatUnRegister(const tagVARIANT* in, tagVARIANT* out, const char* callerIp, const CStdStr& caller);
@@ -97,14 +91,14 @@ private:
     void GoOn(std::function<void()> rest);
     int HearOfHolder(const Registering& registering, int rc, int status, tagVARIANT* out);
     int Admit(const Registering& registering, tagVARIANT* out);
-    bool AddToPending(const CStdStr& name) EXCLUDES(pendingLock_);
+    bool AddToPending(const CStdStr& name) KEL_EXCLUDES(pendingLock_);
 
     bool IsSomebodyElse(const CStdStr& name, const CStdStr& ip, const char* callerIp, const CStdStr& caller) const;
 
     static void SayWhatItWorksWith();
     void SayThatItServes(bool hasRegistry, size_t loaded);
     void StartChecks();
-    bool StopsWithin(long milliseconds) EXCLUDES(stopSignal_);
+    bool StopsWithin(long milliseconds) KEL_EXCLUDES(stopSignal_);
 
     CRegistration registration_;
 
@@ -113,7 +107,7 @@ private:
     boost::shared_ptr<ServiceAvailability> serviceAvailability_;
 
     PMutex pendingLock_;
-    std::vector<CStdStr> pendingRegistrations_ GUARDED_BY(pendingLock_);
+    std::vector<CStdStr> pendingRegistrations_ KEL_GUARDED_BY(pendingLock_);
 
     // Registrations that wait for a holder to answer, and what of them is in memory meanwhile.
     std::atomic<size_t> waitingRegistrations_{0};
@@ -128,7 +122,7 @@ private:
     std::unique_ptr<PThread> checkThread_;
     SaidOnce checksFail_;  // the latest round
     PCondMutex stopSignal_;
-    bool stopping_ GUARDED_BY(stopSignal_) = false;
+    bool stopping_ KEL_GUARDED_BY(stopSignal_) = false;
 };
 
 // Reads a registration record: [satellite name, host name, port (VT_UI2), protocol version, satId, number of services,

@@ -6,6 +6,7 @@
 #include "foundation/Log.h"
 #include "rpc/satellite/RunningCall.h"
 #include "rpc/transport/Quietly.h"
+#include "rpc/values/KelResult.h"
 #include "rpc/values/VUtil.h"
 
 #include <algorithm>
@@ -36,16 +37,8 @@ void SetInt(tagVARIANT* out, int value) {
 }
 
 ScopedVariant DescribeService(const KelServiceInfo& info) {
-    ScopedVariant description;
-    VUtil::CreateArray(description, VT_VARIANT, 7);
-    VUtil::PutElement(description, 0, info.name);
-    VUtil::PutElement(description, 1, info.description);
-    VUtil::PutElement(description, 2, info.satName);
-    VUtil::PutElement(description, 3, info.ip);
-    VUtil::PutElement(description, 4, static_cast<unsigned short>(info.port));
-    VUtil::PutElement(description, 5, info.hostname);
-    VUtil::PutElement(description, 6, static_cast<int>(info.kelProtocolVersion));
-    return description;
+    return VUtil::MakeList(info.name, info.description, info.satName, info.ip, static_cast<unsigned short>(info.port),
+                           info.hostname, static_cast<int>(info.kelProtocolVersion));
 }
 
 void LogFound(const std::vector<KelServiceInfo>& found, const CStdStr& service, const CStdStr& destination,
@@ -69,7 +62,7 @@ void LogFound(const std::vector<KelServiceInfo>& found, const CStdStr& service, 
 template <typename Act>
 int WithServices(const tagVARIANT* in, tagVARIANT* out, const char* request, Act act) {
     VariantClear(out);
-    if (!in) return KelDirectory::noSuchSatellite;
+    if (!in) return KEL_UNKNOWN_SATELLITE;
     try {
         std::vector<CStdStr> services;
         std::set<CStdStr> known;
@@ -81,7 +74,7 @@ int WithServices(const tagVARIANT* in, tagVARIANT* out, const char* request, Act
         return act(services);
     } catch (const KelException& failure) {
         CBBLog::error("%s failed: %s", request, failure.GetMessage());
-        return KelDirectory::unreadableParameter;
+        return KEL_UNREADABLE_PARAMETERS;
     }
 }
 
@@ -119,7 +112,7 @@ struct KelDirectory::Record {
     ScopedVariant services;
 
     int Read(const tagVARIANT* in) {
-        if (!in) return noSuchSatellite;
+        if (!in) return KEL_UNKNOWN_SATELLITE;
         return GetRegistration(*in, name, host, &port, &protocolVersion, &satId, &serviceCount, &services);
     }
 };
@@ -197,7 +190,7 @@ struct KelDirectory::Registering {
 };
 
 int KelDirectory::SatRegister(const tagVARIANT* in, tagVARIANT* out, const char* callerIp, const CStdStr& caller) {
-    if (!sink_) return noEndpoint;
+    if (!sink_) return KEL_NO_ENDPOINT;
     auto registering = std::make_unique<Registering>();
     if (const int rc = registering->Read(in)) return rc;
     const Record& record = registering->record;
@@ -209,7 +202,7 @@ int KelDirectory::SatRegister(const tagVARIANT* in, tagVARIANT* out, const char*
 
     if (!registering->pending.emplace(*this, record.name).IsMine()) {
         CBBLog::warn("## Register failed: another Satellite with the same name is currently Registering");
-        return nameTaken;
+        return KEL_NAME_TAKEN;
     }
     if (!HasOtherHolder(*registering)) return Admit(*registering, out);
     return kel::RunningCall::IsUnderWay() ? AskHolderLater(std::move(registering)) : AskHolder(*registering, out);
@@ -274,7 +267,7 @@ int KelDirectory::HearOfHolder(const Registering& registering, int rc, int statu
     const char* const host = registering.holderHost.c_str();
     if (rc == 0 && status == KELSTATUS_ALIVE) {
         CBBLog::warn("Register failed, %s already exists", name.c_str());
-        return nameTaken;
+        return KEL_NAME_TAKEN;
     }
     if (CBBLog::isDebugEnabled()) {
         CBBLog::debug("Satname %s dead on host %s:%d (satId %d)", name.c_str(), host, registering.holderPort,
@@ -306,9 +299,7 @@ int KelDirectory::Admit(const Registering& registering, tagVARIANT* out) {
         sink_->ForgetAddress(record.name.c_str());  // another satellite may listen there by now
     }
     VariantClear(out);
-    VUtil::CreateArray(*out, VT_VARIANT, 2);
-    VUtil::PutElement(*out, 0, registration_.GetServerId());
-    VUtil::PutElement(*out, 1, satId);
+    *out = VUtil::MakeList(registration_.GetServerId(), satId).release();
     for (const KelService& service : registering.services) {
         if (const int rc = registration_.AddService(record.name, service.name, service.description)) return rc;
     }
@@ -332,8 +323,9 @@ int KelDirectory::SatUnRegister(const tagVARIANT* in, tagVARIANT* out, const cha
     CStdStr knownHost;
     int knownId = 0;
     unsigned short knownPort = 0;
-    if (registration_.FindSatellite(record.name, knownHost, &knownId, &knownPort, nullptr) != 0) return noSuchSatellite;
-    if (knownId != record.satId) return noSuchSatellite;
+    if (registration_.FindSatellite(record.name, knownHost, &knownId, &knownPort, nullptr) != 0)
+        return KEL_UNKNOWN_SATELLITE;
+    if (knownId != record.satId) return KEL_UNKNOWN_SATELLITE;
 
     int remaining = 0;
     const std::vector<KelService> services = ReadServices(&record.services, record.serviceCount);
@@ -362,11 +354,11 @@ int KelDirectory::SatRemove(const tagVARIANT* in, const char* callerIp, const CS
     unsigned short knownPort = 0;
     if (registration_.FindSatellite(record.name, knownHost, &knownId, &knownPort, nullptr) != 0) {
         CBBLog::warn("SatRemove: unknown satellite %s", record.name.c_str());
-        return noSuchSatellite;
+        return KEL_UNKNOWN_SATELLITE;
     }
     if (knownId != record.satId) {
         CBBLog::warn("SatRemove: invalid SatId %d (local: %d)", record.satId, knownId);
-        return noSuchSatellite;
+        return KEL_UNKNOWN_SATELLITE;
     }
     if (IsSomebodyElse(record.name, knownHost, callerIp, caller)) {
         CBBLog::note("Satellite %.256s (satId %d) at %s:%d removed at the request of \"%.256s\" from %s",
@@ -377,7 +369,7 @@ int KelDirectory::SatRemove(const tagVARIANT* in, const char* callerIp, const CS
 
 int KelDirectory::SatGetService(const tagVARIANT* in, tagVARIANT* out, const char* callerIp, const CStdStr& caller) {
     VariantClear(out);
-    if (!in) return noSuchSatellite;
+    if (!in) return KEL_UNKNOWN_SATELLITE;
     try {
         const CStdStr destination = VUtil::GetStringElement(*in, 0);
         const CStdStr service = VUtil::GetStringElement(*in, 1);
@@ -388,15 +380,12 @@ int KelDirectory::SatGetService(const tagVARIANT* in, tagVARIANT* out, const cha
         const int rc = isAny ? registration_.GetLastServiceInfo(service, found, callerIp)
                              : registration_.GetServiceInfo(service, isAll ? CStdStr() : destination, found, callerIp);
         if (rc != 0) return rc;
-        VUtil::CreateArray(*out, VT_VARIANT, found.size());
-        for (size_t i = 0; i < found.size(); ++i) {
-            VUtil::PutElement(*out, static_cast<int>(i), DescribeService(found[i]));
-        }
+        *out = VUtil::MakeListOf(found, DescribeService).release();
         LogFound(found, service, destination, callerIp, caller);
         return 0;
     } catch (const KelException& failure) {
         CBBLog::error("SatGetService failed: %s", failure.GetMessage());
-        return unreadableParameter;
+        return KEL_UNREADABLE_PARAMETERS;
     }
 }
 
@@ -407,41 +396,39 @@ int KelDirectory::SatGetHostName(const tagVARIANT& in, tagVARIANT* out, const ch
         CStdStr address;
         int satId = 0;
         unsigned short port = 0;
-        if (registration_.FindSatellite(name, address, &satId, &port, callerIp) != 0) return noSuchSatellite;
+        if (registration_.FindSatellite(name, address, &satId, &port, callerIp) != 0) return KEL_UNKNOWN_SATELLITE;
         if (CBBLog::isDebugEnabled()) {
             CBBLog::debug("Found Satname HostIp: %.1024s  %.16s:%d (satId %d)", name.c_str(), address.c_str(), port,
                           satId);
         }
         VariantClear(out);
-        VUtil::CreateArray(*out, VT_VARIANT, 2);
-        VUtil::PutElement(*out, 0, address);
-        VUtil::PutElement(*out, 1, static_cast<int>(port));
+        *out = VUtil::MakeList(address, static_cast<int>(port)).release();
         return 0;
     } catch (const KelException& failure) {
         CBBLog::error("SatGetHostname failed: %s", failure.GetMessage());
-        return unreadableParameter;
+        return KEL_UNREADABLE_PARAMETERS;
     }
 }
 
 int KelDirectory::SatGetId(const tagVARIANT* in, tagVARIANT* out, const char* callerIp, const CStdStr& /*caller*/) {
-    if (!in) return noSuchSatellite;
+    if (!in) return KEL_UNKNOWN_SATELLITE;
     const CStdStr name(in->vt == VT_BSTR ? in->bstrVal : nullptr);
     CStdStr host;
     int satId = 0;
     unsigned short port = 0;
-    if (registration_.FindSatellite(name, host, &satId, &port, callerIp) != 0) return refused;
+    if (registration_.FindSatellite(name, host, &satId, &port, callerIp) != 0) return KEL_UNKNOWN_NAME;
     SetInt(out, satId);
     return 0;
 }
 
 int KelDirectory::SatSetBeRightBack(const tagVARIANT* in, tagVARIANT* out, const char* callerIp,
                                     const CStdStr& caller) {
-    if (!in) return noSuchSatellite;
+    if (!in) return KEL_UNKNOWN_SATELLITE;
     if (in->vt != VT_I4) {
         CBBLog::info("SatSetBeRightBack from %s: Wrong inparams!", caller.c_str());
-        return wrongParameter;
+        return KEL_WRONG_PARAMETER;
     }
-    if (registration_.SetBeRightBackTimer(caller, in->lVal) != 0) return refused;
+    if (registration_.SetBeRightBackTimer(caller, in->lVal) != 0) return KEL_UNKNOWN_NAME;
     CStdStr host;
     int satId = 0;
     unsigned short port = 0;

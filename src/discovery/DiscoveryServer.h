@@ -60,9 +60,9 @@ public:
 
     // Announces a user, or what changed of the one that has the name. Throws KelInvalidParameterException, and changes
     // nothing, when there is no room for it or a control character in it.
-    void AddUser(const CStdStr& name, const CStdStr& value, bool flag) EXCLUDES(users_);
+    void AddUser(const CStdStr& name, const CStdStr& value, bool flag) KEL_EXCLUDES(users_);
     // Announces it no more.
-    void RemoveUser(const CStdStr& name) EXCLUDES(users_);
+    void RemoveUser(const CStdStr& name) KEL_EXCLUDES(users_);
 
     // Has the next NOTIFY to all leave at `atMs` of up-time, give or take a second, if it would leave later.
     void TriggerNotify(unsigned int atMs);
@@ -75,8 +75,8 @@ private:
     };
 
     void initSocket();
-    void refreshAddressList() EXCLUDES(addresses_);
-    void NoticeAddresses() EXCLUDES(addresses_);
+    void refreshAddressList() KEL_EXCLUDES(addresses_);
+    void NoticeAddresses() KEL_EXCLUDES(addresses_);
     void LaunchSelectLoop();
     unsigned int SelectLoop(void*);
     bool Pass();
@@ -86,13 +86,13 @@ private:
     bool ProcessMSEARCH();
     void HeedNotify(std::string_view datagram, in_addr sender);
     void SendNotify(const CStdStr& target);
-    void SendNotifyFrom(in_addr interface, in_addr to, const CStdStr& userList) EXCLUDES(addresses_);
-    void SendByeBye() EXCLUDES(addresses_);
+    void SendNotifyFrom(in_addr interface, in_addr to, const CStdStr& userList) KEL_EXCLUDES(addresses_);
+    void SendByeBye() KEL_EXCLUDES(addresses_);
     void SendTwice(const CStdStr& text, in_addr to);
     void SendFirstCopy(const CStdStr& text, in_addr to);
-    void BuildUserListString() REQUIRES(users_);
-    std::vector<in_addr> Addresses() EXCLUDES(addresses_);
-    CStdStr UserList() EXCLUDES(users_);
+    void BuildUserListString() KEL_REQUIRES(users_);
+    std::vector<in_addr> Addresses() KEL_EXCLUDES(addresses_);
+    CStdStr UserList() KEL_EXCLUDES(users_);
 
     KelSatellite* const satellite_;
     const CStdStr serverId_;
@@ -113,8 +113,8 @@ private:
     std::deque<SecondCopy> secondCopies_;  // in the order in which they are due
 
     PLocker<std::map<CStdStr, UserDetails>> users_;
-    CStdStr userListString_ GUARDED_BY(users_);
-    size_t userBytes_ GUARDED_BY(users_) = 0;        // of the list that is built next
-    bool userListIsOld_ GUARDED_BY(users_) = false;  // users have changed since it was built
+    CStdStr userListString_ KEL_GUARDED_BY(users_);
+    size_t userBytes_ KEL_GUARDED_BY(users_) = 0;        // of the list that is built next
+    bool userListIsOld_ KEL_GUARDED_BY(users_) = false;  // users have changed since it was built
     std::unique_ptr<PThread> selectThread_;
 };

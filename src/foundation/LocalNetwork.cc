@@ -31,7 +31,7 @@ NetworkPtr Read() {
 
 class Keeper {
 public:
-    NetworkPtr Current() EXCLUDES(lock_) {
+    NetworkPtr Current() KEL_EXCLUDES(lock_) {
         const Clock::time_point now = Clock::now();
         {
             PMutexHold hold(lock_);
@@ -52,11 +52,11 @@ public:
 
 private:
     PMutex lock_;
-    kel::platform::NetworkChanges changes_ GUARDED_BY(lock_);
-    Clock::time_point askedAt_ GUARDED_BY(lock_){};  // when the system was last asked for changes
-    Clock::time_point settled_ GUARDED_BY(lock_){};  // what is read from then on holds
-    Clock::time_point readAt_ GUARDED_BY(lock_){};   // when that reading began
-    NetworkPtr network_ GUARDED_BY(lock_){new LocalNetwork{{}, RouteChoice({})}};
+    kel::platform::NetworkChanges changes_ KEL_GUARDED_BY(lock_);
+    Clock::time_point askedAt_ KEL_GUARDED_BY(lock_){};  // when the system was last asked for changes
+    Clock::time_point settled_ KEL_GUARDED_BY(lock_){};  // what is read from then on holds
+    Clock::time_point readAt_ KEL_GUARDED_BY(lock_){};   // when that reading began
+    NetworkPtr network_ KEL_GUARDED_BY(lock_){new LocalNetwork{{}, RouteChoice({})}};
 };
 
 }  // namespace

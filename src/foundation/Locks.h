@@ -1,5 +1,5 @@
 // The locks of the system: thin classes over POSIX threads that carry clang's capability annotations, so that a
-// member marked GUARDED_BY one of them cannot be touched without it where the thread-safety job compiles.
+// member marked KEL_GUARDED_BY one of them cannot be touched without it where the thread-safety job compiles.
 // Results of lock, unlock, wait and destroy calls are ignored: with default attributes they only fail on misuse.
 #pragma once
 
@@ -13,15 +13,15 @@
 #include <utility>
 
 // A mutual-exclusion lock; not recursive.
-class KEL_API CAPABILITY("mutex") PMutex {
+class KEL_API KEL_CAPABILITY("mutex") PMutex {
 public:
     PMutex() { pthread_mutex_init(&mutex_, nullptr); }
     virtual ~PMutex() { pthread_mutex_destroy(&mutex_); }
     PMutex(const PMutex&) = delete;
     PMutex& operator=(const PMutex&) = delete;
 
-    void lock() ACQUIRE() { pthread_mutex_lock(&mutex_); }
-    void unlock() RELEASE() { pthread_mutex_unlock(&mutex_); }
+    void lock() KEL_ACQUIRE() { pthread_mutex_lock(&mutex_); }
+    void unlock() KEL_RELEASE() { pthread_mutex_unlock(&mutex_); }
 
 protected:
     pthread_mutex_t mutex_;
@@ -33,15 +33,15 @@ public:
     PCondMutex() { pthread_cond_init(&condition_, nullptr); }
     ~PCondMutex() override { pthread_cond_destroy(&condition_); }
 
-    void wait() REQUIRES(this) { pthread_cond_wait(&condition_, &mutex_); }
+    void wait() KEL_REQUIRES(this) { pthread_cond_wait(&condition_, &mutex_); }
 
     // Waits until a signal or until `deadline` on the wall clock; false when the deadline passed.
-    bool waitUntil(const timespec& deadline) REQUIRES(this) {
+    bool waitUntil(const timespec& deadline) KEL_REQUIRES(this) {
         return pthread_cond_timedwait(&condition_, &mutex_, &deadline) == 0;
     }
 
     // Likewise by a clock that nobody sets.
-    bool waitUntil(std::chrono::steady_clock::time_point deadline) REQUIRES(this) {
+    bool waitUntil(std::chrono::steady_clock::time_point deadline) KEL_REQUIRES(this) {
         const auto since = std::chrono::duration_cast<std::chrono::nanoseconds>(deadline.time_since_epoch()).count();
         const timespec at{since / 1000000000L, since % 1000000000L};
         return pthread_cond_clockwait(&condition_, &mutex_, CLOCK_MONOTONIC, &at) == 0;
@@ -73,7 +73,7 @@ inline timespec DeadlineIn(long milliseconds) {
 // So nobody may take it for reading while he has it for reading: with a writer between the two he waits for himself.
 // Nor may two locks be taken for reading in either order. Who holds one here takes at most another kind of lock, or, of
 // the registry's, a satellite's after it.
-class KEL_API CAPABILITY("shared_mutex") PReadWriteLock {
+class KEL_API KEL_CAPABILITY("shared_mutex") PReadWriteLock {
 public:
     PReadWriteLock() {
         pthread_rwlockattr_t kind;  // the C library's own, as POSIX has none that says who comes first
@@ -86,20 +86,20 @@ public:
     PReadWriteLock(const PReadWriteLock&) = delete;
     PReadWriteLock& operator=(const PReadWriteLock&) = delete;
 
-    void lockRead() ACQUIRE_SHARED() { pthread_rwlock_rdlock(&lock_); }
-    void unlockRead() RELEASE_SHARED() { pthread_rwlock_unlock(&lock_); }
-    void lockWrite() ACQUIRE() { pthread_rwlock_wrlock(&lock_); }
-    void unlockWrite() RELEASE() { pthread_rwlock_unlock(&lock_); }
+    void lockRead() KEL_ACQUIRE_SHARED() { pthread_rwlock_rdlock(&lock_); }
+    void unlockRead() KEL_RELEASE_SHARED() { pthread_rwlock_unlock(&lock_); }
+    void lockWrite() KEL_ACQUIRE() { pthread_rwlock_wrlock(&lock_); }
+    void unlockWrite() KEL_RELEASE() { pthread_rwlock_unlock(&lock_); }
 
 private:
     pthread_rwlock_t lock_;
 };
 
 // Scoped holders: they release on every path out of a block, exceptions included.
-class SCOPED_CAPABILITY PMutexHold {
+class KEL_SCOPED_CAPABILITY PMutexHold {
 public:
-    explicit PMutexHold(PMutex& mutex) ACQUIRE(mutex) : mutex_(mutex) { mutex_.lock(); }
-    ~PMutexHold() RELEASE() { mutex_.unlock(); }
+    explicit PMutexHold(PMutex& mutex) KEL_ACQUIRE(mutex) : mutex_(mutex) { mutex_.lock(); }
+    ~PMutexHold() KEL_RELEASE() { mutex_.unlock(); }
     PMutexHold(const PMutexHold&) = delete;
     PMutexHold& operator=(const PMutexHold&) = delete;
 
@@ -107,10 +107,10 @@ private:
     PMutex& mutex_;
 };
 
-class SCOPED_CAPABILITY PReadHold {
+class KEL_SCOPED_CAPABILITY PReadHold {
 public:
-    explicit PReadHold(PReadWriteLock& lock) ACQUIRE_SHARED(lock) : lock_(lock) { lock_.lockRead(); }
-    ~PReadHold() RELEASE_GENERIC() { lock_.unlockRead(); }
+    explicit PReadHold(PReadWriteLock& lock) KEL_ACQUIRE_SHARED(lock) : lock_(lock) { lock_.lockRead(); }
+    ~PReadHold() KEL_RELEASE_GENERIC() { lock_.unlockRead(); }
     PReadHold(const PReadHold&) = delete;
     PReadHold& operator=(const PReadHold&) = delete;
 
@@ -118,10 +118,10 @@ private:
     PReadWriteLock& lock_;
 };
 
-class SCOPED_CAPABILITY PWriteHold {
+class KEL_SCOPED_CAPABILITY PWriteHold {
 public:
-    explicit PWriteHold(PReadWriteLock& lock) ACQUIRE(lock) : lock_(lock) { lock_.lockWrite(); }
-    ~PWriteHold() RELEASE() { lock_.unlockWrite(); }
+    explicit PWriteHold(PReadWriteLock& lock) KEL_ACQUIRE(lock) : lock_(lock) { lock_.lockWrite(); }
+    ~PWriteHold() KEL_RELEASE() { lock_.unlockWrite(); }
     PWriteHold(const PWriteHold&) = delete;
     PWriteHold& operator=(const PWriteHold&) = delete;
 
@@ -134,24 +134,24 @@ class KEL_API PManualEvent : public PCondMutex {
 public:
     explicit PManualEvent(bool signalled = false) : signalled_(signalled) {}
 
-    void set() EXCLUDES(this) {
+    void set() KEL_EXCLUDES(this) {
         PMutexHold hold(*this);
         signalled_ = true;
         broadcast();
     }
 
-    void reset() EXCLUDES(this) {
+    void reset() KEL_EXCLUDES(this) {
         PMutexHold hold(*this);
         signalled_ = false;
     }
 
-    void waitSignalled() EXCLUDES(this) {
+    void waitSignalled() KEL_EXCLUDES(this) {
         PMutexHold hold(*this);
         while (!signalled_) wait();
     }
 
     // Waits for at most `milliseconds`; true when the event is signalled.
-    bool waitSignalled(long milliseconds) EXCLUDES(this) {
+    bool waitSignalled(long milliseconds) KEL_EXCLUDES(this) {
         const timespec deadline = DeadlineIn(milliseconds);
         PMutexHold hold(*this);
         while (!signalled_ && waitUntil(deadline)) {
@@ -161,21 +161,21 @@ public:
 
     // Clears the event and says whether it was signalled: the caller for whom this is true owns what the event stands
     // for.
-    bool testAndReset() EXCLUDES(this) {
+    bool testAndReset() KEL_EXCLUDES(this) {
         PMutexHold hold(*this);
         return std::exchange(signalled_, false);
     }
 
 private:
-    bool signalled_ GUARDED_BY(this);
+    bool signalled_ KEL_GUARDED_BY(this);
 };
 
 // A value with the mutex that guards it: hold the lock (it is a PMutex) while using value().
 template <typename T>
 class PLocker : public PMutex {
 public:
-    T& value() REQUIRES(this) { return value_; }
-    const T& value() const REQUIRES(this) { return value_; }
+    T& value() KEL_REQUIRES(this) { return value_; }
+    const T& value() const KEL_REQUIRES(this) { return value_; }
 
 private:
     T value_{};

@@ -15,14 +15,17 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <deque>
 #include <filesystem>
 #include <limits>
 #include <new>
 #include <optional>
+#include <string_view>
 #include <system_error>
 #include <utility>
 
@@ -104,34 +107,125 @@ void writeLine(int fd, const CStdStr& line) {
 
 }  // namespace
 
+class KEL_HIDDEN CBBLog::Impl {
+public:
+    Impl(CBBLog& log, const CStdStr& name, bool showPid, long long maxFileSize)
+        : log_(log),
+          name_(name),
+          showPid_(showPid),
+          maxFileSize_(maxFileSize),
+          pid_(static_cast<std::uint32_t>(getpid())),
+          folding_(new LogFolding) {}
+    ~Impl() { closeFiles(); }
+    Impl(const Impl&) = delete;
+    Impl& operator=(const Impl&) = delete;
+
+    static bool isEnabled(LOGLEVEL level) { return isEnabledAt(s_level.load(std::memory_order_relaxed), level); }
+    bool isEnabledHere(LOGLEVEL level) const { return isEnabledAt(level_, level); }
+    // The same, but false while the level was not read yet.
+    bool isReached(LOGLEVEL level) const { return level_ >= level; }
+    static boost::shared_ptr<CBBLog> instance() KEL_EXCLUDES(s_instanceLock);
+    static void setLogger(const boost::shared_ptr<CBBLog>& logger) KEL_EXCLUDES(s_instanceLock);
+    void setLogLevel(LOGLEVEL level) KEL_EXCLUDES(s_instanceLock);
+    void withdraw() KEL_EXCLUDES(s_instanceLock);
+
+    bool isWritten(LOGLEVEL level);
+    LogVerdict judge(LOGLEVEL level, std::string_view kind);
+    void addText(LOGLEVEL level, std::string_view kind, std::string_view text, LogVerdict verdict);
+    void AddRawLog(const char* text);
+    void logLineToFile(const CStdStr& line) KEL_EXCLUDES(fileLock_);
+    void FatalError(const CStdStr& line) KEL_EXCLUDES(initLock_);
+
+    void initialize() KEL_EXCLUDES(initLock_);
+    void stopThread() KEL_EXCLUDES(queueLock_);
+    CStdStr getLogs() KEL_EXCLUDES(queueLock_);
+    long long getFileSize() KEL_EXCLUDES(fileLock_);
+    bool flush(long milliseconds) KEL_EXCLUDES(queueLock_);
+
+private:
+    static bool isEnabledAt(LOGLEVEL current, LOGLEVEL level) {
+        return current == LOGLEVEL_UNREAD || current >= levelNeeded(level);
+    }
+    static CStdStr getLogsDirectory();
+
+    void finishLine(CStdStr& line, LOGLEVEL level);
+    void sayFolded(bool all);
+    void wakeThread() KEL_EXCLUDES(queueLock_);
+    CStdStr openFiles() KEL_REQUIRES(initLock_);
+    void closeFiles() KEL_REQUIRES(initLock_);
+    int openFile(const CStdStr& path, bool& isNew) const;
+    void readLogLevel();
+    void publishLevel() KEL_REQUIRES(s_instanceLock);
+    CStdStr buildLineHeader(LOGLEVEL level) const;
+    void rotateIfNeeded(int& fd, const CStdStr& path) const;
+    void addQueue(const CStdStr& line) KEL_EXCLUDES(queueLock_);
+    bool waitForWork() KEL_REQUIRES(queueLock_);
+    void writeQueue() KEL_REQUIRES(queueLock_);
+    unsigned int loggerThread(void*) KEL_EXCLUDES(queueLock_);
+
+    // The process's log, and its level (noLogger without one) where every thread can read it without a lock: skipping
+    // a line costs one load.
+    static boost::weak_ptr<CBBLog>& s_instance KEL_GUARDED_BY(s_instanceLock);
+    static const CBBLog* s_published KEL_GUARDED_BY(s_instanceLock);
+    static PMutex& s_instanceLock;
+    static std::atomic<LOGLEVEL> s_level;
+
+    CBBLog& log_;
+    const CStdStr name_;
+    std::atomic<LOGLEVEL> level_{LOGLEVEL_UNREAD};
+
+    // initialize writes these under initLock_, `initialized_` last; from then on they are only read.
+    std::atomic<bool> initialized_{false};
+    bool fileEnabled_ = false;
+    bool errorsEnabled_ = false;
+    CStdStr folder_;
+    CStdStr logPath_;
+    CStdStr errorsPath_;
+    CStdStr shortName_;
+
+    PMutex initLock_;
+    const bool showPid_;
+    const long long maxFileSize_;
+    const std::uint32_t pid_;
+    const std::unique_ptr<LogFolding> folding_;
+
+    PMutex fileLock_;  // the log's thread holds it while it writes; for getFileSize, which any thread may ask
+    int logFd_ KEL_GUARDED_BY(fileLock_) = -1;
+    int errorsFd_ KEL_GUARDED_BY(initLock_) = -1;
+
+    std::unique_ptr<PThread> thread_ KEL_GUARDED_BY(initLock_);
+
+    PCondMutex queueLock_;
+    bool stopping_ KEL_GUARDED_BY(queueLock_) = false;
+    uint64_t queued_ KEL_GUARDED_BY(queueLock_) = 0;   // lines, since the beginning
+    uint64_t written_ KEL_GUARDED_BY(queueLock_) = 0;  // likewise: those of them that are in the file
+    std::deque<CStdStr> queue_ KEL_GUARDED_BY(queueLock_);
+};
+
 const char* const g_logStr[5] = {"FATAL", "ERROR", "WARN", "INFO", "DEBUG"};
 
 // These two are never destroyed: a thread that outlives main may still log.
-PMutex& CBBLog::s_instanceLock = *new PMutex;
-boost::weak_ptr<CBBLog>& CBBLog::s_instance = *new boost::weak_ptr<CBBLog>;
-const CBBLog* CBBLog::s_published = nullptr;
-std::atomic<LOGLEVEL> CBBLog::s_level{noLogger};
+PMutex& CBBLog::Impl::s_instanceLock = *new PMutex;
+boost::weak_ptr<CBBLog>& CBBLog::Impl::s_instance = *new boost::weak_ptr<CBBLog>;
+const CBBLog* CBBLog::Impl::s_published = nullptr;
+std::atomic<LOGLEVEL> CBBLog::Impl::s_level{noLogger};
 
 CBBLog::CBBLog(const CStdStr& name, bool showPid, long long maxFileSize)
-    : name_(name),
-      showPid_(showPid),
-      maxFileSize_(maxFileSize),
-      pid_(static_cast<std::uint32_t>(getpid())),
-      folding_(new LogFolding) {}
+    : impl_(std::make_unique<Impl>(*this, name, showPid, maxFileSize)) {}
 
 CBBLog::~CBBLog() {
-    {
-        PMutexHold hold(s_instanceLock);
-        if (s_published == this) {
-            s_published = nullptr;
-            s_level = noLogger;
-        }
-    }
-    stopThread();
-    closeFiles();
+    impl_->withdraw();
+    impl_->stopThread();
 }
 
-void CBBLog::stopThread() {
+void CBBLog::Impl::withdraw() {
+    PMutexHold hold(s_instanceLock);
+    if (s_published != &log_) return;
+    s_published = nullptr;
+    s_level = noLogger;
+}
+
+void CBBLog::Impl::stopThread() {
     {
         PMutexHold hold(queueLock_);
         stopping_ = true;
@@ -147,33 +241,27 @@ void CBBLog::stopThread() {
 
 // --- The process's log
 
-void CBBLog::setLogger(const boost::shared_ptr<CBBLog>& logger) {
+void CBBLog::Impl::setLogger(const boost::shared_ptr<CBBLog>& logger) {
     PMutexHold hold(s_instanceLock);
     s_instance = logger;
     s_published = logger.get();
-    s_level = logger ? logger->level_.load() : noLogger;
+    s_level = logger ? logger->impl_->level_.load() : noLogger;
 }
 
-boost::shared_ptr<CBBLog> CBBLog::instance() {
+boost::shared_ptr<CBBLog> CBBLog::Impl::instance() {
     PMutexHold hold(s_instanceLock);
     return s_instance.lock();
 }
 
-bool CBBLog::isEnabledAt(LOGLEVEL current, LOGLEVEL level) {
-    return current == LOGLEVEL_UNREAD || current >= levelNeeded(level);
-}
-
-bool CBBLog::isEnabled(LOGLEVEL level) { return isEnabledAt(s_level.load(std::memory_order_relaxed), level); }
-
 // --- Levels
 
-void CBBLog::setLogLevel(LOGLEVEL level) {
+void CBBLog::Impl::setLogLevel(LOGLEVEL level) {
     PMutexHold hold(s_instanceLock);
     level_ = level;
     publishLevel();
 }
 
-void CBBLog::readLogLevel() {
+void CBBLog::Impl::readLogLevel() {
     int level = LOGLEVEL_ERROR;
     CRegistry::getInstance()->ReadSettingImpl("Software\\Tessaly\\Yar", "LogLevel", level);
     PMutexHold hold(s_instanceLock);
@@ -182,20 +270,20 @@ void CBBLog::readLogLevel() {
     publishLevel();
 }
 
-void CBBLog::publishLevel() {
-    if (s_published == this) s_level = level_.load();
+void CBBLog::Impl::publishLevel() {
+    if (s_published == &log_) s_level = level_.load();
 }
 
 // --- Opening and rotating the files
 
-CStdStr CBBLog::getLogsDirectory() { return kel::platform::RootPrefix() + "/Library/Logs/Tessaly"; }
+CStdStr CBBLog::Impl::getLogsDirectory() { return kel::platform::RootPrefix() + "/Library/Logs/Tessaly"; }
 
 // Opens a file of the folder; -1 with the reason in errno.
-int CBBLog::openFile(const CStdStr& path, bool& isNew) const {
+int CBBLog::Impl::openFile(const CStdStr& path, bool& isNew) const {
     return LogFolder(folder_.c_str()).OpenFile(path.c_str() + folder_.size() + 1, isNew);
 }
 
-void CBBLog::initialize() {
+void CBBLog::Impl::initialize() {
     PMutexHold hold(initLock_);
     if (initialized_) return;
 
@@ -206,7 +294,7 @@ void CBBLog::initialize() {
     mkdir(folder_.c_str(), 0777);
     const CStdStr problems = openFiles();
 
-    std::unique_ptr<PThread> thread(new PThread(new PThreadDelegateMember<CBBLog>(this, &CBBLog::loggerThread)));
+    std::unique_ptr<PThread> thread(new PThread(new PThreadDelegateMember<Impl>(this, &Impl::loggerThread)));
     try {
         thread->Start();
     } catch (...) {  // the next line tries again
@@ -219,7 +307,7 @@ void CBBLog::initialize() {
     initialized_ = true;
 }
 
-void CBBLog::closeFiles() {
+void CBBLog::Impl::closeFiles() {
     PMutexHold hold(fileLock_);
     for (int* fd : {&logFd_, &errorsFd_}) {
         if (*fd >= 0) close(*fd);
@@ -229,7 +317,7 @@ void CBBLog::closeFiles() {
 }
 
 // Returns the lines that say what is wrong with the files, if anything is.
-CStdStr CBBLog::openFiles() {
+CStdStr CBBLog::Impl::openFiles() {
     PMutexHold hold(fileLock_);
     CStdStr problems;
     const auto open = [&](int& fd, const CStdStr& path, const char* what) {
@@ -257,7 +345,7 @@ CStdStr CBBLog::openFiles() {
 // Several processes append to the same file, and each finds out by itself that it is full. The first to lock it renames
 // it; the others hold a descriptor whose inode the name no longer has, and only open the name again. So the line that
 // finds the file full goes to a new one, and the backup is not overwritten by a file with a line or two.
-void CBBLog::rotateIfNeeded(int& fd, const CStdStr& path) const {
+void CBBLog::Impl::rotateIfNeeded(int& fd, const CStdStr& path) const {
     struct stat opened {};
     struct stat named {};
     if (fstat(fd, &opened) != 0) return;
@@ -277,7 +365,7 @@ void CBBLog::rotateIfNeeded(int& fd, const CStdStr& path) const {
     fd = fresh;
 }
 
-long long CBBLog::getFileSize() {
+long long CBBLog::Impl::getFileSize() {
     PMutexHold hold(fileLock_);
     struct stat opened {};
     return fstat(logFd_, &opened) == 0 ? static_cast<long long>(opened.st_size) : -1;
@@ -291,7 +379,7 @@ CStdStr CBBLog::getTimeString() {
     return time;
 }
 
-CStdStr CBBLog::buildLineHeader(LOGLEVEL level) const {
+CStdStr CBBLog::Impl::buildLineHeader(LOGLEVEL level) const {
     char time[timeBuffer];
     formatTime(time);
     CStdStr header;
@@ -301,7 +389,7 @@ CStdStr CBBLog::buildLineHeader(LOGLEVEL level) const {
     return header;
 }
 
-bool CBBLog::isWritten(LOGLEVEL level) {
+bool CBBLog::Impl::isWritten(LOGLEVEL level) {
     if (level_ == LOGLEVEL_UNREAD) readLogLevel();
     if (level_ < levelNeeded(level)) return false;
     if (!initialized_) initialize();
@@ -310,34 +398,34 @@ bool CBBLog::isWritten(LOGLEVEL level) {
 
 // Without memory for it a line is lost: who logs that there is none must not fail over it.
 void CBBLog::_AddLog(const char* fmt, va_list arguments, LOGLEVEL level) try {
-    if (!isWritten(level)) return;
+    if (!impl_->isWritten(level)) return;
     // A format of nothing but an argument does not tell one message from another: there the text does.
     const bool isBare = std::strcmp(fmt, "%s") == 0;
-    LogVerdict verdict = isBare ? LogVerdict::write : judge(level, fmt);
+    LogVerdict verdict = isBare ? LogVerdict::write : impl_->judge(level, fmt);
     if (verdict == LogVerdict::drop) return;
     char buffer[lineBuffer];
     const int length = vsnprintf(buffer, sizeof buffer, fmt, arguments);
     const std::string_view text(buffer, std::min(static_cast<size_t>(std::max(length, 0)), sizeof buffer - 1));
-    if (isBare) verdict = judge(level, text);
-    addText(level, isBare ? text : fmt, text, verdict);
+    if (isBare) verdict = impl_->judge(level, text);
+    impl_->addText(level, isBare ? text : fmt, text, verdict);
 } catch (const std::bad_alloc&) {
 }
 
 void CBBLog::_AddLog(boost::format text, LOGLEVEL level) try {
-    if (!isWritten(level)) return;
+    if (!impl_->isWritten(level)) return;
     text.exceptions(boost::io::no_error_bits);  // a missing argument shows as nothing
     const std::string whole = text.str();
-    addText(level, whole, whole, judge(level, whole));
+    impl_->addText(level, whole, whole, impl_->judge(level, whole));
 } catch (const std::bad_alloc&) {
 }
 
 // Fatal lines are too important to be folded, and those below warnings were asked for.
-LogVerdict CBBLog::judge(LOGLEVEL level, std::string_view kind) {
+LogVerdict CBBLog::Impl::judge(LOGLEVEL level, std::string_view kind) {
     if (level != LOGLEVEL_ERROR && level != LOGLEVEL_WARN && level != LOGLEVEL_NOTE) return LogVerdict::write;
     return folding_->Judge(level, kind, std::chrono::steady_clock::now());
 }
 
-void CBBLog::addText(LOGLEVEL level, std::string_view kind, std::string_view text, LogVerdict verdict) {
+void CBBLog::Impl::addText(LOGLEVEL level, std::string_view kind, std::string_view text, LogVerdict verdict) {
     if (verdict == LogVerdict::drop) return;
     if (verdict == LogVerdict::keep) {
         folding_->Keep(level, kind, text);
@@ -350,7 +438,7 @@ void CBBLog::addText(LOGLEVEL level, std::string_view kind, std::string_view tex
 }
 
 // Says what was left out, in the windows that have ended or in all.
-void CBBLog::sayFolded(bool all) try {
+void CBBLog::Impl::sayFolded(bool all) try {
     const LogFolding::Time now = std::chrono::steady_clock::now();
     for (const auto& [level, text] : folding_->TakeEnded(now, all ? LogFolding::Time::max() : now)) {
         CStdStr line = buildLineHeader(level);
@@ -360,14 +448,14 @@ void CBBLog::sayFolded(bool all) try {
 } catch (const std::bad_alloc&) {
 }
 
-void CBBLog::finishLine(CStdStr& line, LOGLEVEL level) {
+void CBBLog::Impl::finishLine(CStdStr& line, LOGLEVEL level) {
     line.push_back('\n');
     if (fileEnabled_) addQueue(line);
     else kel::PrintError(line);
-    if (level == LOGLEVEL_FATAL) _FatalError(line);
+    if (level == LOGLEVEL_FATAL) log_._FatalError(line);
 }
 
-void CBBLog::_FatalError(const CStdStr& line) {
+void CBBLog::Impl::FatalError(const CStdStr& line) {
     if (!initialized_) initialize();
     if (!errorsEnabled_) return;
     PMutexHold hold(initLock_);
@@ -375,7 +463,7 @@ void CBBLog::_FatalError(const CStdStr& line) {
     writeLine(errorsFd_, line);
 }
 
-void CBBLog::logLineToFile(const CStdStr& line) {
+void CBBLog::Impl::logLineToFile(const CStdStr& line) {
     PMutexHold hold(fileLock_);
     rotateIfNeeded(logFd_, logPath_);
     writeLine(logFd_, line);
@@ -383,7 +471,7 @@ void CBBLog::logLineToFile(const CStdStr& line) {
 
 // --- The queue and its thread
 
-void CBBLog::addQueue(const CStdStr& line) {
+void CBBLog::Impl::addQueue(const CStdStr& line) {
     PMutexHold hold(queueLock_);
     queue_.push_back(line);
     ++queued_;
@@ -392,19 +480,19 @@ void CBBLog::addQueue(const CStdStr& line) {
     queueLock_.broadcast();
 }
 
-void CBBLog::wakeThread() {
+void CBBLog::Impl::wakeThread() {
     PMutexHold hold(queueLock_);
     queueLock_.broadcast();
 }
 
-CStdStr CBBLog::getLogs() {
+CStdStr CBBLog::Impl::getLogs() {
     PMutexHold hold(queueLock_);
     CStdStr lines;
     for (const CStdStr& line : queue_) lines.append(line);
     return lines;
 }
 
-bool CBBLog::flush(long milliseconds) {
+bool CBBLog::Impl::flush(long milliseconds) {
     const timespec deadline = DeadlineIn(milliseconds);
     PMutexHold hold(queueLock_);
     const uint64_t last = queued_;
@@ -415,12 +503,12 @@ bool CBBLog::flush(long milliseconds) {
 }
 
 bool CBBLog::flushAll(long milliseconds) {
-    const boost::shared_ptr<CBBLog> logger = instance();
+    const boost::shared_ptr<CBBLog> logger = Impl::instance();
     return !logger || logger->flush(milliseconds);
 }
 
 // The queue is looked at before the stop: a log that is destroyed before its thread came this far has lines, too.
-unsigned int CBBLog::loggerThread(void*) {
+unsigned int CBBLog::Impl::loggerThread(void*) {
     queueLock_.lock();
     bool isLast = false;
     do {
@@ -437,7 +525,7 @@ unsigned int CBBLog::loggerThread(void*) {
 }
 
 // False when lines that were left out are to be told of.
-bool CBBLog::waitForWork() {
+bool CBBLog::Impl::waitForWork() {
     const std::optional<LogFolding::Time> end = folding_->NextEnd();
     if (!end) {
         queueLock_.wait();
@@ -447,13 +535,13 @@ bool CBBLog::waitForWork() {
     return left.count() > 0 && queueLock_.waitUntil(DeadlineIn(left.count()));
 }
 
-void CBBLog::writeQueue() {
+void CBBLog::Impl::writeQueue() {
     while (!queue_.empty()) {
         const CStdStr line = std::move(queue_.front());
         queue_.pop_front();
         queueLock_.unlock();
         try {
-            logLineToFile(line);
+            log_.logLineToFile(line);
         } catch (const std::bad_alloc&) {  // lost, as in _AddLog
         }
         queueLock_.lock();
@@ -463,6 +551,20 @@ void CBBLog::writeQueue() {
 }
 
 // --- The entry points
+
+void CBBLog::setLogger(const boost::shared_ptr<CBBLog>& logger) { Impl::setLogger(logger); }
+void CBBLog::setLogLevel(LOGLEVEL level) { impl_->setLogLevel(level); }
+void CBBLog::initialize() { impl_->initialize(); }
+void CBBLog::stopThread() { impl_->stopThread(); }
+CStdStr CBBLog::getLogs() { return impl_->getLogs(); }
+long long CBBLog::getFileSize() { return impl_->getFileSize(); }
+bool CBBLog::flush(long milliseconds) { return impl_->flush(milliseconds); }
+bool CBBLog::isWarnEnabled() { return Impl::isEnabled(LOGLEVEL_WARN); }
+bool CBBLog::isInfoEnabled() { return Impl::isEnabled(LOGLEVEL_INFO); }
+bool CBBLog::isDebugEnabled() { return Impl::isEnabled(LOGLEVEL_DEBUG); }
+void CBBLog::logLineToFile(const CStdStr& line) { impl_->logLineToFile(line); }
+void CBBLog::_FatalError(const CStdStr& line) { impl_->FatalError(line); }
+void CBBLog::AddRawLog(const char* text) { impl_->AddRawLog(text); }
 
 void CBBLog::AddLog(const char* fmt, ...) {
     va_list arguments;
@@ -478,20 +580,20 @@ void CBBLog::AddLog(LOGLEVEL level, const char* fmt, ...) {
     va_end(arguments);
 }
 
-void CBBLog::AddRawLog(const char* text) try {
+void CBBLog::Impl::AddRawLog(const char* text) try {
     if (!initialized_) initialize();
     if (fileEnabled_) addQueue(text);
 } catch (const std::bad_alloc&) {
 }
 
 void CBBLog::debugList(const char* fmt, va_list arguments) {
-    if (!isEnabled(LOGLEVEL_DEBUG)) return;
-    if (const boost::shared_ptr<CBBLog> logger = instance()) logger->_AddLog(fmt, arguments, LOGLEVEL_DEBUG);
+    if (!Impl::isEnabled(LOGLEVEL_DEBUG)) return;
+    if (const boost::shared_ptr<CBBLog> logger = Impl::instance()) logger->_AddLog(fmt, arguments, LOGLEVEL_DEBUG);
 }
 
 void CBBLog::note(const char* fmt, ...) {
-    if (!isEnabled(LOGLEVEL_NOTE)) return;
-    const boost::shared_ptr<CBBLog> logger = instance();
+    if (!Impl::isEnabled(LOGLEVEL_NOTE)) return;
+    const boost::shared_ptr<CBBLog> logger = Impl::instance();
     if (!logger) return;
     va_list arguments;
     va_start(arguments, fmt);
@@ -500,7 +602,7 @@ void CBBLog::note(const char* fmt, ...) {
 }
 
 void CBBLog::note(const boost::shared_ptr<CBBLog>& logger, const char* fmt, ...) {
-    if (!logger || !isEnabledAt(logger->level_, LOGLEVEL_NOTE)) return;
+    if (!logger || !logger->impl_->isEnabledHere(LOGLEVEL_NOTE)) return;
     va_list arguments;
     va_start(arguments, fmt);
     logger->_AddLog(fmt, arguments, LOGLEVEL_NOTE);
@@ -510,15 +612,15 @@ void CBBLog::note(const boost::shared_ptr<CBBLog>& logger, const char* fmt, ...)
 // The same four functions for each level.
 #define LOG_ENTRY_POINTS(name, messageLevel)                                           \
     void CBBLog::_##name(const char* fmt, ...) {                                       \
-        if (level_ < (messageLevel)) return;                                           \
+        if (!impl_->isReached(messageLevel)) return;                                   \
         va_list arguments;                                                             \
         va_start(arguments, fmt);                                                      \
         _AddLog(fmt, arguments, messageLevel);                                         \
         va_end(arguments);                                                             \
     }                                                                                  \
     void CBBLog::name(const char* fmt, ...) {                                          \
-        if (!isEnabled(messageLevel)) return;                                          \
-        const boost::shared_ptr<CBBLog> logger = instance();                           \
+        if (!Impl::isEnabled(messageLevel)) return;                                    \
+        const boost::shared_ptr<CBBLog> logger = Impl::instance();                     \
         if (!logger) return;                                                           \
         va_list arguments;                                                             \
         va_start(arguments, fmt);                                                      \
@@ -526,13 +628,13 @@ void CBBLog::note(const boost::shared_ptr<CBBLog>& logger, const char* fmt, ...)
         va_end(arguments);                                                             \
     }                                                                                  \
     void CBBLog::name(const boost::format& text) {                                     \
-        if (!isEnabled(messageLevel)) return;                                          \
-        if (const boost::shared_ptr<CBBLog> logger = instance()) {                     \
+        if (!Impl::isEnabled(messageLevel)) return;                                    \
+        if (const boost::shared_ptr<CBBLog> logger = Impl::instance()) {               \
             logger->_AddLog(text, messageLevel);                                       \
         }                                                                              \
     }                                                                                  \
     void CBBLog::name(const boost::shared_ptr<CBBLog>& logger, const char* fmt, ...) { \
-        if (!logger || !isEnabledAt(logger->level_, messageLevel)) return;             \
+        if (!logger || !logger->impl_->isEnabledHere(messageLevel)) return;            \
         va_list arguments;                                                             \
         va_start(arguments, fmt);                                                      \
         logger->_AddLog(fmt, arguments, messageLevel);                                 \

@@ -33,17 +33,10 @@
 #include <boost/shared_ptr.hpp>
 #include <boost/weak_ptr.hpp>
 
-#include <atomic>
 #include <cstdarg>
 #include <cstdint>
-#include <deque>
 #include <memory>
-#include <string_view>
 #include <type_traits>
-
-class LogFolding;
-enum class LogVerdict;
-class PThread;
 
 // How much is written: each level includes those below it. A log's level above LOGLEVEL_DEBUG writes everything.
 using LOGLEVEL = std::int32_t;
@@ -87,19 +80,19 @@ public:
     void _debug(const char* fmt, ...) __attribute__((format(printf, 2, 3)));
 
     // The lines that wait to be written, one after the other.
-    CStdStr getLogs() EXCLUDES(queueLock_);
+    CStdStr getLogs();
     // The size of the log file in bytes; -1 when it is not open.
-    long long getFileSize() EXCLUDES(fileLock_);
+    long long getFileSize();
 
     // Waits until what is queued now is written to the log file, for at most `milliseconds`; false when it is not by
     // then. For a process that is about to end without destroying its log.
-    bool flush(long milliseconds) EXCLUDES(queueLock_);
+    bool flush(long milliseconds);
 
     // Opens the files and starts the thread, once. The first line does it.
-    void initialize() EXCLUDES(initLock_);
+    void initialize();
 
     // Makes `logger` the one that the static functions below write to; null for none. It is not kept alive by this.
-    static void setLogger(const boost::shared_ptr<CBBLog>& logger) EXCLUDES(s_instanceLock);
+    static void setLogger(const boost::shared_ptr<CBBLog>& logger);
 
     // Add a line to the process's log, or to the given one. They do nothing without a log, and little when its level
     // leaves the line out: ask the functions below before making a costly argument.
@@ -138,9 +131,9 @@ public:
     }
 
     // Whether a line of the level would be written to the process's log; false without one.
-    static bool isWarnEnabled() { return isEnabled(LOGLEVEL_WARN); }
-    static bool isInfoEnabled() { return isEnabled(LOGLEVEL_INFO); }
-    static bool isDebugEnabled() { return isEnabled(LOGLEVEL_DEBUG); }
+    static bool isWarnEnabled();
+    static bool isInfoEnabled();
+    static bool isDebugEnabled();
 
     // flush() of the process's log; true without a log.
     static bool flushAll(long milliseconds);
@@ -153,71 +146,14 @@ protected:
     // log's thread writes through logLineToFile, and the copy to "errors.log" through _FatalError.
     virtual void _AddLog(boost::format text, LOGLEVEL level);
     virtual void _AddLog(const char* fmt, va_list arguments, LOGLEVEL level) __attribute__((format(printf, 2, 0)));
-    virtual void logLineToFile(const CStdStr& line) EXCLUDES(fileLock_);
-    virtual void _FatalError(const CStdStr& line) EXCLUDES(initLock_);
+    virtual void logLineToFile(const CStdStr& line);
+    virtual void _FatalError(const CStdStr& line);
 
     // Writes what is queued and ends the log's thread. The destructor of a class that overrides logLineToFile calls it,
     // while the override can still run.
-    void stopThread() EXCLUDES(queueLock_);
+    void stopThread();
 
 private:
-    static bool isEnabled(LOGLEVEL level);
-    static bool isEnabledAt(LOGLEVEL current, LOGLEVEL level);
-    static boost::shared_ptr<CBBLog> instance() EXCLUDES(s_instanceLock);
-    static CStdStr getLogsDirectory();
-
-    bool isWritten(LOGLEVEL level);
-    LogVerdict judge(LOGLEVEL level, std::string_view kind);
-    void addText(LOGLEVEL level, std::string_view kind, std::string_view text, LogVerdict verdict);
-    void finishLine(CStdStr& line, LOGLEVEL level);
-    void sayFolded(bool all);
-    void wakeThread() EXCLUDES(queueLock_);
-    CStdStr openFiles() REQUIRES(initLock_);
-    int openFile(const CStdStr& path, bool& isNew) const;
-    void closeFiles() REQUIRES(initLock_);
-    void readLogLevel();
-    void publishLevel() REQUIRES(s_instanceLock);
-    CStdStr buildLineHeader(LOGLEVEL level) const;
-    void rotateIfNeeded(int& fd, const CStdStr& path) const;
-    void addQueue(const CStdStr& line) EXCLUDES(queueLock_);
-    bool waitForWork() REQUIRES(queueLock_);
-    void writeQueue() REQUIRES(queueLock_);
-    unsigned int loggerThread(void*) EXCLUDES(queueLock_);
-
-    // The process's log, and its level (noLogger without one) where every thread can read it without a lock: skipping
-    // a line costs one load.
-    static boost::weak_ptr<CBBLog>& s_instance GUARDED_BY(s_instanceLock);
-    static const CBBLog* s_published GUARDED_BY(s_instanceLock);
-    static PMutex& s_instanceLock;
-    static std::atomic<LOGLEVEL> s_level;
-
-    const CStdStr name_;
-    std::atomic<LOGLEVEL> level_{LOGLEVEL_UNREAD};
-
-    // initialize writes these under initLock_, `initialized_` last; from then on they are only read.
-    std::atomic<bool> initialized_{false};
-    bool fileEnabled_ = false;
-    bool errorsEnabled_ = false;
-    CStdStr folder_;
-    CStdStr logPath_;
-    CStdStr errorsPath_;
-    CStdStr shortName_;
-
-    PMutex initLock_;
-    const bool showPid_;
-    const long long maxFileSize_;
-    const std::uint32_t pid_;
-    const std::unique_ptr<LogFolding> folding_;
-
-    PMutex fileLock_;  // the log's thread holds it while it writes; for getFileSize, which any thread may ask
-    int logFd_ GUARDED_BY(fileLock_) = -1;
-    int errorsFd_ GUARDED_BY(initLock_) = -1;
-
-    std::unique_ptr<PThread> thread_ GUARDED_BY(initLock_);
-
-    PCondMutex queueLock_;
-    bool stopping_ GUARDED_BY(queueLock_) = false;
-    uint64_t queued_ GUARDED_BY(queueLock_) = 0;   // lines, since the beginning
-    uint64_t written_ GUARDED_BY(queueLock_) = 0;  // likewise: those of them that are in the file
-    std::deque<CStdStr> queue_ GUARDED_BY(queueLock_);
+    class Impl;
+    std::unique_ptr<Impl> impl_;
 };

@@ -41,13 +41,13 @@ public:
     static constexpr size_t longestText = 1024;  // of what is kept
     static constexpr size_t mostKinds = 256;     // that have a window; the lines of further ones share a single one
 
-    LogVerdict Judge(LOGLEVEL level, std::string_view kind, Time now) EXCLUDES(lock_);
-    void Keep(LOGLEVEL level, std::string_view kind, std::string_view text) EXCLUDES(lock_);
+    LogVerdict Judge(LOGLEVEL level, std::string_view kind, Time now) KEL_EXCLUDES(lock_);
+    void Keep(LOGLEVEL level, std::string_view kind, std::string_view text) KEL_EXCLUDES(lock_);
 
     // When the next window ends that has something to say, if there is one.
-    std::optional<Time> NextEnd() EXCLUDES(lock_);
+    std::optional<Time> NextEnd() KEL_EXCLUDES(lock_);
     // What those have to say that end by `end`, and how long they were at `now`.
-    std::vector<Line> TakeEnded(Time now, Time end) EXCLUDES(lock_);
+    std::vector<Line> TakeEnded(Time now, Time end) KEL_EXCLUDES(lock_);
 
 private:
     struct Window {
@@ -63,9 +63,9 @@ private:
         CStdStr Summary(Time now) const;
     };
 
-    Window& Find(LOGLEVEL level, std::string_view kind, Time now) REQUIRES(lock_);
+    Window& Find(LOGLEVEL level, std::string_view kind, Time now) KEL_REQUIRES(lock_);
 
     PMutex lock_;
-    std::unordered_map<uint64_t, Window> windows_ GUARDED_BY(lock_);  // by level and kind
-    size_t talkative_ GUARDED_BY(lock_) = 0;                          // those of them that have something to say
+    std::unordered_map<uint64_t, Window> windows_ KEL_GUARDED_BY(lock_);  // by level and kind
+    size_t talkative_ KEL_GUARDED_BY(lock_) = 0;                          // those of them that have something to say
 };

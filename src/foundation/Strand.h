@@ -20,7 +20,7 @@ public:
     explicit Strand(size_t bytes = SIZE_MAX, int runners = 1) : maxBytes_(bytes), maxRunners_(runners) {}
 
     // Whether the caller has to see to it now that the strand is run.
-    [[nodiscard]] bool Append(Task task, size_t bytes = 0) EXCLUDES(lock_) {
+    [[nodiscard]] bool Append(Task task, size_t bytes = 0) KEL_EXCLUDES(lock_) {
         PMutexHold hold(lock_);
         while (bytes_ > maxBytes_ && !stopped_) lock_.wait();
         if (stopped_) return false;
@@ -32,7 +32,7 @@ public:
     }
 
     // For who runs the strand: the next task; nothing when there is none, and then he runs it no longer.
-    std::optional<Task> Take() EXCLUDES(lock_) {
+    std::optional<Task> Take() KEL_EXCLUDES(lock_) {
         PMutexHold hold(lock_);
         if (waiting_.empty()) {
             --runners_;
@@ -46,13 +46,13 @@ public:
     }
 
     // For who was to run it and cannot: the next Append finds it without him.
-    void GiveUp() EXCLUDES(lock_) {
+    void GiveUp() KEL_EXCLUDES(lock_) {
         PMutexHold hold(lock_);
         --runners_;
     }
 
     // Drops what waits and what comes.
-    void Stop() EXCLUDES(lock_) {
+    void Stop() KEL_EXCLUDES(lock_) {
         std::deque<Entry> dropped;
         PMutexHold hold(lock_);
         stopped_ = true;
@@ -61,7 +61,7 @@ public:
     }
 
     // What those that wait have.
-    size_t bytes() EXCLUDES(lock_) {
+    size_t bytes() KEL_EXCLUDES(lock_) {
         PMutexHold hold(lock_);
         return bytes_;
     }
@@ -76,8 +76,8 @@ private:
     const int maxRunners_;
 
     PCondMutex lock_;  // broadcast when there is room again, or no use in waiting for it
-    std::deque<Entry> waiting_ GUARDED_BY(lock_);
-    size_t bytes_ GUARDED_BY(lock_) = 0;
-    int runners_ GUARDED_BY(lock_) = 0;
-    bool stopped_ GUARDED_BY(lock_) = false;
+    std::deque<Entry> waiting_ KEL_GUARDED_BY(lock_);
+    size_t bytes_ KEL_GUARDED_BY(lock_) = 0;
+    int runners_ KEL_GUARDED_BY(lock_) = 0;
+    bool stopped_ KEL_GUARDED_BY(lock_) = false;
 };

@@ -12,8 +12,8 @@
 class NameTurns {
 public:
     // Waits for the turn of `name`, which goes to those who wait in their order, then has it.
-    void Begin(const CStdStr& name) EXCLUDES(lock_);
-    void End(const CStdStr& name) EXCLUDES(lock_);
+    void Begin(const CStdStr& name) KEL_EXCLUDES(lock_);
+    void End(const CStdStr& name) KEL_EXCLUDES(lock_);
 
     // Has a turn for the length of a block.
     class Hold {
@@ -39,5 +39,5 @@ private:
     using Waiting = std::deque<PManualEvent*>;
 
     PMutex lock_;
-    std::map<CStdStr, Waiting, CaseInsensitiveLess> taken_ GUARDED_BY(lock_);
+    std::map<CStdStr, Waiting, CaseInsensitiveLess> taken_ KEL_GUARDED_BY(lock_);
 };

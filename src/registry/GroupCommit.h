@@ -54,13 +54,13 @@ private:
     using Members = std::vector<Member*>;
     using FolderPtr = std::shared_ptr<const Folder>;
 
-    void TakePlace() EXCLUDES(lock_);
-    FolderPtr Open(Folder (*folder)()) EXCLUDES(foldersLock_);
-    void Stage(const FileChange& change, Staged& staged) EXCLUDES(foldersLock_);
-    void Commit(Member& member) EXCLUDES(lock_);
-    bool LeadsUnlessServed(Member& member) EXCLUDES(lock_);
-    void Gather() REQUIRES(lock_);
-    void End() EXCLUDES(lock_);
+    void TakePlace() KEL_EXCLUDES(lock_);
+    FolderPtr Open(Folder (*folder)()) KEL_EXCLUDES(foldersLock_);
+    void Stage(const FileChange& change, Staged& staged) KEL_EXCLUDES(foldersLock_);
+    void Commit(Member& member) KEL_EXCLUDES(lock_);
+    bool LeadsUnlessServed(Member& member) KEL_EXCLUDES(lock_);
+    void Gather() KEL_REQUIRES(lock_);
+    void End() KEL_EXCLUDES(lock_);
     void RunRound();
     void StageFirst(Staged& first);
     int Sync(const Staged& first) const;
@@ -71,13 +71,13 @@ private:
     const std::function<FileChange()> first_;
 
     PCondMutex lock_;  // broadcast at the end of a round, and when a place is free
-    Members waiting_ GUARDED_BY(lock_);
-    bool isRunning_ GUARDED_BY(lock_) = false;
-    size_t expected_ GUARDED_BY(lock_) = 1;  // as many as took part in the last round
-    size_t places_ GUARDED_BY(lock_) = 0;    // that are taken
+    Members waiting_ KEL_GUARDED_BY(lock_);
+    bool isRunning_ KEL_GUARDED_BY(lock_) = false;
+    size_t expected_ KEL_GUARDED_BY(lock_) = 1;  // as many as took part in the last round
+    size_t places_ KEL_GUARDED_BY(lock_) = 0;    // that are taken
 
     PMutex foldersLock_;
-    std::map<Folder (*)(), std::weak_ptr<const Folder>> folders_ GUARDED_BY(foldersLock_);
+    std::map<Folder (*)(), std::weak_ptr<const Folder>> folders_ KEL_GUARDED_BY(foldersLock_);
 
     Members round_;  // the leader's
 };

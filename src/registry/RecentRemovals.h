@@ -15,7 +15,7 @@ public:
 
     // The name was removed at `now`. True when that was often, and then counting begins anew. Strangers choose names,
     // so only the first of very many within a minute are counted.
-    bool IsOften(const CStdStr& name, uint32_t now) EXCLUDES(lock_) {
+    bool IsOften(const CStdStr& name, uint32_t now) KEL_EXCLUDES(lock_) {
         PMutexHold hold(lock_);
         if (names_.size() >= maxNames) {
             std::erase_if(names_, [&](const auto& entry) { return now - entry.second.latest > minuteMs; });
@@ -40,5 +40,5 @@ private:
     };
 
     PMutex lock_;
-    std::map<CStdStr, Removals, CaseInsensitiveLess> names_ GUARDED_BY(lock_);
+    std::map<CStdStr, Removals, CaseInsensitiveLess> names_ KEL_GUARDED_BY(lock_);
 };

@@ -23,7 +23,7 @@ size_t BytesOf(const KelService& service) {
     return serviceBytes + 2 * service.name.size() + service.description.size();
 }
 
-size_t BytesOf(const KelSatelliteInfo& satellite) REQUIRES_SHARED(satellite.lock) {
+size_t BytesOf(const KelSatelliteInfo& satellite) KEL_REQUIRES_SHARED(satellite.lock) {
     size_t bytes = satelliteBytes + 2 * satellite.satName.size() + satellite.hostname.size();
     for (const auto& [name, service] : satellite.services) bytes += BytesOf(service);
     return bytes;

@@ -9,23 +9,23 @@
 // Any thread.
 class RunningChecks {
 public:
-    void Begin() EXCLUDES(lock_) {
+    void Begin() KEL_EXCLUDES(lock_) {
         PMutexHold hold(lock_);
         ++running_;
     }
 
-    void End() EXCLUDES(lock_) {
+    void End() KEL_EXCLUDES(lock_) {
         PMutexHold hold(lock_);
         if (--running_ == 0) lock_.broadcast();
     }
 
     // Returns when none is running.
-    void Wait() EXCLUDES(lock_) {
+    void Wait() KEL_EXCLUDES(lock_) {
         PMutexHold hold(lock_);
         while (running_ > 0) lock_.wait();
     }
 
 private:
     PCondMutex lock_;  // broadcast when the last one has ended
-    uint64_t running_ GUARDED_BY(lock_) = 0;
+    uint64_t running_ KEL_GUARDED_BY(lock_) = 0;
 };

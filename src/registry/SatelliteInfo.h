@@ -42,14 +42,14 @@ struct KelSatelliteInfo {
     PManualEvent checkDone{true};
 
     mutable PReadWriteLock lock;
-    std::map<CStdStr, KelService, CaseInsensitiveLess> services GUARDED_BY(lock);
+    std::map<CStdStr, KelService, CaseInsensitiveLess> services KEL_GUARDED_BY(lock);
 
     // Files other than satName's own that hold a record of this satellite.
     struct FormerFile {
         CStdStr name;     // less ".xml"
         bool isReplaced;  // holds a record that was replaced, in other letters; else this very record
     };
-    std::vector<FormerFile> formerFiles GUARDED_BY(lock);
+    std::vector<FormerFile> formerFiles KEL_GUARDED_BY(lock);
 };
 
 // A service as a look-up hands it out, by value.

@@ -68,7 +68,7 @@ AddressBook::Entry AddressBook::Learn(const std::string& satellite, const Addres
     }
     if (outcome.message.code != 0) {
         entry.code = outcome.message.code;
-        entry.problem = "the directory knows no satellite " + satellite;
+        entry.problem = "the directory at " + from.text() + " knows no satellite " + satellite;
         return entry;
     }
     try {

@@ -48,8 +48,8 @@ private:
     const std::string self_;
 
     PMutex lock_;
-    transport::Address directory_ GUARDED_BY(lock_);
-    std::map<CStdStr, transport::Address, CaseInsensitiveLess> known_ GUARDED_BY(lock_);
+    transport::Address directory_ KEL_GUARDED_BY(lock_);
+    std::map<CStdStr, transport::Address, CaseInsensitiveLess> known_ KEL_GUARDED_BY(lock_);
 };
 
 }  // namespace kel

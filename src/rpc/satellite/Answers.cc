@@ -69,17 +69,8 @@ bool Answers::IsOwnId(int satId) {
 }
 
 ScopedVariant Answers::AnswerDescribe() const {
-    const Services methods = methods_.All();
-    ScopedVariant list;
-    VUtil::CreateArray(list, VT_VARIANT, methods.size());
-    for (size_t i = 0; i < methods.size(); ++i) {
-        ScopedVariant pair;
-        VUtil::CreateArray(pair, VT_VARIANT, 2);
-        VUtil::PutElement(pair, 0, methods[i].name);
-        VUtil::PutElement(pair, 1, methods[i].description);
-        VUtil::PutElement(list, static_cast<int>(i), static_cast<const tagVARIANT&>(pair));
-    }
-    return list;
+    return VUtil::MakeListOf(methods_.All(),
+                             [](const Service& method) { return VUtil::MakeList(method.name, method.description); });
 }
 
 }  // namespace kel

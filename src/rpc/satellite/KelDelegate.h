@@ -6,6 +6,7 @@
 #pragma once
 
 #include "foundation/Export.h"
+#include "rpc/values/KelException.h"
 #include "rpc/values/Variant.h"
 
 // A published method that needs nothing but its parameters. `caller` is the calling satellite's name, or empty.
@@ -15,12 +16,14 @@ public:
     virtual int Invoke(const char* caller, const tagVARIANT& in, tagVARIANT* out) = 0;
 };
 
-// Wraps a plain function.
+// Wraps a plain function, which must not be null.
 class KEL_API KelSatelliteDelegateFunction : public KelSatelliteDelegateGeneric {
 public:
     using Function = int (*)(const char*, const tagVARIANT&, tagVARIANT*);
 
-    explicit KelSatelliteDelegateFunction(Function function) : function_(function) {}
+    explicit KelSatelliteDelegateFunction(Function function) : function_(function) {
+        if (!function) throw KelInvalidParameterException("KelSatelliteDelegateFunction: a function is needed");
+    }
     int Invoke(const char* caller, const tagVARIANT& in, tagVARIANT* out) override {
         return function_(caller, in, out);
     }
@@ -45,7 +48,10 @@ class KelSatelliteDelegateMemberEx : public KelSatelliteDelegateGenericEx {
 public:
     using Method = int (T::*)(int, const char*, const tagVARIANT&, tagVARIANT*);
 
-    KelSatelliteDelegateMemberEx(T* object, Method method) : object_(object), method_(method) {}
+    KelSatelliteDelegateMemberEx(T* object, Method method) : object_(object), method_(method) {
+        if (!object || !method)
+            throw KelInvalidParameterException("KelSatelliteDelegateMemberEx: which method of what?");
+    }
 
     using KelSatelliteDelegateGenericEx::Invoke;
     int Invoke(int socket, const char* caller, const tagVARIANT& in, tagVARIANT* out) override {

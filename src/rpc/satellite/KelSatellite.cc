@@ -3,7 +3,23 @@
 #include "rpc/satellite/SatelliteImpl.h"
 #include "rpc/transport/LibraryLog.h"
 
+#include <chrono>
 #include <utility>
+
+namespace {
+
+constexpr int pingTimeoutMs = 10000;
+
+void Need(const void* pointer, const char* message) {
+    if (!pointer) throw KelInvalidParameterException(message);
+}
+
+std::chrono::milliseconds Timeout(int milliseconds) {
+    if (milliseconds <= 0) throw KelInvalidParameterException("a time-out takes at least a millisecond");
+    return std::chrono::milliseconds(milliseconds);
+}
+
+}  // namespace
 
 void KelSatellite::setLogger(const boost::shared_ptr<CBBLog>& logger) { SetLibraryLogger(logger); }
 
@@ -17,27 +33,49 @@ int KelSatellite::ConnectUser(const char* host, const char* user) { return impl_
 
 void KelSatellite::Disconnect() { impl_->Disconnect(); }
 
+CStdStr KelSatellite::LastProblem() const { return impl_->LastProblem(); }
+
 int KelSatellite::Request(const char* satellite, const char* method, const tagVARIANT& in, tagVARIANT* out,
                           KELFLAGS flags, tagVARIANT* extra) {
-    return impl_->Request(satellite, method, in, out, flags, extra);
+    return impl_->Request(satellite, method, in, out, flags, extra, kel::callTimeout);
+}
+
+int KelSatellite::Request(const char* satellite, const char* method, const tagVARIANT& in, tagVARIANT* out,
+                          KELFLAGS flags, tagVARIANT* extra, int milliseconds) {
+    return impl_->Request(satellite, method, in, out, flags, extra, Timeout(milliseconds));
 }
 
 bool KelSatellite::WaitForOneWayRoom(const char* satellite, int milliseconds) {
+    Need(satellite, "WaitForOneWayRoom: which satellite?");
     return impl_->WaitForOneWayRoom(satellite, milliseconds);
 }
 
-void KelSatellite::ForgetAddress(const char* satellite) { impl_->ForgetAddress(satellite); }
+void KelSatellite::ForgetAddress(const char* satellite) {
+    Need(satellite, "ForgetAddress: which satellite?");
+    impl_->ForgetAddress(satellite);
+}
 
 int KelSatellite::DirectoryPingSatellite(const char* name, const char* host, unsigned short port, int satId,
                                          KELSTATUS* status) {
-    return impl_->Ping(name, host, port, satId, status);
+    return DirectoryPingSatellite(name, host, port, satId, status, pingTimeoutMs);
+}
+
+int KelSatellite::DirectoryPingSatellite(const char* name, const char* host, unsigned short port, int satId,
+                                         KELSTATUS* status, int milliseconds) {
+    Need(name && host ? status : nullptr,
+         "DirectoryPingSatellite: a name, a host and a place for the status are needed");
+    return impl_->Ping(name, host, port, satId, status, Timeout(milliseconds));
 }
 
 void KelSatellite::PingLater(const char* name, const char* host, unsigned short port, int satId, PingHandler heard) {
+    Need(name && heard ? host : nullptr, "PingLater: a name, a host and a handler are needed");
     impl_->PingLater(name, host, port, satId, std::move(heard));
 }
 
-int KelSatellite::GetSatelliteId(int* id) { return impl_->GetSatelliteId(id); }
+int KelSatellite::GetSatelliteId(int* id) {
+    Need(id, "GetSatelliteId: a place for the id is needed");
+    return impl_->GetSatelliteId(id);
+}
 
 int KelSatellite::AddServiceAvailabilityListener(const char* service) { return impl_->Listen(service); }
 
@@ -62,6 +100,7 @@ int KelSatellite::RemoveService(const char* name) { return impl_->RemoveService(
 
 int KelSatellite::OnServiceRequested(int socket, const char* caller, const char* method, tagVARIANT in, tagVARIANT* out,
                                      int* result) {
+    Need(method && result ? out : nullptr, "OnServiceRequested: a method and places for its results are needed");
     const kel::MethodPtr published = impl_->FindMethod(method);
     if (!published) return KEL_UNKNOWN_METHOD;
     *result = published->Invoke(socket, caller, in, out);

@@ -50,6 +50,7 @@ using KELSTATUS = int;
 constexpr KELSTATUS KELSTATUS_GONE = 0;
 constexpr KELSTATUS KELSTATUS_ALIVE = 1;
 
+// Null pointers throw KelInvalidParameterException where no other meaning of theirs is given.
 class KEL_API KelSatellite {
 public:
     KelSatellite();
@@ -76,6 +77,14 @@ public:
     // any name.
     virtual int ConnectUser(const char* host, const char* user);
 
+    // Why that failed of the calls below and above that failed last, with the address that was tried, a sentence for
+    // people: "studio:5001 cannot be reached: Connection refused" when nobody listens there. Others say that there is
+    // no route, that the name is not known, that there was no connection or no answer in time, that the connection was
+    // closed, or that what answers is no directory or no satellite. Empty when none has failed since the latest Connect
+    // or ConnectUser began. Where several threads call, it is of whichever call failed last, as when the library
+    // registers again by itself; `extra` of Request is of that call alone.
+    CStdStr LastProblem() const;
+
     // Leaves the directory and closes the endpoint, as the destructor does. Connect may follow. Not to be called from
     // inside a published method.
     virtual void Disconnect();
@@ -83,12 +92,15 @@ public:
     // Calls `method` of `satellite` with `in`. With KELFLAG_WAIT the method's result is returned and `out`, when not
     // null, receives its out-parameter; blocks for at most 30 seconds. With KELFLAG_ONE_WAY the call is queued and the
     // result is 0: calls reach each satellite in order, and of more than 1,024 that wait for one satellite the oldest
-    // are dropped with a warning in the log. `extra`, when not null, receives a text that says what went wrong, or
-    // becomes empty. Returns KEL_UNREACHABLE, also from a satellite that is leaving, KEL_NO_ANSWER, KEL_NOT_CONNECTED,
-    // KEL_TOO_LARGE or the directory's answer for an unknown satellite (0x4000a). Throws KelException when the method
-    // threw or is not published.
+    // are dropped with a warning in the log. `extra`, when not null, receives a text that says what went wrong, as
+    // LastProblem gives it, or becomes empty. `in` may be the same variant as one of the two. Returns KEL_UNREACHABLE,
+    // also from a satellite that is leaving, KEL_NO_ANSWER, KEL_NOT_CONNECTED, KEL_TOO_LARGE or KEL_UNKNOWN_SATELLITE.
+    // Throws KelException when the method threw or is not published.
     virtual int Request(const char* satellite, const char* method, const tagVARIANT& in, tagVARIANT* out,
                         KELFLAGS flags, tagVARIANT* extra);
+    // The same, but blocks for at most so many milliseconds, connecting and asking the directory included.
+    int Request(const char* satellite, const char* method, const tagVARIANT& in, tagVARIANT* out, KELFLAGS flags,
+                tagVARIANT* extra, int milliseconds);
 
     // Waits until at least half of the 1,024 places for one-way calls to `satellite` are free, for whoever has more of
     // them than that; false when that takes longer than so many milliseconds.
@@ -101,9 +113,13 @@ public:
     // may take 10 seconds together, not counting time during which this process stood still. Negative when no answer
     // came: one of KEL_PING_..., as is `status` then; otherwise 0, and `status` is KELSTATUS_ALIVE when name and id are
     // that endpoint's own, else KELSTATUS_GONE. KEL_NO_RESOURCES, and KELSTATUS_ALIVE for want of proof, when this
-    // process could not ask.
+    // process could not ask. This satellite need not be connected; then threads of its own are started and ended for
+    // the question (std::runtime_error when the system has none to give).
     virtual int DirectoryPingSatellite(const char* name, const char* host, unsigned short port, int satId,
                                        KELSTATUS* status);
+    // The same within so many milliseconds.
+    int DirectoryPingSatellite(const char* name, const char* host, unsigned short port, int satId, KELSTATUS* status,
+                               int milliseconds);
 
     // Asks the same and returns at once; `heard` is called later, once and as a published method is. When this
     // satellite disconnects before that, or is not connected, `heard` is destroyed instead.
@@ -129,8 +145,8 @@ public:
     virtual void CreateServices();
 
     // Registers this satellite with all of its services at the directory, again where it is known already. Returns 0,
-    // KEL_NOT_CONNECTED, also while Disconnect is leaving, the directory's answer, 0x40010 when a living satellite
-    // holds the name, or why it could not be told.
+    // KEL_NOT_CONNECTED, also while Disconnect is leaving, the directory's answer, KEL_NAME_TAKEN for instance, or why
+    // it could not be told.
     virtual int RegisterServices();
 
     // Withdraws all services from the directory; with `leave` true the satellite itself as well, which then

@@ -40,9 +40,8 @@ Link::Link(Endpoint::Receiver receiver, const Address& directory, const CStdStr&
       news(endpoint, "OnServiceAvailabilityChanged of " + name),
       standings(endpoint, "OnStatusChange of " + name) {}
 
-int Link::Call(const std::string& satellite, const char* method, const tagVARIANT& in, ScopedVariant& value,
-               std::string& problem) {
-    const Deadline deadline = std::chrono::steady_clock::now() + callTimeout;
+int Link::Call(const std::string& satellite, const char* method, const tagVARIANT& in, Deadline deadline,
+               ScopedVariant& value, std::string& problem) {
     std::optional<Address> address = addresses.Remembered(satellite);
     bool mayAskAgain = address && !IsDirectoryName(satellite);
     for (;;) {
@@ -68,7 +67,8 @@ int Link::Call(const std::string& satellite, const char* method, const tagVARIAN
         }
         addresses.Forget(satellite, *address);
         // Only a call that was not sent is made again: the method must not run twice.
-        if (!mayAskAgain || outcome.end != Outcome::End::unreachable) return CodeOf(outcome);
+        const bool isOver = outcome.end != Outcome::End::unreachable || std::chrono::steady_clock::now() >= deadline;
+        if (!mayAskAgain || isOver) return CodeOf(outcome);
         mayAskAgain = false;
         address.reset();
     }
@@ -93,9 +93,11 @@ Outcome Link::CallDirectory(const char* method, const tagVARIANT& in, std::chron
     return CallAt(addresses.directory(), method, in, timeout);
 }
 
-bool Link::IsDirectoryAt(const Address& address, std::chrono::milliseconds timeout) {
+bool Link::IsDirectoryAt(const Address& address, std::chrono::milliseconds timeout, std::string* problem) {
     const ScopedVariant nothing;
     const Outcome outcome = CallAt(address, "kel.Describe", nothing, timeout);
+    const bool isEndpoint = outcome.end == Outcome::End::answered || outcome.end == Outcome::End::failed;
+    if (problem) *problem = isEndpoint ? address.text() + noDirectory : outcome.problem;
     if (outcome.end != Outcome::End::answered) return false;
     try {
         const int count = VUtil::GetArrayLengthEmpty(outcome.message.value);

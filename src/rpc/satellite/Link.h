@@ -14,6 +14,7 @@ namespace kel {
 
 constexpr std::chrono::seconds shortTimeout{5};  // of what must not hold anybody up for long
 constexpr std::chrono::seconds foundTimeout{2};  // of an address that may be out of reach, while others wait
+constexpr const char* noDirectory = " answers, but is no directory";  // an address
 
 // Whether `name`, in any case, is the directory's own.
 bool IsDirectoryName(const CStdStr& name);
@@ -30,10 +31,10 @@ public:
     // `receiver` gets what others call. `name` is the caller's that they see.
     Link(transport::Endpoint::Receiver receiver, const transport::Address& directory, const CStdStr& name, Role role);
 
-    // Calls `method` of `satellite` and waits. Returns the method's result and fills `value`; else why there is none,
-    // and for people in `problem`. Throws KelException when the method threw or is not published.
-    int Call(const std::string& satellite, const char* method, const tagVARIANT& in, ScopedVariant& value,
-             std::string& problem);
+    // Calls `method` of `satellite` and waits until `deadline`. Returns the method's result and fills `value`; else why
+    // there is none, and for people in `problem`. Throws KelException when the method threw or is not published.
+    int Call(const std::string& satellite, const char* method, const tagVARIANT& in, transport::Deadline deadline,
+             ScopedVariant& value, std::string& problem);
     // Queues a one-way call.
     int Post(const std::string& satellite, const char* method, const tagVARIANT& in, std::string& problem);
 
@@ -41,8 +42,9 @@ public:
     transport::Outcome CallDirectory(const char* method, const tagVARIANT& in, std::chrono::milliseconds timeout);
     transport::Outcome CallAt(const transport::Address& directory, const char* method, const tagVARIANT& in,
                               std::chrono::milliseconds timeout);
-    // Whether the endpoint at `address` publishes what a directory publishes.
-    bool IsDirectoryAt(const transport::Address& address, std::chrono::milliseconds timeout);
+    // Whether the endpoint at `address` publishes what a directory publishes; `problem`, if wanted, is why not.
+    bool IsDirectoryAt(const transport::Address& address, std::chrono::milliseconds timeout,
+                       std::string* problem = nullptr);
 
     const CStdStr self;
     const bool listens;  // has a port and may be registered

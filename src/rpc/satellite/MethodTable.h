@@ -51,8 +51,8 @@ public:
 
 private:
     mutable PReadWriteLock lock_;
-    std::map<std::string, MethodPtr, std::less<>> byName_ GUARDED_BY(lock_);
-    std::vector<MethodPtr> inOrder_ GUARDED_BY(lock_);
+    std::map<std::string, MethodPtr, std::less<>> byName_ KEL_GUARDED_BY(lock_);
+    std::vector<MethodPtr> inOrder_ KEL_GUARDED_BY(lock_);
 };
 
 }  // namespace kel

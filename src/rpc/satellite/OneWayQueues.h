@@ -43,10 +43,10 @@ private:
 
         const std::string satellite;
         PCondMutex lock;  // broadcast when half of it is free
-        std::deque<std::string> waiting GUARDED_BY(lock);
-        bool running GUARDED_BY(lock) = false;
-        size_t dropped GUARDED_BY(lock) = 0;    // since the queue was last empty
-        bool retired GUARDED_BY(lock) = false;  // no longer in the list
+        std::deque<std::string> waiting KEL_GUARDED_BY(lock);
+        bool running KEL_GUARDED_BY(lock) = false;
+        size_t dropped KEL_GUARDED_BY(lock) = 0;    // since the queue was last empty
+        bool retired KEL_GUARDED_BY(lock) = false;  // no longer in the list
 
         // The runner's.
         bool retried = false;
@@ -57,7 +57,7 @@ private:
     using QueuePtr = std::shared_ptr<Queue>;
 
     QueuePtr FindQueue(const std::string& satellite);
-    void RetireIdle() REQUIRES(lock_);
+    void RetireIdle() KEL_REQUIRES(lock_);
     bool Append(Queue& queue, std::string& bytes, bool& becomesRunner);
     void Begin(const QueuePtr& queue);
     void BeginLater(const QueuePtr& queue);
@@ -79,11 +79,11 @@ private:
     AddressBook& addresses_;
 
     PMutex lock_;
-    std::map<CStdStr, QueuePtr, CaseInsensitiveLess> queues_ GUARDED_BY(lock_);
-    size_t retireAt_ GUARDED_BY(lock_) = maxIdleQueues;
+    std::map<CStdStr, QueuePtr, CaseInsensitiveLess> queues_ KEL_GUARDED_BY(lock_);
+    size_t retireAt_ KEL_GUARDED_BY(lock_) = maxIdleQueues;
 
-    PCondMutex laterLock_;                  // broadcast when there is none
-    int later_ GUARDED_BY(laterLock_) = 0;  // queues whose runner has yet to begin
+    PCondMutex laterLock_;                      // broadcast when there is none
+    int later_ KEL_GUARDED_BY(laterLock_) = 0;  // queues whose runner has yet to begin
 };
 
 }  // namespace kel

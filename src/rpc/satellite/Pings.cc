@@ -12,17 +12,9 @@ using namespace transport;
 
 namespace {
 
-constexpr std::chrono::seconds pingTimeout{10};
-constexpr std::chrono::seconds stoodStill{1};  // later than that nobody wakes who merely waited for a processor
+constexpr std::chrono::seconds pingTimeout{10};  // of those that no thread waits for
+constexpr std::chrono::seconds stoodStill{1};    // later than that nobody wakes who merely waited for a processor
 constexpr int maxPings = 3;
-
-ScopedVariant WhoItShouldBe(const char* name, int satId) {
-    ScopedVariant in;
-    VUtil::CreateArray(in, VT_VARIANT, 2);
-    VUtil::PutElement(in, 0, name);
-    VUtil::PutElement(in, 1, satId);
-    return in;
-}
 
 // When this process, or the machine, stood still for long, no answer says nothing about the other side, which may have
 // stood still as well: it is asked anew.
@@ -60,13 +52,16 @@ int ResultOfPing(const Outcome& outcome, KELSTATUS* status) {
 
 }  // namespace
 
-int Pings::Ping(const char* name, const Address& at, int satId, KELSTATUS* status) {
-    return ResultOfPing(AskWhoItIs(at, WhoItShouldBe(name, satId)), status);
+int Pings::Ping(const char* name, const Address& at, int satId, std::chrono::milliseconds timeout, KELSTATUS* status,
+                std::string& problem) {
+    const Outcome outcome = AskWhoItIs(at, VUtil::MakeList(name, satId), timeout);
+    problem = outcome.problem;
+    return ResultOfPing(outcome, status);
 }
 
-Outcome Pings::AskWhoItIs(const Address& at, const tagVARIANT& in) {
+Outcome Pings::AskWhoItIs(const Address& at, const tagVARIANT& in, std::chrono::milliseconds timeout) {
     for (int pings = 1;; ++pings) {
-        const Deadline deadline = std::chrono::steady_clock::now() + pingTimeout;
+        const Deadline deadline = std::chrono::steady_clock::now() + timeout;
         Outcome outcome;
         do outcome = endpoint_.outbound().Call(at, "kel.Ping", self_, in, deadline);
         while (outcome.end == Outcome::End::lost && outcome.reused);  // it closed while it was idle, or was restarted
@@ -94,8 +89,8 @@ void Pings::AskLater(const std::shared_ptr<LatePing>& ping) {
     const auto left = ping->deadline - std::chrono::steady_clock::now();
     const auto timeout = std::max(std::chrono::duration_cast<milliseconds>(left), milliseconds(0));
     ++ping->pings;
-    endpoint_.outbound().CallAsync(ping->address, "kel.Ping", self_, WhoItShouldBe(ping->name.c_str(), ping->satId),
-                                   timeout, [this, ping](Outcome& outcome) {
+    endpoint_.outbound().CallAsync(ping->address, "kel.Ping", self_, VUtil::MakeList(ping->name, ping->satId), timeout,
+                                   [this, ping](Outcome& outcome) {
                                        if (AskAgain(ping, outcome)) return;
                                        KELSTATUS status;
                                        const int result = ResultOfPing(outcome, &status);

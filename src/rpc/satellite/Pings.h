@@ -5,7 +5,9 @@
 #include "rpc/satellite/KelSatellite.h"
 #include "rpc/transport/Endpoint.h"
 
+#include <chrono>
 #include <memory>
+#include <string>
 
 namespace kel {
 
@@ -16,13 +18,16 @@ public:
     // `self` is the caller's name that others see. Both outlive the object.
     Pings(transport::Endpoint& endpoint, const CStdStr& self) : endpoint_(endpoint), self_(self) {}
 
-    int Ping(const char* name, const transport::Address& at, int satId, KELSTATUS* status);
+    // Why no answer came is in `problem` then, for people.
+    int Ping(const char* name, const transport::Address& at, int satId, std::chrono::milliseconds timeout,
+             KELSTATUS* status, std::string& problem);
     void PingLater(const char* name, const transport::Address& at, int satId, KelSatellite::PingHandler heard);
 
 private:
     struct LatePing;
 
-    transport::Outcome AskWhoItIs(const transport::Address& at, const tagVARIANT& in);
+    transport::Outcome AskWhoItIs(const transport::Address& at, const tagVARIANT& in,
+                                  std::chrono::milliseconds timeout);
     void AskLater(const std::shared_ptr<LatePing>& ping);
     bool AskAgain(const std::shared_ptr<LatePing>& ping, const transport::Outcome& outcome);
 

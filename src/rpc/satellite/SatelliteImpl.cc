@@ -22,9 +22,8 @@ using kel::settings::DirectoryPort;
 
 namespace {
 
-constexpr int nameIsTaken = 0x40010;  // the directory's answer to "Register"
-
 constexpr std::chrono::seconds standingPeriod{10};
+constexpr size_t maxProblems = 1000;  // characters
 
 // What is wrong with the settings, unless that was the last this said of them. The directory says it at its start.
 void SayWhatIsWrongWithSettings() {
@@ -70,6 +69,14 @@ Address ParseDirectory(const char* host) {
     return {text.substr(0, colon), static_cast<uint16_t>(port)};
 }
 
+// What `v` holds, if there is one; it is empty then.
+ScopedVariant TakeFrom(tagVARIANT* v) {
+    if (!v) return {};
+    ScopedVariant taken = ScopedVariant::adopt(*v);
+    VariantInit(v);
+    return taken;
+}
+
 }  // namespace
 
 KelSatellite::Impl::Impl(KelSatellite& satellite)
@@ -96,6 +103,7 @@ std::optional<Address> KelSatellite::Impl::DirectoryOn(const char* host, const C
     if (!IsDirectoryName(name)) SayWhatIsWrongWithSettings();
     if (!kel::IsAuto(host)) directory = ParseDirectory(host);
     Disconnect();
+    problem_.Keep("");
     name_ = name;
     own_.reset();
     if (directory) return directory;
@@ -103,9 +111,16 @@ std::optional<Address> KelSatellite::Impl::DirectoryOn(const char* host, const C
     own_ = Address{"127.0.0.1", DirectoryPort()};
     Link asking(Receiver(), Address(), name_, Link::Role::caller);
     asking.endpoint.Start();
-    directory = kel::FindDirectory(
-        {*own_, [&](const Address& address) { return asking.IsDirectoryAt(address, foundTimeout); }});
+    std::string problems;
+    const auto answers = [&](const Address& address) {
+        std::string problem;
+        const bool isDirectory = asking.IsDirectoryAt(address, foundTimeout, &problem);
+        if (problems.size() < maxProblems) problems += (problems.empty() ? ": " : "; ") + problem;
+        return isDirectory;
+    };
+    directory = kel::FindDirectory({*own_, answers});
     asking.endpoint.Close();
+    if (!directory) problem_.Keep("no directory answers" + problems);
     return directory;
 }
 
@@ -115,7 +130,8 @@ kel::transport::Endpoint::Receiver KelSatellite::Impl::Receiver() {
 
 SessionPtr KelSatellite::Impl::MakeSession(const Address& directory, Link::Role role) {
     const auto changed = [this](int satId, KELSTATUS status) { satellite_.OnStatusChange(satId, status); };
-    return std::make_shared<Session>(Receiver(), directory, name_, role, methods_, subscriptions_, changed, own_);
+    return std::make_shared<Session>(Receiver(), directory, name_, role, methods_, subscriptions_, problem_, changed,
+                                     own_);
 }
 
 int KelSatellite::Impl::ConnectAs(const Address& directory) {
@@ -136,7 +152,7 @@ int KelSatellite::Impl::ConnectAs(const Address& directory) {
         }
         if (code != KEL_OK) {
             Drop(*made);
-            return code == nameIsTaken ? KEL_ALREADY_REGISTERED : code == KEL_NO_ANSWER ? KEL_UNREACHABLE : code;
+            return code == KEL_NAME_TAKEN ? KEL_ALREADY_REGISTERED : code == KEL_NO_ANSWER ? KEL_UNREACHABLE : code;
         }
     } catch (...) {
         Drop(*made);
@@ -151,7 +167,9 @@ int KelSatellite::Impl::ConnectUser(const char* host, const char* user) {
     if (!directory) return KEL_UNREACHABLE;
     const SessionPtr made = MakeSession(*directory, Link::Role::caller);
     made->link.endpoint.Start();
-    if (!made->link.IsDirectoryAt(*directory, shortTimeout)) {
+    std::string problem;
+    if (!made->link.IsDirectoryAt(*directory, shortTimeout, &problem)) {
+        problem_.Keep(problem);
         made->link.endpoint.Close();
         return KEL_UNREACHABLE;
     }
@@ -168,8 +186,10 @@ int KelSatellite::Impl::Open(Link& link, bool isDirectory) {
     if (!error) return KEL_OK;
     if (isDirectory && error == boost::asio::error::address_in_use &&
         link.IsDirectoryAt(link.addresses.directory(), shortTimeout)) {
+        problem_.Keep("a directory answers at " + link.addresses.directory().text() + " already");
         return KEL_ALREADY_REGISTERED;
     }
+    problem_.Keep("cannot listen on " + at.text() + ": " + error.message() + "; " + Advice(error));
     CBBLog::error(LibraryLogger(), "libkel: %s cannot listen on %s: %s; %s", name_.c_str(), at.text().c_str(),
                   error.message().c_str(), Advice(error));
     return KEL_PORT_IN_USE;
@@ -250,23 +270,27 @@ int KelSatellite::Impl::StopListening(const char* service) {
 // --- Calling ---------------------------------------------------------------------------------------------------------
 
 int KelSatellite::Impl::Request(const char* satellite, const char* method, const tagVARIANT& in, tagVARIANT* out,
-                                KELFLAGS flags, tagVARIANT* extra) {
+                                KELFLAGS flags, tagVARIANT* extra, std::chrono::milliseconds timeout) {
     if (!satellite || !*satellite || !method || !*method) {
         throw KelInvalidParameterException("Request: a satellite and a method are needed");
     }
-    if (out) VariantClear(out);
-    if (extra) VariantClear(extra);
+    // They are emptied, and go when the call has ended: `in` may be one of them, or lie in one.
+    const ScopedVariant before[] = {TakeFrom(out), TakeFrom(extra)};
+    const tagVARIANT& sent = &in == out ? before[0] : &in == extra ? before[1] : in;
     std::string problem;
     int code = KEL_NOT_CONNECTED;
     if (const SessionPtr session = current_.Get()) {
+        const Deadline deadline = std::chrono::steady_clock::now() + timeout;
         ScopedVariant value;
-        code = flags & KELFLAG_ONE_WAY ? session->link.Post(satellite, method, in, problem)
-                                       : session->link.Call(satellite, method, in, value, problem);
+        code = flags & KELFLAG_ONE_WAY ? session->link.Post(satellite, method, sent, problem)
+                                       : session->link.Call(satellite, method, sent, deadline, value, problem);
         if (out) *out = value.release();
     } else {
         problem = "not connected to a directory";
     }
-    if (extra && !problem.empty()) *extra = MakeString(problem.c_str()).release();
+    if (problem.empty()) return code;
+    if (extra) *extra = MakeString(problem.c_str()).release();
+    problem_.Keep(problem);
     return code;
 }
 
@@ -279,10 +303,21 @@ void KelSatellite::Impl::ForgetAddress(const char* satellite) {
     if (const SessionPtr session = current_.Get()) session->link.addresses.Forget(satellite);
 }
 
-int KelSatellite::Impl::Ping(const char* name, const char* host, unsigned short port, int satId, KELSTATUS* status) {
+int KelSatellite::Impl::Ping(const char* name, const char* host, unsigned short port, int satId, KELSTATUS* status,
+                             std::chrono::milliseconds timeout) {
     *status = KEL_PING_NO_WAY;
-    const SessionPtr session = current_.Get();
-    return session ? session->link.pings.Ping(name, {host, port}, satId, status) : KEL_PING_NO_WAY;
+    std::string problem;
+    int result;
+    if (const SessionPtr session = current_.Get()) {
+        result = session->link.pings.Ping(name, {host, port}, satId, timeout, status, problem);
+    } else {
+        Link asking(Receiver(), Address(), CStdStr(), Link::Role::caller);
+        asking.endpoint.Start();
+        result = asking.pings.Ping(name, {host, port}, satId, timeout, status, problem);
+        asking.endpoint.Close();
+    }
+    if (result != KEL_OK) problem_.Keep(problem);
+    return result;
 }
 
 void KelSatellite::Impl::PingLater(const char* name, const char* host, unsigned short port, int satId,

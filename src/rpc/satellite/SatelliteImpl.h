@@ -3,9 +3,11 @@
 
 #include "rpc/satellite/Answers.h"
 #include "rpc/satellite/KelSatellite.h"
+#include "rpc/satellite/LastProblem.h"
 #include "rpc/satellite/MethodTable.h"
 #include "rpc/satellite/Session.h"
 
+#include <chrono>
 #include <optional>
 #include <string>
 
@@ -29,12 +31,14 @@ public:
     kel::MethodPtr FindMethod(const char* name) const { return methods_.Find(name); }
     const char* name() const { return name_.c_str(); }
     unsigned short port();
+    CStdStr LastProblem() { return problem_.Get(); }
 
     int Request(const char* satellite, const char* method, const tagVARIANT& in, tagVARIANT* out, KELFLAGS flags,
-                tagVARIANT* extra);
+                tagVARIANT* extra, std::chrono::milliseconds timeout);
     bool WaitForOneWayRoom(const char* satellite, int milliseconds);
     void ForgetAddress(const char* satellite);
-    int Ping(const char* name, const char* host, unsigned short port, int satId, KELSTATUS* status);
+    int Ping(const char* name, const char* host, unsigned short port, int satId, KELSTATUS* status,
+             std::chrono::milliseconds timeout);
     void PingLater(const char* name, const char* host, unsigned short port, int satId, PingHandler heard);
 
 private:
@@ -48,6 +52,7 @@ private:
     KelSatellite& satellite_;
     kel::MethodTable methods_;
     kel::Subscriptions subscriptions_;  // kept over Disconnect, as the methods are
+    kel::LastProblem problem_;
 
     // The owner's thread's and, while an endpoint exists and they cannot change, its workers'.
     CStdStr name_;

@@ -16,9 +16,10 @@ namespace kel {
 struct Session {
     // With `own`, where this machine's directory listens, it goes on looking for its directory.
     Session(transport::Endpoint::Receiver receiver, const transport::Address& directory, const CStdStr& name,
-            Link::Role role, const MethodTable& methods, Subscriptions& subscriptions, Standing::StatusHandler changed,
-            const std::optional<transport::Address>& own)
-        : link(std::move(receiver), directory, name, role), standing(link, methods, subscriptions, std::move(changed)) {
+            Link::Role role, const MethodTable& methods, Subscriptions& subscriptions, LastProblem& problem,
+            Standing::StatusHandler changed, const std::optional<transport::Address>& own)
+        : link(std::move(receiver), directory, name, role),
+          standing(link, methods, subscriptions, problem, std::move(changed)) {
         if (own && !IsDirectoryName(name)) mover.emplace(link, standing, *own);
     }
 
@@ -48,7 +49,7 @@ public:
 
 private:
     PMutex lock_;
-    SessionPtr session_ GUARDED_BY(lock_);
+    SessionPtr session_ KEL_GUARDED_BY(lock_);
 };
 
 }  // namespace kel

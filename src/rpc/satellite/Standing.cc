@@ -27,7 +27,6 @@ namespace {
 
 constexpr int kelProtocolVersion = 1;
 constexpr std::chrono::seconds registrationGrace{2};
-constexpr int satelliteIsUnknown = 0x40002;  // the directory's answer to "GetSatelliteId"
 
 constexpr const char* listenMethod = "AddServiceAvailabilityListener";
 constexpr const char* stopListeningMethod = "RemoveServiceAvailabilityListener";
@@ -38,15 +37,15 @@ std::string HostName() {
     return name;
 }
 
-ScopedVariant ArrayOf(const std::vector<CStdStr>& texts) {
-    ScopedVariant array;
-    VUtil::CreateArray(array, VT_VARIANT, texts.size());
-    for (size_t i = 0; i < texts.size(); ++i) VUtil::PutElement(array, static_cast<int>(i), texts[i]);
-    return array;
-}
-
-ScopedVariant ArrayOf(const std::set<CStdStr>& texts) {
-    return ArrayOf(std::vector<CStdStr>(texts.begin(), texts.end()));
+// Of a call that did not end well.
+std::string WhyRefused(const Outcome& outcome, const Address& directory) {
+    const int code = outcome.message.code;
+    if (outcome.end == Outcome::End::failed) {
+        if (code == KEL_UNKNOWN_METHOD) return directory.text() + noDirectory;
+        return "the directory at " + directory.text() + " failed: " + outcome.problem;
+    }
+    if (outcome.end != Outcome::End::answered) return outcome.problem;
+    return "the directory at " + directory.text() + " says: " + KelResultText(code);
 }
 
 bool IsSame(const std::weak_ptr<Connection>& one, const std::weak_ptr<Connection>& other) {
@@ -118,8 +117,17 @@ private:
     Names Due::*const what_;
 };
 
-Standing::Standing(Link& link, const MethodTable& methods, Subscriptions& subscriptions, StatusHandler changed)
-    : link_(link), methods_(methods), subscriptions_(subscriptions), changed_(std::move(changed)) {}
+Standing::Standing(Link& link, const MethodTable& methods, Subscriptions& subscriptions, LastProblem& problem,
+                   StatusHandler changed)
+    : link_(link), methods_(methods), subscriptions_(subscriptions), problem_(problem), changed_(std::move(changed)) {}
+
+// Of a call that the author waits for.
+Outcome Standing::Tell(const char* method, const tagVARIANT& in) {
+    const Address directory = link_.addresses.directory();
+    Outcome outcome = link_.CallAt(directory, method, in, callTimeout);
+    if (CodeOf(outcome) != KEL_OK) problem_.Keep(WhyRefused(outcome, directory));
+    return outcome;
+}
 
 int Standing::GetSatelliteId(int* id) {
     PMutexHold hold(lock_);
@@ -165,26 +173,11 @@ ScopedVariant Standing::Record(const Services& services) {
 
 // The record of seven that "Register", "UnRegister" and "RemoveSatellite" take.
 ScopedVariant Standing::RecordWithId(const Services& services, int satId) {
+    ScopedVariant list = VUtil::MakeListOf(
+        services, [](const Service& service) { return VUtil::MakeList(service.name, service.description); });
+    const unsigned short port = link_.endpoint.port();
     const int count = static_cast<int>(services.size());
-    ScopedVariant list;
-    VUtil::CreateArray(list, VT_VARIANT, services.size());
-    for (int i = 0; i < count; ++i) {
-        ScopedVariant entry;
-        VUtil::CreateArray(entry, VT_VARIANT, 2);
-        VUtil::PutElement(entry, 0, services[i].name);
-        VUtil::PutElement(entry, 1, services[i].description);
-        VUtil::PutElement(list, i, static_cast<const tagVARIANT&>(entry));
-    }
-    ScopedVariant record;
-    VUtil::CreateArray(record, VT_VARIANT, 7);
-    VUtil::PutElement(record, 0, link_.self);
-    VUtil::PutElement(record, 1, HostName().c_str());
-    VUtil::PutElement(record, 2, static_cast<unsigned short>(link_.endpoint.port()));
-    VUtil::PutElement(record, 3, kelProtocolVersion);
-    VUtil::PutElement(record, 4, satId);
-    VUtil::PutElement(record, 5, count);
-    VUtil::PutElement(record, 6, static_cast<const tagVARIANT&>(list));
-    return record;
+    return VUtil::MakeList(link_.self, HostName(), port, kelProtocolVersion, satId, count, std::move(list));
 }
 
 // --- Registering and leaving -----------------------------------------------------------------------------------------
@@ -194,7 +187,7 @@ ScopedVariant Standing::RecordWithId(const Services& services, int satId) {
 int Standing::RegisterThese(const Services& services, bool& isNew, const Elsewhere& elsewhere) {
     isNew = false;
     const Outcome outcome = elsewhere ? link_.CallAt(*elsewhere, "Register", RecordWithId(services, 0), callTimeout)
-                                      : link_.CallDirectory("Register", Record(services), callTimeout);
+                                      : Tell("Register", Record(services));
     const int code = CodeOf(outcome);
     if (outcome.end == Outcome::End::failed) {
         CBBLog::error(LibraryLogger(), "libkel: the directory cannot register %s: %s", link_.self.c_str(),
@@ -208,6 +201,7 @@ int Standing::RegisterThese(const Services& services, bool& isNew, const Elsewhe
         satId = VUtil::GetIntElement(outcome.message.value, 1);
     } catch (const KelException& error) {  // what answers there is no directory
         CBBLog::error(LibraryLogger(), "libkel: %s was not registered: %s", link_.self.c_str(), error.GetMessage());
+        problem_.Keep((elsewhere ? *elsewhere : link_.addresses.directory()).text() + noDirectory);
         return KEL_UNREACHABLE;
     }
     {
@@ -290,7 +284,7 @@ int Standing::Unregister(bool leave) {
         Taken taken(*this, &Due::services);
         Services services = methods_.All();
         for (const CStdStr& name : taken.names) services.push_back({name, ""});
-        const int code = CodeOf(link_.CallDirectory("UnRegister", Record(services), callTimeout));
+        const int code = CodeOf(Tell("UnRegister", Record(services)));
         if (code != KEL_OK) return code;
         taken.names.clear();
     }
@@ -299,7 +293,7 @@ int Standing::Unregister(bool leave) {
         PMutexHold hold(lock_);
         registered_ = reportedGone_ = false;
     }
-    return CodeOf(link_.CallDirectory("RemoveSatellite", Record({}), callTimeout));
+    return CodeOf(Tell("RemoveSatellite", Record({})));
 }
 
 // --- Telling what is due ---------------------------------------------------------------------------------------------
@@ -338,7 +332,7 @@ int Standing::TellServices(const Names& names) {
     Services withdrawn;
     for (const CStdStr& name : gone) withdrawn.push_back({name, ""});
     if (!withdrawn.empty()) {
-        const int code = CodeOf(link_.CallDirectory("UnRegister", Record(withdrawn), callTimeout));
+        const int code = CodeOf(Tell("UnRegister", Record(withdrawn)));
         if (code != KEL_OK) return code;
     }
     bool isNew;
@@ -355,10 +349,10 @@ int Standing::TellSubscriptions(const Names& names) {
         }
     }
     if (!unwanted.empty()) {
-        const int code = CodeOf(link_.CallDirectory(stopListeningMethod, ArrayOf(unwanted), callTimeout));
+        const int code = CodeOf(Tell(stopListeningMethod, VUtil::MakeListOf(unwanted)));
         if (code != KEL_OK) return code;
     }
-    return wanted.empty() ? KEL_OK : CodeOf(link_.CallDirectory(listenMethod, ArrayOf(wanted), callTimeout));
+    return wanted.empty() ? KEL_OK : CodeOf(Tell(listenMethod, VUtil::MakeListOf(wanted)));
 }
 
 // In a turn.
@@ -409,7 +403,7 @@ bool Standing::IsAnswered(const Outcome& answer) {
 // The directory has said which id this satellite has, which took itself for `satId` when it asked.
 void Standing::Heed(int satId, const Outcome& answer) {
     const wire::Message& said = answer.message;
-    bool known = said.code != satelliteIsUnknown;
+    bool known = said.code != KEL_UNKNOWN_NAME;
     if (said.code == KEL_OK && said.value.vt == VT_I4) known = said.value.lVal == satId;
     const Turn turn(*this);
     {

@@ -4,6 +4,7 @@
 #include "foundation/Locks.h"
 #include "foundation/SaidOnce.h"
 #include "rpc/satellite/KelSatellite.h"
+#include "rpc/satellite/LastProblem.h"
 #include "rpc/satellite/Link.h"
 #include "rpc/satellite/MethodTable.h"
 
@@ -26,9 +27,10 @@ class Standing {
 public:
     using StatusHandler = std::function<void(int satId, KELSTATUS status)>;
 
-    // `changed` is called, on a worker thread, when the directory has lost the satellite or has it again. All of these
-    // outlive the object.
-    Standing(Link& link, const MethodTable& methods, Subscriptions& subscriptions, StatusHandler changed);
+    // `changed` is called, on a worker thread, when the directory has lost the satellite or has it again. `problem`
+    // is told why the directory refused what it was told. All of these outlive the object.
+    Standing(Link& link, const MethodTable& methods, Subscriptions& subscriptions, LastProblem& problem,
+             StatusHandler changed);
 
     int Register();
     int Unregister(bool leave);
@@ -70,6 +72,7 @@ private:
     class Turn;
     using Elsewhere = std::optional<transport::Address>;  // a directory to move to
 
+    transport::Outcome Tell(const char* method, const tagVARIANT& in);
     ScopedVariant Record(const Services& services);
     ScopedVariant RecordWithId(const Services& services, int satId);
     int RegisterThese(const Services& services, bool& isNew, const Elsewhere& elsewhere = {});
@@ -83,27 +86,28 @@ private:
     bool IsAnswered(const transport::Outcome& answer);
     bool ReportGone(const Elsewhere& elsewhere = {});
     void Report(int satId, KELSTATUS status);
-    void AllIsDue() REQUIRES(lock_);
-    void SubscriptionsAreDue() REQUIRES(lock_);
+    void AllIsDue() KEL_REQUIRES(lock_);
+    void SubscriptionsAreDue() KEL_REQUIRES(lock_);
 
     Link& link_;
     const MethodTable& methods_;
     Subscriptions& subscriptions_;
+    LastProblem& problem_;
     const StatusHandler changed_;
 
     SaidOnce directoryMissing_;  // when it was asked last
     SaidOnce settlingFails_;     // when the directory was told last
 
     PCondMutex lock_;  // broadcast when the turn is free again and when `satId_` changes
-    bool turnTaken_ GUARDED_BY(lock_) = false;
-    bool registered_ GUARDED_BY(lock_) = false;  // changed only by who has the turn, like the two after it
-    int satId_ GUARDED_BY(lock_) = 0;
-    CStdStr serverId_ GUARDED_BY(lock_);
-    bool ending_ GUARDED_BY(lock_) = false;  // nothing registers it any more
-    bool reportedGone_ GUARDED_BY(lock_) = false;
-    Due due_ GUARDED_BY(lock_);
+    bool turnTaken_ KEL_GUARDED_BY(lock_) = false;
+    bool registered_ KEL_GUARDED_BY(lock_) = false;  // changed only by who has the turn, like the two after it
+    int satId_ KEL_GUARDED_BY(lock_) = 0;
+    CStdStr serverId_ KEL_GUARDED_BY(lock_);
+    bool ending_ KEL_GUARDED_BY(lock_) = false;  // nothing registers it any more
+    bool reportedGone_ KEL_GUARDED_BY(lock_) = false;
+    Due due_ KEL_GUARDED_BY(lock_);
     // Where the directory said last that it knows this satellite.
-    std::weak_ptr<transport::Connection> knownOver_ GUARDED_BY(lock_);
+    std::weak_ptr<transport::Connection> knownOver_ KEL_GUARDED_BY(lock_);
 };
 
 }  // namespace kel

@@ -73,9 +73,9 @@ public:
 
 private:
     PMutex lock_;
-    std::unordered_map<uint32_t, AnswerHandler> calls_ GUARDED_BY(lock_);
-    uint32_t next_ GUARDED_BY(lock_) = 0;
-    bool closed_ GUARDED_BY(lock_) = false;
+    std::unordered_map<uint32_t, AnswerHandler> calls_ KEL_GUARDED_BY(lock_);
+    uint32_t next_ KEL_GUARDED_BY(lock_) = 0;
+    bool closed_ KEL_GUARDED_BY(lock_) = false;
 };
 
 }  // namespace kel::transport

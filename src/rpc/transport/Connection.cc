@@ -271,7 +271,7 @@ bool Connection::RunMessages(Batch& batch) {
             PassTurn();
             return false;
         }
-        Close(noMessage);
+        CloseForNoMessage();
     }
 }
 
@@ -348,7 +348,7 @@ bool Connection::TakeMessage(wire::Message& message) {
     SkipMessage();
     if (!good) {
         EndHold();
-        Close(noMessage);
+        CloseForNoMessage();
     }
     return good;
 }
@@ -421,6 +421,7 @@ void Connection::RunQueuedNotifications() {
             if (wire::Decode(bytes.data(), bytes.size(), message)) {
                 owner_.OnCall(shared_from_this(), message);
             } else {
+                spokeOtherwise_ = true;
                 Cut(noMessage);
             }
         }
@@ -571,7 +572,7 @@ bool Connection::ReadAnswers(const std::function<bool()>& isThere, Deadline dead
 bool Connection::CompleteCalls() {
     for (;;) {
         const Frame frame = LookForMessage();
-        if (frame == Frame::malformed) Close(noMessage);
+        if (frame == Frame::malformed) CloseForNoMessage();
         if (frame != Frame::complete || closed_) return true;
         if (!IsOf(wire::MessageKind::response)) return false;
         wire::Message answer;
@@ -586,6 +587,11 @@ void Connection::Close(const char* reason) {
         if (!CBBLog::isDebugEnabled()) return;
         CBBLog::debug(LibraryLogger(), "libkel: connection to %s closed: %s", peer_.c_str(), reason);
     });
+}
+
+void Connection::CloseForNoMessage() {
+    spokeOtherwise_ = true;
+    Close(noMessage);
 }
 
 void Connection::Fail(const char* problem) {

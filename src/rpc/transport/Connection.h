@@ -120,6 +120,8 @@ public:
     in_addr peerAddress() const { return peerAddress_; }
     bool openedByPeer() const { return opener_ == Opener::peer; }
     bool closed() const { return closed_; }
+    // Whether it was closed because the peer sent what is no message.
+    bool spokeOtherwise() const { return spokeOtherwise_; }
     // Whether CloseIfIdle has closed it.
     bool gaveRoom() const { return gaveRoom_; }
 
@@ -145,6 +147,7 @@ private:
     void OrFail(Code&& code);
     // Ends the connection because of `problem`, which goes to the log.
     void Fail(const char* problem);
+    void CloseForNoMessage();
     template <typename Say>
     void End(Say&& say);
     void Due(unsigned reason) { owner_.pool().queue().Add(shared_from_this(), reason); }
@@ -192,6 +195,7 @@ private:
     std::atomic<bool> closed_{false};
     std::atomic<bool> used_{false};  // something was sent
     std::atomic<bool> gaveRoom_{false};
+    std::atomic<bool> spokeOtherwise_{false};
     std::atomic<bool> peerEnded_{false};  // the system has said so; there may be bytes before the end
     std::atomic<bool> watchesWriting_{false};
     std::atomic<bool> workersRead_;

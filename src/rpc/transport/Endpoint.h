@@ -60,7 +60,7 @@ private:
     Listener::Room HasRoom();
     bool MakeRoom(Connection::Opener forOneOf, const boost::system::error_code& shortage);
     bool CloseIdleInbound();
-    std::vector<ConnectionPtr> LongestIdle() REQUIRES(lock_);
+    std::vector<ConnectionPtr> LongestIdle() KEL_REQUIRES(lock_);
     bool IsCrowded();
     void OnAccepted(Descriptor socket, const sockaddr_in& peer);
     bool HasBacklog();
@@ -84,18 +84,18 @@ private:
     std::chrono::milliseconds period_{0};
     WorkerPool::Chore armTimer_{[this] { ArmTimer(); }};
     PMutex timerLock_;
-    Timer timer_ GUARDED_BY(timerLock_);
+    Timer timer_ KEL_GUARDED_BY(timerLock_);
 
     std::atomic<bool> looking_{false};  // at unfinished messages, from time to time
     WorkerPool::Chore armLook_{[this] { ArmLook(); }};
-    Timer lookTimer_ GUARDED_BY(timerLock_);
+    Timer lookTimer_ KEL_GUARDED_BY(timerLock_);
 
     PMutex lock_;
-    std::unordered_set<ConnectionPtr> connections_ GUARDED_BY(lock_);
-    size_t inbound_ GUARDED_BY(lock_) = 0;  // of them
-    bool closed_ GUARDED_BY(lock_) = false;
-    Deadline nextCutWarning_ GUARDED_BY(lock_){};
-    Deadline nextRoomWarning_ GUARDED_BY(lock_){};
+    std::unordered_set<ConnectionPtr> connections_ KEL_GUARDED_BY(lock_);
+    size_t inbound_ KEL_GUARDED_BY(lock_) = 0;  // of them
+    bool closed_ KEL_GUARDED_BY(lock_) = false;
+    Deadline nextCutWarning_ KEL_GUARDED_BY(lock_){};
+    Deadline nextRoomWarning_ KEL_GUARDED_BY(lock_){};
 
     std::atomic<bool> scarce_{false};    // a connection has touched the reserve of descriptors, now or once
     std::atomic<bool> madeRoom_{false};  // for it, by closing others, whose descriptors may still be open

@@ -8,7 +8,7 @@ namespace {
 
 struct LoggerSlot {
     PMutex lock;
-    boost::weak_ptr<CBBLog> logger GUARDED_BY(lock);
+    boost::weak_ptr<CBBLog> logger KEL_GUARDED_BY(lock);
 };
 
 // Never destroyed: threads of satellites that live to the end of the process may still log.

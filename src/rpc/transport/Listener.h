@@ -52,8 +52,8 @@ private:
     bool paused_ = false;  // touched only by the handlers of the two waits, of which one is under way at a time
 
     PMutex lock_;
-    Acceptor acceptor_ GUARDED_BY(lock_);
-    Timer retry_ GUARDED_BY(lock_);
+    Acceptor acceptor_ KEL_GUARDED_BY(lock_);
+    Timer retry_ KEL_GUARDED_BY(lock_);
 };
 
 }  // namespace kel::transport

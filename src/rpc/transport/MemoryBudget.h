@@ -76,7 +76,7 @@ private:
         std::deque<Waiter> waiting;
     };
 
-    Kind& KindOf(size_t bytes) REQUIRES(lock_) { return bytes <= middlingCallBytes ? middling_ : large_; }
+    Kind& KindOf(size_t bytes) KEL_REQUIRES(lock_) { return bytes <= middlingCallBytes ? middling_ : large_; }
     void Give(size_t bytes);
     bool GoOnWithNext(size_t ofKind);
 
@@ -84,8 +84,8 @@ private:
     std::atomic<ptrdiff_t> buffers_{0};
 
     PMutex lock_;
-    Kind middling_ GUARDED_BY(lock_){maxMiddlingCallsBytes};
-    Kind large_ GUARDED_BY(lock_){maxLargeCallsBytes};
+    Kind middling_ KEL_GUARDED_BY(lock_){maxMiddlingCallsBytes};
+    Kind large_ KEL_GUARDED_BY(lock_){maxLargeCallsBytes};
 };
 
 }  // namespace kel::transport

@@ -68,7 +68,7 @@ public:
     }
 
 private:
-    ptrdiff_t Empty() REQUIRES(lock_) {
+    ptrdiff_t Empty() KEL_REQUIRES(lock_) {
         const ptrdiff_t held = Counting(bytes_.capacity());
         bytes_ = std::string();
         begin_ = 0;
@@ -77,9 +77,9 @@ private:
 
     std::atomic<size_t> waiting_{0};
     PMutex lock_;
-    std::string bytes_ GUARDED_BY(lock_);  // one behind the other
-    size_t begin_ GUARDED_BY(lock_) = 0;
-    bool running_ GUARDED_BY(lock_) = false;
+    std::string bytes_ KEL_GUARDED_BY(lock_);  // one behind the other
+    size_t begin_ KEL_GUARDED_BY(lock_) = 0;
+    bool running_ KEL_GUARDED_BY(lock_) = false;
 };
 
 }  // namespace kel::transport

@@ -71,6 +71,12 @@ void Settle(Outcome& outcome, CallEnd end, wire::Message& message, const std::st
     }
 }
 
+// Of a connection that the other side ended.
+std::string HowItEnded(const Connection& connection, const Address& to, const char* when) {
+    if (connection.spokeOtherwise()) return to.text() + " answers, but not as a satellite does";
+    return to.text() + " closed the connection " + when;
+}
+
 }  // namespace
 
 // One attempt to connect. Kept alive by its operations.
@@ -120,7 +126,7 @@ private:
         if (!finished_) ConnectTo(endpoint);
     }
 
-    void ConnectTo(const tcp::endpoint& endpoint) REQUIRES(lock_) {
+    void ConnectTo(const tcp::endpoint& endpoint) KEL_REQUIRES(lock_) {
         socket_.async_connect(endpoint, [self = shared_from_this(), endpoint](const boost::system::error_code& error) {
             self->OrFail([&] {
                 if (!IsShortage(error) || !self->TryAgain(endpoint, error)) self->Finish(error);
@@ -163,12 +169,12 @@ private:
     Outbound& outbound_;
     const Address to_;
     PMutex lock_;
-    bool finished_ GUARDED_BY(lock_) = false;
-    Socket socket_ GUARDED_BY(lock_);
-    Resolver resolver_ GUARDED_BY(lock_);
-    Timer timer_ GUARDED_BY(lock_);
-    Timer retry_ GUARDED_BY(lock_);
-    Deadline shortageEnd_ GUARDED_BY(lock_);
+    bool finished_ KEL_GUARDED_BY(lock_) = false;
+    Socket socket_ KEL_GUARDED_BY(lock_);
+    Resolver resolver_ KEL_GUARDED_BY(lock_);
+    Timer timer_ KEL_GUARDED_BY(lock_);
+    Timer retry_ KEL_GUARDED_BY(lock_);
+    Deadline shortageEnd_ KEL_GUARDED_BY(lock_);
 };
 
 // A call that no thread waits for: it ends once, with an answer, without a connection or when its time is up. Kept
@@ -236,10 +242,10 @@ private:
 
     const CallHandler handler_;
     PMutex lock_;
-    bool finished_ GUARDED_BY(lock_) = false;
-    Timer timer_ GUARDED_BY(lock_);
-    std::weak_ptr<Connection> over_ GUARDED_BY(lock_);  // once it was sent
-    uint32_t id_ GUARDED_BY(lock_) = 0;                 // there
+    bool finished_ KEL_GUARDED_BY(lock_) = false;
+    Timer timer_ KEL_GUARDED_BY(lock_);
+    std::weak_ptr<Connection> over_ KEL_GUARDED_BY(lock_);  // once it was sent
+    uint32_t id_ KEL_GUARDED_BY(lock_) = 0;                 // there
 };
 
 Outbound::Outbound(WorkerPool& pool, Adopt adopt, Shortage shortage)
@@ -365,7 +371,7 @@ Outcome Outbound::Call(const Address& to, std::string_view method, std::string_v
         if (begun == Connection::Begun::closed) {
             Forget(connection);  // it closed before the call: nothing was sent
             if (outcome.reused || connection->gaveRoom()) continue;
-            outcome.problem = to.text() + " closed the connection at once";
+            outcome.problem = HowItEnded(*connection, to, "at once");
             return outcome;
         }
         pool_.AboutToBlock();
@@ -377,6 +383,7 @@ Outcome Outbound::Call(const Address& to, std::string_view method, std::string_v
         }
         if (answer) {
             Settle(outcome, answer->end, answer->message, to.text());
+            if (answer->end == CallEnd::lost) outcome.problem = HowItEnded(*connection, to, "before it answered");
         } else {
             connection->Abandon(id);
             outcome.end = Outcome::End::noAnswer;

@@ -96,10 +96,10 @@ private:
     const Shortage shortage_;
 
     PMutex lock_;
-    std::unordered_map<Address, Slot, HashAddress> slots_ GUARDED_BY(lock_);
-    std::unordered_map<const Connection*, Address> addresses_ GUARDED_BY(lock_);
-    bool closed_ GUARDED_BY(lock_) = false;
-    size_t nextBucket_ GUARDED_BY(lock_) = 0;  // of the slots, to look at when room is needed
+    std::unordered_map<Address, Slot, HashAddress> slots_ KEL_GUARDED_BY(lock_);
+    std::unordered_map<const Connection*, Address> addresses_ KEL_GUARDED_BY(lock_);
+    bool closed_ KEL_GUARDED_BY(lock_) = false;
+    size_t nextBucket_ KEL_GUARDED_BY(lock_) = 0;  // of the slots, to look at when room is needed
 };
 
 }  // namespace kel::transport

@@ -67,31 +67,31 @@ public:
     std::vector<Drain> Close();
 
 private:
-    size_t Waiting() const REQUIRES(lock_) { return backlog_.size() - sent_; }
-    bool WriteSome(std::string_view& bytes) REQUIRES(lock_);
-    ssize_t WriteBacklog() REQUIRES(lock_);
-    ptrdiff_t Flush(std::vector<Drain>& drained) REQUIRES(lock_);
-    ptrdiff_t Block() REQUIRES(lock_);
-    ptrdiff_t Empty(std::vector<Drain>& drained) REQUIRES(lock_);
-    ptrdiff_t Count(size_t bytes) REQUIRES(lock_);
+    size_t Waiting() const KEL_REQUIRES(lock_) { return backlog_.size() - sent_; }
+    bool WriteSome(std::string_view& bytes) KEL_REQUIRES(lock_);
+    ssize_t WriteBacklog() KEL_REQUIRES(lock_);
+    ptrdiff_t Flush(std::vector<Drain>& drained) KEL_REQUIRES(lock_);
+    ptrdiff_t Block() KEL_REQUIRES(lock_);
+    ptrdiff_t Empty(std::vector<Drain>& drained) KEL_REQUIRES(lock_);
+    ptrdiff_t Count(size_t bytes) KEL_REQUIRES(lock_);
     void Tell(ptrdiff_t growth, const std::vector<Drain>& drained);
-    void ArmStallTimer() REQUIRES(lock_);
+    void ArmStallTimer() KEL_REQUIRES(lock_);
     void OnStalled();
 
     const int socket_;
     Owner& owner_;
 
     PMutex lock_;
-    Timer stallTimer_ GUARDED_BY(lock_);
-    std::string backlog_ GUARDED_BY(lock_);
-    size_t sent_ GUARDED_BY(lock_) = 0;     // of it
-    size_t counted_ GUARDED_BY(lock_) = 0;  // of the budget
-    int holds_ GUARDED_BY(lock_) = 0;
-    bool gathers_ GUARDED_BY(lock_) = false;     // a thread is about to send calls of others with its own
-    bool blocked_ GUARDED_BY(lock_) = false;     // until the socket is writable
-    bool hasAnswers_ GUARDED_BY(lock_) = false;  // the backlog
-    bool closed_ GUARDED_BY(lock_) = false;
-    std::vector<Drain> drains_ GUARDED_BY(lock_);
+    Timer stallTimer_ KEL_GUARDED_BY(lock_);
+    std::string backlog_ KEL_GUARDED_BY(lock_);
+    size_t sent_ KEL_GUARDED_BY(lock_) = 0;     // of it
+    size_t counted_ KEL_GUARDED_BY(lock_) = 0;  // of the budget
+    int holds_ KEL_GUARDED_BY(lock_) = 0;
+    bool gathers_ KEL_GUARDED_BY(lock_) = false;     // a thread is about to send calls of others with its own
+    bool blocked_ KEL_GUARDED_BY(lock_) = false;     // until the socket is writable
+    bool hasAnswers_ KEL_GUARDED_BY(lock_) = false;  // the backlog
+    bool closed_ KEL_GUARDED_BY(lock_) = false;
+    std::vector<Drain> drains_ KEL_GUARDED_BY(lock_);
 };
 
 }  // namespace kel::transport

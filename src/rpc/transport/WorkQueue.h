@@ -78,22 +78,22 @@ private:
         uint32_t generation = 0;  // of the sockets that had the number
     };
 
-    void Append(Work& work, const WorkPtr& self, unsigned reasons) REQUIRES(lock_);
-    Due Pop() REQUIRES(lock_);
-    void AddEvents(const platform::SocketEvents::Event* events, int count) REQUIRES(lock_);
+    void Append(Work& work, const WorkPtr& self, unsigned reasons) KEL_REQUIRES(lock_);
+    Due Pop() KEL_REQUIRES(lock_);
+    void AddEvents(const platform::SocketEvents::Event* events, int count) KEL_REQUIRES(lock_);
     void Look(int milliseconds);
 
     platform::SocketEvents events_;
 
     PMutex lock_;
-    Work* first_ GUARDED_BY(lock_) = nullptr;
-    Work* last_ GUARDED_BY(lock_) = nullptr;
-    size_t queued_ GUARDED_BY(lock_) = 0;
-    size_t leftOfRound_ GUARDED_BY(lock_) = 0;
-    int waiting_ GUARDED_BY(lock_) = 0;  // threads
-    bool woken_ GUARDED_BY(lock_) = false;
-    bool stopped_ GUARDED_BY(lock_) = false;
-    std::vector<Watched> watched_ GUARDED_BY(lock_);  // by socket
+    Work* first_ KEL_GUARDED_BY(lock_) = nullptr;
+    Work* last_ KEL_GUARDED_BY(lock_) = nullptr;
+    size_t queued_ KEL_GUARDED_BY(lock_) = 0;
+    size_t leftOfRound_ KEL_GUARDED_BY(lock_) = 0;
+    int waiting_ KEL_GUARDED_BY(lock_) = 0;  // threads
+    bool woken_ KEL_GUARDED_BY(lock_) = false;
+    bool stopped_ KEL_GUARDED_BY(lock_) = false;
+    std::vector<Watched> watched_ KEL_GUARDED_BY(lock_);  // by socket
 };
 
 // A piece of work that is done once.

@@ -117,27 +117,27 @@ private:
     void Relieve(Worker& worker);
     void Rejoin(Worker& worker);
     bool Inspect();
-    bool GiveUpThoseHeldUp() REQUIRES(lock_);
+    bool GiveUpThoseHeldUp() KEL_REQUIRES(lock_);
     void JoinEnded();
     void WakeHousekeeper();
     bool DoChores();
     bool MaySleep();
     void TidyIfDue();
-    void PromoteOne() REQUIRES(lock_);
-    bool StartWorker() REQUIRES(lock_);
+    void PromoteOne() KEL_REQUIRES(lock_);
+    bool StartWorker() KEL_REQUIRES(lock_);
 
     std::atomic<bool> stopping_{false};
 
     PMutex lock_;
-    std::vector<std::unique_ptr<Worker>> workers_ GUARDED_BY(lock_);
-    std::vector<Worker*> parked_ GUARDED_BY(lock_);
-    int active_ GUARDED_BY(lock_) = 0;    // workers that take work from the queue, or are about to
-    size_t ended_ GUARDED_BY(lock_) = 0;  // workers whose threads are to be joined
-    bool complained_ GUARDED_BY(lock_) = false;
+    std::vector<std::unique_ptr<Worker>> workers_ KEL_GUARDED_BY(lock_);
+    std::vector<Worker*> parked_ KEL_GUARDED_BY(lock_);
+    int active_ KEL_GUARDED_BY(lock_) = 0;    // workers that take work from the queue, or are about to
+    size_t ended_ KEL_GUARDED_BY(lock_) = 0;  // workers whose threads are to be joined
+    bool complained_ KEL_GUARDED_BY(lock_) = false;
 
     PMutex choresLock_;
-    Chore* chores_ GUARDED_BY(choresLock_) = nullptr;  // that are due
-    std::atomic<bool> asleep_{false};                  // the housekeeper
+    Chore* chores_ KEL_GUARDED_BY(choresLock_) = nullptr;  // that are due
+    std::atomic<bool> asleep_{false};                      // the housekeeper
     std::atomic<bool> untidy_{false};
     std::vector<Worker*> relieved_;                                // the housekeeper's
     std::optional<std::chrono::steady_clock::time_point> tidyAt_;  // likewise

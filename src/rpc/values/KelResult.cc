@@ -32,16 +32,20 @@ CStdStr KelResultText(int code) {
             return "there is no descriptor, memory or place for this now";
         case KEL_LIMIT_REACHED:
             return "the directory keeps no more of that kind for one satellite";
-        case 0x40001:
+        case KEL_UNREADABLE_PARAMETERS:
             return "the directory cannot read the parameters";
-        case 0x40002:
+        case KEL_UNKNOWN_NAME:
             return "the directory knows no satellite of this name";
-        case 0x4000a:
+        case KEL_UNKNOWN_SATELLITE:
             return "the directory knows no satellite of this name and id";
-        case 0x40010:
+        case KEL_NAME_TAKEN:
             return "a living satellite of this name is already registered, or registers right now";
-        case 0x40017:
+        case KEL_SATELLITE_SILENT:
             return "the satellite does not answer";
+        case KEL_WRONG_PARAMETER:
+            return "result 0x1: of the directory, that a parameter is of the wrong type";
+        case KEL_REMOVED_MEANWHILE:
+            return "result 0x1e: of the directory, that it has removed the satellite meanwhile";
         default:
             break;
     }

@@ -4,15 +4,14 @@
 // element 0 of an out-parameter is a VT_I4 return code, 0 for success. A pair is an array of two variants, a text key
 // and a value; a pair list is an array of variants that hold a pair each, or are empty.
 //
-//     VUtil::CreateArray(*out, VT_VARIANT, 2);
-//     VUtil::PutElement(*out, 0, 0);
-//     VUtil::PutElement(*out, 1, VUtil::GetStringElement(in, 0));
+//     *out = VUtil::MakeList(0, VUtil::GetStringElement(in, 0)).release();
 //
-// Every misuse (wrong type, wrong length, index out of range) throws KelInvalidParameterException, which a method may
-// let travel to its caller. Nothing is changed by a call that throws, unless its comment says so.
+// Every misuse (wrong type, wrong length, index out of range, a number or text that does not fit) throws
+// KelInvalidParameterException, which a method may let travel to its caller. Nothing is changed by a call that throws,
+// unless its comment says so.
 //
-// A `long` here is a number of 32 bits in the variant, VT_I4 or VT_UI4; for 64 bits use (unsigned) long long, which
-// int64_t is not. Indexes count from 0. Threads: as for the values themselves (Variant.h).
+// A `long` here is a number of 32 bits in the variant, VT_I4 or VT_UI4, and a larger one throws; for 64 bits use
+// (unsigned) long long, which int64_t is not. Indexes count from 0. Threads: as for the values themselves (Variant.h).
 #pragma once
 
 #include "foundation/Export.h"
@@ -22,9 +21,54 @@
 
 #include <cstddef>
 #include <map>
+#include <string>
+#include <string_view>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+namespace kel {
+
+// What a list may hold: no pointer but to a text.
+template <typename T>
+constexpr bool isListable = !std::is_pointer_v<std::decay_t<T>> ||
+                            std::is_same_v<std::remove_cv_t<std::remove_pointer_t<std::decay_t<T>>>, char>;
+
+}  // namespace kel
 
 class KEL_API VUtil {
 public:
+    // --- Lists: arrays of variants, made of values as PutElement takes them, lists among them ---
+
+    template <typename... Values, typename = std::enable_if_t<(kel::isListable<Values> && ...)>>
+    static ScopedVariant MakeList(Values&&... values) {
+        ScopedVariant list;
+        CreateArray(list, VT_VARIANT, sizeof...(values));
+        [[maybe_unused]] int i = 0;
+        (PutElement(list, i++, std::forward<Values>(values)), ...);
+        return list;
+    }
+    // Of what `each` makes of every element of `range`.
+    template <typename Range, typename Each>
+    static ScopedVariant MakeListOf(const Range& range, Each&& each) {
+        ScopedVariant list;
+        CreateArray(list, VT_VARIANT, range.size());
+        int i = 0;
+        for (const auto& element : range) PutElement(list, i++, each(element));
+        return list;
+    }
+    // Of the elements themselves.
+    template <typename Range, typename = std::enable_if_t<kel::isListable<typename Range::value_type>>>
+    static ScopedVariant MakeListOf(const Range& range) {
+        ScopedVariant list;
+        CreateArray(list, VT_VARIANT, range.size());
+        int i = 0;
+        for (const auto& element : range) PutElement(list, i++, element);
+        return list;
+    }
+    // The bytes, as VT_ARRAY|VT_UI1.
+    static ScopedVariant MakeBytes(const void* data, size_t length);
+
     // --- Arrays ---
 
     // Stores an array of `count` empty elements of type `vt` in `v`, whose previous contents are not freed.
@@ -48,14 +92,26 @@ public:
     static void PutElement(tagVARIANT& v, int i, short value);               // VT_I2
     static void PutElement(tagVARIANT& v, int i, unsigned short value);      // VT_UI2
     static void PutElement(tagVARIANT& v, int i, int value);                 // VT_I4
+    static void PutElement(tagVARIANT& v, int i, unsigned value);            // VT_UI4
     static void PutElement(tagVARIANT& v, int i, long value);                // VT_I4
+    static void PutElement(tagVARIANT& v, int i, unsigned long value);       // VT_UI4
     static void PutElement(tagVARIANT& v, int i, long long value);           // VT_I8
     static void PutElement(tagVARIANT& v, int i, unsigned long long value);  // VT_UI8
     static void PutElement(tagVARIANT& v, int i, unsigned char value);       // VT_UI1
     static void PutElement(tagVARIANT& v, int i, float value);               // VT_R4
     static void PutElement(tagVARIANT& v, int i, double value);              // VT_R8
     static void PutElement(tagVARIANT& v, int i, const CStdStr& value);      // VT_BSTR
+    static void PutElement(tagVARIANT& v, int i, const std::string& value);  // VT_BSTR
     static void PutElement(tagVARIANT& v, int i, const char* value);         // VT_BSTR
+    static void PutElement(tagVARIANT& v, int i, std::string_view value);  // VT_BSTR; throws for one with a zero in it
+    static void PutElement(tagVARIANT& v, int i, bool value);              // VT_BOOL; 1 or 0 in an array of VT_I4
+    // A list, of bytes VT_ARRAY|VT_UI1. For arrays of variants.
+    template <typename T>
+    static void PutElement(tagVARIANT& v, int i, const std::vector<T>& values) {
+        CheckType(v, VT_ARRAY | VT_VARIANT, "PutElement");
+        if constexpr (std::is_same_v<T, unsigned char>) PutElement(v, i, MakeBytes(values.data(), values.size()));
+        else PutElement(v, i, MakeListOf(values));
+    }
     // True is -1 in an array of variants, but 1 in an array of VT_BOOL.
     static void PutBoolElement(tagVARIANT& v, int i, bool value);
     // `time` in seconds since 1970.
@@ -63,6 +119,16 @@ public:
     // The element as SafeArrayPutElement takes it for the array's type, which is not checked: the string itself for
     // VT_BSTR, else a pointer to the value. It is copied.
     static void PutElement(tagVARIANT& v, int i, void* element);
+    // The same, but throws where something else would be read as a variant.
+    template <typename T, typename = std::enable_if_t<!std::is_const_v<T> && !std::is_same_v<T, char>>>
+    static void PutElement(tagVARIANT& v, int i, T* element) {
+        if (!std::is_base_of_v<tagVARIANT, T> && v.vt == (VT_ARRAY | VT_VARIANT)) {
+            throw KelInvalidParameterException("PutElement failed: the address of something else than a variant");
+        }
+        PutElement(v, i, static_cast<void*>(element));
+    }
+    template <typename T>
+    static void PutElement(tagVARIANT& v, int i, const T* element) = delete;
     // A copy of `element`, for arrays of variants. The array's type is not checked: one of numbers takes raw bytes, one
     // of texts fails.
     static void PutElement(tagVARIANT& v, int i, const tagVARIANT& element);
@@ -93,11 +159,23 @@ public:
     static int GetIntElement(const tagVARIANT& v, int i);
     static short GetShortElement(const tagVARIANT& v, int i);
     static unsigned short GetUnsignedShortElement(const tagVARIANT& v, int i);
+    static unsigned GetUnsignedElement(const tagVARIANT& v, int i);                    // VT_UI4
+    static long long GetLongLongElement(const tagVARIANT& v, int i);                   // VT_I8
+    static unsigned long long GetUnsignedLongLongElement(const tagVARIANT& v, int i);  // VT_UI8
     static double GetDoubleElement(const tagVARIANT& v, int i);
     static float GetFloatElement(const tagVARIANT& v, int i);  // VT_R8 too, narrowed
     static bool GetBoolElement(const tagVARIANT& v, int i);
     static long GetDateElement(const tagVARIANT& v, int i);       // in seconds since 1970
     static CStdStr GetStringElement(const tagVARIANT& v, int i);  // an empty element is the empty text
+
+    // Element i of an array of variants, which is an array itself: GetVector of it.
+    template <typename T>
+    static std::vector<T> GetVectorElement(const tagVARIANT& v, int i);
+
+    // All elements of an array, as the getters above give one; none of a VT_EMPTY variant. T is what one of them
+    // returns, std::string, or unsigned char for bytes.
+    template <typename T>
+    static std::vector<T> GetVector(const tagVARIANT& v);
 
     // The same, where an empty element is 0, false or the empty text.
     static long GetLongElementEmpty(const tagVARIANT& v, int i);
@@ -121,6 +199,13 @@ public:
     static void PutPair(tagVARIANT& list, int i, const CStdStr& key, const CStdStr& value);
     static void PutPair(tagVARIANT& list, int i, const CStdStr& key, long value);  // VT_I4
     static void PutPair(tagVARIANT& list, int i, const CStdStr& key, const tagVARIANT& value);
+    // VT_BOOL, VT_R8 or VT_I4.
+    template <typename T, typename = std::enable_if_t<std::is_arithmetic_v<T>>>
+    static void PutPair(tagVARIANT& list, int i, const CStdStr& key, T value) {
+        if constexpr (std::is_same_v<T, bool>) PutPair(list, i, key, MakeBool(value));
+        else if constexpr (std::is_floating_point_v<T>) PutPair(list, i, key, MakeDouble(value));
+        else PutPair(list, i, key, MakeInt(value));
+    }
     static void GetPair(const tagVARIANT& list, int i, CStdStr& key, CStdStr& value);
     // Look the first pair with `key` up and store its value; false, with `value` untouched, when there is none. An
     // element before it that is neither empty nor a pair throws. NoCase compares lower-cased with the current locale.
@@ -142,6 +227,9 @@ public:
     static void GetBinaryElement(const tagVARIANT& v, int i, unsigned char*& data, unsigned long& length);
     // The same; returns the length.
     static unsigned long GetByteArray(const tagVARIANT& v, int i, unsigned char** data);
+    // A copy of the bytes of a VT_ARRAY|VT_UI1 or VT_ARRAY|VT_I1, and of one that is element i of an array of variants.
+    static std::vector<unsigned char> GetBytes(const tagVARIANT& v);
+    static std::vector<unsigned char> GetBytesElement(const tagVARIANT& v, int i);
 
     // --- Dates: VT_DATE from and to seconds since 1970, rounded to whole seconds ---
 
@@ -181,3 +269,36 @@ public:
     // break stands between double quotes, its own ones doubled. An element that is an array itself throws.
     static CStdStr GetCSVElement(const tagVARIANT& v, long index);
 };
+
+template <typename T>
+std::vector<T> VUtil::GetVector(const tagVARIANT& v) {
+    if constexpr (std::is_same_v<T, unsigned char>) {
+        return v.vt == VT_EMPTY ? std::vector<T>() : GetBytes(v);
+    } else {
+        const auto get = [&v](int i) {
+            if constexpr (std::is_same_v<T, bool>) return GetBoolElement(v, i);
+            else if constexpr (std::is_same_v<T, short>) return GetShortElement(v, i);
+            else if constexpr (std::is_same_v<T, unsigned short>) return GetUnsignedShortElement(v, i);
+            else if constexpr (std::is_same_v<T, int>) return GetIntElement(v, i);
+            else if constexpr (std::is_same_v<T, unsigned>) return GetUnsignedElement(v, i);
+            else if constexpr (std::is_same_v<T, long>) return GetLongElement(v, i);
+            else if constexpr (std::is_same_v<T, long long>) return GetLongLongElement(v, i);
+            else if constexpr (std::is_same_v<T, unsigned long long>) return GetUnsignedLongLongElement(v, i);
+            else if constexpr (std::is_same_v<T, float>) return GetFloatElement(v, i);
+            else if constexpr (std::is_same_v<T, double>) return GetDoubleElement(v, i);
+            else return GetStringElement(v, i);
+        };
+        std::vector<T> values;
+        const int count = GetArrayLengthEmpty(v);
+        values.reserve(static_cast<size_t>(count));
+        for (int i = 0; i < count; ++i) values.push_back(get(i));
+        return values;
+    }
+}
+
+template <typename T>
+std::vector<T> VUtil::GetVectorElement(const tagVARIANT& v, int i) {
+    ScopedVariant element;
+    GetElement(v, i, element);
+    return GetVector<T>(element);
+}

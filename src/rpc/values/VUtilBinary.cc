@@ -18,7 +18,14 @@ unsigned char* CopyBytes(const tagVARIANT& bytes, unsigned long length) {
 
 }  // namespace
 
+ScopedVariant VUtil::MakeBytes(const void* data, size_t length) {
+    ScopedVariant bytes;
+    PutBinaryIntoVariant(&bytes, static_cast<const unsigned char*>(data), length);
+    return bytes;
+}
+
 void VUtil::PutBinaryIntoVariant(tagVARIANT* v, const unsigned char* data, unsigned long length) {
+    if (!v) throw KelInvalidParameterException("PutBinaryIntoVariant: a variant is needed");
     const SAFEARRAYBOUND bound{static_cast<uint32_t>(length), 0};
     SAFEARRAY* array = length <= UINT32_MAX ? SafeArrayCreate(VT_UI1, 1, &bound) : nullptr;
     void* bytes = nullptr;
@@ -42,6 +49,7 @@ void VUtil::GetBinaryElement(const tagVARIANT& v, unsigned char* buffer, unsigne
     }
     const auto available = static_cast<unsigned long>(GetArrayLength(v));
     if (offset > available || length > available - offset) throw KelInvalidParameterException(kel::elementUnreadable);
+    if (length > 0 && !buffer) throw KelInvalidParameterException("GetBinaryElement: a buffer is needed");
     if (length > 0) std::memcpy(buffer, v.parray->elements + offset, length);
 }
 
@@ -57,9 +65,20 @@ void VUtil::GetBinaryElement(const tagVARIANT& v, int i, unsigned char*& data, u
 }
 
 unsigned long VUtil::GetByteArray(const tagVARIANT& v, int i, unsigned char** data) {
+    if (!data) throw KelInvalidParameterException("GetByteArray: a place for the bytes is needed");
     const tagVARIANT& element = kel::VariantAt(v, i, "Not an array of variant");
     if (element.vt != (VT_ARRAY | VT_UI1)) throw KelInvalidParameterException("Element is not an unsigned char array");
     const auto length = static_cast<unsigned long>(GetArrayLength(element));
     *data = CopyBytes(element, length);
     return length;
+}
+
+std::vector<unsigned char> VUtil::GetBytes(const tagVARIANT& v) {
+    std::vector<unsigned char> bytes(static_cast<size_t>(GetArrayLength(v)));
+    GetBinaryElement(v, bytes.data(), 0, bytes.size());
+    return bytes;
+}
+
+std::vector<unsigned char> VUtil::GetBytesElement(const tagVARIANT& v, int i) {
+    return GetBytes(kel::VariantAt(v, i, "Not an array of variant"));
 }

@@ -33,6 +33,13 @@ constexpr Wanted<int16_t> wantedShort{VT_I2, &tagVARIANT::iVal, "Element is not 
                                       "Not an array of variant or short"};
 constexpr Wanted<uint16_t> wantedUnsignedShort{VT_UI2, &tagVARIANT::uiVal, "Element is not an unsigned short",
                                                "Not an array of variant or unsigned short"};
+constexpr Wanted<uint32_t> wantedUnsigned{VT_UI4, &tagVARIANT::ulVal, "Element is not an unsigned int",
+                                          "Not an array of variant or unsigned int"};
+constexpr Wanted<long long> wantedLongLong{VT_I8, &tagVARIANT::llVal, "Element is not a long long",
+                                           "Not an array of variant or long long"};
+constexpr Wanted<unsigned long long> wantedUnsignedLongLong{VT_UI8, &tagVARIANT::ullVal,
+                                                            "Element is not an unsigned long long",
+                                                            "Not an array of variant or unsigned long long"};
 constexpr Wanted<double> wantedDouble{VT_R8, &tagVARIANT::dblVal, "Element is not a double",
                                       "Not an array of variant or double"};
 constexpr Wanted<VARIANT_BOOL> wantedBool{VT_BOOL, &tagVARIANT::boolVal, "Element is not a bool",
@@ -180,6 +187,11 @@ long VUtil::GetLongElementEmpty(const tagVARIANT& v, int i) { return IsEmptyElem
 int VUtil::GetIntElement(const tagVARIANT& v, int i) { return Find(v, i, wantedInt); }
 short VUtil::GetShortElement(const tagVARIANT& v, int i) { return Find(v, i, wantedShort); }
 unsigned short VUtil::GetUnsignedShortElement(const tagVARIANT& v, int i) { return Find(v, i, wantedUnsignedShort); }
+unsigned VUtil::GetUnsignedElement(const tagVARIANT& v, int i) { return Find(v, i, wantedUnsigned); }
+long long VUtil::GetLongLongElement(const tagVARIANT& v, int i) { return Find(v, i, wantedLongLong); }
+unsigned long long VUtil::GetUnsignedLongLongElement(const tagVARIANT& v, int i) {
+    return Find(v, i, wantedUnsignedLongLong);
+}
 double VUtil::GetDoubleElement(const tagVARIANT& v, int i) { return Find(v, i, wantedDouble); }
 bool VUtil::GetBoolElement(const tagVARIANT& v, int i) { return Find(v, i, wantedBool) != VARIANT_FALSE; }
 

@@ -66,7 +66,7 @@ void VUtil::PutPair(tagVARIANT& list, int i, const CStdStr& key, const CStdStr& 
 
 void VUtil::PutPair(tagVARIANT& list, int i, const CStdStr& key, long value) {
     CheckIsListForPut(list);
-    StorePair(list, i, key, MakeInt(static_cast<int32_t>(value)));
+    StorePair(list, i, key, MakeInt(value));
 }
 
 void VUtil::PutPair(tagVARIANT& list, int i, const CStdStr& key, const tagVARIANT& value) {

@@ -21,6 +21,14 @@ void PutWrapped(tagVARIANT& v, int i, ScopedVariant& value) {
         throw KelInvalidParameterException(putFailed);
 }
 
+// A long of the caller's in 32 bits.
+template <typename Narrow, typename Wide>
+Narrow Narrowed(Wide value) {
+    const auto narrow = static_cast<Narrow>(value);
+    if (narrow == value) return narrow;
+    throw KelInvalidParameterException("PutElement failed: a long of more than 32 bits; use long long");
+}
+
 // Puts a value that owns nothing, of which `member` is the place in a variant.
 template <typename Stored>
 void Put(tagVARIANT& v, int i, VARTYPE type, Stored tagVARIANT::*member, Stored value, const char* wrongArray) {
@@ -38,6 +46,18 @@ void Put(tagVARIANT& v, int i, VARTYPE type, Stored tagVARIANT::*member, Stored 
     }
 }
 
+void PutText(tagVARIANT& v, int i, std::string_view text) {
+    if (v.vt != (VT_ARRAY | VT_BSTR) && v.vt != (VT_ARRAY | VT_VARIANT)) {
+        throw KelInvalidParameterException("PutElement failed: not an array of BSTR nor VARIANT");
+    }
+    ScopedVariant wrapped = MakeString(text);
+    if (!wrapped.bstrVal) throw KelInvalidParameterException(putFailed);
+    if (v.vt == (VT_ARRAY | VT_VARIANT)) return PutWrapped(v, i, wrapped);
+    BSTR* element = kel::ElementAt<BSTR>(v, VT_BSTR, i);
+    if (!element) throw KelInvalidParameterException(putFailed);
+    std::swap(*element, wrapped.bstrVal);
+}
+
 }  // namespace
 
 void VUtil::PutElement(tagVARIANT& v, int i, short value) {
@@ -52,7 +72,13 @@ void VUtil::PutElement(tagVARIANT& v, int i, int value) {
     Put<int32_t>(v, i, VT_I4, &tagVARIANT::lVal, value, "PutElement failed: not an array of I4 nor VARIANT");
 }
 
-void VUtil::PutElement(tagVARIANT& v, int i, long value) { PutElement(v, i, static_cast<int>(value)); }
+void VUtil::PutElement(tagVARIANT& v, int i, unsigned value) {
+    Put<uint32_t>(v, i, VT_UI4, &tagVARIANT::ulVal, value, "PutElement failed: not an array of UI4 nor VARIANT");
+}
+
+void VUtil::PutElement(tagVARIANT& v, int i, long value) { PutElement(v, i, Narrowed<int>(value)); }
+
+void VUtil::PutElement(tagVARIANT& v, int i, unsigned long value) { PutElement(v, i, Narrowed<unsigned>(value)); }
 
 void VUtil::PutElement(tagVARIANT& v, int i, long long value) {
     Put(v, i, VT_I8, &tagVARIANT::llVal, value, "PutElement failed: not an array of I8 nor VARIANT");
@@ -74,6 +100,11 @@ void VUtil::PutElement(tagVARIANT& v, int i, double value) {
     Put(v, i, VT_R8, &tagVARIANT::dblVal, value, "PutElement failed: not an array of R8 nor VARIANT");
 }
 
+void VUtil::PutElement(tagVARIANT& v, int i, bool value) {
+    if (v.vt == (VT_ARRAY | VT_I4)) PutElement(v, i, int{value});
+    else PutBoolElement(v, i, value);
+}
+
 void VUtil::PutBoolElement(tagVARIANT& v, int i, bool value) {
     VARIANT_BOOL stored = VARIANT_FALSE;
     if (value) stored = v.vt == (VT_ARRAY | VT_BOOL) ? 1 : VARIANT_TRUE;
@@ -86,16 +117,14 @@ void VUtil::PutDateElement(tagVARIANT& v, int i, long time) {
 
 void VUtil::PutElement(tagVARIANT& v, int i, const CStdStr& value) { PutElement(v, i, value.c_str()); }
 
-void VUtil::PutElement(tagVARIANT& v, int i, const char* value) {
-    if (v.vt != (VT_ARRAY | VT_BSTR) && v.vt != (VT_ARRAY | VT_VARIANT)) {
-        throw KelInvalidParameterException("PutElement failed: not an array of BSTR nor VARIANT");
-    }
-    ScopedVariant wrapped = MakeString(value);
-    if (!wrapped.bstrVal) throw KelInvalidParameterException(putFailed);
-    if (v.vt == (VT_ARRAY | VT_VARIANT)) return PutWrapped(v, i, wrapped);
-    BSTR* element = kel::ElementAt<BSTR>(v, VT_BSTR, i);
-    if (!element) throw KelInvalidParameterException(putFailed);
-    std::swap(*element, wrapped.bstrVal);
+void VUtil::PutElement(tagVARIANT& v, int i, const std::string& value) { PutElement(v, i, value.c_str()); }
+
+void VUtil::PutElement(tagVARIANT& v, int i, const char* value) { PutText(v, i, value ? value : ""); }
+
+void VUtil::PutElement(tagVARIANT& v, int i, std::string_view value) {
+    if (value.find('\0') != value.npos)
+        throw KelInvalidParameterException("PutElement failed: a text with a zero in it");
+    PutText(v, i, value);
 }
 
 void VUtil::PutElement(tagVARIANT& v, int i, std::nullptr_t) { PutElement(v, i, ""); }

@@ -101,9 +101,12 @@ bool Reserve(SAFEARRAY& array, uint32_t count) {
 
 }  // namespace
 
-void VariantInit(tagVARIANT* v) { *v = tagVARIANT{}; }
+void VariantInit(tagVARIANT* v) {
+    if (v) *v = tagVARIANT{};
+}
 
 HRESULT VariantClear(tagVARIANT* v) {
+    if (!v) return E_INVALIDARG;
     if (v->vt == VT_BSTR) {
         SysFreeString(v->bstrVal);
     } else if (v->vt & VT_ARRAY) {
@@ -115,6 +118,7 @@ HRESULT VariantClear(tagVARIANT* v) {
 }
 
 HRESULT VariantCopy(tagVARIANT* to, const tagVARIANT* from) {
+    if (!to || !from) return E_INVALIDARG;
     if (to == from) return S_OK;
     tagVARIANT copy;
     HRESULT result = CopyInto(copy, *from);

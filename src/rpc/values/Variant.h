@@ -7,13 +7,16 @@
 // Threads: a value has no lock. Several threads may read the same value at once; a thread that changes it must be
 // alone.
 //
-// Results: 0 for success, negative for failure. No function here throws.
+// Results: 0 for success, negative for failure, null arguments included. No function here throws, MakeInt aside.
 #pragma once
 
 #include "foundation/Export.h"
+#include "rpc/values/KelException.h"
 
 #include <cstddef>
 #include <cstdint>
+#include <string_view>
+#include <type_traits>
 
 using HRESULT = int32_t;
 using VARTYPE = uint16_t;
@@ -165,11 +168,19 @@ public:
     }
 };
 
-// One value of a type, ready to be passed as a parameter. For arrays see VUtil::CreateArray.
+// One value of a type, ready to be passed as a parameter. For arrays see VUtil::MakeList.
 inline ScopedVariant MakeString(const char* text) {
     ScopedVariant value;
     value.vt = VT_BSTR;
     value.bstrVal = SysAllocString(text ? text : "");
+    return value;
+}
+
+// Characters behind a zero are lost to readers.
+inline ScopedVariant MakeString(std::string_view text) {
+    ScopedVariant value;
+    value.vt = VT_BSTR;
+    value.bstrVal = SysAllocStringLen(text.empty() ? "" : text.data(), text.size());
     return value;
 }
 
@@ -179,6 +190,17 @@ inline ScopedVariant MakeInt(int32_t number) {
     value.lVal = number;
     return value;
 }
+// Throws KelInvalidParameterException when 32 bits do not hold it.
+template <typename T, typename = std::enable_if_t<std::is_integral_v<T>>>
+ScopedVariant MakeInt(T number) {
+    const auto low = static_cast<int32_t>(number);
+    if (static_cast<T>(low) != number || (low < 0) != (number < T{0})) {
+        throw KelInvalidParameterException("the number does not fit VT_I4");
+    }
+    return MakeInt(low);
+}
+
+ScopedVariant MakeInt(double) = delete;  // it would lose what is behind the point
 
 inline ScopedVariant MakeDouble(double number) {
     ScopedVariant value;

@@ -45,32 +45,13 @@ private:
 
 using Services = std::vector<std::pair<const char*, const char*>>;
 
-inline ScopedVariant Array(unsigned long count) {
-    ScopedVariant array;
-    VUtil::CreateArray(array, VT_VARIANT, count);
-    return array;
-}
-
-inline ScopedVariant Texts(const std::vector<const char*>& texts) {
-    ScopedVariant array = Array(texts.size());
-    for (size_t i = 0; i < texts.size(); ++i) VUtil::PutElement(array, static_cast<int>(i), texts[i]);
-    return array;
-}
+inline ScopedVariant Texts(const std::vector<const char*>& texts) { return VUtil::MakeListOf(texts); }
 
 inline ScopedVariant RecordOf(const char* name, int satId, unsigned short port, const Services& services = {}) {
-    ScopedVariant entries = Array(services.size());
-    for (size_t i = 0; i < services.size(); ++i) {
-        VUtil::PutElement(entries, static_cast<int>(i), Texts({services[i].first, services[i].second}));
-    }
-    ScopedVariant record = Array(7);
-    VUtil::PutElement(record, 0, name);
-    VUtil::PutElement(record, 1, "studio");
-    VUtil::PutElement(record, 2, port);
-    VUtil::PutElement(record, 3, 2);
-    VUtil::PutElement(record, 4, satId);
-    VUtil::PutElement(record, 5, static_cast<int>(services.size()));
-    VUtil::PutElement(record, 6, entries);
-    return record;
+    ScopedVariant entries = VUtil::MakeListOf(
+        services, [](const Services::value_type& service) { return VUtil::MakeList(service.first, service.second); });
+    const int count = static_cast<int>(services.size());
+    return VUtil::MakeList(name, "studio", port, 2, satId, count, std::move(entries));
 }
 
 class DirectoryFixture : public testing::Test {

@@ -29,38 +29,38 @@ public:
 
     // --- The test's side ---
 
-    void SetInterfaces(std::vector<std::string> addresses) EXCLUDES(lock_) {
+    void SetInterfaces(std::vector<std::string> addresses) KEL_EXCLUDES(lock_) {
         PMutexHold hold(lock_);
         interfaces_ = std::move(addresses);
     }
-    void SetRoute(const std::string& interface) EXCLUDES(lock_) {
+    void SetRoute(const std::string& interface) KEL_EXCLUDES(lock_) {
         PMutexHold hold(lock_);
         route_ = interface;
     }
     // Everything that is sent from now on gets this error.
-    void SetSendError(int error) EXCLUDES(lock_) {
+    void SetSendError(int error) KEL_EXCLUDES(lock_) {
         PMutexHold hold(lock_);
         sendError_ = error;
     }
-    void SetNow(uint32_t now) EXCLUDES(lock_) {
+    void SetNow(uint32_t now) KEL_EXCLUDES(lock_) {
         PMutexHold hold(lock_);
         now_ = now;
     }
-    uint32_t now() EXCLUDES(lock_) {
+    uint32_t now() KEL_EXCLUDES(lock_) {
         PMutexHold hold(lock_);
         return now_;
     }
-    bool IsJoined(const std::string& interface) EXCLUDES(lock_) {
+    bool IsJoined(const std::string& interface) KEL_EXCLUDES(lock_) {
         PMutexHold hold(lock_);
         return joined_.count(interface) > 0;
     }
 
     // Returns when the thread waits and there is nothing for it to receive.
-    void Settle() EXCLUDES(lock_) {
+    void Settle() KEL_EXCLUDES(lock_) {
         PMutexHold hold(lock_);
         while (!(isWaiting_ && arrived_.empty() && static_cast<int32_t>(now_ - wakeAt_) < 0)) lock_.wait();
     }
-    void Advance(uint32_t milliseconds) EXCLUDES(lock_) {
+    void Advance(uint32_t milliseconds) KEL_EXCLUDES(lock_) {
         {
             PMutexHold hold(lock_);
             now_ += milliseconds;
@@ -68,7 +68,7 @@ public:
         }
         Settle();
     }
-    void Receive(const std::string& from, const std::string& text) EXCLUDES(lock_) {
+    void Receive(const std::string& from, const std::string& text) KEL_EXCLUDES(lock_) {
         {
             PMutexHold hold(lock_);
             arrived_.emplace_back(from, text);
@@ -77,7 +77,7 @@ public:
         Settle();
     }
     // What was sent since the last call.
-    std::vector<Sent> TakeSent() EXCLUDES(lock_) {
+    std::vector<Sent> TakeSent() KEL_EXCLUDES(lock_) {
         PMutexHold hold(lock_);
         return std::exchange(sent_, {});
     }
@@ -142,15 +142,15 @@ public:
 
 private:
     PCondMutex lock_;
-    uint32_t now_ GUARDED_BY(lock_) = 5000;
-    uint32_t wakeAt_ GUARDED_BY(lock_) = 0;
-    bool isWaiting_ GUARDED_BY(lock_) = false;
-    bool isEnding_ GUARDED_BY(lock_) = false;
-    std::vector<std::string> interfaces_ GUARDED_BY(lock_);
-    std::string route_ GUARDED_BY(lock_);
-    std::string selected_ GUARDED_BY(lock_);
-    int sendError_ GUARDED_BY(lock_) = 0;
-    std::set<std::string> joined_ GUARDED_BY(lock_);
-    std::deque<std::pair<std::string, std::string>> arrived_ GUARDED_BY(lock_);
-    std::vector<Sent> sent_ GUARDED_BY(lock_);
+    uint32_t now_ KEL_GUARDED_BY(lock_) = 5000;
+    uint32_t wakeAt_ KEL_GUARDED_BY(lock_) = 0;
+    bool isWaiting_ KEL_GUARDED_BY(lock_) = false;
+    bool isEnding_ KEL_GUARDED_BY(lock_) = false;
+    std::vector<std::string> interfaces_ KEL_GUARDED_BY(lock_);
+    std::string route_ KEL_GUARDED_BY(lock_);
+    std::string selected_ KEL_GUARDED_BY(lock_);
+    int sendError_ KEL_GUARDED_BY(lock_) = 0;
+    std::set<std::string> joined_ KEL_GUARDED_BY(lock_);
+    std::deque<std::pair<std::string, std::string>> arrived_ KEL_GUARDED_BY(lock_);
+    std::vector<Sent> sent_ KEL_GUARDED_BY(lock_);
 };

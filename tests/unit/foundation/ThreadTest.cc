@@ -152,7 +152,7 @@ public:
 
 private:
     PCondMutex come_;
-    int count_ GUARDED_BY(come_) = 0;
+    int count_ KEL_GUARDED_BY(come_) = 0;
 };
 
 TEST(AReadWriteLock, LetsAWriterInWhereThereIsAlwaysAReader) {

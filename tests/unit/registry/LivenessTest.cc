@@ -128,7 +128,7 @@ TEST_F(Liveness, RemovesWhoIsDeadOrUnreachableAndTellsListenersFirst) {
     availability_->Add("Play", "Listener");
     availability_->Add("Play", "Dead");
     channel_.Kill("Dead", 0);
-    channel_.Kill("Unreachable", 0x40017);
+    channel_.Kill("Unreachable", KEL_SATELLITE_SILENT);
     Pass();
     EXPECT_TRUE(Has("Alive") && Has("Listener"));
     EXPECT_FALSE(Has("Dead") || Has("Unreachable"));

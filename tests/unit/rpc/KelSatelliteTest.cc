@@ -17,6 +17,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstring>
 #include <functional>
 #include <future>
 #include <map>
@@ -62,9 +63,7 @@ public:
             Entry& entry = known[VUtil::GetStringElement(in, 0)];
             if (entry.id == 0 || entry.id != VUtil::GetIntElement(in, 4)) entry = {++lastId, 0};
             entry.port = VUtil::GetUnsignedShortElement(in, 2);
-            VUtil::CreateArray(*out, VT_VARIANT, 2);
-            VUtil::PutElement(*out, 0, "0123456789abcdef");
-            VUtil::PutElement(*out, 1, entry.id);
+            *out = VUtil::MakeList("0123456789abcdef", entry.id).release();
             return 0;
         });
         Publish(*this, "UnRegister", [](const char*, const tagVARIANT&, tagVARIANT*) { return 0; });
@@ -76,16 +75,14 @@ public:
             if (beforeId) beforeId(in.bstrVal);
             const int id = IdOf(in.bstrVal);
             *out = MakeInt(id).release();
-            return id ? 0 : 0x40002;
+            return id ? 0 : KEL_UNKNOWN_NAME;
         });
         Publish(*this, "GetSatelliteHost", [this](const char*, const tagVARIANT& in, tagVARIANT* out) {
             const std::lock_guard<std::mutex> hold(mutex);
             ++lookups;
             const auto found = known.find(in.bstrVal);
-            if (found == known.end()) return 0x4000a;
-            VUtil::CreateArray(*out, VT_VARIANT, 2);
-            VUtil::PutElement(*out, 0, "127.0.0.1");
-            VUtil::PutElement(*out, 1, static_cast<int>(found->second.port));
+            if (found == known.end()) return KEL_UNKNOWN_SATELLITE;
+            *out = VUtil::MakeList("127.0.0.1", static_cast<int>(found->second.port)).release();
             return 0;
         });
     }
@@ -144,7 +141,113 @@ protected:
     Directory directory;
 };
 
+// Listens at a port of its own, and says something to the first who comes before it hangs up, if that is wanted.
+class Stranger {
+public:
+    explicit Stranger(const char* says) : listener(::socket(AF_INET, SOCK_STREAM, 0)) {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t size = sizeof address;
+        ::bind(listener, reinterpret_cast<sockaddr*>(&address), size);
+        ::listen(listener, 1);
+        ::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &size);
+        port = ntohs(address.sin_port);
+        if (!says) return;
+        thread_ = std::thread([this, says] {
+            const int peer = ::accept(listener, nullptr, nullptr);
+            ::send(peer, says, std::strlen(says), MSG_NOSIGNAL);
+            ::shutdown(peer, SHUT_WR);
+            char asked[4096];
+            [[maybe_unused]] const ssize_t got = ::recv(peer, asked, sizeof asked, 0);
+            ::close(peer);
+        });
+    }
+    ~Stranger() {
+        ::shutdown(listener, SHUT_RDWR);
+        if (thread_.joinable()) thread_.join();
+        ::close(listener);
+    }
+    std::string at() const { return "127.0.0.1:" + std::to_string(port); }
+
+    const int listener;
+    unsigned short port = 0;
+
+private:
+    std::thread thread_;
+};
+
 }  // namespace
+
+TEST_F(ASatellite, SaysWhyItCouldNotConnectAndWhereItTried) {
+    KelSatellite recorder, player;
+    ASSERT_EQ(recorder.Connect("127.0.0.1", "Recorder"), 0);
+    const auto problem = [&player](const std::string& host, int code, bool registers) {
+        const char* const name = "Recorder";
+        EXPECT_EQ(registers ? player.Connect(host.c_str(), name) : player.ConnectUser(host.c_str(), name), code);
+        return std::string(player.LastProblem());
+    };
+    const std::string recorderAt = "127.0.0.1:" + std::to_string(recorder.getSatellitePort());
+    const std::string directoryAt = "127.0.0.1:" + std::to_string(directoryPort.number());
+    for (const bool registers : {true, false}) {
+        const ReservedPort closed;
+        const std::string closedAt = "127.0.0.1:" + std::to_string(closed.number());
+        const Stranger otherwise("HTTP/1.1 400 Bad Request\r\n\r\n"), hangsUp("");
+        EXPECT_EQ(problem(closedAt, KEL_UNREACHABLE, registers), closedAt + " cannot be reached: Connection refused");
+        EXPECT_EQ(problem(otherwise.at(), KEL_UNREACHABLE, registers),
+                  otherwise.at() + " answers, but not as a satellite does");
+        EXPECT_EQ(problem(hangsUp.at(), KEL_UNREACHABLE, registers).find(hangsUp.at() + " closed the connection "), 0u);
+        EXPECT_EQ(problem("no host:7", KEL_UNREACHABLE, registers).find("no host:7 cannot be reached: Host not found"),
+                  0u);
+    }
+    EXPECT_EQ(problem(recorderAt, KEL_UNREACHABLE, false), recorderAt + " answers, but is no directory");
+    EXPECT_EQ(player.ConnectUser("127.0.0.1", "Somebody"), 0);
+    EXPECT_EQ(player.LastProblem(), "");
+    EXPECT_EQ(player.Request("Nobody", "Ask", ScopedVariant(), nullptr, KELFLAG_WAIT, nullptr), KEL_UNKNOWN_SATELLITE);
+    EXPECT_EQ(player.LastProblem(), "the directory at " + directoryAt + " knows no satellite Nobody");
+}
+
+TEST_F(ASatellite, WaitsForAnAnswerOnlyAsLongAsItIsTold) {
+    std::promise<void> told;
+    const std::shared_future<void> mayAnswer = told.get_future().share();
+    KelSatellite recorder;
+    Serve(recorder, "Recorder", "Slow", [&](const char*, const tagVARIANT&, tagVARIANT*) {
+        mayAnswer.wait_for(std::chrono::seconds(20));
+        return 5;
+    });
+    const std::string problem = "127.0.0.1:" + std::to_string(recorder.getSatellitePort()) + " did not answer in time";
+    EXPECT_TRUE(Eventually([&] {
+        ScopedVariant extra;
+        return directory.Request("Recorder", "Slow", extra, nullptr, KELFLAG_WAIT, &extra, 50) == KEL_NO_ANSWER &&
+               extra.bstrVal == problem;
+    }));
+    told.set_value();
+}
+
+TEST_F(ASatellite, PingsOthersWithoutBeingConnected) {
+    KelSatellite early;
+    KELSTATUS status = 7;
+    int id = 0;
+    ASSERT_EQ(directory.GetSatelliteId(&id), 0);
+    EXPECT_EQ(early.DirectoryPingSatellite("MainRegister", "127.0.0.1", directoryPort.number(), id, &status), 0);
+    EXPECT_EQ(status, KELSTATUS_ALIVE);
+}
+
+TEST_F(ASatellite, ThrowsForNullArguments) {
+    KELSTATUS status;
+    int result;
+    ScopedVariant out;
+    EXPECT_THROW(directory.DirectoryPingSatellite(nullptr, "127.0.0.1", 1, 1, &status), KelException);
+    EXPECT_THROW(directory.DirectoryPingSatellite("Recorder", nullptr, 1, 1, &status), KelException);
+    EXPECT_THROW(directory.DirectoryPingSatellite("Recorder", "127.0.0.1", 1, 1, nullptr), KelException);
+    EXPECT_THROW(directory.PingLater("Recorder", nullptr, 1, 1, [](int, KELSTATUS) {}), KelException);
+    EXPECT_THROW(directory.PingLater("Recorder", "127.0.0.1", 1, 1, nullptr), KelException);
+    EXPECT_THROW(directory.WaitForOneWayRoom(nullptr, 1), KelException);
+    EXPECT_THROW(directory.ForgetAddress(nullptr), KelException);
+    EXPECT_THROW(directory.GetSatelliteId(nullptr), KelException);
+    EXPECT_THROW(directory.OnServiceRequested(0, "", nullptr, out, &out, &result), KelException);
+    EXPECT_THROW(KelSatelliteDelegateFunction(nullptr), KelException);
+}
 
 TEST_F(ASatellite, IsCalledByNameAndAnswersWithItsResult) {
     KelSatellite recorder;
@@ -163,16 +266,19 @@ TEST_F(ASatellite, IsCalledByNameAndAnswersWithItsResult) {
         EXPECT_EQ(player.Request("Recorder", "Echo", MakeString("text"), &out, KELFLAG_WAIT, &extra), 7);
         EXPECT_STREQ(out.bstrVal, "text");
     }
+    EXPECT_EQ(player.Request("Recorder", "Echo", out, &out, KELFLAG_WAIT, nullptr), 7);
+    EXPECT_STREQ(out.bstrVal, "text");
     EXPECT_EQ(caller, "Somebody");
     EXPECT_EQ(directory.lookups, 1) << "the address is asked for once";
-    EXPECT_EQ(player.Request("Nobody", "Echo", out, nullptr, KELFLAG_WAIT, &extra), 0x4000a);
+    EXPECT_EQ(player.Request("Nobody", "Echo", out, nullptr, KELFLAG_WAIT, &extra), KEL_UNKNOWN_SATELLITE);
     EXPECT_EQ(extra.vt, VT_BSTR);
     EXPECT_EQ(player.getSatellitePort(), 0);
     recorder.Disconnect();
     EXPECT_EQ(directory.IdOf("Recorder"), 0) << "it left the directory";
     // One call may still go out on the old connection.
-    EXPECT_TRUE(
-        Eventually([&] { return player.Request("Recorder", "Echo", out, nullptr, KELFLAG_WAIT, nullptr) == 0x4000a; }));
+    EXPECT_TRUE(Eventually([&] {
+        return player.Request("Recorder", "Echo", out, nullptr, KELFLAG_WAIT, nullptr) == KEL_UNKNOWN_SATELLITE;
+    }));
 }
 
 TEST_F(ASatellite, SendsExceptionsOfItsMethodsToTheCaller) {
@@ -308,11 +414,7 @@ TEST_F(ASatellite, HearsOfServicesInTheOrderInWhichTheNewsCameOverSeveralConnect
     int status = 0;
     for (KelSatellite* const teller : std::vector<KelSatellite*>{&directory, &other}) {
         for (int last = status + 3; status < last; ++status) {
-            ScopedVariant in;
-            VUtil::CreateArray(in, VT_VARIANT, 3);
-            VUtil::PutElement(in, 0, "Play");
-            VUtil::PutElement(in, 1, "Recorder");
-            VUtil::PutElement(in, 2, status);
+            const ScopedVariant in = VUtil::MakeList("Play", "Recorder", status);
             teller->Request("Listener", "OnServiceAvailabilityChanged", in, nullptr, KELFLAG_ONE_WAY, nullptr);
         }
         const int before = ends;
@@ -325,27 +427,17 @@ TEST_F(ASatellite, HearsOfServicesInTheOrderInWhichTheNewsCameOverSeveralConnect
 }
 
 TEST_F(ASatellite, DropsTheOldestOneWayCallsOfAPeerThatDoesNotRead) {
-    const int listener = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof address;
-    ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&address), size), 0);
-    ASSERT_EQ(::listen(listener, 1), 0);
-    ASSERT_EQ(::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &size), 0);
-    directory.known["Deaf"] = {77, ntohs(address.sin_port)};
+    const Stranger deaf(nullptr);
+    directory.known["Deaf"] = {77, deaf.port};
 
     constexpr int calls = 4000;
     const std::string payload(16 * 1024, 'x');  // 64 MiB in all: far more than the system buffers
     for (int i = 0; i < calls; ++i) {
-        ScopedVariant in;
-        VUtil::CreateArray(in, VT_VARIANT, 2);
-        VUtil::PutElement(in, 0, i);
-        VUtil::PutElement(in, 1, payload.c_str());
+        const ScopedVariant in = VUtil::MakeList(i, payload);
         ASSERT_EQ(directory.Request("Deaf", "Note", in, nullptr, KELFLAG_ONE_WAY, nullptr), 0);
     }
 
-    const int peer = ::accept(listener, nullptr, nullptr);
+    const int peer = ::accept(deaf.listener, nullptr, nullptr);
     std::vector<int> numbers;
     std::string input;
     kel::wire::Framer framer;
@@ -363,7 +455,6 @@ TEST_F(ASatellite, DropsTheOldestOneWayCallsOfAPeerThatDoesNotRead) {
         }
     }
     ::close(peer);
-    ::close(listener);
     EXPECT_TRUE(std::is_sorted(numbers.begin(), numbers.end())) << "what arrives is in order";
     EXPECT_LT(numbers.size(), static_cast<size_t>(calls)) << "some were dropped";
     for (int i = 0; i < 1024; ++i)

@@ -7,7 +7,9 @@
 #include <cstdlib>
 #include <functional>
 #include <string>
+#include <string_view>
 #include <utility>
+#include <vector>
 
 namespace {
 
@@ -15,14 +17,6 @@ ScopedVariant MakeArray(VARTYPE elementType, unsigned long count) {
     ScopedVariant array;
     VUtil::CreateArray(array, elementType, count);
     return array;
-}
-
-template <typename... Values>
-ScopedVariant MakeList(const Values&... values) {
-    ScopedVariant list = MakeArray(VT_VARIANT, sizeof...(values));
-    int i = 0;
-    (VUtil::PutElement(list, i++, values), ...);
-    return list;
 }
 
 std::string Xml(const tagVARIANT& v, int depth = 0) {
@@ -56,7 +50,7 @@ ScopedVariant MakeMixedList() {
     ScopedVariant numbers = MakeArray(VT_UI4, 2);
     uint32_t most = 0xffffffff;
     VUtil::PutElement(numbers, 0, static_cast<void*>(&most));
-    return MakeList(7, "a<b & \"c\"", ScopedVariant(), numbers);
+    return VUtil::MakeList(7, "a<b & \"c\"", ScopedVariant(), numbers);
 }
 
 // The message of the exception that `action` throws.
@@ -138,6 +132,59 @@ TEST(AnElement, ComesBackFromTypedArraysAndFromVariants) {
     }
 }
 
+template <typename T>
+concept Listable = requires(T value) {
+    VUtil::MakeList(value);
+};
+static_assert(Listable<const char*> && Listable<std::vector<int>> && Listable<ScopedVariant&>);
+static_assert(!Listable<void*> && !Listable<unsigned char*> && !Listable<const tagVARIANT*>);
+
+TEST(AList, HoldsEveryValueAsItsOwnTypeAndGivesItBack) {
+    const std::vector<unsigned char> bytes{0, 255};
+    const std::vector<std::string> texts{"one", "two"};
+    const std::vector<bool> flags{true, false};
+    const ScopedVariant list =
+        VUtil::MakeList(true, 4'000'000'000u, 5'000'000'000LL, ~0ULL, std::string_view("seen", 2), bytes, texts, flags,
+                        MakeInt(1), flags[0], 70'000UL);
+    const int expected[] = {
+        VT_BOOL, VT_UI4,  VT_I8, VT_UI8, VT_BSTR, VT_ARRAY | VT_UI1, VT_ARRAY | VT_VARIANT, VT_ARRAY | VT_VARIANT,
+        VT_I4,   VT_BOOL, VT_UI4};
+    for (int i = 0; i < VUtil::GetArrayLength(list); ++i) {
+        ScopedVariant element;
+        VUtil::GetElement(list, i, element);
+        EXPECT_EQ(element.vt, expected[i]) << i;
+    }
+    EXPECT_EQ(VUtil::GetUnsignedElement(list, 1), 4'000'000'000u);
+    EXPECT_EQ(VUtil::GetLongLongElement(list, 2), 5'000'000'000);
+    EXPECT_EQ(VUtil::GetUnsignedLongLongElement(list, 3), ~0ULL);
+    EXPECT_EQ(VUtil::GetStringElement(list, 4), "se");
+    EXPECT_EQ(VUtil::GetBytesElement(list, 5), bytes);
+    EXPECT_EQ(VUtil::GetVectorElement<unsigned char>(list, 5), bytes);
+    EXPECT_EQ(VUtil::GetVectorElement<std::string>(list, 6), texts);
+    EXPECT_EQ(VUtil::GetVectorElement<bool>(list, 7), flags);
+    EXPECT_REFUSED(VUtil::GetVectorElement<int>(list, 6));
+    EXPECT_TRUE(VUtil::GetVector<long long>(ScopedVariant()).empty());
+}
+
+TEST(AValue, ThatWouldLoseSomethingOrIsNoneIsRefused) {
+    EXPECT_REFUSED(VUtil::MakeList(5'000'000'000L));
+    EXPECT_REFUSED(VUtil::MakeList(5'000'000'000UL));
+    EXPECT_REFUSED(VUtil::MakeList(std::string_view("a\0b", 3)));
+    ScopedVariant list = MakeArray(VT_VARIANT, 1);
+    unsigned char buffer[16] = {VT_BSTR, 0, 0, 0, 0, 0, 0, 0, 1};
+    EXPECT_REFUSED(VUtil::PutElement(list, 0, buffer));
+    for (const long long number : {5'000'000'000LL, -5'000'000'000LL, 0x80000000LL}) {
+        EXPECT_REFUSED(VUtil::PutPair(list, 0, "size", number));
+    }
+    VUtil::PutPair(list, 0, "on", true);
+    ScopedVariant value;
+    EXPECT_TRUE(VUtil::FindPairNoCase(list, "on", value));
+    EXPECT_EQ(value.vt, VT_BOOL);
+    EXPECT_REFUSED(VUtil::PutBinaryIntoVariant(nullptr, buffer, 1));
+    EXPECT_REFUSED(VUtil::GetByteArray(VUtil::MakeList(std::vector<unsigned char>{1}), 0, nullptr));
+    EXPECT_LT(VariantCopy(&value, nullptr), 0);
+}
+
 TEST(ATrueElement, IsOneInAnArrayOfBooleansAndMinusOneInAVariant) {
     ScopedVariant booleans = MakeArray(VT_BOOL, 2);
     ScopedVariant variants = MakeArray(VT_VARIANT, 2);
@@ -177,7 +224,7 @@ TEST(ALongOfTheCaller, TakesFourBytesInTheVariant) {
 }
 
 TEST(AnElement, OfTheWrongTypeOrPlaceIsRefused) {
-    ScopedVariant list = MakeList("text", 7);
+    ScopedVariant list = VUtil::MakeList("text", 7);
     ScopedVariant numbers = MakeArray(VT_I4, 1);
     EXPECT_REFUSED(VUtil::GetLongElement(list, 0));
     EXPECT_REFUSED(VUtil::GetFloatElement(list, 1));
@@ -197,7 +244,7 @@ TEST(AnElement, OfTheWrongTypeOrPlaceIsRefused) {
 }
 
 TEST(AnEmptyElement, IsAValueOnlyForThoseWhoAcceptItAndAsABooleanConvertsUpToUI4) {
-    ScopedVariant list = MakeList(ScopedVariant(), 256, 0.0, "False", "yes", static_cast<unsigned char>(2), 1LL);
+    ScopedVariant list = VUtil::MakeList(ScopedVariant(), 256, 0.0, "False", "yes", static_cast<unsigned char>(2), 1LL);
     EXPECT_EQ(VUtil::GetLongElementEmpty(list, 0), 0);
     EXPECT_EQ(VUtil::GetStringElement(list, 0), "");
     EXPECT_REFUSED(VUtil::GetLongElement(list, 0));
@@ -208,13 +255,13 @@ TEST(AnEmptyElement, IsAValueOnlyForThoseWhoAcceptItAndAsABooleanConvertsUpToUI4
 }
 
 TEST(AVariantElement, MayReplaceItsListAndIsTakenOverOnlyWhenItFits) {
-    ScopedVariant list = MakeList(MakeList("inner"));
+    ScopedVariant list = VUtil::MakeList(VUtil::MakeList("inner"));
     VUtil::GetElement(list, 0, list);
     EXPECT_EQ(VUtil::GetStringElement(list, 0), "inner");
     EXPECT_REFUSED(VUtil::GetElement(list, 5, list));
     EXPECT_EQ(list.vt, VT_EMPTY);
     list = MakeArray(VT_VARIANT, 1);
-    ScopedVariant inner = MakeList("inner");
+    ScopedVariant inner = VUtil::MakeList("inner");
     EXPECT_REFUSED(VUtil::PutElement(list, 1, std::move(inner)));
     VUtil::PutElement(list, 0, inner);
     ASSERT_EQ(VUtil::GetArrayLength(inner), 1);
@@ -226,9 +273,9 @@ TEST(AVariantElement, MayReplaceItsListAndIsTakenOverOnlyWhenItFits) {
 
 TEST(AReturnCode, IsElementZeroOrAPlainNumber) {
     ScopedVariant plain = MakeInt(0);
-    ScopedVariant failed = MakeList(0x40010, "text");
+    ScopedVariant failed = VUtil::MakeList(0x40010, "text");
     ScopedVariant text = MakeString("x");
-    ScopedVariant texts = MakeList("x");
+    ScopedVariant texts = VUtil::MakeList("x");
     EXPECT_EQ(VUtil::GetSingleRetcode(failed), 0x40010);
     VUtil::CheckSingleRetcode(plain, "Register");
     EXPECT_REFUSAL(VUtil::CheckSingleRetcode(failed, "Register"),
@@ -265,7 +312,7 @@ TEST(APairList, SkipsEmptySlotsAndStopsAtTheFirstMatchAndRefusesWhatIsNone) {
     EXPECT_EQ(key + "=" + value, "NAME=second");
     EXPECT_TRUE(VUtil::FindPairNoCase(list, "LIST", list));
     EXPECT_EQ(VUtil::GetArrayLength(list), 5);
-    const ScopedVariant none = MakeList(7);
+    const ScopedVariant none = VUtil::MakeList(7);
     ScopedVariant plain = MakeInt(7);
     EXPECT_REFUSED(VUtil::FindPair(none, "x", value));
     EXPECT_REFUSED(VUtil::FindPairNoCase(plain, "x", value));
@@ -284,7 +331,7 @@ TEST(Bytes, TravelWholeOrInPart) {
     EXPECT_EQ(part[0] * 256 + part[1], 512);
     EXPECT_REFUSED(VUtil::GetBinaryElement(binary, part, 3, 2));
     EXPECT_REFUSED(VUtil::GetBinaryElement(binary, part, 1, ~0UL));
-    ScopedVariant list = MakeList(binary, "text");
+    ScopedVariant list = VUtil::MakeList(binary, "text");
     unsigned char* copy = nullptr;
     unsigned long length = 0;
     VUtil::GetBinaryElement(list, 0, copy, length);
