@@ -104,7 +104,7 @@ private:
 
     // The thread's.
     uint32_t lastNotifyMs_ = 0;
-    int openError_ = 0;  // why searches cannot be heard, as it was said last
+    int openError_ = 0;          // why searches cannot be heard, as it was said last
     bool isOpenedAnew_ = false;  // and has not joined the group yet
     SaidOnce noRoom_;
     SaidOnce tooLong_;

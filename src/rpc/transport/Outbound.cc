@@ -46,7 +46,7 @@ public:
 
 private:
     PCondMutex lock_;
-    std::optional<T> value_ GUARDED_BY(lock_);
+    std::optional<T> value_ KEL_GUARDED_BY(lock_);
 };
 
 struct Answer {
