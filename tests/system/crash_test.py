@@ -108,8 +108,8 @@ class AProcessThatCrashes(CrashTest):
     def test_leaves_a_dump_of_the_thread_and_function_whatever_the_way(self):
         ways = {  # way: (signal, functions on the crashed stack from the innermost, what the log says before)
             "fault": ("SIGSEGV", ["FaultOfVictim", "commonMain", "main"], None),
-            "fault-in-log-lock": ("SIGSEGV", ["FaultOfVictim", "CBBLog::finishLine"], None),
-            "fault-in-log-thread": ("SIGSEGV", ["FaultOfVictim", "CBBLog::loggerThread"], "still written"),
+            "fault-in-log-lock": ("SIGSEGV", ["FaultOfVictim", "CBBLog::Impl::finishLine"], None),
+            "fault-in-log-thread": ("SIGSEGV", ["FaultOfVictim", "CBBLog::Impl::loggerThread"], "still written"),
             "divide": ("SIGFPE", ["Victim::init"], None),
             "exception": ("SIGSEGV", ["ThrowOfVictim", "commonMain"], "uncaught std::runtime_error c++ exception: boom"),
             "exception-in-thread": ("SIGSEGV", ["ThrowOfVictim", "RunWork"],
@@ -160,7 +160,7 @@ class AProcessThatCrashes(CrashTest):
                 if way == "run":
                     self.assertIn("[INFO ] - USR1 signal received, generating crash\n", run.output())
                 else:  # the thread that hangs stands in the dump where it hangs
-                    self.assertTrue(any("CBBLog::finishLine" in frame for frame in dump.threads[0]), dump.threads[0])
+                    self.assertTrue(any("CBBLog::Impl::finishLine" in frame for frame in dump.threads[0]), dump.threads[0])
 
     def test_ends_in_order_when_other_threads_fault_while_they_are_dumped(self):
         for _ in range(20):  # it takes a signal at one moment of a few
@@ -316,7 +316,7 @@ class ADirectoryThatCrashes(CrashTest):
             self.assertEqual(dump.thread_id, threads[position])
             seen.update(dump.crashed)
             position += 1
-        for function in ("YarModuleBase::run", "CBBLog::loggerThread", "WorkerMain", "HousekeeperMain"):
+        for function in ("YarModuleBase::run", "CBBLog::Impl::loggerThread", "WorkerMain", "HousekeeperMain"):
             self.assertTrue(any(function in frame for frame in seen), (function, seen))
 
     def test_is_whole_again_after_a_crash_and_leaves_its_port_free(self):
