@@ -27,9 +27,11 @@ template <typename T>
 class Awaited {
 public:
     void Bring(T value) {
-        PMutexHold hold(lock_);
-        value_ = std::move(value);
-        lock_.signal();
+        {
+            PMutexHold hold(lock_);
+            value_ = std::move(value);
+        }
+        lock_.signal();  // whoever wakes finds the lock free
     }
 
     bool IsThere() {
