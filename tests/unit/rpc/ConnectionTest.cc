@@ -1,0 +1,109 @@
+#include "rpc/transport/Connection.h"
+
+#include "foundation/Locks.h"
+#include "rpc/transport/Endpoint.h"
+#include "rpc/wire/Codec.h"
+
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <sys/socket.h>
+
+#include <string>
+#include <vector>
+
+namespace kel::transport {
+namespace {
+
+// An endpoint that answers every call, but "Block" only once it may, and a plain socket that is connected to it.
+class MessagesThatComeTogether : public testing::Test {
+protected:
+    MessagesThatComeTogether() {
+        endpoint_.Start();
+        EXPECT_FALSE(endpoint_.Listen({"127.0.0.1", 0}));
+        endpoint_.Accept();
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        address.sin_port = htons(endpoint_.port());
+        EXPECT_EQ(::connect(peer_.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    }
+    ~MessagesThatComeTogether() override {
+        mayGoOn_.set();
+        endpoint_.Close();
+    }
+
+    void Run(const ConnectionPtr& connection, const wire::Message& call) {
+        if (call.method == "Block") mayGoOn_.waitSignalled();
+        std::string answer;
+        if (call.kind == wire::MessageKind::request) {
+            EXPECT_TRUE(wire::EncodeResponse(answer, call.id, 0, ScopedVariant()));
+            connection->Send(answer, Connection::WhenFull::disconnect);
+        } else {
+            PMutexHold hold(lock_);
+            notified_ += call.method + " ";
+            lock_.signal();
+        }
+    }
+
+    // The ids of the next answers, in the order in which they come.
+    std::vector<uint32_t> Answers(size_t count) {
+        std::vector<uint32_t> ids;
+        while (ids.size() < count) {
+            char part[1024];
+            const ssize_t got = ::recv(peer_.get(), part, sizeof part, 0);
+            if (got <= 0) break;
+            input_.append(part, static_cast<size_t>(got));
+            wire::Framer framer;
+            for (; framer.Scan(input_.data(), input_.size()) == wire::Framer::Status::complete; framer.Reset()) {
+                wire::Message answer;
+                EXPECT_TRUE(wire::Decode(input_.data(), framer.length(), answer));
+                ids.push_back(answer.id);
+                input_.erase(0, framer.length());
+            }
+        }
+        return ids;
+    }
+
+    void Send(const std::string& bytes) {
+        EXPECT_EQ(::send(peer_.get(), bytes.data(), bytes.size(), 0), static_cast<ssize_t>(bytes.size()));
+    }
+
+    PManualEvent mayGoOn_;
+    PCondMutex lock_;
+    std::string notified_ KEL_GUARDED_BY(lock_);
+    Endpoint endpoint_{[this](const ConnectionPtr& connection, wire::Message& call) { Run(connection, call); }};
+    Descriptor peer_{::socket(AF_INET, SOCK_STREAM, 0)};
+    std::string input_;
+};
+
+TEST_F(MessagesThatComeTogether, AreAnsweredThoughOneOfThemBlocks) {
+    std::string bytes;
+    std::vector<uint32_t> others;
+    for (uint32_t id = 1; id <= 40; ++id) {
+        EXPECT_TRUE(wire::EncodeRequest(bytes, id, id == 20 ? "Block" : "Go", "", ScopedVariant()));
+        if (id != 20) others.push_back(id);
+    }
+    Send(bytes);
+    EXPECT_EQ(Answers(39), others);
+    mayGoOn_.set();
+    EXPECT_EQ(Answers(1), std::vector<uint32_t>{20});
+}
+
+TEST_F(MessagesThatComeTogether, KeepTheOrderOfNotificationsThoughOneOfThemBlocks) {
+    std::string bytes;
+    for (const char* const method : {"a", "b", "Block", "c", "d"})
+        EXPECT_TRUE(wire::EncodeNotification(bytes, method, "", ScopedVariant()));
+    EXPECT_TRUE(wire::EncodeRequest(bytes, 1, "Go", "", ScopedVariant()));
+    Send(bytes);
+    EXPECT_EQ(Answers(1), std::vector<uint32_t>{1}) << "a call behind them is answered";
+    mayGoOn_.set();
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    PMutexHold hold(lock_);
+    while (notified_.size() < 14 && lock_.waitUntil(deadline)) {
+    }
+    EXPECT_EQ(notified_, "a b Block c d ");
+}
+
+}  // namespace
+}  // namespace kel::transport
