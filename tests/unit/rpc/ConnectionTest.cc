@@ -27,6 +27,8 @@ protected:
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         address.sin_port = htons(endpoint_.port());
         EXPECT_EQ(::connect(peer_.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+        const timeval patience{60, 0};
+        ::setsockopt(peer_.get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
     }
     ~MessagesThatComeTogether() override {
         mayGoOn_.set();
