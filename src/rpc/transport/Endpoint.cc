@@ -270,6 +270,7 @@ void Endpoint::Post(std::function<void()> task) {
 void Endpoint::Repeat(std::chrono::milliseconds period, std::function<void()> task) {
     period_ = period;
     task_ = std::move(task);
+    repeated_ = std::make_shared<Task>([this] { RunRepeated(); });
     pool_.Do(armTimer_);
 }
 
@@ -278,7 +279,7 @@ void Endpoint::ArmTimer() {
     if (quiescing_) return;
     timer_.expires_after(period_);
     timer_.async_wait([this](const boost::system::error_code& cancelled) {
-        if (!cancelled && !Quietly([this] { pool_.Post([this] { RunRepeated(); }); })) pool_.Do(armTimer_);
+        if (!cancelled) pool_.queue().Add(repeated_, Work::firstOwn);
     });
 }
 

@@ -81,6 +81,7 @@ private:
     PCondMutex idle_;  // signalled when the last running call ends while quiescing
 
     std::function<void()> task_;  // set once, before the timer runs
+    WorkPtr repeated_;            // runs it
     std::chrono::milliseconds period_{0};
     WorkerPool::Chore armTimer_{[this] { ArmTimer(); }};
     PMutex timerLock_;
