@@ -1,6 +1,8 @@
 // What the parts of kel_bench share: the clock, errors with errno in words, descriptors, and being interrupted.
 #pragma once
 
+#include "platform/Files.h"
+
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -10,7 +12,6 @@
 #include <stdexcept>
 #include <string>
 #include <system_error>
-#include <utility>
 
 namespace kel::bench {
 
@@ -42,23 +43,6 @@ inline void RaiseDescriptorLimit() {
     ::setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-// Owns one file descriptor; -1 is none.
-class Descriptor {
-public:
-    explicit Descriptor(int number = -1) : number_(number) {}
-    Descriptor(Descriptor&& other) noexcept : number_(std::exchange(other.number_, -1)) {}
-    Descriptor& operator=(Descriptor&& other) noexcept {
-        std::swap(number_, other.number_);
-        return *this;
-    }
-    ~Descriptor() {
-        if (number_ >= 0) ::close(number_);
-    }
-
-    int get() const { return number_; }
-
-private:
-    int number_;
-};
+using platform::Descriptor;
 
 }  // namespace kel::bench

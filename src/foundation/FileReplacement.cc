@@ -111,7 +111,7 @@ int ReadFile(int folder, const CStdStr& name, CStdStr& text) {
     text.clear();
     // Without waiting: a pipe must not hold up anybody.
     const kel::platform::Descriptor file(openat(folder, name.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW));
-    return file.IsOpen() ? kel::platform::ReadWhole(file.Number(), text) : errno;
+    return file.IsOpen() ? kel::platform::ReadWhole(file.get(), text) : errno;
 }
 
 bool IsLeftover(const CStdStr& name) {

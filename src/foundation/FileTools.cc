@@ -65,9 +65,9 @@ int64_t CFileTools::getDateCreated() const {
 CStdStr CFileTools::toString() const {
     CStdStr text;
     const Descriptor file(OpenForReading(path_));
-    const off_t size = file.IsOpen() ? RegularFileSize(file.Number()) : -1;
+    const off_t size = file.IsOpen() ? RegularFileSize(file.get()) : -1;
     if (size <= 0) return text;
-    if (kel::platform::ReadWhole(file.Number(), text) != 0) text.clear();
+    if (kel::platform::ReadWhole(file.get(), text) != 0) text.clear();
     return text;
 }
 
@@ -79,12 +79,12 @@ bool CFileTools::getData(unsigned char** data, unsigned long* length, unsigned l
     *data = nullptr;
     *length = 0;
     const Descriptor file(OpenForReading(path_));
-    const off_t size = file.IsOpen() ? RegularFileSize(file.Number()) : -1;
+    const off_t size = file.IsOpen() ? RegularFileSize(file.get()) : -1;
     if (size < 0) return false;
     const size_t from = std::min<size_t>(offset, static_cast<size_t>(size));
     const size_t wanted = std::min<size_t>(count, static_cast<size_t>(size) - from);
     void* buffer = std::malloc(std::max<size_t>(wanted, 1));
-    const ssize_t read = buffer ? kel::platform::ReadAt(file.Number(), buffer, wanted, from) : -1;
+    const ssize_t read = buffer ? kel::platform::ReadAt(file.get(), buffer, wanted, from) : -1;
     if (read < 0) {
         std::free(buffer);
         return false;

@@ -5,19 +5,23 @@
 
 #include <cstddef>
 #include <string>
+#include <utility>
 
 namespace kel::platform {
 
 // A descriptor that is closed with its scope, leaving errno alone.
 class Descriptor {
 public:
-    explicit Descriptor(int fd) : fd_(fd) {}
+    explicit Descriptor(int fd = -1) : fd_(fd) {}
+    Descriptor(Descriptor&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+    Descriptor& operator=(Descriptor&& other) noexcept {
+        std::swap(fd_, other.fd_);
+        return *this;
+    }
     ~Descriptor();
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
 
     bool IsOpen() const { return fd_ >= 0; }
-    int Number() const { return fd_; }
+    int get() const { return fd_; }
     // Closes it now. Returns 0 or an error number: some file systems tell only then that something is not written.
     int Close();
 

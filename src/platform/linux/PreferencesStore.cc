@@ -87,12 +87,12 @@ bool ReadListText(const std::string& path, std::string& text, std::optional<mode
         return errno == ENOENT;
     }
     struct stat info {};
-    const bool isKnown = fstat(file.Number(), &info) == 0;
+    const bool isKnown = fstat(file.get(), &info) == 0;
     if (isKnown && !S_ISREG(info.st_mode)) {
         fault = "it is no regular file";
     } else if (isKnown && info.st_size > largestList) {
         fault = "it is larger than 64 MiB";
-    } else if (isKnown && ReadWhole(file.Number(), text) == 0) {
+    } else if (isKnown && ReadWhole(file.get(), text) == 0) {
         mode = info.st_mode & 07777;
         return true;
     } else {
@@ -127,7 +127,7 @@ bool ReplaceListFile(const std::string& path, const std::string& temporary, cons
     if (!xml) return false;
     Descriptor file(open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, newListMode));
     if (!file.IsOpen()) return false;
-    const bool written = fchmod(file.Number(), list.mode) == 0 && WriteWhole(file.Number(), xml, length) == 0;
+    const bool written = fchmod(file.get(), list.mode) == 0 && WriteWhole(file.get(), xml, length) == 0;
     if (file.Close() == 0 && written && rename(temporary.c_str(), path.c_str()) == 0) return true;
     unlink(temporary.c_str());
     return false;
@@ -237,7 +237,7 @@ bool StorePreference(const std::string& identifier, const std::string& name, con
     MakeFolder(folder);
     const std::string lockPath = folder + "/." + identifier + ".lock";
     const Descriptor lock(open(lockPath.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, newListMode));
-    if (!lock.IsOpen() || !WaitForLock(lock.Number())) return false;
+    if (!lock.IsOpen() || !WaitForLock(lock.get())) return false;
     const std::string path = folder + "/" + identifier + ".plist";
     std::string ignored;
     std::optional<ListFile> list = ReadListFile(path, ignored);

@@ -2,6 +2,8 @@
 // type-erased one, so that a completion costs no indirection.
 #pragma once
 
+#include "platform/Files.h"
+
 #include <boost/asio/basic_socket_acceptor.hpp>
 #include <boost/asio/basic_stream_socket.hpp>
 #include <boost/asio/basic_waitable_timer.hpp>
@@ -10,13 +12,11 @@
 #include <boost/asio/ip/tcp.hpp>
 
 #include <fcntl.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <compare>
 #include <cstdint>
 #include <string>
-#include <utility>
 
 namespace kel::transport {
 
@@ -25,6 +25,7 @@ using Socket = boost::asio::basic_stream_socket<boost::asio::ip::tcp, Executor>;
 using Acceptor = boost::asio::basic_socket_acceptor<boost::asio::ip::tcp, Executor>;
 using Timer = boost::asio::basic_waitable_timer<std::chrono::steady_clock,
                                                 boost::asio::wait_traits<std::chrono::steady_clock>, Executor>;
+using platform::Descriptor;
 using Deadline = std::chrono::steady_clock::time_point;
 
 // Where an endpoint listens: a name or a dotted address, and a port in host order.
@@ -38,25 +39,6 @@ struct Address {
 
 // Programs that this process starts do not get the descriptor.
 inline void CloseOnExec(int descriptor) { ::fcntl(descriptor, F_SETFD, FD_CLOEXEC); }
-
-// A descriptor that is closed with its owner.
-class Descriptor {
-public:
-    explicit Descriptor(int number = -1) : number_(number) {}
-    Descriptor(Descriptor&& other) noexcept : number_(std::exchange(other.number_, -1)) {}
-    Descriptor& operator=(Descriptor&& other) noexcept {
-        std::swap(number_, other.number_);
-        return *this;
-    }
-    ~Descriptor() {
-        if (number_ >= 0) ::close(number_);
-    }
-
-    int get() const { return number_; }
-
-private:
-    int number_;
-};
 
 // Whether a socket could not be had because the process or the system has none left.
 inline bool IsShortage(const boost::system::error_code& error) {
