@@ -23,8 +23,9 @@
 // system until its answer is there. As soon as others wait as well the workers read (ReadByWorkers), until a thread is
 // alone with the connection again.
 //
-// Writing is Outbox. The answers of messages that were read together leave together: they are held back from the first
-// of them on until the last has been run, or until the turn changes hands.
+// Calls of this side are in ConnectionCalls.cc. Writing is Outbox. The answers of messages that were read together
+// leave together: they are held back from the first of them on until the last has been run, or until the turn changes
+// hands.
 //
 // Closing shuts the socket down, but leaves the descriptor open: the destructor closes it. The turn of a connection
 // that has closed is never put down again.
@@ -40,13 +41,10 @@
 #include "rpc/wire/Codec.h"
 
 #include <netinet/tcp.h>
-#include <poll.h>
 #include <sys/socket.h>
 
 #include <cerrno>
 #include <cstring>
-#include <exception>
-#include <new>
 #include <utility>
 
 namespace kel::transport {
@@ -55,7 +53,6 @@ namespace {
 
 constexpr const char* noMessage = "the peer sent what is not a message";
 constexpr int maxBatch = 32;
-constexpr std::chrono::seconds longWait{1};  // inside one call of the system
 constexpr ptrdiff_t writtenOff = ptrdiff_t{1} << 48;
 
 std::atomic<uint64_t> uses{0};  // of connections
@@ -112,19 +109,6 @@ void Connection::Start() {
     const WorkQueue::For what = openedByPeer() ? WorkQueue::For::reading : WorkQueue::For::end;
     OrFail([&] { owner_.pool().queue().Watch(descriptor(), shared_from_this(), what); });
     if (closed_) owner_.pool().queue().Unwatch(descriptor());
-}
-
-template <typename Code>
-void Connection::OrFail(Code&& code) {
-    try {
-        code();
-    } catch (const std::bad_alloc&) {
-        Fail("no memory");
-    } catch (const std::exception& error) {
-        Fail(error.what());
-    } catch (...) {
-        Fail("an exception of an unknown type");
-    }
 }
 
 // Has the system tell of what is there and of what comes.
@@ -219,22 +203,6 @@ Connection::Received Connection::Receive() {
     do result = ::recv(descriptor(), input_.space(), input_.spaceSize(), MSG_DONTWAIT);
     while (result < 0 && errno == EINTR);
     return Account(result);
-}
-
-// Waits as well; `nothing` at the deadline.
-Connection::Received Connection::WaitAndReceive(Deadline deadline) {
-    using std::chrono::milliseconds;
-    CountBuffers(input_.Prepare());
-    for (;;) {
-        const auto left = std::chrono::ceil<milliseconds>(deadline - std::chrono::steady_clock::now());
-        if (left <= milliseconds(0)) return Received::nothing;
-        const bool isLong = left > 2 * longWait;
-        pollfd waited{descriptor(), POLLIN, 0};
-        if (!isLong) (void)::poll(&waited, 1, static_cast<int>(left.count()));
-        const ssize_t result = ::recv(descriptor(), input_.space(), input_.spaceSize(), isLong ? 0 : MSG_DONTWAIT);
-        const bool isInVain = result < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR);
-        if (!isInVain) return Account(result);
-    }
 }
 
 // Of what recv returned. A stream that gave less than was asked for has no more.
@@ -510,74 +478,6 @@ bool Connection::WhenDrained(std::function<void()> drained, std::function<void()
     const Outbox::State state = outbox_.WhenDrained(drain);
     if (state == Outbox::State::empty) owner_.pool().Post(std::move(drain.drained));
     return state != Outbox::State::closed;
-}
-
-// --- Calls of this side --------------------------------------------------------------------------------------------
-
-Connection::Begun Connection::Call(std::string_view method, std::string_view caller, const tagVARIANT& in,
-                                   AnswerHandler handler, uint32_t* id) {
-    *id = calls_.NewId();
-    std::string bytes;
-    if (!wire::EncodeRequest(bytes, *id, method, caller, in)) return Begun::tooLarge;
-    const CallTable::Added added = calls_.Add(*id, std::move(handler));
-    if (added == CallTable::Added::closed) return Begun::closed;
-    Sent sent = Sent::closed;
-    used_ = true;
-    OrFail([&] {
-        sent = added == CallTable::Added::theOnlyOne ? outbox_.Send(bytes, WhenFull::queue)
-                                                     : outbox_.SendWithOthers(bytes);
-    });
-    const bool isLost = sent == Sent::closed && calls_.Take(*id);  // else its handler has been told
-    return isLost ? Begun::closed : Begun::begun;
-}
-
-void Connection::Abandon(uint32_t id) {
-    calls_.Take(id);
-    ReadByWorkers();  // the answer that may yet come
-}
-
-void Connection::CompleteCall(wire::Message& answer) {
-    const AnswerHandler handler = calls_.Take(answer.id);
-    if (handler) handler(answer.failed ? CallEnd::failed : CallEnd::answered, answer);
-}
-
-void Connection::ReadAnswer(const std::function<bool()>& isThere, Deadline deadline) {
-    if (openedByPeer() || calls_.size() > 1 || !TakeTurn()) return ReadByWorkers();
-    if (workersRead_.exchange(false)) Watch();
-    bool isMine = true;
-    OrFail([&] { isMine = ReadAnswers(isThere, deadline); });
-    if (!isMine) return;
-    OrFail([this] {
-        while (!PutTurnDown()) {
-        }
-    });
-    // Whoever made a call meanwhile has left the reading to this thread.
-    if (calls_.size() > 0) workersRead_ = true;
-    if (workersRead_) Watch();
-}
-
-// False when the turn is no longer the caller's.
-bool Connection::ReadAnswers(const std::function<bool()>& isThere, Deadline deadline) {
-    do {
-        if (!CompleteCalls()) {
-            ReadByWorkers();
-            PassTurn();
-            return false;
-        }
-    } while (!isThere() && WaitAndReceive(deadline) == Received::bytes);
-    return true;
-}
-
-// Takes the answers that are complete; false when there is something else to run.
-bool Connection::CompleteCalls() {
-    for (;;) {
-        const Frame frame = LookForMessage();
-        if (frame == Frame::malformed) CloseForNoMessage();
-        if (frame != Frame::complete || closed_) return true;
-        if (!IsOf(wire::MessageKind::response)) return false;
-        wire::Message answer;
-        if (TakeMessage(answer)) CompleteCall(answer);
-    }
 }
 
 // --- Closing -------------------------------------------------------------------------------------------------------

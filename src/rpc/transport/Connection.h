@@ -16,8 +16,10 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <exception>
 #include <functional>
 #include <memory>
+#include <new>
 #include <string>
 #include <string_view>
 
@@ -25,6 +27,7 @@ namespace kel::transport {
 
 constexpr int maxOutstandingCalls = 1024;                       // requests of a connection; beyond them reading pauses
 constexpr size_t maxNotificationBytes = wire::maxMessageBytes;  // of notifications that wait; likewise
+constexpr std::chrono::seconds longWait{1};                     // of a calling thread, inside one call of the system
 
 // What a connection needs of its endpoint; the members are called with no lock held.
 class ConnectionOwner {
@@ -221,5 +224,18 @@ private:
     Outbox outbox_;
     CallTable calls_;
 };
+
+template <typename Code>
+void Connection::OrFail(Code&& code) {
+    try {
+        code();
+    } catch (const std::bad_alloc&) {
+        Fail("no memory");
+    } catch (const std::exception& error) {
+        Fail(error.what());
+    } catch (...) {
+        Fail("an exception of an unknown type");
+    }
+}
 
 }  // namespace kel::transport
