@@ -1,14 +1,10 @@
 #include "foundation/Log.h"
 
-#include "foundation/LogFolder.h"
-#include "foundation/LogFolding.h"
+#include "foundation/LogImpl.h"
 #include "foundation/LogText.h"
 #include "foundation/Settings.h"
 #include "foundation/StandardStreams.h"
-#include "foundation/Thread.h"
-#include "platform/ProcessPaths.h"
 
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <time.h>
@@ -20,24 +16,16 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
-#include <deque>
-#include <filesystem>
 #include <limits>
 #include <new>
 #include <optional>
 #include <string_view>
-#include <system_error>
 #include <utility>
 
 namespace {
 
 constexpr size_t timeBuffer = 1024;
 constexpr size_t lineBuffer = 20480;
-
-constexpr LOGLEVEL levelMask = 0xff;
-
-// The level of a log at which a line of this level is written.
-constexpr LOGLEVEL levelNeeded(LOGLEVEL level) { return level < 0 ? level : level & levelMask; }
 
 const char* nameOf(LOGLEVEL level) {
     if (level == LOGLEVEL_NOTE) return "NOTE";
@@ -57,48 +45,6 @@ void formatTime(char (&buffer)[timeBuffer]) {
              local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec, static_cast<int>(now.tv_usec / 1000));
 }
 
-// The module's name, as fatal lines show it, from its file's.
-CStdStr shortNameOf(const CStdStr& name) {
-    CStdStr shortName = name.substr(0, name.find('.'));
-    const size_t separator = shortName.find_last_of("/\\");
-    if (separator != CStdStr::npos) shortName.erase(0, separator + 1);
-    return shortName;
-}
-
-// What is wrong with a folder or file that LogFolder has refused; empty when it is neither a link nor anybody else's.
-CStdStr WhyRefused(const CStdStr& path, bool isFolder) {
-    struct stat info {};
-    if (lstat(path.c_str(), &info) != 0) return CStdStr();
-    const bool isForeign = isFolder && info.st_uid != 0 && info.st_uid != geteuid();
-    const bool isKind = isFolder ? S_ISDIR(info.st_mode) : S_ISREG(info.st_mode);
-    if (isKind && !isForeign) return CStdStr();
-    CStdStr text;
-    text.Format("%s is not used: it is %s, of the user with the id %u; remove it", path.c_str(),
-                S_ISLNK(info.st_mode) ? "a link"
-                : !isKind             ? (isFolder ? "no folder" : "no file")
-                                      : "a folder of another user",
-                static_cast<unsigned>(info.st_uid));
-    return text;
-}
-
-// Why a file in the folder could not be opened, in words.
-CStdStr WhyUnused(const CStdStr& folder, const CStdStr& file, int reason) {
-    for (const bool isFolder : {true, false}) {
-        CStdStr text = WhyRefused(isFolder ? folder : file, isFolder);
-        if (!text.empty()) return text;
-    }
-    CStdStr text;
-    std::error_code ignored;
-    std::filesystem::path parent(folder.c_str());
-    while (!std::filesystem::exists(parent, ignored) && parent.has_relative_path()) parent = parent.parent_path();
-    if (parent != folder.c_str() && access(parent.c_str(), W_OK) != 0)
-        text.Format("%s cannot be made in %s: %s", folder.c_str(), parent.c_str(), std::strerror(errno));
-    else text.Format("%s cannot be opened: %s", file.c_str(), std::strerror(reason));
-    return text;
-}
-
-bool isSameFile(const struct stat& a, const struct stat& b) { return a.st_ino == b.st_ino && a.st_dev == b.st_dev; }
-
 // There is nobody to tell that the log cannot be written, so a line that does not fit the disk is lost.
 void writeLine(int fd, const CStdStr& line) {
     const ssize_t written = write(fd, line.data(), line.size());
@@ -106,101 +52,6 @@ void writeLine(int fd, const CStdStr& line) {
 }
 
 }  // namespace
-
-class KEL_HIDDEN CBBLog::Impl {
-public:
-    Impl(CBBLog& log, const CStdStr& name, bool showPid, long long maxFileSize)
-        : log_(log),
-          name_(name),
-          showPid_(showPid),
-          maxFileSize_(maxFileSize),
-          pid_(static_cast<std::uint32_t>(getpid())),
-          folding_(new LogFolding) {}
-    ~Impl() { closeFiles(); }
-    Impl(const Impl&) = delete;
-    Impl& operator=(const Impl&) = delete;
-
-    static bool isEnabled(LOGLEVEL level) { return isEnabledAt(s_level.load(std::memory_order_relaxed), level); }
-    bool isEnabledHere(LOGLEVEL level) const { return isEnabledAt(level_, level); }
-    // The same, but false while the level was not read yet.
-    bool isReached(LOGLEVEL level) const { return level_ >= level; }
-    static boost::shared_ptr<CBBLog> instance() KEL_EXCLUDES(s_instanceLock);
-    static void setLogger(const boost::shared_ptr<CBBLog>& logger) KEL_EXCLUDES(s_instanceLock);
-    void setLogLevel(LOGLEVEL level) KEL_EXCLUDES(s_instanceLock);
-    void withdraw() KEL_EXCLUDES(s_instanceLock);
-
-    bool isWritten(LOGLEVEL level);
-    LogVerdict judge(LOGLEVEL level, std::string_view kind);
-    void addText(LOGLEVEL level, std::string_view kind, std::string_view text, LogVerdict verdict);
-    void AddRawLog(const char* text);
-    void logLineToFile(const CStdStr& line) KEL_EXCLUDES(fileLock_);
-    void FatalError(const CStdStr& line) KEL_EXCLUDES(initLock_);
-
-    void initialize() KEL_EXCLUDES(initLock_);
-    void stopThread() KEL_EXCLUDES(queueLock_);
-    CStdStr getLogs() KEL_EXCLUDES(queueLock_);
-    long long getFileSize() KEL_EXCLUDES(fileLock_);
-    bool flush(long milliseconds) KEL_EXCLUDES(queueLock_);
-
-private:
-    static bool isEnabledAt(LOGLEVEL current, LOGLEVEL level) {
-        return current == LOGLEVEL_UNREAD || current >= levelNeeded(level);
-    }
-    static CStdStr getLogsDirectory();
-
-    void finishLine(CStdStr& line, LOGLEVEL level);
-    void sayFolded(bool all);
-    void wakeThread() KEL_EXCLUDES(queueLock_);
-    CStdStr openFiles() KEL_REQUIRES(initLock_);
-    void closeFiles() KEL_REQUIRES(initLock_);
-    int openFile(const CStdStr& path, bool& isNew) const;
-    void readLogLevel();
-    void publishLevel() KEL_REQUIRES(s_instanceLock);
-    CStdStr buildLineHeader(LOGLEVEL level) const;
-    void rotateIfNeeded(int& fd, const CStdStr& path) const;
-    void addQueue(const CStdStr& line) KEL_EXCLUDES(queueLock_);
-    bool waitForWork() KEL_REQUIRES(queueLock_);
-    void writeQueue() KEL_REQUIRES(queueLock_);
-    unsigned int loggerThread(void*) KEL_EXCLUDES(queueLock_);
-
-    // The process's log, and its level (noLogger without one) where every thread can read it without a lock: skipping
-    // a line costs one load.
-    static boost::weak_ptr<CBBLog>& s_instance KEL_GUARDED_BY(s_instanceLock);
-    static const CBBLog* s_published KEL_GUARDED_BY(s_instanceLock);
-    static PMutex& s_instanceLock;
-    static std::atomic<LOGLEVEL> s_level;
-
-    CBBLog& log_;
-    const CStdStr name_;
-    std::atomic<LOGLEVEL> level_{LOGLEVEL_UNREAD};
-
-    // initialize writes these under initLock_, `initialized_` last; from then on they are only read.
-    std::atomic<bool> initialized_{false};
-    bool fileEnabled_ = false;
-    bool errorsEnabled_ = false;
-    CStdStr folder_;
-    CStdStr logPath_;
-    CStdStr errorsPath_;
-    CStdStr shortName_;
-
-    PMutex initLock_;
-    const bool showPid_;
-    const long long maxFileSize_;
-    const std::uint32_t pid_;
-    const std::unique_ptr<LogFolding> folding_;
-
-    PMutex fileLock_;  // the log's thread holds it while it writes; for getFileSize, which any thread may ask
-    int logFd_ KEL_GUARDED_BY(fileLock_) = -1;
-    int errorsFd_ KEL_GUARDED_BY(initLock_) = -1;
-
-    std::unique_ptr<PThread> thread_ KEL_GUARDED_BY(initLock_);
-
-    PCondMutex queueLock_;
-    bool stopping_ KEL_GUARDED_BY(queueLock_) = false;
-    uint64_t queued_ KEL_GUARDED_BY(queueLock_) = 0;   // lines, since the beginning
-    uint64_t written_ KEL_GUARDED_BY(queueLock_) = 0;  // likewise: those of them that are in the file
-    std::deque<CStdStr> queue_ KEL_GUARDED_BY(queueLock_);
-};
 
 const char* const g_logStr[5] = {"FATAL", "ERROR", "WARN", "INFO", "DEBUG"};
 
@@ -272,103 +123,6 @@ void CBBLog::Impl::readLogLevel() {
 
 void CBBLog::Impl::publishLevel() {
     if (s_published == &log_) s_level = level_.load();
-}
-
-// --- Opening and rotating the files
-
-CStdStr CBBLog::Impl::getLogsDirectory() { return kel::platform::RootPrefix() + "/Library/Logs/Tessaly"; }
-
-// Opens a file of the folder; -1 with the reason in errno.
-int CBBLog::Impl::openFile(const CStdStr& path, bool& isNew) const {
-    return LogFolder(folder_.c_str()).OpenFile(path.c_str() + folder_.size() + 1, isNew);
-}
-
-void CBBLog::Impl::initialize() {
-    PMutexHold hold(initLock_);
-    if (initialized_) return;
-
-    folder_ = getLogsDirectory();
-    logPath_ = folder_ + "/" + name_;
-    errorsPath_ = folder_ + "/errors.log";
-    shortName_ = shortNameOf(name_);
-    mkdir(folder_.c_str(), 0777);
-    const CStdStr problems = openFiles();
-
-    std::unique_ptr<PThread> thread(new PThread(new PThreadDelegateMember<Impl>(this, &Impl::loggerThread)));
-    try {
-        thread->Start();
-    } catch (...) {  // the next line tries again
-        closeFiles();
-        throw;
-    }
-    thread_.swap(thread);
-    if (!problems.empty()) kel::PrintError(problems);
-    if (!problems.empty() && fileEnabled_) addQueue(problems);
-    initialized_ = true;
-}
-
-void CBBLog::Impl::closeFiles() {
-    PMutexHold hold(fileLock_);
-    for (int* fd : {&logFd_, &errorsFd_}) {
-        if (*fd >= 0) close(*fd);
-        *fd = -1;
-    }
-    fileEnabled_ = errorsEnabled_ = false;
-}
-
-// Returns the lines that say what is wrong with the files, if anything is.
-CStdStr CBBLog::Impl::openFiles() {
-    PMutexHold hold(fileLock_);
-    CStdStr problems;
-    const auto open = [&](int& fd, const CStdStr& path, const char* what) {
-        bool isNew = false;
-        fd = openFile(path, isNew);
-        // Processes of other users append as well, whatever this one's umask. What is somebody else's keeps its mode.
-        struct stat info {};
-        const bool isOwn = fd >= 0 && fstat(fd, &info) == 0 && info.st_uid == geteuid() && info.st_nlink == 1;
-        if (isNew || isOwn) fchmod(fd, 0666);
-        if (fd >= 0) return true;
-        const int reason = errno;
-        CStdStr line;
-        line.Format("Error: could not open %s '%s': %d\n", what, logPath_.c_str(), reason);
-        kel::PrintOut(line);
-        const CStdStr problem = "Log: " + WhyUnused(folder_, path, reason) + "\n";
-        if (problems.find(problem) == CStdStr::npos) problems += buildLineHeader(LOGLEVEL_ERROR) + problem;
-        return false;
-    };
-    fileEnabled_ = open(logFd_, logPath_, "log file");
-    // The message names the module's log, as it always has.
-    errorsEnabled_ = open(errorsFd_, errorsPath_, "error log file");
-    return problems;
-}
-
-// Several processes append to the same file, and each finds out by itself that it is full. The first to lock it renames
-// it; the others hold a descriptor whose inode the name no longer has, and only open the name again. So the line that
-// finds the file full goes to a new one, and the backup is not overwritten by a file with a line or two.
-void CBBLog::Impl::rotateIfNeeded(int& fd, const CStdStr& path) const {
-    struct stat opened {};
-    struct stat named {};
-    if (fstat(fd, &opened) != 0) return;
-    const bool exists = lstat(path.c_str(), &named) == 0;
-    if (!exists && errno != ENOENT) return;
-    if (exists && isSameFile(opened, named)) {
-        if (opened.st_size < maxFileSize_) return;
-        if (flock(fd, LOCK_EX) != 0) return;
-        const bool stillNamed = lstat(path.c_str(), &named) == 0 && isSameFile(opened, named);
-        const CStdStr name = path.substr(folder_.size() + 1);
-        if (stillNamed) LogFolder(folder_.c_str()).Rename(name.c_str(), (name + ".back").c_str());
-    }
-    bool isNew = false;
-    const int fresh = openFile(path, isNew);
-    if (fresh < 0) return;  // the line goes where the last one went, and the next one tries again
-    close(fd);              // gives the lock back
-    fd = fresh;
-}
-
-long long CBBLog::Impl::getFileSize() {
-    PMutexHold hold(fileLock_);
-    struct stat opened {};
-    return fstat(logFd_, &opened) == 0 ? static_cast<long long>(opened.st_size) : -1;
 }
 
 // --- Writing a line
