@@ -96,10 +96,10 @@ TEST(AWorkerPool, GrowsWhileMethodsBlockAndServesOthersMeanwhile) {
     again.Open();
 }
 
-TEST(AWorkerPool, WakesItsMonitorAfterAPause) {
+TEST(AWorkerPool, WakesItsHousekeeperAfterAPause) {
     WorkerPool pool;
     pool.Start();
-    std::this_thread::sleep_for(std::chrono::milliseconds(400));  // long enough for the monitor to have gone to sleep
+    std::this_thread::sleep_for(std::chrono::milliseconds(400));  // long enough for it to have gone to sleep
     Gate blocked;
     for (int i = 0; i < 3; ++i) {
         pool.Post([&] {
