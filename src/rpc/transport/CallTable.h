@@ -51,11 +51,12 @@ public:
         return calls_.size();
     }
 
-    // Refuses further calls if there are none and `also` says so as well; whether.
-    template <typename Also>
-    bool CloseIfEmpty(Also&& also) {
+    // Refuses further calls if there are none, and runs `before` before one can hear of it; whether.
+    template <typename Before>
+    bool CloseIfEmpty(Before&& before) {
         PMutexHold hold(lock_);
-        if (!calls_.empty() || !also()) return false;
+        if (!calls_.empty()) return false;
+        before();
         return closed_ = true;
     }
 

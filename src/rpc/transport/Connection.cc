@@ -108,11 +108,13 @@ Connection::~Connection() { CountBuffers(-bufferBytes()); }
 void Connection::Start() {
     const WorkQueue::For what = openedByPeer() ? WorkQueue::For::reading : WorkQueue::For::end;
     OrFail([&] { owner_.pool().queue().Watch(descriptor(), shared_from_this(), what); });
+    if (!openedByPeer() && (workersRead_ || watchesWriting_)) Watch();  // others have it already, and have used it
     if (closed_) owner_.pool().queue().Unwatch(descriptor());
 }
 
 // Has the system tell of what is there and of what comes.
 void Connection::Watch() {
+    PMutexHold hold(watchLock_);  // so that the last word is of the last state
     const WorkQueue::For reading = workersRead_ ? WorkQueue::For::reading : WorkQueue::For::end;
     owner_.pool().queue().Change(descriptor(), watchesWriting_ ? WorkQueue::For::readingAndWriting : reading);
 }
@@ -183,7 +185,10 @@ void Connection::TakeOver() {
     });
 }
 
-void Connection::DropInput() { CountBuffers(input_.Drop()); }
+void Connection::DropInput() {
+    CountBuffers(input_.Drop());
+    readShare_ = {};
+}
 
 // --- Reading -------------------------------------------------------------------------------------------------------
 
@@ -524,10 +529,13 @@ bool Connection::HasUnread() {
 }
 
 bool Connection::CloseIfIdle() {
-    if (!IsIdle() || HasUnread()) return false;
-    if (!calls_.CloseIfEmpty([this] { return TakeTurn(); })) return false;
+    if (!IsIdle() || HasUnread() || !TakeTurn()) return false;
+    // Before the turn was here somebody may have read a call, or begun one.
+    if (outstanding_ > 0 || !calls_.CloseIfEmpty([this] { gaveRoom_ = true; })) {
+        PassTurn();
+        return false;
+    }
     DropInput();
-    gaveRoom_ = true;
     Close("its descriptor is needed");
     return true;
 }

@@ -206,6 +206,8 @@ private:
     std::atomic<uint64_t> lastUse_{0};
     std::atomic<int> unfinished_{0};  // one more than it was looked at while the peer owes the same bytes; 0: none
 
+    PMutex watchLock_;  // taken with the outbox's held
+
     enum Turn : int { isFree, isTaken, isTakenAndMoreCame };
     std::atomic<int> turn_{isFree};
     // The reading turn's: touched only by the thread that has it.
@@ -215,6 +217,7 @@ private:
     bool holds_ = false;             // answers, in the outbox
     MemoryBudget::Share readShare_;  // for the message at the front
 
+    std::atomic<int> owed_{0};  // answers that nobody waits for any more, and that may come
     std::atomic<int> outstanding_{0};
     std::atomic<bool> paused_{false};
 

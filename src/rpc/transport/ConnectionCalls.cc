@@ -29,17 +29,19 @@ Connection::Begun Connection::Call(std::string_view method, std::string_view cal
 }
 
 void Connection::Abandon(uint32_t id) {
-    calls_.Take(id);
-    ReadByWorkers();  // the answer that may yet come
+    ++owed_;
+    if (!calls_.Take(id)) --owed_;
+    ReadByWorkers();
 }
 
 void Connection::CompleteCall(wire::Message& answer) {
     const AnswerHandler handler = calls_.Take(answer.id);
-    if (handler) handler(answer.failed ? CallEnd::failed : CallEnd::answered, answer);
+    if (handler) return handler(answer.failed ? CallEnd::failed : CallEnd::answered, answer);
+    if (owed_ > 0) --owed_;
 }
 
 void Connection::ReadAnswer(const std::function<bool()>& isThere, Deadline deadline) {
-    if (openedByPeer() || calls_.size() > 1 || !TakeTurn()) return ReadByWorkers();
+    if (openedByPeer() || calls_.size() > 1 || owed_ > 0 || !TakeTurn()) return ReadByWorkers();
     if (workersRead_.exchange(false)) Watch();
     bool isMine = true;
     OrFail([&] { isMine = ReadAnswers(isThere, deadline); });
@@ -48,9 +50,10 @@ void Connection::ReadAnswer(const std::function<bool()>& isThere, Deadline deadl
         while (!PutTurnDown()) {
         }
     });
-    // Whoever made a call meanwhile has left the reading to this thread.
+    // Whoever made a call meanwhile has left the reading to this thread, and to whom the system has told of the end,
+    // the turn was taken.
     if (calls_.size() > 0) workersRead_ = true;
-    if (workersRead_) Watch();
+    if (workersRead_ || peerEnded_) Watch();
 }
 
 // False when the turn is no longer the caller's.

@@ -209,7 +209,7 @@ void WorkerPool::GiveUp(Worker& worker) {
 // Takes over what a worker that has been given up offers.
 void WorkerPool::Relieve(Worker& worker) {
     uintptr_t offered = worker.offered.load();
-    if (offered == nothing || !worker.offered.compare_exchange_strong(offered, beingTaken)) return;
+    if (offered <= beingTaken || !worker.offered.compare_exchange_strong(offered, beingTaken)) return;
     reinterpret_cast<Relay*>(offered)->TakeOver();
     worker.offered = nothing;
 }

@@ -79,6 +79,91 @@ protected:
     std::string input_;
 };
 
+// A connection that was opened here, to a plain socket, and whoever holds it.
+class AConnectionOfOurs : public testing::Test, public ConnectionOwner {
+protected:
+    AConnectionOfOurs() {
+        int ends[2];
+        EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+        peer_ = Descriptor(ends[1]);
+        connection_ = std::make_shared<Connection>(Descriptor(ends[0]), *this, "peer", Connection::Opener::us);
+        pool_.Start();
+    }
+    ~AConnectionOfOurs() override {
+        connection_->Close("the test is over");
+        pool_.Stop();
+    }
+
+    WorkerPool& pool() override { return pool_; }
+    MemoryBudget& memory() override { return memory_; }
+    void OnBuffersOver() override {}
+    void OnUnfinished() override {}
+    void OnCall(const ConnectionPtr&, wire::Message&) override {}
+    void OnClosed(const ConnectionPtr&) override { ended_.set(); }
+
+    uint32_t Call() {
+        uint32_t id = 0;
+        const auto heard = [this](CallEnd, wire::Message&) { answered_.set(); };
+        EXPECT_EQ(connection_->Call("Go", "", ScopedVariant(), heard, &id), Connection::Begun::begun);
+        return id;
+    }
+    void Answer(uint32_t id) {
+        std::string bytes;
+        EXPECT_TRUE(wire::EncodeResponse(bytes, id, 0, ScopedVariant()));
+        EXPECT_EQ(::send(peer_.get(), bytes.data(), bytes.size(), 0), static_cast<ssize_t>(bytes.size()));
+    }
+    // Until a worker has run what the system has told of.
+    void AwaitWorkers() {
+        for (int i = 0; i < 2; ++i) {
+            PManualEvent ran;
+            pool_.Post([&] { ran.set(); });
+            ran.waitSignalled();
+        }
+    }
+
+    static constexpr int patience = 60'000;
+    MemoryBudget memory_{[] {}};
+    PManualEvent answered_, ended_;
+    Descriptor peer_;
+    WorkerPool pool_;
+    ConnectionPtr connection_;
+};
+
+TEST_F(AConnectionOfOurs, IsReadThoughItWasUsedBeforeItWasStarted) {
+    Answer(Call());
+    connection_->ReadByWorkers();
+    connection_->Start();
+    EXPECT_TRUE(answered_.waitSignalled(patience));
+}
+
+TEST_F(AConnectionOfOurs, EndsWithItsPeerThoughAThreadReadsItsAnswerThen) {
+    connection_->Start();
+    Answer(Call());
+    const auto isThere = [this] {
+        if (!answered_.waitSignalled(0)) return false;
+        peer_ = Descriptor();
+        AwaitWorkers();
+        return true;
+    };
+    connection_->ReadAnswer(isThere, std::chrono::steady_clock::now() + std::chrono::minutes(1));
+    EXPECT_TRUE(ended_.waitSignalled(patience));
+}
+
+TEST_F(AConnectionOfOurs, ReadsTheAnswerThatNobodyWaitsForAnyMore) {
+    connection_->Start();
+    const uint32_t abandoned = Call();
+    connection_->Abandon(abandoned);
+    Answer(Call());
+    const auto isThere = [this] { return answered_.waitSignalled(0); };
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::minutes(1);
+    connection_->ReadAnswer(isThere, deadline);
+    EXPECT_TRUE(answered_.waitSignalled(patience));
+    Answer(abandoned);
+    bool wasIdle = false;  // one with something to read is not
+    while (!(wasIdle = connection_->CloseIfIdle()) && std::chrono::steady_clock::now() < deadline) AwaitWorkers();
+    EXPECT_TRUE(wasIdle);
+}
+
 TEST_F(MessagesThatComeTogether, AreAnsweredThoughOneOfThemBlocks) {
     std::string bytes;
     std::vector<uint32_t> others;

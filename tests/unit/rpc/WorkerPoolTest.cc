@@ -111,6 +111,54 @@ TEST(AWorkerPool, WakesItsHousekeeperAfterAPause) {
     blocked.Open();
 }
 
+// The housekeeper is busy with what another thread offered when it comes to one that has gone on meanwhile, offers
+// something else and says that it will wait.
+TEST(AWorkerPool, TakesOverOnceWhatAThreadOffers) {
+    struct SlowRelay : WorkerPool::Relay {
+        void TakeOver() override {
+            begun.set();
+            mayEnd.waitSignalled();
+        }
+        PManualEvent begun, mayEnd;
+    };
+    for (int round = 0; round < 20; ++round) {
+        WorkerPool pool;
+        pool.Start();
+        SlowRelay ofFirst, ofSecond;
+        PManualEvent secondIsThere, firstMayEnd, done;
+        pool.Post([&] {
+            {
+                const WorkerPool::DelegateScope scope(pool);
+                pool.AboutToBlock();
+                secondIsThere.waitSignalled();
+            }
+            const WorkerPool::Offer offer(pool, ofFirst);
+            const WorkerPool::DelegateScope scope(pool);
+            firstMayEnd.waitSignalled();
+        });
+        pool.Post([&] {
+            {
+                const WorkerPool::DelegateScope scope(pool);
+                secondIsThere.set();
+                ofFirst.begun.waitSignalled();
+            }
+            {
+                WorkerPool::Offer offer(pool, ofSecond);
+                const WorkerPool::DelegateScope scope(pool);
+                ofFirst.mayEnd.set();
+                ofSecond.begun.waitSignalled();
+                pool.AboutToBlock();
+                ofSecond.mayEnd.set();
+                EXPECT_FALSE(offer.Withdraw());
+            }
+            done.set();
+        });
+        done.waitSignalled();
+        firstMayEnd.set();
+        pool.Stop();
+    }
+}
+
 TEST(AWorkerPool, StopsWhileHandlersAreQueuedAndWaitsForTheRunningOne) {
     Gate running;
     bool finished = false;
