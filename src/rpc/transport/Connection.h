@@ -164,6 +164,7 @@ private:
     bool HasUnread();
     Received Receive();
     Received WaitAndReceive(Deadline deadline);
+    Received SleepAndReceive(Deadline deadline);
     Received Account(ssize_t result);
     void ReadOn();
     bool RunMessages(Batch& batch);
@@ -215,6 +216,7 @@ private:
     wire::Framer framer_;
     bool isDrained_ = false;         // the system had no more
     bool holds_ = false;             // answers, in the outbox
+    int waitsAsleep_ = 0;            // how many answers to come are slept for at once
     MemoryBudget::Share readShare_;  // for the message at the front
 
     std::atomic<int> owed_{0};  // answers that nobody waits for any more, and that may come

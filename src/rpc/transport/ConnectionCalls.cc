@@ -5,11 +5,23 @@
 #include "rpc/wire/Codec.h"
 
 #include <poll.h>
+#include <sched.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
 
 namespace kel::transport {
+
+namespace {
+
+// A thread that is woken by another processor is back later than one that has stayed awake, by more than a short call
+// takes. So a thread that waits for its answer looks for it for a while before it sleeps, giving way to all others.
+// When that was in vain it sleeps at once for the next few calls.
+constexpr std::chrono::microseconds waitAwake{100};
+constexpr int sleepsInARow = 15;
+
+}  // namespace
 
 Connection::Begun Connection::Call(std::string_view method, std::string_view caller, const tagVARIANT& in,
                                    AnswerHandler handler, uint32_t* id) {
@@ -80,8 +92,23 @@ bool Connection::CompleteCalls() {
     }
 }
 
-// Waits as well; `nothing` at the deadline.
+// Receive once there is something; `nothing` at the deadline.
 Connection::Received Connection::WaitAndReceive(Deadline deadline) {
+    if (waitsAsleep_ > 0) {
+        --waitsAsleep_;
+        return SleepAndReceive(deadline);
+    }
+    const Deadline asleepFrom = std::min(deadline, std::chrono::steady_clock::now() + waitAwake);
+    do {
+        const Received received = Receive();
+        if (received != Received::nothing) return received;
+        ::sched_yield();
+    } while (std::chrono::steady_clock::now() < asleepFrom);
+    waitsAsleep_ = sleepsInARow;
+    return SleepAndReceive(deadline);
+}
+
+Connection::Received Connection::SleepAndReceive(Deadline deadline) {
     using std::chrono::milliseconds;
     CountBuffers(input_.Prepare());
     for (;;) {
