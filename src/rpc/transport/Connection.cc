@@ -25,7 +25,7 @@
 //
 // Calls of this side are in ConnectionCalls.cc. Writing is Outbox. The answers of messages that were read together
 // leave together: they are held back from the first of them on until the last has been run, or until the turn changes
-// hands.
+// hands; where many connections have something to run, until those have had their turn too (sendHeld).
 //
 // Closing shuts the socket down, but leaves the descriptor open: the destructor closes it. The turn of a connection
 // that has closed is never put down again.
@@ -134,6 +134,7 @@ void Connection::Run(unsigned reasons) {
     OrFail([&] {
         if (reasons & ended) peerEnded_ = true;
         if (reasons & writable) outbox_.OnWritable();
+        if (reasons & sendHeld) outbox_.Release();
         const bool tookTurn = (reasons & readable) && TakeTurn();
         const bool reads = tookTurn || (reasons & readOn);
         if ((reasons & runNotifications) && !reads) return RunQueuedNotifications();
@@ -261,7 +262,8 @@ void Connection::EndNotifications(Batch& batch) {
 }
 
 void Connection::EndHold() {
-    if (std::exchange(holds_, false)) outbox_.Release();
+    if (!std::exchange(holds_, false)) return;
+    if (!owner_.pool().queue().AddBehindOthers(shared_from_this(), sendHeld)) outbox_.Release();
 }
 
 bool Connection::RunNext(Batch& batch) {
@@ -284,7 +286,7 @@ bool Connection::RunRequest(Batch& batch) {
         if (PauseIfFull(batch)) {
             owner_.OnCall(shared_from_this(), request);
         } else {
-            if (!holds_ && LookForMessage() == Frame::complete) {
+            if (!holds_ && (LookForMessage() == Frame::complete || owner_.pool().queue().IsBusy())) {
                 holds_ = true;
                 outbox_.Hold();
             }

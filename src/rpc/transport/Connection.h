@@ -132,6 +132,7 @@ private:
     // Reasons to run, besides those of the socket.
     static constexpr unsigned readOn = firstOwn;  // whoever runs it has the reading turn
     static constexpr unsigned runNotifications = firstOwn << 1;
+    static constexpr unsigned sendHeld = firstOwn << 2;
 
     enum class Frame { incomplete, complete, malformed };
     enum class Received { bytes, nothing, theEnd };

@@ -8,6 +8,9 @@
 // connection that always has more to do, and queues itself again and again, waits for everybody else each time. With
 // nothing queued the thread waits in the system; somebody who adds work then wakes it.
 //
+// Where many have their turn in a round, what can be put off until the others have had theirs stands behind the round
+// (AddBehindOthers): answers, sent one after the other, find their readers awake from the first of them on.
+//
 // The system tells of a socket by its number and the generation of that number, since a socket that has closed may
 // still be told of.
 #include "rpc/transport/WorkQueue.h"
@@ -21,6 +24,8 @@ namespace kel::transport {
 namespace {
 
 constexpr int maxEvents = 64;
+constexpr size_t many = 16;
+constexpr std::chrono::microseconds longestBehind{100};
 constexpr unsigned generationShift = 32;
 
 uint64_t TagOf(int socket, uint32_t generation) {
@@ -114,9 +119,33 @@ void WorkQueue::Look(int milliseconds) {
 void WorkQueue::WakeOne() {
     {
         PMutexHold hold(lock_);
-        if (!first_ || waiting_ == 0) return;
+        if ((!first_ && endBehind_ == 0) || waiting_ == 0) return;
     }
     events_.Wake();
+}
+
+bool WorkQueue::IsBusy() {
+    PMutexHold hold(lock_);
+    return first_ && leftOfRound_ >= many;
+}
+
+bool WorkQueue::AddBehindOthers(const WorkPtr& work, unsigned reasons) {
+    PMutexHold hold(lock_);
+    if (!RoundGoesOn() || endBehind_ == maxBehind || stopped_) return false;
+    if (endBehind_ == 0) behindUntil_ = std::chrono::steady_clock::now() + longestBehind;
+    behind_[endBehind_++] = {work, reasons};
+    return true;
+}
+
+bool WorkQueue::IsBehindDue() const {
+    if (nextBehind_ == endBehind_) return false;
+    return nextBehind_ > 0 || !RoundGoesOn() || std::chrono::steady_clock::now() >= behindUntil_;
+}
+
+WorkQueue::Due WorkQueue::PopBehind() {
+    Due due = std::move(behind_[nextBehind_++]);
+    if (nextBehind_ == endBehind_) nextBehind_ = endBehind_ = 0;
+    return due;
 }
 
 WorkQueue::Due WorkQueue::Take() {
@@ -125,7 +154,8 @@ WorkQueue::Due WorkQueue::Take() {
         {
             PMutexHold hold(lock_);
             if (stopped_) break;
-            if (leftOfRound_ > 0 && first_) {
+            if (IsBehindDue()) return PopBehind();
+            if (RoundGoesOn()) {
                 --leftOfRound_;
                 return Pop();
             }
@@ -150,8 +180,8 @@ void WorkQueue::Stop() {
     for (;;) {
         WorkPtr forgotten;
         PMutexHold hold(lock_);
-        if (!first_) return;
-        forgotten = Pop().work;
+        if (!first_ && endBehind_ == 0) return;
+        forgotten = first_ ? Pop().work : PopBehind().work;
     }
 }
 

@@ -4,7 +4,9 @@
 #include "foundation/Locks.h"
 #include "platform/SocketEvents.h"
 
+#include <array>
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -52,6 +54,12 @@ public:
     // Has `work` run behind what is queued already. Takes no memory.
     void Add(const WorkPtr& work, unsigned reasons);
 
+    // Whether many others have their turn before the system is asked again.
+    bool IsBusy();
+    // Has `work` run when those have had their turn, or soon. False, and it is not queued, when there are none left, or
+    // too much has been put behind them already. Takes no memory.
+    bool AddBehindOthers(const WorkPtr& work, unsigned reasons);
+
     // Has `work` run for the events of `socket`, which it keeps open, until Unwatch; std::exception when that cannot
     // be.
     void Watch(int socket, const WorkPtr& work, For what);
@@ -61,7 +69,7 @@ public:
 
     struct Due {
         WorkPtr work;  // null: the queue has been stopped
-        unsigned reasons;
+        unsigned reasons = 0;
     };
     // Waits for what is next.
     Due Take();
@@ -73,6 +81,8 @@ public:
     void Stop();
 
 private:
+    static constexpr size_t maxBehind = 64;
+
     struct Watched {
         WorkPtr work;
         uint32_t generation = 0;  // of the sockets that had the number
@@ -80,6 +90,9 @@ private:
 
     void Append(Work& work, const WorkPtr& self, unsigned reasons) KEL_REQUIRES(lock_);
     Due Pop() KEL_REQUIRES(lock_);
+    bool RoundGoesOn() const KEL_REQUIRES(lock_) { return leftOfRound_ > 0 && first_; }
+    bool IsBehindDue() const KEL_REQUIRES(lock_);
+    Due PopBehind() KEL_REQUIRES(lock_);
     void AddEvents(const platform::SocketEvents::Event* events, int count) KEL_REQUIRES(lock_);
     void Look(int milliseconds);
 
@@ -90,6 +103,10 @@ private:
     Work* last_ KEL_GUARDED_BY(lock_) = nullptr;
     size_t queued_ KEL_GUARDED_BY(lock_) = 0;
     size_t leftOfRound_ KEL_GUARDED_BY(lock_) = 0;
+    std::array<Due, maxBehind> behind_ KEL_GUARDED_BY(lock_);  // the round; in use: [nextBehind_, endBehind_)
+    size_t nextBehind_ KEL_GUARDED_BY(lock_) = 0;
+    size_t endBehind_ KEL_GUARDED_BY(lock_) = 0;
+    std::chrono::steady_clock::time_point behindUntil_ KEL_GUARDED_BY(lock_);
     int waiting_ KEL_GUARDED_BY(lock_) = 0;  // threads
     bool woken_ KEL_GUARDED_BY(lock_) = false;
     bool stopped_ KEL_GUARDED_BY(lock_) = false;
