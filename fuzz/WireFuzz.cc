@@ -4,6 +4,9 @@
 
 #include "Require.h"
 
+#include <msgpack/null_visitor.hpp>
+#include <msgpack/unpack.hpp>
+
 #include <algorithm>
 #include <string>
 #include <vector>
@@ -64,7 +67,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
     Message message;
     const bool decoded = Decode(input.data(), size, message);
     Require(!decoded || (status == Framer::Status::complete && whole.length() == size), "the framer sees what decodes");
-    if (decoded) RequireSameBytesAgain(message);
+    if (decoded) {
+        RequireSameBytesAgain(message);
+        msgpack::null_visitor readsAll;
+        size_t end = 0;
+        Require(msgpack::parse(input.data(), size, end, readsAll) && end == size, "another reader takes what decodes");
+    }
 
     if (status == Framer::Status::complete) {
         Require(pieces.length() == whole.length(), "pieces find the end of the whole");

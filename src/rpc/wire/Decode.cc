@@ -5,9 +5,6 @@
 #include "rpc/wire/ExtTypes.h"
 #include "rpc/wire/Header.h"
 
-#include <msgpack/null_visitor.hpp>
-#include <msgpack/unpack.hpp>
-
 #include <array>
 #include <cstdint>
 #include <cstring>
@@ -115,18 +112,100 @@ bool DecodeExt(int type, const char* payload, size_t size, tagVARIANT& v, Decode
     return DecodeNumberArray(elementVt, payload, size, v, decoded);
 }
 
-// Fills a Message. A message's shape is fixed up to its variant, so one state says which value must come next; inside
-// the variant the elements of the innermost open array are filled in place. msgpack's parser calls the members for each
-// value; false ends it: the message is malformed.
-class DecodeVisitor : public msgpack::null_visitor {
+// Fills a Message from its bytes, value by value. A message's shape is fixed up to its variant, so one state says which
+// value must come next; inside the variant the elements of the innermost open array are filled in place. Members return
+// false when the message is malformed.
+class Decoder {
 public:
-    // `size`: the bytes of the whole message. Its values and bodies together cannot be more than that, so an array that
-    // announces more than can follow is refused before memory is taken for it.
-    DecodeVisitor(Message& message, size_t size) : message_(message), budget_(size) {}
+    Decoder(Message& message, const char* data, size_t size)
+        : message_(message), next_(data), end_(data + size), budget_(size) {}
 
-    bool Finished() const { return expected_ == Expected::nothing; }
+    // All of it, and nothing behind it.
+    bool Run() {
+        do {
+            if (!TakeNext()) return false;
+        } while (levels_ > 0);
+        return next_ == end_ && expected_ == Expected::nothing;
+    }
 
-    bool visit_nil() {
+private:
+    bool TakeNext() {
+        const char* const start = next_;
+        const auto left = static_cast<size_t>(end_ - start);
+        Header header;
+        if (!ReadHeader(start, left, header)) return false;
+        const char* const body = start + header.size;
+        if (header.family == Family::array) {
+            next_ = body;
+            return TakeArray(header.count);
+        }
+        if (header.count > left - header.size) return false;
+        next_ = body + header.count;
+        return Take(static_cast<uint8_t>(*start), header, body) && CloseArrays();
+    }
+
+    bool TakeArray(uint32_t count) {
+        if (levels_ == rest_.size() || !StartArray(count)) return false;
+        if (count == 0) return EndArray() && CloseArrays();
+        rest_[levels_++] = count;
+        return true;
+    }
+
+    // A value is complete, and with the last one its array.
+    bool CloseArrays() {
+        while (levels_ > 0 && --rest_[levels_ - 1] == 0) {
+            --levels_;
+            if (!EndArray()) return false;
+        }
+        return true;
+    }
+
+    bool Take(uint8_t lead, const Header& header, const char* body) {
+        switch (header.family) {
+            case Family::scalar:
+                return TakeScalar(lead, header.count, body);
+            case Family::text:
+                return TakeText(body, header.count);
+            case Family::bytes:
+                return TakeBytes(body, header.count);
+            case Family::ext:
+                return TakeExt(header.extType, body, header.count);
+            default:
+                return false;
+        }
+    }
+
+    bool TakeScalar(uint8_t lead, uint32_t size, const char* body) {
+        if (lead <= 0x7f) return TakePositive(lead);
+        if (lead >= 0xe0) return TakeSigned(static_cast<int8_t>(lead));
+        switch (lead) {
+            case 0xc0:
+                return TakeNil();
+            case 0xc2:
+            case 0xc3:
+                return TakeBoolean(lead == 0xc3);
+            case 0xca:
+                return TakeFloat(NumberIn<float>(body));
+            case 0xcb:
+                return TakeDouble(NumberIn<double>(body));
+            default:
+                break;
+        }
+        uint64_t number = 0;
+        for (uint32_t i = 0; i < size; ++i) number = number << 8 | static_cast<uint8_t>(body[i]);
+        if (lead < 0xd0) return TakePositive(number);
+        const unsigned unused = 64 - 8 * size;
+        return TakeSigned(static_cast<int64_t>(number << unused) >> unused);
+    }
+
+    template <typename Number>
+    static Number NumberIn(const char* body) {
+        Number number;
+        CopyBigEndian(body, reinterpret_cast<char*>(&number), sizeof number, 1);
+        return number;
+    }
+
+    bool TakeNil() {
         switch (expected_) {
             case Expected::error:
                 message_.failed = false;
@@ -141,7 +220,7 @@ public:
         }
     }
 
-    bool visit_boolean(bool truth) {
+    bool TakeBoolean(bool truth) {
         if (expected_ != Expected::value) return false;
         tagVARIANT& v = NextValue();
         v.vt = VT_BOOL;
@@ -149,7 +228,7 @@ public:
         return ValueTaken();
     }
 
-    bool visit_positive_integer(uint64_t number) {
+    bool TakePositive(uint64_t number) {
         switch (expected_) {
             case Expected::kind:
                 return TakeKind(number);
@@ -168,13 +247,13 @@ public:
     }
 
     // The signed formats, which hold positive numbers too.
-    bool visit_negative_integer(int64_t number) {
-        if (number >= 0) return visit_positive_integer(static_cast<uint64_t>(number));
+    bool TakeSigned(int64_t number) {
+        if (number >= 0) return TakePositive(static_cast<uint64_t>(number));
         if (expected_ == Expected::value) return TakeInteger(number);
         return number >= std::numeric_limits<int32_t>::min() && TakeCode(static_cast<int32_t>(number));
     }
 
-    bool visit_float32(float number) {
+    bool TakeFloat(float number) {
         if (expected_ != Expected::value) return false;
         tagVARIANT& v = NextValue();
         v.vt = VT_R4;
@@ -182,7 +261,7 @@ public:
         return ValueTaken();
     }
 
-    bool visit_float64(double number) {
+    bool TakeDouble(double number) {
         if (expected_ != Expected::value) return false;
         tagVARIANT& v = NextValue();
         v.vt = VT_R8;
@@ -190,7 +269,7 @@ public:
         return ValueTaken();
     }
 
-    bool visit_str(const char* text, uint32_t size) {
+    bool TakeText(const char* text, uint32_t size) {
         if (!Spend(size) || !decoded_.AddText(size)) return false;
         switch (expected_) {
             case Expected::method:
@@ -212,7 +291,7 @@ public:
         return ValueTaken();
     }
 
-    bool visit_bin(const char* bytes, uint32_t size) {
+    bool TakeBytes(const char* bytes, uint32_t size) {
         if (expected_ != Expected::value || !Spend(size) || !decoded_.AddNumbers(size)) return false;
         char* elements = nullptr;
         if (!MakeArray(NextValue(), VT_UI1, size, &elements)) return false;
@@ -220,13 +299,12 @@ public:
         return ValueTaken();
     }
 
-    bool visit_ext(const char* typeAndPayload, uint32_t size) {
+    bool TakeExt(int type, const char* payload, uint32_t size) {
         if (expected_ != Expected::value || !Spend(size)) return false;
-        const int type = static_cast<uint8_t>(typeAndPayload[0]);  // no type of ours is negative
-        return DecodeExt(type, typeAndPayload + 1, size - 1, NextValue(), decoded_) && ValueTaken();
+        return DecodeExt(type, payload, size, NextValue(), decoded_) && ValueTaken();
     }
 
-    bool start_array(uint32_t count) {
+    bool StartArray(uint32_t count) {
         switch (expected_) {
             case Expected::message:
                 parts_ = count;
@@ -245,11 +323,8 @@ public:
         }
     }
 
-    bool end_array() { return depth_ == 0 || (--depth_, ValueTaken()); }
+    bool EndArray() { return depth_ == 0 || (--depth_, ValueTaken()); }
 
-    bool start_map(uint32_t) { return false; }
-
-private:
     enum class Expected {
         message,
         kind,
@@ -272,7 +347,8 @@ private:
         return true;
     }
 
-    // Takes account of what an array's elements or a body take of the message, at the least.
+    // Takes account of what an array's elements or a body take of the message, at the least: an array that announces
+    // more than can follow is refused before memory is taken for it.
     bool Spend(size_t bytes) {
         if (bytes > budget_) return false;
         budget_ -= bytes;
@@ -317,16 +393,20 @@ private:
         return MakeArray(v, VT_VARIANT, count, &elements_[depth_++]);
     }
 
-    // The parser calls no more often than the array has announced elements.
+    // Called no more often than the array has announced elements.
     tagVARIANT& NextValue() { return depth_ == 0 ? message_.value : *elements_[depth_ - 1]++; }
 
     bool ValueTaken() { return depth_ != 0 || Expect(Expected::nothing); }
 
     Message& message_;
-    size_t budget_;
+    const char* next_;
+    const char* const end_;
+    size_t budget_;  // bytes of the message that are not accounted for
     DecodedSize decoded_;
     Expected expected_ = Expected::message;
     uint32_t parts_ = 0;                            // elements of the message's own array
+    unsigned levels_ = 0;                           // open arrays, the message's own included
+    std::array<uint32_t, maxNesting + 2> rest_;     // how many values each of them lacks; in use: [0, levels_)
     unsigned depth_ = 0;                            // open arrays in the variant
     std::array<tagVARIANT*, maxNesting> elements_;  // of each of them the element to fill next; in use: [0, depth_)
 };
@@ -336,9 +416,7 @@ private:
 bool Decode(const char* data, size_t size, Message& message) {
     message.value.clear();
     if (size > maxMessageBytes) return false;
-    DecodeVisitor visitor(message, size);
-    size_t end = 0;
-    return msgpack::parse(data, size, end, visitor) && end == size && visitor.Finished();
+    return Decoder(message, data, size).Run();
 }
 
 }  // namespace kel::wire

@@ -32,20 +32,6 @@ namespace {
 constexpr unsigned partLevels = 2;  // that are open around a variant
 }
 
-Framer::Status Framer::Scan(const char* data, size_t size) {
-    while (awaited_ > 0 || position_ < textsEnd_) {
-        if (position_ >= size) return Status::incomplete;
-        const bool inTexts = position_ < textsEnd_;
-        const size_t end = inTexts ? std::min(size, textsEnd_) : size;
-        Header header;
-        if (!ReadHeader(data + position_, end - position_, header)) {
-            return end < size ? Status::malformed : Status::incomplete;
-        }
-        if (!(inTexts ? TakeText(header) : Take(header))) return Status::malformed;
-    }
-    return position_ <= size ? Status::complete : Status::incomplete;
-}
-
 void Framer::Reset() {
     position_ = 0;
     textsEnd_ = 0;
@@ -65,7 +51,7 @@ bool Framer::TakeText(const Header& header) {
 }
 
 // Counts what a header announces; false when that is over a limit.
-bool Framer::CountMemory(const Header& header) {
+inline bool Framer::CountMemory(const Header& header) {
     switch (header.family) {
         case Family::text:
             return decoded_.AddText(header.count);
@@ -82,8 +68,9 @@ bool Framer::CountMemory(const Header& header) {
     }
 }
 
-// Steps over a header and its body; false, with the state as it was, when the message cannot go on with it.
-bool Framer::Take(const Header& header) {
+// Steps over a header and its body; false, with the state as it was, when the message cannot go on with it. Inline, so
+// that the header stays in registers: a fifth of what finding the end of a small call takes.
+[[gnu::always_inline]] inline bool Framer::Take(const Header& header) {
     if (header.family == Family::refused) return false;
     const bool isArray = header.family == Family::array;
     if (position_ == 0 && !(isArray && (header.count == 3 || header.count == 4))) return false;
@@ -111,6 +98,20 @@ bool Framer::Take(const Header& header) {
     if (isArray) rest_[depth_++] = header.count;
     while (depth_ > 0 && rest_[depth_ - 1] == 0) --depth_;
     return true;
+}
+
+Framer::Status Framer::Scan(const char* data, size_t size) {
+    while (awaited_ > 0 || position_ < textsEnd_) {
+        if (position_ >= size) return Status::incomplete;
+        const bool inTexts = position_ < textsEnd_;
+        const size_t end = inTexts ? std::min(size, textsEnd_) : size;
+        Header header;
+        if (!ReadHeader(data + position_, end - position_, header)) {
+            return end < size ? Status::malformed : Status::incomplete;
+        }
+        if (!(inTexts ? TakeText(header) : Take(header))) return Status::malformed;
+    }
+    return position_ <= size ? Status::complete : Status::incomplete;
 }
 
 }  // namespace kel::wire
