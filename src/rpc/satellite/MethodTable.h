@@ -5,10 +5,10 @@
 #include "foundation/StdString.h"
 #include "rpc/satellite/KelDelegate.h"
 
-#include <map>
 #include <memory>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 namespace kel {
@@ -51,7 +51,10 @@ public:
 
 private:
     mutable PReadWriteLock lock_;
-    std::map<std::string, MethodPtr, std::less<>> byName_ KEL_GUARDED_BY(lock_);
+    struct NameHash : std::hash<std::string_view> {
+        using is_transparent = void;
+    };
+    std::unordered_map<std::string, MethodPtr, NameHash, std::equal_to<>> byName_ KEL_GUARDED_BY(lock_);
     std::vector<MethodPtr> inOrder_ KEL_GUARDED_BY(lock_);
 };
 

@@ -24,7 +24,6 @@ namespace kel::transport {
 namespace {
 
 constexpr int maxEvents = 64;
-constexpr size_t many = 16;
 constexpr std::chrono::microseconds longestBehind{100};
 constexpr unsigned generationShift = 32;
 
@@ -122,11 +121,6 @@ void WorkQueue::WakeOne() {
         if ((!first_ && endBehind_ == 0) || waiting_ == 0) return;
     }
     events_.Wake();
-}
-
-bool WorkQueue::IsBusy() {
-    PMutexHold hold(lock_);
-    return first_ && leftOfRound_ >= many;
 }
 
 bool WorkQueue::AddBehindOthers(const WorkPtr& work, unsigned reasons) {

@@ -54,8 +54,8 @@ public:
     // Has `work` run behind what is queued already. Takes no memory.
     void Add(const WorkPtr& work, unsigned reasons);
 
-    // Whether many others have their turn before the system is asked again.
-    bool IsBusy();
+    // Whether many others have their turn before the system is asked again. A hint: they may have had it by now.
+    bool IsBusy() const { return leftOfRound_.load(std::memory_order_relaxed) >= many; }
     // Has `work` run when those have had their turn, or soon. False, and it is not queued, when there are none left, or
     // too much has been put behind them already. Takes no memory.
     bool AddBehindOthers(const WorkPtr& work, unsigned reasons);
@@ -81,6 +81,7 @@ public:
     void Stop();
 
 private:
+    static constexpr size_t many = 16;
     static constexpr size_t maxBehind = 64;
 
     struct Watched {
@@ -102,7 +103,7 @@ private:
     Work* first_ KEL_GUARDED_BY(lock_) = nullptr;
     Work* last_ KEL_GUARDED_BY(lock_) = nullptr;
     size_t queued_ KEL_GUARDED_BY(lock_) = 0;
-    size_t leftOfRound_ KEL_GUARDED_BY(lock_) = 0;
+    std::atomic<size_t> leftOfRound_{0};                       // changes with the lock held
     std::array<Due, maxBehind> behind_ KEL_GUARDED_BY(lock_);  // the round; in use: [nextBehind_, endBehind_)
     size_t nextBehind_ KEL_GUARDED_BY(lock_) = 0;
     size_t endBehind_ KEL_GUARDED_BY(lock_) = 0;
