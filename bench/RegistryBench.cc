@@ -1,13 +1,17 @@
 // The cost of the registry's look-ups: one finds a satellite by its name, one finds any provider of a service, which
-// must not cost more when all of 100,000 satellites provide it. Memory only, no files.
+// must not cost more when all of 100,000 satellites provide it; and one finds another service each time. Memory only,
+// no files.
 #include "registry/Registration.h"
 
 #include <benchmark/benchmark.h>
 
 #include <stdlib.h>
 
+#include <algorithm>
 #include <memory>
+#include <random>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -48,5 +52,25 @@ void FindAnyProvider(benchmark::State& state) {
     }
 }
 BENCHMARK(FindAnyProvider)->Arg(10)->Arg(100000);
+
+// Each satellite has a service of its own, and each look-up is of another one: with many, from distant memory.
+void FindEveryProvider(benchmark::State& state) {
+    const auto registry = MakeRegistry(state.range(0));
+    std::vector<CStdStr> services;
+    for (int64_t i = 0; i < state.range(0); ++i) {
+        services.push_back("Schedule of " + NameOf(i));
+        registry->AddService(NameOf(i), services.back(), "Recording schedule");
+    }
+    std::shuffle(services.begin(), services.end(), std::mt19937());
+    std::vector<KelServiceInfo> found;
+    size_t next = 0;
+    for (auto _ : state) {
+        found.clear();
+        registry->GetLastServiceInfo(services[next], found, "192.168.1.21");
+        benchmark::DoNotOptimize(found.data());
+        next = next + 1 < services.size() ? next + 1 : 0;
+    }
+}
+BENCHMARK(FindEveryProvider)->Arg(10)->Arg(100000);
 
 }  // namespace
