@@ -179,10 +179,8 @@ void CRegistration::AppendServices(const CStdStr& service, const CStdStr& satNam
 
 void CRegistration::AppendLastService(const CStdStr& service, std::vector<KelServiceInfo>& out) const {
     PReadHold hold(lock_);
-    const ServiceIndex::Providers* providers = providers_.Find(service);
-    if (!providers) return;
-    const KelService& last = *providers->rbegin();
-    Describe(*last.indexedSatellite, last, out.emplace_back());
+    const KelService* last = providers_.FindLast(service);
+    if (last) Describe(*last->indexedSatellite, *last, out.emplace_back());
 }
 
 void CRegistration::AppendServiceOf(const KelSatelliteInfo& satellite, const CStdStr& service,

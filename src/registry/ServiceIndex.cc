@@ -18,28 +18,35 @@ void ServiceIndex::Add(KelService& service, const KelSatelliteInfo& satellite) {
     const auto found = entries_.find(service.name);
     if (found != entries_.end()) {
         // The end is where the next of many in order belongs; elsewhere the hint costs one comparison.
-        (*found)->insert((*found)->end(), service);
+        found->providers->insert(found->providers->end(), service);
+        found->last = &*found->providers->rbegin();
         return;
     }
     auto providers = std::make_unique<Providers>();
     providers->insert(service);
-    entries_.insert(std::move(providers));
+    entries_.insert(Entry{std::move(providers), &service});
 }
 
 void ServiceIndex::Remove(KelService& service) {
     if (!service.indexHook.is_linked()) return;
     const auto found = entries_.find(service.name);
-    Providers& providers = **found;
+    Providers& providers = *found->providers;
     if (&*providers.begin() == &service && &*providers.rbegin() == &service) {
         entries_.erase(found);  // with the set, which unlinks its last record
     } else {
         providers.erase(Providers::s_iterator_to(service));
+        found->last = &*providers.rbegin();
     }
 }
 
 const ServiceIndex::Providers* ServiceIndex::Find(const CStdStr& service) const {
     const auto found = entries_.find(service);
-    return found == entries_.end() ? nullptr : found->get();
+    return found == entries_.end() ? nullptr : found->providers.get();
+}
+
+const KelService* ServiceIndex::FindLast(const CStdStr& service) const {
+    const auto found = entries_.find(service);
+    return found == entries_.end() ? nullptr : found->last;
 }
 
 size_t ServiceIndex::NameHash::operator()(const char* name) const {

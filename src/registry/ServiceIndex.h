@@ -32,13 +32,17 @@ public:
 
     // The records of `service`, one a provider, never an empty set; null when there are none.
     const Providers* Find(const CStdStr& service) const;
+    // The last of them, which who asks for any provider gets.
+    const KelService* FindLast(const CStdStr& service) const;
 
 private:
-    using ProvidersPtr = std::unique_ptr<Providers>;
+    struct Entry {
+        std::unique_ptr<Providers> providers;
+        mutable const KelService* last;  // of them
+    };
 
     static const char* NameOf(const CStdStr& service) { return service.c_str(); }
-    // The last one's, since who asks for any provider gets that one.
-    static const char* NameOf(const ProvidersPtr& providers) { return providers->rbegin()->name.c_str(); }
+    static const char* NameOf(const Entry& entry) { return entry.last->name.c_str(); }
 
     // Hash and equality that agree with ssicmp: no regard to ASCII case, up to the terminating NUL.
     struct NameHash {
@@ -57,7 +61,7 @@ private:
     };
 
     // An open-addressed table of pointers with their hashes: with many services a look-up touches one line of the table
-    // and then what was allocated together with the satellite. Chains of nodes would lead through other satellites'
-    // memory, and what a look-up costs with many is the distant memory that it touches.
-    tsl::robin_set<ProvidersPtr, NameHash, NameEqual, std::allocator<ProvidersPtr>, true> entries_;
+    // and then the record itself, which was allocated together with the satellite. Chains of nodes would lead through
+    // other satellites' memory, and what a look-up costs with many is the distant memory that it touches.
+    tsl::robin_set<Entry, NameHash, NameEqual, std::allocator<Entry>, true> entries_;
 };
