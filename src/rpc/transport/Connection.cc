@@ -251,6 +251,7 @@ bool Connection::RunMessages(Batch& batch) {
 
 void Connection::EndBatch(Batch& batch) {
     EndNotifications(batch);
+    if (holds_ && owner_.pool().queue().AddBehindOthers(shared_from_this(), sendHeld)) holds_ = false;
     EndHold();
 }
 
@@ -262,8 +263,7 @@ void Connection::EndNotifications(Batch& batch) {
 }
 
 void Connection::EndHold() {
-    if (!std::exchange(holds_, false)) return;
-    if (!owner_.pool().queue().AddBehindOthers(shared_from_this(), sendHeld)) outbox_.Release();
+    if (std::exchange(holds_, false)) outbox_.Release();
 }
 
 bool Connection::RunNext(Batch& batch) {

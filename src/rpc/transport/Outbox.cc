@@ -196,6 +196,7 @@ std::vector<Outbox::Drain> Outbox::Close() {
     ptrdiff_t growth = 0;
     {
         PMutexHold hold(lock_);
+        if (!closed_ && !blocked_ && Waiting() > 0) WriteBacklog();
         closed_ = true;
         growth = Empty(undrained);
     }

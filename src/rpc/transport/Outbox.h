@@ -63,7 +63,8 @@ public:
 
     // The socket can be written.
     void OnWritable();
-    // What is queued goes; the result hears that the connection is closed. Takes no memory.
+    // Sends what is held, unless the peer has yet to read; what else is queued goes. The result hears that the
+    // connection is closed. Takes no memory.
     std::vector<Drain> Close();
 
 private:

@@ -22,17 +22,23 @@ protected:
         endpoint_.Start();
         EXPECT_FALSE(endpoint_.Listen({"127.0.0.1", 0}));
         endpoint_.Accept();
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        address.sin_port = htons(endpoint_.port());
-        EXPECT_EQ(::connect(peer_.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-        const timeval patience{60, 0};
-        ::setsockopt(peer_.get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+        peer_ = Connected();
     }
     ~MessagesThatComeTogether() override {
         mayGoOn_.set();
         endpoint_.Close();
+    }
+
+    Descriptor Connected() {
+        Descriptor peer(::socket(AF_INET, SOCK_STREAM, 0));
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        address.sin_port = htons(endpoint_.port());
+        EXPECT_EQ(::connect(peer.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+        const timeval patience{60, 0};
+        ::setsockopt(peer.get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+        return peer;
     }
 
     void Run(const ConnectionPtr& connection, const wire::Message& call) {
@@ -75,7 +81,7 @@ protected:
     PCondMutex lock_;
     std::string notified_ KEL_GUARDED_BY(lock_);
     Endpoint endpoint_{[this](const ConnectionPtr& connection, wire::Message& call) { Run(connection, call); }};
-    Descriptor peer_{::socket(AF_INET, SOCK_STREAM, 0)};
+    Descriptor peer_;
     std::string input_;
 };
 
@@ -175,6 +181,25 @@ TEST_F(MessagesThatComeTogether, AreAnsweredThoughOneOfThemBlocks) {
     EXPECT_EQ(Answers(39), others);
     mayGoOn_.set();
     EXPECT_EQ(Answers(1), std::vector<uint32_t>{20});
+}
+
+TEST_F(MessagesThatComeTogether, AreAnsweredThoughTheirSendersHaveEnded) {
+    std::string block, go;
+    EXPECT_TRUE(wire::EncodeRequest(block, 1, "Block", "", ScopedVariant()));
+    EXPECT_TRUE(wire::EncodeRequest(go, 2, "Go", "", ScopedVariant()));
+    std::vector<Descriptor> senders;
+    for (int i = 0; i < 60; ++i) senders.push_back(Connected());
+    Send(go);
+    EXPECT_EQ(Answers(1), std::vector<uint32_t>{2});
+    Send(block);  // so that many wait for whoever takes this thread's place
+    for (const Descriptor& sender : senders) {
+        ::send(sender.get(), go.data(), go.size(), 0);
+        ::shutdown(sender.get(), SHUT_WR);
+    }
+    for (const Descriptor& sender : senders) {
+        char answer[64];
+        EXPECT_GT(::recv(sender.get(), answer, sizeof answer, 0), 0);
+    }
 }
 
 TEST_F(MessagesThatComeTogether, KeepTheOrderOfNotificationsThoughOneOfThemBlocks) {
