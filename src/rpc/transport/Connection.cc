@@ -531,9 +531,9 @@ bool Connection::HasUnread() {
 }
 
 bool Connection::CloseIfIdle() {
-    if (!IsIdle() || HasUnread() || !TakeTurn()) return false;
-    // Before the turn was here somebody may have read a call, or begun one.
-    if (outstanding_ > 0 || !calls_.CloseIfEmpty([this] { gaveRoom_ = true; })) {
+    if (!IsIdle() || !TakeTurn()) return false;
+    // Before the turn was here a call may have come, have been read or begun.
+    if (HasUnread() || outstanding_ > 0 || !calls_.CloseIfEmpty([this] { gaveRoom_ = true; })) {
         PassTurn();
         return false;
     }
