@@ -36,13 +36,27 @@ public:
     const KelService* FindLast(const CStdStr& service) const;
 
 private:
+    // The last provider, and where the memory is that an answer takes.
+    class Last {
+    public:
+        Last(const KelService& service);  // NOLINT(google-explicit-constructor): is assigned anew
+        const KelService* service() const { return service_; }
+        // The service's. Meanwhile everything else is fetched that an answer takes: with many services all of it is far
+        // away, and going from one to the next would take as many times the way.
+        const char* Name() const;
+
+    private:
+        const KelService* service_;
+        const KelSatelliteInfo* satellite_;
+        const char* text_;  // of the name, when the entry was made; to be fetched, not to be read
+    };
     struct Entry {
         std::unique_ptr<Providers> providers;
-        mutable const KelService* last;  // of them
+        mutable Last last;
     };
 
     static const char* NameOf(const CStdStr& service) { return service.c_str(); }
-    static const char* NameOf(const Entry& entry) { return entry.last->name.c_str(); }
+    static const char* NameOf(const Entry& entry) { return entry.last.Name(); }
 
     // Hash and equality that agree with ssicmp: no regard to ASCII case, up to the terminating NUL.
     struct NameHash {
