@@ -76,6 +76,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
 
     if (status == Framer::Status::complete) {
         Require(pieces.length() == whole.length(), "pieces find the end of the whole");
+        Require(pieces.decodedBytes() == whole.decodedBytes(), "pieces take as much memory");
+        for (const auto kind : {MessageKind::request, MessageKind::response, MessageKind::notification}) {
+            Require(pieces.Is(kind, input.data()) == whole.Is(kind, input.data()), "pieces are of the same kind");
+        }
         Message first;
         if (Decode(input.data(), whole.length(), first)) RequireSameBytesAgain(first);
     }

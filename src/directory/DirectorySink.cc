@@ -130,7 +130,7 @@ bool CDirectorySink::AwaitListener(const CStdStr& listener) {
 }
 
 CStdStr CDirectorySink::getIPFromSocket(int socket) {
-    if (const auto known = kel::RunningCall::PeerOn(socket)) return yar::networkutils::inet_ntos(*known);
+    if (const std::string* known = kel::RunningCall::PeerOn(socket)) return *known;
     sockaddr_in peer{};
     socklen_t length = sizeof peer;
     if (getpeername(socket, reinterpret_cast<sockaddr*>(&peer), &length) != 0) return CStdStr();

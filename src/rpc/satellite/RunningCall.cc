@@ -69,11 +69,11 @@ void RunningCall::Run(const Method& method) {
     connection_->Send(bytes, Connection::WhenFull::disconnect);
 }
 
-std::optional<in_addr> RunningCall::PeerOn(int socket) {
-    if (!current) return std::nullopt;
+const std::string* RunningCall::PeerOn(int socket) {
+    if (!current) return nullptr;
     const Connection& connection = *current->connection_;
-    if (connection.descriptor() != socket || connection.closed()) return std::nullopt;
-    return connection.peerAddress();
+    if (connection.descriptor() != socket || connection.closed()) return nullptr;
+    return &connection.peerAddressText();
 }
 
 bool RunningCall::IsUnderWay() { return current && !current->putOff_; }

@@ -101,6 +101,7 @@ Connection::Connection(Descriptor socket, ConnectionOwner& owner, std::string pe
     sockaddr_in remote{};
     socklen_t size = sizeof remote;
     if (::getpeername(socket_.get(), reinterpret_cast<sockaddr*>(&remote), &size) == 0) peerAddress_ = remote.sin_addr;
+    peerAddressText_ = yar::networkutils::inet_ntos(peerAddress_);
 }
 
 Connection::~Connection() { CountBuffers(-bufferBytes()); }

@@ -121,6 +121,8 @@ public:
     const std::string& peer() const { return peer_; }
     // The other side's address, in network order.
     in_addr peerAddress() const { return peerAddress_; }
+    // The same in dotted form.
+    const std::string& peerAddressText() const { return peerAddressText_; }
     bool openedByPeer() const { return opener_ == Opener::peer; }
     bool closed() const { return closed_; }
     // Whether it was closed because the peer sent what is no message.
@@ -197,6 +199,7 @@ private:
     const Opener opener_;
     const Descriptor socket_;
     in_addr peerAddress_{};
+    std::string peerAddressText_;
     std::atomic<bool> closed_{false};
     std::atomic<bool> used_{false};  // something was sent
     std::atomic<bool> gaveRoom_{false};

@@ -25,6 +25,7 @@ namespace {
 
 constexpr int maxEvents = 64;
 constexpr std::chrono::microseconds longestBehind{100};
+constexpr size_t clockEvery = 4;  // pieces of work
 constexpr unsigned generationShift = 32;
 
 uint64_t TagOf(int socket, uint32_t generation) {
@@ -133,7 +134,8 @@ bool WorkQueue::AddBehindOthers(const WorkPtr& work, unsigned reasons) {
 
 bool WorkQueue::IsBehindDue() const {
     if (nextBehind_ == endBehind_) return false;
-    return nextBehind_ > 0 || !RoundGoesOn() || std::chrono::steady_clock::now() >= behindUntil_;
+    if (nextBehind_ > 0 || !RoundGoesOn()) return true;
+    return leftOfRound_ % clockEvery == 0 && std::chrono::steady_clock::now() >= behindUntil_;
 }
 
 WorkQueue::Due WorkQueue::PopBehind() {

@@ -5,7 +5,6 @@
 #include "rpc/wire/ExtTypes.h"
 #include "rpc/wire/Header.h"
 
-#include <array>
 #include <cstdint>
 #include <cstring>
 #include <limits>
@@ -15,12 +14,6 @@ namespace kel::wire {
 namespace {
 
 bool IsText(const char* text, size_t size) { return size == 0 || std::memchr(text, '\0', size) == nullptr; }
-
-bool AssignText(std::string& to, const char* text, size_t size) {
-    if (!IsText(text, size)) return false;
-    to.assign(text, size);
-    return true;
-}
 
 // Makes the empty variant `v` an array of `count` elements, all zero, and gives them in place; false when there is no
 // memory.
@@ -112,9 +105,39 @@ bool DecodeExt(int type, const char* payload, size_t size, tagVARIANT& v, Decode
     return DecodeNumberArray(elementVt, payload, size, v, decoded);
 }
 
-// Fills a Message from its bytes, value by value. A message's shape is fixed up to its variant, so one state says which
-// value must come next; inside the variant the elements of the innermost open array are filled in place. Members return
-// false when the message is malformed.
+// An integer of any of MessagePack's formats: `bits` is the number, or its two's complement if it is negative.
+struct Integer {
+    uint64_t bits = 0;
+    bool isNegative = false;
+
+    bool Fits32() const {
+        const auto number = static_cast<int64_t>(bits);
+        if (isNegative) return number >= std::numeric_limits<int32_t>::min();
+        return bits <= std::numeric_limits<int32_t>::max();
+    }
+};
+
+// False when the scalar that `lead` opens is no integer.
+bool ReadInteger(uint8_t lead, const char* body, size_t size, Integer& integer) {
+    if (lead <= 0x7f) {
+        integer = {lead, false};
+    } else if (lead >= 0xe0) {
+        integer = {static_cast<uint64_t>(static_cast<int8_t>(lead)), true};
+    } else if (lead >= 0xcc && lead <= 0xd3) {
+        uint64_t number = 0;
+        for (size_t i = 0; i < size; ++i) number = number << 8 | static_cast<uint8_t>(body[i]);
+        integer = {number, false};
+        if (lead < 0xd0) return true;
+        const size_t unused = 64 - 8 * size;
+        const int64_t extended = static_cast<int64_t>(number << unused) >> unused;
+        integer = {static_cast<uint64_t>(extended), extended < 0};
+    } else {
+        return false;
+    }
+    return true;
+}
+
+// Fills a Message from its bytes. Members return false when the message is malformed.
 class Decoder {
 public:
     Decoder(Message& message, const char* data, size_t size)
@@ -122,230 +145,182 @@ public:
 
     // All of it, and nothing behind it.
     bool Run() {
-        do {
-            if (!TakeNext()) return false;
-        } while (levels_ > 0);
-        return next_ == end_ && expected_ == Expected::nothing;
+        Value parts;
+        if (!TakeArray(parts) || !TakeKind(parts.header.count)) return false;
+        return (message_.kind == MessageKind::response ? TakeAnswer() : TakeCall()) && next_ == end_;
     }
 
 private:
-    bool TakeNext() {
-        const char* const start = next_;
-        const auto left = static_cast<size_t>(end_ - start);
+    // A header, and for all but arrays the body behind it, which is all there.
+    struct Value {
         Header header;
-        if (!ReadHeader(start, left, header)) return false;
-        const char* const body = start + header.size;
-        if (header.family == Family::array) {
-            next_ = body;
-            return TakeArray(header.count);
-        }
-        if (header.count > left - header.size) return false;
-        next_ = body + header.count;
-        return Take(static_cast<uint8_t>(*start), header, body) && CloseArrays();
-    }
+        uint8_t lead = 0;
+        const char* body = nullptr;
+    };
 
-    bool TakeArray(uint32_t count) {
-        if (levels_ == rest_.size() || !StartArray(count)) return false;
-        if (count == 0) return EndArray() && CloseArrays();
-        rest_[levels_++] = count;
+    bool Take(Value& value) {
+        const auto left = static_cast<size_t>(end_ - next_);
+        if (!ReadHeader(next_, left, value.header)) return false;
+        value.lead = static_cast<uint8_t>(*next_);
+        value.body = next_ + value.header.size;
+        next_ = value.body;
+        if (value.header.family == Family::array) return true;
+        if (value.header.count > left - value.header.size) return false;
+        next_ += value.header.count;
         return true;
     }
 
-    // A value is complete, and with the last one its array.
-    bool CloseArrays() {
-        while (levels_ > 0 && --rest_[levels_ - 1] == 0) {
-            --levels_;
-            if (!EndArray()) return false;
+    // --- What stands around the variant ---
+
+    bool TakeCall() {
+        if (message_.kind == MessageKind::request && !TakeId()) return false;
+        return TakeText(message_.method) && TakePair() && TakeText(message_.caller) && TakeVariant(message_.value, 0);
+    }
+
+    bool TakeAnswer() {
+        Value error;
+        if (!TakeId() || !Take(error)) return false;
+        message_.failed = error.header.family == Family::array;
+        if (message_.failed) {
+            return error.header.count == 2 && TakeCode() && TakeText(message_.errorText) && TakeNil();
         }
+        return error.lead == nil && TakePair() && TakeCode() && TakeVariant(message_.value, 0);
+    }
+
+    bool TakeKind(uint32_t parts) {
+        Integer kind;
+        if (!TakeInteger(kind) || kind.bits > static_cast<uint64_t>(MessageKind::notification)) return false;
+        message_.kind = static_cast<MessageKind>(kind.bits);
+        return parts == (message_.kind == MessageKind::notification ? 3 : 4);
+    }
+
+    bool TakeId() {
+        Integer id;
+        if (!TakeInteger(id) || id.bits > std::numeric_limits<uint32_t>::max()) return false;
+        message_.id = static_cast<uint32_t>(id.bits);
         return true;
     }
 
-    bool Take(uint8_t lead, const Header& header, const char* body) {
-        switch (header.family) {
-            case Family::scalar:
-                return TakeScalar(lead, header.count, body);
-            case Family::text:
-                return TakeText(body, header.count);
-            case Family::bytes:
-                return TakeBytes(body, header.count);
-            case Family::ext:
-                return TakeExt(header.extType, body, header.count);
-            default:
-                return false;
-        }
+    bool TakeCode() {
+        Integer code;
+        if (!TakeInteger(code) || !code.Fits32()) return false;
+        message_.code = static_cast<int32_t>(code.bits);
+        return true;
     }
 
-    bool TakeScalar(uint8_t lead, uint32_t size, const char* body) {
-        if (lead <= 0x7f) return TakePositive(lead);
-        if (lead >= 0xe0) return TakeSigned(static_cast<int8_t>(lead));
-        switch (lead) {
-            case 0xc0:
-                return TakeNil();
-            case 0xc2:
-            case 0xc3:
-                return TakeBoolean(lead == 0xc3);
-            case 0xca:
-                return TakeFloat(NumberIn<float>(body));
-            case 0xcb:
-                return TakeDouble(NumberIn<double>(body));
-            default:
-                break;
-        }
-        uint64_t number = 0;
-        for (uint32_t i = 0; i < size; ++i) number = number << 8 | static_cast<uint8_t>(body[i]);
-        if (lead < 0xd0) return TakePositive(number);
-        const unsigned unused = 64 - 8 * size;
-        return TakeSigned(static_cast<int64_t>(number << unused) >> unused);
+    bool TakeInteger(Integer& integer) {
+        Value value;
+        return Take(value) && value.header.family == Family::scalar &&
+               ReadInteger(value.lead, value.body, value.header.count, integer);
     }
 
-    template <typename Number>
-    static Number NumberIn(const char* body) {
-        Number number;
-        CopyBigEndian(body, reinterpret_cast<char*>(&number), sizeof number, 1);
-        return number;
+    bool TakeText(std::string& to) {
+        Value text;
+        if (!Take(text) || text.header.family != Family::text || !CountText(text.header.count)) return false;
+        if (!IsText(text.body, text.header.count)) return false;
+        to.assign(text.body, text.header.count);
+        return true;
     }
 
     bool TakeNil() {
-        switch (expected_) {
-            case Expected::error:
-                message_.failed = false;
-                return Expect(Expected::result);
-            case Expected::noResult:
-                return Expect(Expected::nothing);
-            case Expected::value:
-                NextValue();
-                return ValueTaken();
+        Value value;
+        return Take(value) && value.lead == nil;
+    }
+
+    bool TakeArray(Value& array) { return Take(array) && array.header.family == Family::array; }
+    bool TakePair() {
+        Value array;
+        return TakeArray(array) && array.header.count == 2;
+    }
+
+    // --- The variant ---
+
+    // `v` is empty; `depth`: the arrays that are open around it.
+    bool TakeVariant(tagVARIANT& v, unsigned depth) {
+        Value value;
+        if (!Take(value)) return false;
+        const uint32_t count = value.header.count;
+        switch (value.header.family) {
+            case Family::scalar:
+                return FillScalar(v, value);
+            case Family::text:
+                return CountText(count) && IsText(value.body, count) && FillText(v, value.body, count);
+            case Family::bytes:
+                return Spend(count) && decoded_.AddNumbers(count) && FillBytes(v, value.body, count);
+            case Family::ext:
+                return Spend(count) && DecodeExt(value.header.extType, value.body, count, v, decoded_);
+            case Family::array:
+                return TakeVariants(v, count, depth);
             default:
                 return false;
         }
     }
 
-    bool TakeBoolean(bool truth) {
-        if (expected_ != Expected::value) return false;
-        tagVARIANT& v = NextValue();
-        v.vt = VT_BOOL;
-        v.boolVal = truth ? VARIANT_TRUE : VARIANT_FALSE;
-        return ValueTaken();
-    }
-
-    bool TakePositive(uint64_t number) {
-        switch (expected_) {
-            case Expected::kind:
-                return TakeKind(number);
-            case Expected::id:
-                return TakeId(number);
-            case Expected::value:
-                break;
-            default:
-                return number <= std::numeric_limits<int32_t>::max() && TakeCode(static_cast<int32_t>(number));
+    bool TakeVariants(tagVARIANT& v, uint32_t count, unsigned depth) {
+        if (depth == maxNesting || count > maxArrayElements || !Spend(count)) return false;
+        if (!decoded_.AddArray() || !decoded_.AddElements(count, sizeof(tagVARIANT))) return false;
+        tagVARIANT* elements = nullptr;
+        if (!MakeArray(v, VT_VARIANT, count, &elements)) return false;
+        for (uint32_t i = 0; i < count; ++i) {
+            if (!TakeVariant(elements[i], depth + 1)) return false;
         }
-        if (number <= std::numeric_limits<int64_t>::max()) return TakeInteger(static_cast<int64_t>(number));
-        tagVARIANT& v = NextValue();
-        v.vt = VT_UI8;
-        v.ullVal = number;
-        return ValueTaken();
+        return true;
     }
 
-    // The signed formats, which hold positive numbers too.
-    bool TakeSigned(int64_t number) {
-        if (number >= 0) return TakePositive(static_cast<uint64_t>(number));
-        if (expected_ == Expected::value) return TakeInteger(number);
-        return number >= std::numeric_limits<int32_t>::min() && TakeCode(static_cast<int32_t>(number));
-    }
-
-    bool TakeFloat(float number) {
-        if (expected_ != Expected::value) return false;
-        tagVARIANT& v = NextValue();
-        v.vt = VT_R4;
-        v.fltVal = number;
-        return ValueTaken();
-    }
-
-    bool TakeDouble(double number) {
-        if (expected_ != Expected::value) return false;
-        tagVARIANT& v = NextValue();
-        v.vt = VT_R8;
-        v.dblVal = number;
-        return ValueTaken();
-    }
-
-    bool TakeText(const char* text, uint32_t size) {
-        if (!Spend(size) || !decoded_.AddText(size)) return false;
-        switch (expected_) {
-            case Expected::method:
-                return AssignText(message_.method, text, size) && Expect(Expected::parameters);
-            case Expected::caller:
-                return AssignText(message_.caller, text, size) && Expect(Expected::value);
-            case Expected::errorText:
-                return AssignText(message_.errorText, text, size) && Expect(Expected::noResult);
-            case Expected::value:
-                break;
+    static bool FillScalar(tagVARIANT& v, const Value& value) {
+        switch (value.lead) {
+            case nil:
+                return true;
+            case 0xc2:
+            case 0xc3:
+                v.vt = VT_BOOL;
+                v.boolVal = value.lead == 0xc3 ? VARIANT_TRUE : VARIANT_FALSE;
+                return true;
+            case 0xca:
+                v.vt = VT_R4;
+                CopyBigEndian(value.body, reinterpret_cast<char*>(&v.fltVal), sizeof v.fltVal, 1);
+                return true;
+            case 0xcb:
+                v.vt = VT_R8;
+                CopyBigEndian(value.body, reinterpret_cast<char*>(&v.dblVal), sizeof v.dblVal, 1);
+                return true;
             default:
-                return false;
+                break;
         }
-        if (!IsText(text, size)) return false;
-        tagVARIANT& v = NextValue();
+        Integer integer;
+        if (!ReadInteger(value.lead, value.body, value.header.count, integer)) return false;
+        FillInteger(v, integer);
+        return true;
+    }
+
+    static void FillInteger(tagVARIANT& v, const Integer& integer) {
+        if (integer.Fits32()) {
+            v.vt = VT_I4;
+            v.lVal = static_cast<int32_t>(integer.bits);
+        } else {
+            const bool isSigned = integer.isNegative || integer.bits <= std::numeric_limits<int64_t>::max();
+            v.vt = isSigned ? VT_I8 : VT_UI8;
+            v.ullVal = integer.bits;
+        }
+    }
+
+    static bool FillText(tagVARIANT& v, const char* text, uint32_t size) {
         v.bstrVal = SysAllocStringLen(size == 0 ? "" : text, size);
         if (v.bstrVal == nullptr) return false;
         v.vt = VT_BSTR;
-        return ValueTaken();
-    }
-
-    bool TakeBytes(const char* bytes, uint32_t size) {
-        if (expected_ != Expected::value || !Spend(size) || !decoded_.AddNumbers(size)) return false;
-        char* elements = nullptr;
-        if (!MakeArray(NextValue(), VT_UI1, size, &elements)) return false;
-        if (size != 0) std::memcpy(elements, bytes, size);
-        return ValueTaken();
-    }
-
-    bool TakeExt(int type, const char* payload, uint32_t size) {
-        if (expected_ != Expected::value || !Spend(size)) return false;
-        return DecodeExt(type, payload, size, NextValue(), decoded_) && ValueTaken();
-    }
-
-    bool StartArray(uint32_t count) {
-        switch (expected_) {
-            case Expected::message:
-                parts_ = count;
-                return Expect(Expected::kind);
-            case Expected::parameters:
-                return count == 2 && Expect(Expected::caller);
-            case Expected::error:
-                message_.failed = true;
-                return count == 2 && Expect(Expected::errorCode);
-            case Expected::result:
-                return count == 2 && Expect(Expected::resultCode);
-            case Expected::value:
-                return OpenArray(count);
-            default:
-                return false;
-        }
-    }
-
-    bool EndArray() { return depth_ == 0 || (--depth_, ValueTaken()); }
-
-    enum class Expected {
-        message,
-        kind,
-        id,
-        method,
-        parameters,
-        caller,  // requests and notifications
-        error,
-        errorCode,
-        errorText,
-        noResult,
-        result,
-        resultCode,  // responses
-        value,
-        nothing
-    };
-
-    bool Expect(Expected next) {
-        expected_ = next;
         return true;
     }
+
+    static bool FillBytes(tagVARIANT& v, const char* bytes, uint32_t size) {
+        char* elements = nullptr;
+        if (!MakeArray(v, VT_UI1, size, &elements)) return false;
+        if (size != 0) std::memcpy(elements, bytes, size);
+        return true;
+    }
+
+    // --- Limits ---
+
+    bool CountText(uint32_t size) { return Spend(size) && decoded_.AddText(size); }
 
     // Takes account of what an array's elements or a body take of the message, at the least: an array that announces
     // more than can follow is refused before memory is taken for it.
@@ -355,60 +330,13 @@ private:
         return true;
     }
 
-    bool TakeKind(uint64_t kind) {
-        const bool oneWay = kind == static_cast<uint64_t>(MessageKind::notification);
-        if (kind > static_cast<uint64_t>(MessageKind::notification) || parts_ != (oneWay ? 3u : 4u)) return false;
-        message_.kind = static_cast<MessageKind>(kind);
-        return Expect(oneWay ? Expected::method : Expected::id);
-    }
-
-    bool TakeId(uint64_t id) {
-        if (id > std::numeric_limits<uint32_t>::max()) return false;
-        message_.id = static_cast<uint32_t>(id);
-        return Expect(message_.kind == MessageKind::request ? Expected::method : Expected::error);
-    }
-
-    bool TakeCode(int32_t code) {
-        message_.code = code;
-        if (expected_ == Expected::resultCode) return Expect(Expected::value);
-        return expected_ == Expected::errorCode && Expect(Expected::errorText);
-    }
-
-    bool TakeInteger(int64_t number) {
-        tagVARIANT& v = NextValue();
-        if (number >= std::numeric_limits<int32_t>::min() && number <= std::numeric_limits<int32_t>::max()) {
-            v.vt = VT_I4;
-            v.lVal = static_cast<int32_t>(number);
-        } else {
-            v.vt = VT_I8;
-            v.llVal = number;
-        }
-        return ValueTaken();
-    }
-
-    bool OpenArray(uint32_t count) {
-        if (depth_ == maxNesting || count > maxArrayElements || !Spend(count)) return false;
-        if (!decoded_.AddArray() || !decoded_.AddElements(count, sizeof(tagVARIANT))) return false;
-        tagVARIANT& v = NextValue();
-        return MakeArray(v, VT_VARIANT, count, &elements_[depth_++]);
-    }
-
-    // Called no more often than the array has announced elements.
-    tagVARIANT& NextValue() { return depth_ == 0 ? message_.value : *elements_[depth_ - 1]++; }
-
-    bool ValueTaken() { return depth_ != 0 || Expect(Expected::nothing); }
+    static constexpr uint8_t nil = 0xc0;
 
     Message& message_;
     const char* next_;
     const char* const end_;
     size_t budget_;  // bytes of the message that are not accounted for
     DecodedSize decoded_;
-    Expected expected_ = Expected::message;
-    uint32_t parts_ = 0;                            // elements of the message's own array
-    unsigned levels_ = 0;                           // open arrays, the message's own included
-    std::array<uint32_t, maxNesting + 2> rest_;     // how many values each of them lacks; in use: [0, levels_)
-    unsigned depth_ = 0;                            // open arrays in the variant
-    std::array<tagVARIANT*, maxNesting> elements_;  // of each of them the element to fill next; in use: [0, depth_)
 };
 
 }  // namespace

@@ -30,6 +30,7 @@ namespace kel::wire {
 
 namespace {
 constexpr unsigned partLevels = 2;  // that are open around a variant
+constexpr size_t maxUsualText = 255;
 }
 
 void Framer::Reset() {
@@ -100,7 +101,47 @@ inline bool Framer::CountMemory(const Header& header) {
     return true;
 }
 
+// Steps at once over a message as nearly all are, short and whole: numbers and short texts, then a pair of such a one and
+// the variant; over that too if it is a number or a short text. Does nothing where a message starts otherwise.
+inline void Framer::TakeUsual(const char* data, size_t size) {
+    Header header;
+    DecodedSize decoded;
+    size_t at = 0;
+    const auto takeArray = [&]() __attribute__((always_inline)) {
+        const bool isThere = ReadHeader(data + at, size - at, header) && header.family == Family::array;
+        at += header.size;
+        return isThere;
+    };
+    const auto takePart = [&]() __attribute__((always_inline)) {
+        if (!ReadHeader(data + at, size - at, header)) return false;
+        at += header.size + header.count;
+        if (header.family == Family::scalar) return at <= size;
+        return header.family == Family::text && header.count <= maxUsualText && at <= size &&
+               decoded.AddText(header.count);
+    };
+    if (!takeArray() || (header.count != 3 && header.count != 4)) return;
+    const uint32_t parts = header.count;
+    if (!takePart() || header.family != Family::scalar) return;
+    const size_t kindAt = at - 1;
+    for (uint32_t taken = 2; taken < parts; ++taken) {
+        if (!takePart()) return;
+    }
+    if (!takeArray() || header.count != 2 || !takePart()) return;
+    kindAt_ = kindAt;
+    position_ = at;
+    if (takePart()) {
+        position_ = at;
+        awaited_ = 0;
+    } else {
+        depth_ = 2;
+        rest_[0] = 0;
+        rest_[1] = 1;
+    }
+    decoded_ = decoded;
+}
+
 Framer::Status Framer::Scan(const char* data, size_t size) {
+    if (position_ == 0) TakeUsual(data, size);
     while (awaited_ > 0 || position_ < textsEnd_) {
         if (position_ >= size) return Status::incomplete;
         const bool inTexts = position_ < textsEnd_;

@@ -36,6 +36,7 @@ public:
     void Reset();
 
 private:
+    void TakeUsual(const char* data, size_t size);
     bool Take(const Header& header);
     bool TakeText(const Header& header);
     bool CountMemory(const Header& header);

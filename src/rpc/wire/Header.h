@@ -57,15 +57,15 @@ constexpr std::array<Lead, 256> MakeLeads() {
 inline constexpr std::array<Lead, 256> leads = MakeLeads();
 
 // Reads the header that starts at data[0]. False when its bytes are not all there yet.
-inline bool ReadHeader(const char* data, size_t size, Header& header) {
+[[gnu::always_inline]] inline bool ReadHeader(const char* data, size_t size, Header& header) {
     if (size == 0) return false;
     const Lead& lead = leads[static_cast<uint8_t>(data[0])];
+    header = {lead.family, 1, 0, lead.count};
+    if (lead.countBytes == 0 && lead.family != Family::ext) return true;  // as most are
     const size_t typeBytes = lead.family == Family::ext ? 1 : 0;
     const size_t headerSize = 1 + lead.countBytes + typeBytes;
     if (size < headerSize) return false;
-    header.family = lead.family;
     header.size = static_cast<uint8_t>(headerSize);
-    header.count = lead.count;
     for (size_t i = 1; i <= lead.countBytes; ++i) header.count = header.count << 8 | static_cast<uint8_t>(data[i]);
     if (typeBytes != 0) header.extType = static_cast<uint8_t>(data[headerSize - 1]);
     return true;
