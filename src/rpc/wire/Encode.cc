@@ -20,34 +20,63 @@ std::string_view TextOf(BSTR text) { return text == nullptr ? std::string_view()
 
 size_t TextHeaderSize(size_t length) { return length < 32 ? 1 : length < 1u << 8 ? 2 : length < 1u << 16 ? 3 : 5; }
 
-// Where the packer writes: behind the end of a string, up to the limit of a message. What goes beyond it is dropped.
+// Where the packer writes, a few bytes at a time: behind the end of a string, up to the limit of a message. What goes
+// beyond it is dropped. Before Finish or Undo the string is longer than what was written.
 class MessageBytes {
 public:
-    explicit MessageBytes(std::string& out) : out_(out), start_(out.size()) {}
+    explicit MessageBytes(std::string& out) : out_(out), start_(out.size()), left_(maxMessageBytes) { MakeRoom(0); }
 
     void write(const char* data, size_t size) {
-        if (Fits(size)) out_.append(data, size);
+        if (size > room_) return Write(data, size);
+        std::memcpy(at_, data, size);
+        Take(size);
     }
 
     // Room for `size` bytes at the end; null when they do not fit.
     char* Extend(size_t size) {
-        if (!Fits(size)) return nullptr;
-        out_.resize(out_.size() + size);
-        return out_.data() + out_.size() - size;
+        if (size > room_ && !MakeRoom(size)) return nullptr;
+        char* const bytes = at_;
+        Take(size);
+        return bytes;
     }
 
     // Whether nothing has been dropped.
     bool Whole() const { return whole_; }
+    void Finish() { out_.resize(Size()); }
     void Undo() { out_.resize(start_); }
 
 private:
-    bool Fits(size_t size) {
-        whole_ = whole_ && size <= maxMessageBytes - (out_.size() - start_);
-        return whole_;
+    static constexpr size_t ahead = 64;
+
+    size_t Size() const { return static_cast<size_t>(at_ - out_.data()); }
+
+    void Take(size_t size) {
+        at_ += size;
+        room_ -= size;
+        left_ -= size;
+    }
+
+    [[gnu::noinline]] void Write(const char* data, size_t size) {
+        if (char* const bytes = Extend(size)) std::memcpy(bytes, data, size);
+    }
+
+    // False, and there is none from now on, when the message would be too large.
+    bool MakeRoom(size_t size) {
+        whole_ = whole_ && size <= left_;
+        room_ = 0;
+        if (!whole_) return false;
+        const size_t end = start_ + (maxMessageBytes - left_);
+        out_.resize(end + size + ahead);
+        at_ = out_.data() + end;
+        room_ = std::min(size + ahead, left_);
+        return true;
     }
 
     std::string& out_;
     const size_t start_;
+    size_t left_;  // of the limit
+    char* at_ = nullptr;
+    size_t room_ = 0;  // at at_
     bool whole_ = true;
 };
 
@@ -57,7 +86,7 @@ class Encoder {
 public:
     explicit Encoder(std::string& out) : bytes_(out), packer_(bytes_) {}
     ~Encoder() {
-        if (!finished_) bytes_.Undo();
+        finished_ ? bytes_.Finish() : bytes_.Undo();
     }
     Encoder(const Encoder&) = delete;
     Encoder& operator=(const Encoder&) = delete;
