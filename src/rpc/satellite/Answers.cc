@@ -17,12 +17,12 @@ constexpr const char* availabilityMethod = "OnServiceAvailabilityChanged";
 
 }  // namespace
 
-void Answers::OnCall(const ConnectionPtr& connection, wire::Message& call) {
+void Answers::OnCall(Connection& connection, wire::Message& call) {
     const auto method = [&](ScopedVariant& out) { return RunMethod(connection, call, out); };
     RunningCall(connection, call).Run(std::cref(method));
 }
 
-int Answers::RunMethod(const ConnectionPtr& connection, const wire::Message& call, ScopedVariant& out) {
+int Answers::RunMethod(Connection& connection, const wire::Message& call, ScopedVariant& out) {
     if (call.method == "kel.Ping") {
         out = AnswerPing(call.value);
         return KEL_OK;
@@ -32,7 +32,7 @@ int Answers::RunMethod(const ConnectionPtr& connection, const wire::Message& cal
         return KEL_OK;
     }
     int result = 0;
-    const int code = satellite_.OnServiceRequested(connection->descriptor(), call.caller.c_str(), call.method.c_str(),
+    const int code = satellite_.OnServiceRequested(connection.descriptor(), call.caller.c_str(), call.method.c_str(),
                                                    call.value, &out, &result);
     if (code == KEL_OK) return result;
     if (code == KEL_UNKNOWN_METHOD && call.method == availabilityMethod) return TellAvailability(call.value);

@@ -15,10 +15,10 @@ public:
     Answers(KelSatellite& satellite, const MethodTable& methods, const CStdStr& name, CurrentSession& current)
         : satellite_(satellite), methods_(methods), name_(name), current_(current) {}
 
-    void OnCall(const transport::ConnectionPtr& connection, wire::Message& call);
+    void OnCall(transport::Connection& connection, wire::Message& call);
 
 private:
-    int RunMethod(const transport::ConnectionPtr& connection, const wire::Message& call, ScopedVariant& out);
+    int RunMethod(transport::Connection& connection, const wire::Message& call, ScopedVariant& out);
     int TellAvailability(const tagVARIANT& in);
     ScopedVariant AnswerPing(const tagVARIANT& in);
     bool IsOwnId(int satId);

@@ -23,7 +23,7 @@ thread_local RunningCall* current = nullptr;
 
 }  // namespace
 
-RunningCall::RunningCall(const ConnectionPtr& connection, const wire::Message& call)
+RunningCall::RunningCall(Connection& connection, const wire::Message& call)
     : connection_(connection), call_(call), outer_(std::exchange(current, this)) {}
 
 RunningCall::~RunningCall() { current = outer_; }
@@ -43,7 +43,7 @@ void RunningCall::Run(const Method& method) {
         bytes.clear();
         if (!WantsAnswer()) return;
         if (wire::EncodeResponse(bytes, call_.id, code, out)) {
-            connection_->Send(bytes, Connection::WhenFull::disconnect);
+            connection_.Send(bytes, Connection::WhenFull::disconnect);
             return;
         }
         code = KEL_METHOD_FAILED;
@@ -60,18 +60,18 @@ void RunningCall::Run(const Method& method) {
     }
     if (CBBLog::isDebugEnabled()) {
         CBBLog::debug(LibraryLogger(), "libkel: %.256s, called by %.256s from %s, failed: 0x%x %s",
-                      call_.method.c_str(), call_.caller.c_str(), connection_->peer().c_str(),
+                      call_.method.c_str(), call_.caller.c_str(), connection_.peer().c_str(),
                       static_cast<unsigned>(code), problem.c_str());
     }
     if (!WantsAnswer()) return;
     bytes.clear();
     wire::EncodeError(bytes, call_.id, code, problem);
-    connection_->Send(bytes, Connection::WhenFull::disconnect);
+    connection_.Send(bytes, Connection::WhenFull::disconnect);
 }
 
 const std::string* RunningCall::PeerOn(int socket) {
     if (!current) return nullptr;
-    const Connection& connection = *current->connection_;
+    const Connection& connection = current->connection_;
     if (connection.descriptor() != socket || connection.closed()) return nullptr;
     return &connection.peerAddressText();
 }
@@ -79,7 +79,7 @@ const std::string* RunningCall::PeerOn(int socket) {
 bool RunningCall::IsUnderWay() { return current && !current->putOff_; }
 
 std::unique_ptr<LateAnswer> RunningCall::PutOff() {
-    auto answer = std::make_unique<LateAnswer>(current->connection_, current->call_);
+    auto answer = std::make_unique<LateAnswer>(current->connection_.shared_from_this(), current->call_);
     current->putOff_ = true;
     return answer;
 }
@@ -105,7 +105,7 @@ void LateAnswer::Give(const RunningCall::Method& rest) {
         ~End() { connection.EndLateCall(); }
         Connection& connection;
     } end{*connection};
-    RunningCall(connection, call_).Run(rest);
+    RunningCall(*connection, call_).Run(rest);
 }
 
 void RunningCall::AboutToBlock() { transport::WorkerPool::ThisThreadBlocks(); }

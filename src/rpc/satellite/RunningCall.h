@@ -21,7 +21,7 @@ public:
     // What a call does: returns its result and fills `out`. What it throws becomes an error answer.
     using Method = std::function<int(ScopedVariant& out)>;
 
-    RunningCall(const std::shared_ptr<transport::Connection>& connection, const wire::Message& call);
+    RunningCall(transport::Connection& connection, const wire::Message& call);
     ~RunningCall();
     RunningCall(const RunningCall&) = delete;
     RunningCall& operator=(const RunningCall&) = delete;
@@ -47,7 +47,7 @@ public:
 private:
     bool WantsAnswer() const { return call_.kind == wire::MessageKind::request && !putOff_; }
 
-    const std::shared_ptr<transport::Connection>& connection_;
+    transport::Connection& connection_;
     const wire::Message& call_;
     bool putOff_ = false;
     RunningCall* const outer_;

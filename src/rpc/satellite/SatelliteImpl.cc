@@ -125,7 +125,7 @@ std::optional<Address> KelSatellite::Impl::DirectoryOn(const char* host, const C
 }
 
 kel::transport::Endpoint::Receiver KelSatellite::Impl::Receiver() {
-    return [this](const ConnectionPtr& connection, kel::wire::Message& call) { answers_.OnCall(connection, call); };
+    return [this](Connection& connection, kel::wire::Message& call) { answers_.OnCall(connection, call); };
 }
 
 SessionPtr KelSatellite::Impl::MakeSession(const Address& directory, Link::Role role) {

@@ -285,7 +285,7 @@ bool Connection::RunRequest(Batch& batch) {
     {
         const Counted outstanding(outstanding_);
         if (PauseIfFull(batch)) {
-            owner_.OnCall(shared_from_this(), request);
+            owner_.OnCall(*this, request);
         } else {
             if (!holds_ && (LookForMessage() == Frame::complete || owner_.pool().queue().IsBusy())) {
                 holds_ = true;
@@ -301,7 +301,7 @@ bool Connection::RunRequest(Batch& batch) {
 // Whether the turn is still the caller's.
 bool Connection::RunWhileOffered(wire::Message& call) {
     WorkerPool::Offer offer(owner_.pool(), *this);
-    owner_.OnCall(shared_from_this(), call);
+    owner_.OnCall(*this, call);
     return offer.Withdraw();
 }
 
@@ -395,7 +395,7 @@ void Connection::RunQueuedNotifications() {
             CountBuffers(growth);
             wire::Message message;
             if (wire::Decode(bytes.data(), bytes.size(), message)) {
-                owner_.OnCall(shared_from_this(), message);
+                owner_.OnCall(*this, message);
             } else {
                 spokeOtherwise_ = true;
                 Cut(noMessage);

@@ -41,7 +41,7 @@ public:
     virtual void OnUnfinished() = 0;
     // On a worker thread: a request or a notification has arrived; returns when it has been run and, if it is a
     // request, answered.
-    virtual void OnCall(const ConnectionPtr& connection, wire::Message& call) = 0;
+    virtual void OnCall(Connection& connection, wire::Message& call) = 0;
     virtual void OnClosed(const ConnectionPtr& connection) = 0;
 };
 

@@ -254,12 +254,12 @@ bool Endpoint::RunCounted(Code&& code) {
     return true;
 }
 
-void Endpoint::OnCall(const ConnectionPtr& connection, wire::Message& call) {
+void Endpoint::OnCall(Connection& connection, wire::Message& call) {
     if (RunCounted([&] { receiver_(connection, call); })) return;
     if (call.kind != wire::MessageKind::request) return;
     std::string refusal;
     wire::EncodeError(refusal, call.id, KEL_UNREACHABLE, "the satellite is leaving");
-    connection->Send(refusal, Connection::WhenFull::disconnect);
+    connection.Send(refusal, Connection::WhenFull::disconnect);
 }
 
 void Endpoint::Post(std::function<void()> task) {

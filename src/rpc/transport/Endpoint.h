@@ -20,7 +20,7 @@ class Endpoint : private ConnectionOwner {
 public:
     // Is called on a worker thread, several times at once: runs `call` and, when it is a request, sends the answer on
     // `connection`.
-    using Receiver = std::function<void(const ConnectionPtr& connection, wire::Message& call)>;
+    using Receiver = std::function<void(Connection& connection, wire::Message& call)>;
     explicit Endpoint(Receiver receiver);
     ~Endpoint() override;
 
@@ -47,7 +47,7 @@ public:
     void Close();
 
 private:
-    void OnCall(const ConnectionPtr& connection, wire::Message& call) override;
+    void OnCall(Connection& connection, wire::Message& call) override;
     void OnClosed(const ConnectionPtr& connection) override;
     WorkerPool& pool() override { return pool_; }
     MemoryBudget& memory() override { return memory_; }

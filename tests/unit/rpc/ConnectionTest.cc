@@ -41,12 +41,12 @@ protected:
         return peer;
     }
 
-    void Run(const ConnectionPtr& connection, const wire::Message& call) {
+    void Run(Connection& connection, const wire::Message& call) {
         if (call.method == "Block") mayGoOn_.waitSignalled();
         std::string answer;
         if (call.kind == wire::MessageKind::request) {
             EXPECT_TRUE(wire::EncodeResponse(answer, call.id, 0, ScopedVariant()));
-            connection->Send(answer, Connection::WhenFull::disconnect);
+            connection.Send(answer, Connection::WhenFull::disconnect);
         } else {
             PMutexHold hold(lock_);
             notified_ += call.method + " ";
@@ -80,7 +80,7 @@ protected:
     PManualEvent mayGoOn_;
     PCondMutex lock_;
     std::string notified_ KEL_GUARDED_BY(lock_);
-    Endpoint endpoint_{[this](const ConnectionPtr& connection, wire::Message& call) { Run(connection, call); }};
+    Endpoint endpoint_{[this](Connection& connection, wire::Message& call) { Run(connection, call); }};
     Descriptor peer_;
     std::string input_;
 };
@@ -104,7 +104,7 @@ protected:
     MemoryBudget& memory() override { return memory_; }
     void OnBuffersOver() override {}
     void OnUnfinished() override {}
-    void OnCall(const ConnectionPtr&, wire::Message&) override {}
+    void OnCall(Connection&, wire::Message&) override {}
     void OnClosed(const ConnectionPtr&) override { ended_.set(); }
 
     uint32_t Call() {

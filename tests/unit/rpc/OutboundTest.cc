@@ -11,7 +11,7 @@ namespace kel::transport {
 namespace {
 
 TEST(ACallThatNoThreadWaitsFor, IsForgottenByItsConnectionWhenItsTimeIsUp) {
-    const auto neverAnswer = [](const ConnectionPtr&, wire::Message&) {};
+    const auto neverAnswer = [](Connection&, wire::Message&) {};
     Endpoint callee(neverAnswer), caller(neverAnswer);
     callee.Start();
     ASSERT_FALSE(callee.Listen({"127.0.0.1", 0}));
