@@ -29,9 +29,9 @@ public:
     // Runs `method` and answers, unless the call is a notification or the method has put the answer off.
     void Run(const Method& method);
 
-    // The address of the peer that made this thread's call, in dotted form, provided that the call came over `socket` and
-    // that its connection is still there, else null; what getpeername says then, without asking the system for every
-    // call. Good until the call ends.
+    // The address of the peer that made this thread's call, in dotted form, provided that the call came over `socket`
+    // and that its connection is still there, else null; what getpeername says then, without asking the system for
+    // every call. Good until the call ends.
     static const std::string* PeerOn(int socket);
 
     // Says that this thread is about to wait, for a disk for instance. If it runs a method, another one goes on with

@@ -85,9 +85,7 @@ private:
 class Encoder {
 public:
     explicit Encoder(std::string& out) : bytes_(out), packer_(bytes_) {}
-    ~Encoder() {
-        finished_ ? bytes_.Finish() : bytes_.Undo();
-    }
+    ~Encoder() { finished_ ? bytes_.Finish() : bytes_.Undo(); }
     Encoder(const Encoder&) = delete;
     Encoder& operator=(const Encoder&) = delete;
 

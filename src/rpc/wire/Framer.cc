@@ -31,7 +31,7 @@ namespace kel::wire {
 namespace {
 constexpr unsigned partLevels = 2;  // that are open around a variant
 constexpr size_t maxUsualText = 255;
-}
+}  // namespace
 
 void Framer::Reset() {
     position_ = 0;
@@ -101,8 +101,8 @@ inline bool Framer::CountMemory(const Header& header) {
     return true;
 }
 
-// Steps at once over a message as nearly all are, short and whole: numbers and short texts, then a pair of such a one and
-// the variant; over that too if it is a number or a short text. Does nothing where a message starts otherwise.
+// Steps at once over a message as nearly all are, short and whole: numbers and short texts, then a pair of such a one
+// and the variant; over that too if it is a number or a short text. Does nothing where a message starts otherwise.
 inline void Framer::TakeUsual(const char* data, size_t size) {
     Header header;
     DecodedSize decoded;
