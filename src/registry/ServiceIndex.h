@@ -12,6 +12,8 @@
 
 class ServiceIndex {
 public:
+    ServiceIndex() { entries_.max_load_factor(maxLoad); }
+
     // The order of the registry's map.
     struct ByName {
         bool operator()(const KelService& a, const KelService& b) const {
@@ -73,6 +75,9 @@ private:
             return ssicmp(NameOf(a), NameOf(b)) == 0;
         }
     };
+
+    // A dense table is nearer, which is worth more than shorter steps in it.
+    static constexpr float maxLoad = 0.8F;
 
     // An open-addressed table of pointers with their hashes: with many services a look-up touches one line of the table
     // and then the record itself, which was allocated together with the satellite. Chains of nodes would lead through
