@@ -412,11 +412,11 @@ int KelDirectory::SatGetHostName(const tagVARIANT& in, tagVARIANT* out, const ch
 
 int KelDirectory::SatGetId(const tagVARIANT* in, tagVARIANT* out, const char* callerIp, const CStdStr& /*caller*/) {
     if (!in) return KEL_UNKNOWN_SATELLITE;
-    const CStdStr name(in->vt == VT_BSTR ? in->bstrVal : nullptr);
+    const char* const name = in->vt == VT_BSTR ? in->bstrVal : nullptr;
     CStdStr host;
     int satId = 0;
     unsigned short port = 0;
-    if (registration_.FindSatellite(name, host, &satId, &port, callerIp) != 0) return KEL_UNKNOWN_NAME;
+    if (registration_.FindSatellite(name ? name : "", host, &satId, &port, callerIp) != 0) return KEL_UNKNOWN_NAME;
     SetInt(out, satId);
     return 0;
 }

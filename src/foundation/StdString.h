@@ -73,5 +73,8 @@ int ssicmp(const Char* a, const Char* b) {
 
 // Strict weak ordering for maps whose keys are names: Player and player are the same key.
 struct CaseInsensitiveLess {
+    using is_transparent = void;
     bool operator()(const CStdStr& a, const CStdStr& b) const { return ssicmp(a.c_str(), b.c_str()) < 0; }
+    bool operator()(const CStdStr& a, const char* b) const { return ssicmp(a.c_str(), b) < 0; }
+    bool operator()(const char* a, const CStdStr& b) const { return ssicmp(a, b.c_str()) < 0; }
 };

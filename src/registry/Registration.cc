@@ -116,7 +116,7 @@ void CRegistration::Replace(KelSatelliteInfo& old, KelSatelliteInfo& fresh) {
     for (auto& file : fresh.formerFiles) file.isReplaced = true;
 }
 
-int CRegistration::FindSatellite(const CStdStr& name, CStdStr& ip, int* satId, unsigned short* port,
+int CRegistration::FindSatellite(const char* name, CStdStr& ip, int* satId, unsigned short* port,
                                  const char* destination) const {
     {
         PReadHold hold(lock_);

@@ -83,8 +83,12 @@ public:
     // Where the satellite is reached, for an asker at the address `destination` (null when it does not matter), and its
     // id. A satellite on the directory's own machine is reached from elsewhere at the address that
     // GetBestIPForDestination gives. unknownSatellite leaves the outputs untouched.
-    int FindSatellite(const CStdStr& name, CStdStr& ip, int* satId, unsigned short* port, const char* destination) const
+    int FindSatellite(const char* name, CStdStr& ip, int* satId, unsigned short* port, const char* destination) const
         KEL_EXCLUDES(lock_);
+    int FindSatellite(const CStdStr& name, CStdStr& ip, int* satId, unsigned short* port, const char* destination) const
+        KEL_EXCLUDES(lock_) {
+        return FindSatellite(name.c_str(), ip, satId, port, destination);
+    }
 
     // Stores the address of this machine's interface that routes towards the address `destination`; empty when no route
     // leads there. Returns 0.
