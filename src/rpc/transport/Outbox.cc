@@ -111,7 +111,8 @@ ptrdiff_t Outbox::Count(size_t bytes) {
 }
 
 ptrdiff_t Outbox::Empty(std::vector<Drain>& drained) {
-    backlog_ = std::string();
+    backlog_.clear();  // a small one is kept: the next answers that are held go there
+    if (backlog_.capacity() > usualBacklog) backlog_ = std::string();
     sent_ = 0;
     hasAnswers_ = false;
     if (std::exchange(blocked_, false)) stallTimer_.cancel();
