@@ -28,7 +28,7 @@ public:
 
     void write(const char* data, size_t size) {
         if (size > room_) return Write(data, size);
-        std::memcpy(at_, data, size);
+        std::copy_n(data, size, at_);  // the bytes of nothing may be null
         Take(size);
     }
 
@@ -57,7 +57,7 @@ private:
     }
 
     [[gnu::noinline]] void Write(const char* data, size_t size) {
-        if (char* const bytes = Extend(size)) std::memcpy(bytes, data, size);
+        if (char* const bytes = Extend(size)) std::copy_n(data, size, bytes);
     }
 
     // False, and there is none from now on, when the message would be too large.
