@@ -181,6 +181,7 @@ void Connection::PassTurn() {
 
 // The thread that had the turn is held up.
 void Connection::TakeOver() {
+    if (offersCall_) ++outstanding_;  // which it takes back
     OrFail([this] {
         EndHold();
         PassTurn();
@@ -281,25 +282,31 @@ bool Connection::RunRequest(Batch& batch) {
     if (!AffordFirst(batch, share)) return false;
     wire::Message request;
     if (!TakeMessage(request)) return true;
-    bool isMine = false;
+    if (outstanding_ + 1 >= maxOutstandingCalls && RunAsLast(batch, request)) return false;
+    if (!holds_ && (LookForMessage() == Frame::complete || owner_.pool().queue().IsBusy())) {
+        holds_ = true;
+        outbox_.Hold();
+    }
+    if (RunWhileOffered(request)) return true;
+    --outstanding_;
+    Resume();
+    return false;
+}
+
+// With this call there may be as many as a connection can have: then it runs without the turn, which is put aside.
+bool Connection::RunAsLast(Batch& batch, wire::Message& request) {
     {
         const Counted outstanding(outstanding_);
-        if (PauseIfFull(batch)) {
-            owner_.OnCall(*this, request);
-        } else {
-            if (!holds_ && (LookForMessage() == Frame::complete || owner_.pool().queue().IsBusy())) {
-                holds_ = true;
-                outbox_.Hold();
-            }
-            isMine = RunWhileOffered(request);
-        }
+        if (!PauseIfFull(batch)) return false;
+        owner_.OnCall(*this, request);
     }
-    if (!isMine) Resume();
-    return isMine;
+    Resume();
+    return true;
 }
 
 // Whether the turn is still the caller's.
 bool Connection::RunWhileOffered(wire::Message& call) {
+    offersCall_ = call.kind == wire::MessageKind::request;
     WorkerPool::Offer offer(owner_.pool(), *this);
     owner_.OnCall(*this, call);
     return offer.Withdraw();

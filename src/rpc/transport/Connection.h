@@ -173,6 +173,7 @@ private:
     bool RunMessages(Batch& batch);
     bool RunNext(Batch& batch);
     bool RunRequest(Batch& batch);
+    bool RunAsLast(Batch& batch, wire::Message& request);
     bool RunNotification(Batch& batch);
     bool QueueNotification(Batch& batch);
     bool RunWhileOffered(wire::Message& call);
@@ -220,11 +221,12 @@ private:
     wire::Framer framer_;
     bool isDrained_ = false;         // the system had no more
     bool holds_ = false;             // answers, in the outbox
+    bool offersCall_ = false;        // with the turn, while a request runs
     int waitsAsleep_ = 0;            // how many answers to come are slept for at once
     MemoryBudget::Share readShare_;  // for the message at the front
 
-    std::atomic<int> owed_{0};  // answers that nobody waits for any more, and that may come
-    std::atomic<int> outstanding_{0};
+    std::atomic<int> owed_{0};         // answers that nobody waits for any more, and that may come
+    std::atomic<int> outstanding_{0};  // requests that run without the turn, or are answered late
     std::atomic<bool> paused_{false};
 
     NotificationQueue notifications_;

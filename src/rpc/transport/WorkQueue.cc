@@ -106,14 +106,16 @@ void WorkQueue::AddEvents(const platform::SocketEvents::Event* events, int count
     }
 }
 
-void WorkQueue::Look(int milliseconds) {
+// Asks the system what has happened, and waits for it if `waits`; the rest as TakeQueued.
+bool WorkQueue::Look(Due& due, bool& waits) {
     std::array<platform::SocketEvents::Event, maxEvents> events;
-    const int count = events_.Wait(events.data(), maxEvents, milliseconds);
+    const int count = events_.Wait(events.data(), maxEvents, waits ? -1 : 0);
     PMutexHold hold(lock_);
-    if (milliseconds != 0) --waiting_;
+    if (waits) --waiting_;
     woken_ = false;
     AddEvents(events.data(), count);
     leftOfRound_ = queued_;
+    return TakeQueued(due, waits);
 }
 
 void WorkQueue::WakeOne() {
@@ -144,24 +146,34 @@ WorkQueue::Due WorkQueue::PopBehind() {
     return due;
 }
 
-WorkQueue::Due WorkQueue::Take() {
-    for (;;) {
-        bool mayWait = false;
-        {
-            PMutexHold hold(lock_);
-            if (stopped_) break;
-            if (IsBehindDue()) return PopBehind();
-            if (RoundGoesOn()) {
-                --leftOfRound_;
-                return Pop();
-            }
-            mayWait = !first_;
-            if (mayWait) ++waiting_;
-        }
-        Look(mayWait ? -1 : 0);
+// False when the system is to be asked first; `waits` says whether there is time for it.
+bool WorkQueue::TakeQueued(Due& due, bool& waits) {
+    if (stopped_) return true;
+    if (IsBehindDue()) {
+        due = PopBehind();
+        return true;
     }
-    events_.Wake();  // the next one
-    return {};
+    if (RoundGoesOn()) {
+        --leftOfRound_;
+        due = Pop();
+        return true;
+    }
+    waits = !first_;
+    if (waits) ++waiting_;
+    return false;
+}
+
+WorkQueue::Due WorkQueue::Take() {
+    Due due;
+    bool waits = false;
+    bool isThere = false;
+    {
+        PMutexHold hold(lock_);
+        isThere = TakeQueued(due, waits);
+    }
+    while (!isThere) isThere = Look(due, waits);
+    if (!due.work) events_.Wake();  // the next one that waits
+    return due;
 }
 
 void WorkQueue::Stop() {

@@ -95,7 +95,8 @@ private:
     bool IsBehindDue() const KEL_REQUIRES(lock_);
     Due PopBehind() KEL_REQUIRES(lock_);
     void AddEvents(const platform::SocketEvents::Event* events, int count) KEL_REQUIRES(lock_);
-    void Look(int milliseconds);
+    bool TakeQueued(Due& due, bool& waits) KEL_REQUIRES(lock_);
+    bool Look(Due& due, bool& waits);
 
     platform::SocketEvents events_;
 
