@@ -9,13 +9,15 @@
 #include <arpa/inet.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
 namespace kel::transport {
 namespace {
 
-// An endpoint that answers every call, but "Block" only once it may, and a plain socket that is connected to it.
+// An endpoint that answers every call, but "Block" only once it may and "Later" when the test does, and a plain socket
+// that is connected to it.
 class MessagesThatComeTogether : public testing::Test {
 protected:
     MessagesThatComeTogether() {
@@ -44,7 +46,13 @@ protected:
     void Run(Connection& connection, const wire::Message& call) {
         if (call.method == "Block") mayGoOn_.waitSignalled();
         std::string answer;
-        if (call.kind == wire::MessageKind::request) {
+        if (call.method == "Later") {
+            connection.BeginLateCall();
+            PMutexHold hold(lock_);
+            late_.push_back(connection.shared_from_this());
+            EXPECT_LE(late_.size(), size_t{maxOutstandingCalls});
+            lock_.signal();
+        } else if (call.kind == wire::MessageKind::request) {
             EXPECT_TRUE(wire::EncodeResponse(answer, call.id, 0, ScopedVariant()));
             connection.Send(answer, Connection::WhenFull::disconnect);
         } else {
@@ -80,6 +88,7 @@ protected:
     PManualEvent mayGoOn_;
     PCondMutex lock_;
     std::string notified_ KEL_GUARDED_BY(lock_);
+    std::vector<ConnectionPtr> late_ KEL_GUARDED_BY(lock_);
     Endpoint endpoint_{[this](Connection& connection, wire::Message& call) { Run(connection, call); }};
     Descriptor peer_;
     std::string input_;
@@ -181,6 +190,23 @@ TEST_F(MessagesThatComeTogether, AreAnsweredThoughOneOfThemBlocks) {
     EXPECT_EQ(Answers(39), others);
     mayGoOn_.set();
     EXPECT_EQ(Answers(1), std::vector<uint32_t>{20});
+}
+
+TEST_F(MessagesThatComeTogether, AreNotRunWhileAsManyAsMayBeAreUnderWay) {
+    constexpr size_t count = maxOutstandingCalls + 100;
+    std::string bytes;
+    for (uint32_t id = 0; id < count; ++id) {
+        EXPECT_TRUE(wire::EncodeRequest(bytes, id, "Later", "", ScopedVariant()));
+    }
+    Send(bytes);
+    const auto takeOne = [this](size_t whenThereAre) {
+        PMutexHold hold(lock_);
+        while (late_.size() < whenThereAre) lock_.wait();
+        const ConnectionPtr connection = late_.back();
+        late_.pop_back();
+        return connection;
+    };
+    for (size_t left = count; left > 0; --left) takeOne(std::min<size_t>(left, maxOutstandingCalls))->EndLateCall();
 }
 
 TEST_F(MessagesThatComeTogether, AreAnsweredThoughTheirSendersHaveEnded) {
