@@ -37,12 +37,12 @@ void ServiceIndex::Add(KelService& service, const KelSatelliteInfo& satellite) {
     if (found != entries_.end()) {
         // The end is where the next of many in order belongs; elsewhere the hint costs one comparison.
         found->providers->insert(found->providers->end(), service);
-        found->last = *found->providers->rbegin();
+        found->last = Last(*found->providers->rbegin());
         return;
     }
     auto providers = std::make_unique<Providers>();
     providers->insert(service);
-    entries_.insert(Entry{std::move(providers), service});
+    entries_.insert(Entry{std::move(providers), Last(service)});
 }
 
 void ServiceIndex::Remove(KelService& service) {
@@ -53,7 +53,7 @@ void ServiceIndex::Remove(KelService& service) {
         entries_.erase(found);  // with the set, which unlinks its last record
     } else {
         providers.erase(Providers::s_iterator_to(service));
-        found->last = *providers.rbegin();
+        found->last = Last(*providers.rbegin());
     }
 }
 

@@ -41,7 +41,7 @@ private:
     // The last provider, and where the memory is that an answer takes.
     class Last {
     public:
-        Last(const KelService& service);  // NOLINT(google-explicit-constructor): is assigned anew
+        explicit Last(const KelService& service);
         const KelService* service() const { return service_; }
         // The service's. Meanwhile everything else is fetched that an answer takes: with many services all of it is far
         // away, and going from one to the next would take as many times the way.
