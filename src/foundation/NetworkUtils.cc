@@ -20,14 +20,6 @@
 namespace yar::networkutils {
 namespace {
 
-// Writes 0 to 255 in decimal and returns the position behind it.
-char* WriteOctet(char* to, unsigned value) {
-    if (value >= 100) *to++ = static_cast<char>('0' + value / 100);
-    if (value >= 10) *to++ = static_cast<char>('0' + value / 10 % 10);
-    *to++ = static_cast<char>('0' + value % 10);
-    return to;
-}
-
 CStdStr MacText(const std::array<uint8_t, 6>& mac, const char* between) {
     CStdStr text;
     for (const uint8_t byte : mac) text.AppendFormat("%s%02x", text.empty() ? "" : between, byte);
@@ -50,17 +42,9 @@ unsigned GetInterfaceWith(in_addr address) {
     return 0;
 }
 
-// Every request passes through here with its caller's address, so the text is put together without inet_ntop's printf.
 CStdStr inet_ntos(in_addr address) {
-    unsigned char octets[4];
-    std::memcpy(octets, &address, sizeof octets);
     char text[INET_ADDRSTRLEN];
-    char* end = WriteOctet(text, octets[0]);
-    for (int i = 1; i < 4; ++i) {
-        *end++ = '.';
-        end = WriteOctet(end, octets[i]);
-    }
-    return CStdStr(text, static_cast<size_t>(end - text));
+    return CStdStr(inet_ntop(AF_INET, &address, text, sizeof text));
 }
 
 in_addr GetIP(const CStdStr& host) {
